@@ -1,0 +1,6 @@
+#include "formats/classic/CLightwaveSceneIo.h"
+
+#include <new>
+
+CLightwaveSceneIo::CLightwaveSceneIo(CFileIo& io) : C3DParser(io) {}
+CLightwaveSceneIo::~CLightwaveSceneIo() {}

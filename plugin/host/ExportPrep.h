@@ -1,0 +1,11 @@
+#pragma once
+// Export preparation: builds the copy of a scene that a writer's flag word asks
+// for (EXPORT_PREP bits, HostTypes.h). The caller's scene is never touched.
+#include <cstdint>
+#include <memory>
+
+class C3DScene;
+class CSceneExportOptions;
+
+std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t flags,
+                                                const CSceneExportOptions* options = nullptr);

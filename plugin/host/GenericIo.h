@@ -1,0 +1,53 @@
+#pragma once
+// The host's registry of loaded format modules and its generic reader/writer
+// (C3DIo): pick a format by extension or type ID, create the parser through the
+// module's Init3DParser and drive it as the host does.
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "plugin/host/Options.h"
+#include "plugin/host/Parser.h"
+#include "plugin/host/XArray.h"
+#include "plugin/host/XString.h"
+
+using Init3DParserFn = bool (*)(int action, void* data);
+
+struct CFormatEntry {
+    CFileExt ext;
+    Init3DParserFn init = nullptr;
+    bool CanRead() const { return (ext.flags & 1u) && ext.readProvider == PROVIDER_PLUGIN; }
+    bool CanWrite() const { return (ext.flags & 2u) && ext.writeProvider == PROVIDER_PLUGIN; }
+    // True when `extension` (with its dot, any case) is one of the record's.
+    bool HasExtension(const CXStringW& extension) const;
+};
+
+class CParserRegistry {
+public:
+    static CParserRegistry& Instance();
+    // Asks the module for its records (action 0) and keeps them; returns how many it added.
+    int AddModule(Init3DParserFn init);
+    void Clear();
+    const std::vector<CFormatEntry>& Formats() const { return m_formats; }
+    // First format for the extension that can read (or write); null when none.
+    const CFormatEntry* FindByExtension(const CXStringW& extension, bool forReading) const;
+    const CFormatEntry* FindByTypeID(uint32_t typeID) const;
+    // Creates the parser for `entry` (action 1) with `io`; null when the module made none.
+    static C3DParser* CreateParser(const CFormatEntry& entry, CFileIo& io);
+private:
+    std::vector<CFormatEntry> m_formats;
+};
+
+class C3DScene;
+
+class C3DIo {
+public:
+    // Reads `path` with the format chosen by extension (or `typeID` when non-zero).
+    // Returns the scene or null; `io` receives the result code.
+    static std::unique_ptr<C3DScene> ReadScene(const CXStringW& path, CFileIo& io, uint32_t typeID = 0,
+                                               CSceneImportOptions* options = nullptr);
+};
+
+// Four-character code as text ("STL ", "3DST").
+CXStringW TypeIDToString(uint32_t id);
+uint32_t TypeIDFromString(const CXStringW& s);
