@@ -52,9 +52,11 @@ public:
     void ReportProgress(int64_t pos) const;
 
     // Next text line without its line end (LF, CRLF or lone CR), decoded per text mode.
-    // False at end of file.
+    // False at end of file. TEXT_MODE_BINARY decodes like TEXT_MODE_ANSI (lossless, one
+    // character per byte); UTF-8 and AUTO skip a UTF-8 BOM at the start of the file.
     bool ReadString(CXStringW& line);
-    // The next raw line as bytes (no decoding, no copy); valid until the file is closed.
+    // The next raw line as bytes (no decoding, no BOM skipping, no copy); valid until the
+    // file is closed.
     bool ReadLine(std::string_view& line);
 
     // Text writes: wide strings are written as UTF-8 (ANSI mode: Latin-1, '?' beyond).
@@ -86,4 +88,7 @@ private:
     std::vector<uint8_t> m_wbuf;
     int64_t m_written = 0;
     std::string m_decodeScratch;
+    mutable int64_t m_nextReport = 0; // next position at which progress is reported
+    const char* m_nextLf = nullptr;   // line splitting cache (textscan::FindLineEnd)
+    bool m_utf8Valid = true;          // TEXT_MODE_AUTO without BOM: whole content is UTF-8
 };

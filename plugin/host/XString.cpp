@@ -315,7 +315,12 @@ template class CXTString<wchar_t>;
 
 std::wstring Utf8ToWide(std::string_view s) {
     std::wstring out;
-    out.reserve(s.size());
+    AppendUtf8ToWide(out, s);
+    return out;
+}
+
+void AppendUtf8ToWide(std::wstring& out, std::string_view s) {
+    out.reserve(out.size() + s.size());
     const auto* p = reinterpret_cast<const unsigned char*>(s.data());
     const size_t n = s.size();
     size_t i = 0;
@@ -358,7 +363,6 @@ std::wstring Utf8ToWide(std::string_view s) {
         out += ok ? static_cast<wchar_t>(cp) : L'\xFFFD';
         i = j;
     }
-    return out;
 }
 
 std::string WideToUtf8(std::wstring_view s) {

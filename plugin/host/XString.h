@@ -133,6 +133,8 @@ public:
     int Compare(view_type o) const { return view().compare(o); }
 
     // printf-style formatting in the C locale's rules for the formats used here.
+    // In a wide format "%s"/"%c" take wide arguments and "%hs"/"%hc" narrow (UTF-8)
+    // ones, as in the host's own runtime; in a narrow format they are C's.
     void Format(const T* fmt, ...);
     void FormatV(const T* fmt, va_list ap);
     // scanf-style parse of the whole string; returns the number of fields assigned.
@@ -149,6 +151,8 @@ using CXStringA = CXTString<char>;
 
 // UTF-8 <-> wide conversion (wchar_t holds UTF-32 on Linux). Invalid UTF-8 bytes map to U+FFFD.
 std::wstring Utf8ToWide(std::string_view s);
+// Appends the decoded text to `out` (reuses its capacity; the hot path of text reads).
+void AppendUtf8ToWide(std::wstring& out, std::string_view s);
 std::string WideToUtf8(std::wstring_view s);
 // Latin-1 widening of plain ASCII/8-bit text, one character per byte.
 std::wstring WidenBytes(std::string_view s);

@@ -1,0 +1,75 @@
+// gzip extraction on zlib. Concatenated members are inflated one after the other
+// (as gzip -d does); bytes after the last member that do not start another member
+// are ignored, as gzip does. The output is capped, and a failed extraction never
+// leaves a partial target behind.
+#include "plugin/host/MiniZip.h"
+
+#include <unistd.h>
+#include <zlib.h>
+
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/IoFile.h"
+
+bool CMiniZip::IsGZipFile(const CXStringW& path) {
+    IoFile f(true);
+    if (!f.OpenFile(path, true)) return false;
+    auto d = f.GetData();
+    return d.size() >= 2 && d[0] == 0x1F && d[1] == 0x8B;
+}
+
+namespace {
+bool Inflate(std::span<const uint8_t> in, IoFile& out, uint64_t maxBytes) {
+    if (in.size() < 2 || in[0] != 0x1F || in[1] != 0x8B) return false;
+    z_stream zs{};
+    if (inflateInit2(&zs, 16 + MAX_WBITS) != Z_OK) return false;
+    std::vector<uint8_t> buf(1 << 18);
+    uint64_t total = 0;
+    size_t pos = 0;
+    bool ok = true;
+    while (ok) {
+        // zlib counts in 32-bit units: feed at most 1 GiB at a time.
+        size_t chunk = std::min<size_t>(in.size() - pos, size_t(1) << 30);
+        zs.next_in = const_cast<Bytef*>(in.data() + pos);
+        zs.avail_in = static_cast<uInt>(chunk);
+        zs.next_out = buf.data();
+        zs.avail_out = static_cast<uInt>(buf.size());
+        int r = inflate(&zs, Z_NO_FLUSH);
+        size_t used = chunk - zs.avail_in;
+        pos += used;
+        size_t produced = buf.size() - zs.avail_out;
+        total += produced;
+        if (total > maxBytes || (produced && !out.FileWrite(buf.data(), produced))) {
+            ok = false;
+            break;
+        }
+        if (r == Z_STREAM_END) {
+            // Another member follows only if its magic does.
+            if (in.size() - pos >= 2 && in[pos] == 0x1F && in[pos + 1] == 0x8B) {
+                if (inflateReset(&zs) != Z_OK) ok = false;
+                continue;
+            }
+            break;
+        }
+        if (r == Z_OK) continue;
+        if (r == Z_BUF_ERROR && produced == 0 && used == 0) {
+            // No progress possible: the input ended inside a member.
+            ok = false;
+            break;
+        }
+        if (r != Z_BUF_ERROR) ok = false;
+    }
+    inflateEnd(&zs);
+    return ok;
+}
+} // namespace
+
+bool CMiniZip::ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes) {
+    IoFile in(true);
+    if (!in.OpenFile(path, true)) return false;
+    IoFile out(true);
+    if (!out.OpenFile(target, false)) return false;
+    bool ok = Inflate(in.GetData(), out, maxBytes);
+    ok = out.CloseFile() && ok;
+    if (!ok) fileDelete(target);
+    return ok;
+}

@@ -1,0 +1,416 @@
+// printf-identical number output on std::to_chars. The C++ library defines the
+// floating-point forms with an explicit precision as printf's in the C locale; what
+// to_chars does not cover (signs of NaN, flags, padding) is done here the way glibc
+// does it.
+#include "plugin/host/NumberFormat.h"
+
+#include <charconv>
+#include <clocale>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <locale.h>
+#include <string_view>
+
+#include "plugin/host/XString.h"
+
+namespace numfmt {
+
+namespace {
+
+// Enough for any double in %e/%g and for %f of values below 1e17 at any sane precision.
+constexpr size_t kStack = 384;
+
+// to_chars into a stack buffer, or a heap string for huge %f output.
+template <typename F> void AppendChars(std::string& out, size_t guess, F&& fn) {
+    char buf[kStack];
+    if (guess <= sizeof(buf)) {
+        auto r = fn(buf, buf + sizeof(buf));
+        if (r.ec == std::errc()) {
+            out.append(buf, static_cast<size_t>(r.ptr - buf));
+            return;
+        }
+    }
+    std::string big(guess + 16, '\0');
+    auto r = fn(big.data(), big.data() + big.size());
+    out.append(big.data(), r.ec == std::errc() ? static_cast<size_t>(r.ptr - big.data()) : 0);
+}
+
+size_t FixedGuess(double v, int precision) {
+    // Digits before the point: up to 309 for the largest doubles.
+    int e = 0;
+    if (std::isfinite(v) && v != 0) std::frexp(v, &e);
+    size_t intDigits = e > 0 ? static_cast<size_t>(e) * 30103 / 100000 + 2 : 1;
+    return intDigits + static_cast<size_t>(precision) + 4;
+}
+
+// glibc prints the sign bit of a NaN ("-nan"); to_chars may not agree, so NaN and
+// infinity are spelled here.
+bool AppendSpecial(std::string& out, double v, bool upper) {
+    if (std::isfinite(v)) return false;
+    if (std::signbit(v)) out += '-';
+    if (std::isnan(v)) out += upper ? "NAN" : "nan";
+    else out += upper ? "INF" : "inf";
+    return true;
+}
+
+locale_t CLocale() {
+    static locale_t loc = newlocale(LC_ALL_MASK, "C", nullptr);
+    return loc;
+}
+
+} // namespace
+
+void AppendFixed(std::string& out, double v, int precision) {
+    if (precision < 0) precision = 6;
+    if (AppendSpecial(out, v, false)) return;
+    AppendChars(out, FixedGuess(v, precision), [&](char* b, char* e) {
+        return std::to_chars(b, e, v, std::chars_format::fixed, precision);
+    });
+}
+
+void AppendExp(std::string& out, double v, int precision) {
+    if (precision < 0) precision = 6;
+    if (AppendSpecial(out, v, false)) return;
+    AppendChars(out, static_cast<size_t>(precision) + 16, [&](char* b, char* e) {
+        return std::to_chars(b, e, v, std::chars_format::scientific, precision);
+    });
+}
+
+void AppendGeneral(std::string& out, double v, int precision) {
+    if (precision < 0) precision = 6;
+    if (AppendSpecial(out, v, false)) return;
+    AppendChars(out, static_cast<size_t>(precision) + 16, [&](char* b, char* e) {
+        return std::to_chars(b, e, v, std::chars_format::general, precision == 0 ? 1 : precision);
+    });
+}
+
+void AppendInt(std::string& out, long long v) {
+    char buf[24];
+    auto r = std::to_chars(buf, buf + sizeof(buf), v);
+    out.append(buf, static_cast<size_t>(r.ptr - buf));
+}
+
+void AppendUInt(std::string& out, unsigned long long v) {
+    char buf[24];
+    auto r = std::to_chars(buf, buf + sizeof(buf), v);
+    out.append(buf, static_cast<size_t>(r.ptr - buf));
+}
+
+size_t FormatFixed(char* buf, size_t cap, double v, int precision) {
+    if (precision < 0) precision = 6;
+    if (std::isfinite(v) && cap >= FixedGuess(v, precision)) {
+        auto r = std::to_chars(buf, buf + cap, v, std::chars_format::fixed, precision);
+        if (r.ec == std::errc()) return static_cast<size_t>(r.ptr - buf);
+    }
+    std::string s;
+    AppendFixed(s, v, precision);
+    std::memcpy(buf, s.data(), std::min(cap, s.size()));
+    return s.size();
+}
+
+size_t FormatInt(char* buf, size_t cap, long long v) {
+    char tmp[24];
+    auto r = std::to_chars(tmp, tmp + sizeof(tmp), v);
+    size_t n = static_cast<size_t>(r.ptr - tmp);
+    std::memcpy(buf, tmp, std::min(cap, n));
+    return n;
+}
+
+namespace {
+
+struct Spec {
+    bool left = false, plus = false, space = false, zero = false;
+    int width = -1, prec = -1;
+};
+
+// Pads a formatted number: `body` may start with a sign; zero padding goes after it.
+void AppendNumber(std::string& out, std::string_view body, const Spec& s, bool zeroAllowed) {
+    size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
+    if (body.size() >= w) {
+        out.append(body);
+        return;
+    }
+    size_t pad = w - body.size();
+    if (s.left) {
+        out.append(body);
+        out.append(pad, ' ');
+    } else if (s.zero && zeroAllowed) {
+        size_t signLen = (!body.empty() && (body[0] == '-' || body[0] == '+' || body[0] == ' ')) ? 1 : 0;
+        out.append(body.substr(0, signLen));
+        out.append(pad, '0');
+        out.append(body.substr(signLen));
+    } else {
+        out.append(pad, ' ');
+        out.append(body);
+    }
+}
+
+void AppendIntegerField(std::string& out, unsigned long long mag, bool neg, int base, bool upper, const Spec& s,
+                        bool isSigned) {
+    char digits[72];
+    char* e = std::to_chars(digits, digits + 64, mag, base).ptr;
+    size_t n = static_cast<size_t>(e - digits);
+    if (upper)
+        for (size_t i = 0; i < n; ++i)
+            if (digits[i] >= 'a' && digits[i] <= 'f') digits[i] = static_cast<char>(digits[i] - 32);
+    std::string body;
+    if (neg) body += '-';
+    else if (isSigned && s.plus) body += '+';
+    else if (isSigned && s.space) body += ' ';
+    // Precision: minimum digit count; "%.0d" of 0 prints no digits.
+    if (s.prec >= 0) {
+        if (s.prec == 0 && mag == 0) n = 0;
+        if (static_cast<size_t>(s.prec) > n) body.append(static_cast<size_t>(s.prec) - n, '0');
+    }
+    body.append(digits, n);
+    AppendNumber(out, body, s, s.prec < 0);
+}
+
+void AppendFloatField(std::string& out, double v, char conv, const Spec& s) {
+    bool upper = conv == 'F' || conv == 'E' || conv == 'G';
+    std::string body;
+    if (!std::signbit(v)) {
+        if (s.plus) body += '+';
+        else if (s.space) body += ' ';
+    }
+    int prec = s.prec < 0 ? 6 : s.prec;
+    bool finite = std::isfinite(v);
+    if (!finite) {
+        AppendSpecial(body, v, upper);
+    } else if (conv == 'f' || conv == 'F') {
+        AppendFixed(body, v, prec);
+    } else if (conv == 'e' || conv == 'E') {
+        AppendExp(body, v, prec);
+    } else {
+        AppendGeneral(body, v, prec);
+    }
+    if (upper && finite)
+        for (auto& c : body)
+            if (c == 'e') c = 'E';
+    // glibc pads inf and nan with spaces even under the 0 flag.
+    AppendNumber(out, body, s, finite);
+}
+
+void AppendStringField(std::string& out, std::string_view str, const Spec& s) {
+    if (s.prec >= 0 && str.size() > static_cast<size_t>(s.prec)) str = str.substr(0, static_cast<size_t>(s.prec));
+    size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
+    size_t pad = str.size() < w ? w - str.size() : 0;
+    if (!s.left) out.append(pad, ' ');
+    out.append(str);
+    if (s.left) out.append(pad, ' ');
+}
+
+// One conversion the fast path does not handle, through vsnprintf in the C locale.
+template <typename T> void AppendSlow(std::string& out, std::string_view spec, T value) {
+    std::string f(spec);
+    locale_t old = uselocale(CLocale());
+    char buf[256];
+    int n = std::snprintf(buf, sizeof(buf), f.c_str(), value);
+    if (n >= 0 && static_cast<size_t>(n) < sizeof(buf)) {
+        out.append(buf, static_cast<size_t>(n));
+    } else if (n >= 0) {
+        std::string big(static_cast<size_t>(n) + 1, '\0');
+        std::snprintf(big.data(), big.size(), f.c_str(), value);
+        out.append(big.data(), static_cast<size_t>(n));
+    }
+    uselocale(old);
+}
+
+} // namespace
+
+void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
+    va_list ap;
+    va_copy(ap, apIn);
+    const size_t startSize = out.size();
+    while (*fmt) {
+        const char* pct = std::strchr(fmt, '%');
+        if (!pct) {
+            out.append(fmt);
+            break;
+        }
+        out.append(fmt, static_cast<size_t>(pct - fmt));
+        const char* p = pct + 1;
+        if (*p == '%') {
+            out += '%';
+            fmt = p + 1;
+            continue;
+        }
+        Spec s;
+        bool alt = false;
+        for (;; ++p) {
+            if (*p == '-') s.left = true;
+            else if (*p == '+') s.plus = true;
+            else if (*p == ' ') s.space = true;
+            else if (*p == '0') s.zero = true;
+            else if (*p == '#') alt = true;
+            else if (*p == '\'') {} // grouping is a locale matter; the C locale has none
+            else break;
+        }
+        if (*p == '*') {
+            s.width = va_arg(ap, int);
+            if (s.width < 0) {
+                s.left = true;
+                s.width = s.width == -2147483647 - 1 ? 0 : -s.width;
+            }
+            ++p;
+        } else {
+            while (*p >= '0' && *p <= '9') {
+                if (s.width < 0) s.width = 0;
+                if (s.width < 100000) s.width = s.width * 10 + (*p - '0');
+                ++p;
+            }
+        }
+        if (*p == '.') {
+            ++p;
+            s.prec = 0;
+            if (*p == '*') {
+                s.prec = va_arg(ap, int);
+                if (s.prec < 0) s.prec = -1;
+                ++p;
+            } else {
+                while (*p >= '0' && *p <= '9') {
+                    if (s.prec < 100000) s.prec = s.prec * 10 + (*p - '0');
+                    ++p;
+                }
+            }
+        }
+        int lenL = 0; // 1: l, 2: ll/j/z/t/q
+        int lenH = 0; // 1: h, 2: hh
+        bool longDouble = false;
+        if (*p == 'h') {
+            lenH = 1;
+            if (*++p == 'h') { lenH = 2; ++p; }
+        } else if (*p == 'l') {
+            lenL = 1;
+            if (*++p == 'l') { lenL = 2; ++p; }
+        } else if (*p == 'j' || *p == 'z' || *p == 't' || *p == 'q') {
+            lenL = 2;
+            ++p;
+        } else if (*p == 'L') {
+            longDouble = true;
+            ++p;
+        }
+        char conv = *p;
+        if (!conv) {
+            out.append(pct);
+            break;
+        }
+        fmt = p + 1;
+        // The slow path rebuilds the spec with resolved '*' values.
+        auto slowSpec = [&](const char* lenMod) {
+            std::string f = "%";
+            if (s.left) f += '-';
+            if (s.plus) f += '+';
+            if (s.space) f += ' ';
+            if (s.zero) f += '0';
+            if (alt) f += '#';
+            if (s.width >= 0) f += std::to_string(s.width);
+            if (s.prec >= 0) f += "." + std::to_string(s.prec);
+            f += lenMod;
+            f += conv;
+            return f;
+        };
+        switch (conv) {
+        case 'd': case 'i': {
+            long long v = lenL ? va_arg(ap, long long) : va_arg(ap, int);
+            if (lenL == 1) v = static_cast<long>(v);
+            if (lenH == 2) v = static_cast<signed char>(v);
+            else if (lenH == 1) v = static_cast<short>(v);
+            unsigned long long mag = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+            AppendIntegerField(out, mag, v < 0, 10, false, s, true);
+            break;
+        }
+        case 'u': case 'x': case 'X': case 'o': {
+            unsigned long long v = lenL ? va_arg(ap, unsigned long long) : va_arg(ap, unsigned);
+            if (lenH == 2) v = static_cast<unsigned char>(v);
+            else if (lenH == 1) v = static_cast<unsigned short>(v);
+            if (alt) {
+                AppendSlow(out, slowSpec("ll"), v);
+                break;
+            }
+            int base = conv == 'u' ? 10 : (conv == 'o' ? 8 : 16);
+            AppendIntegerField(out, v, false, base, conv == 'X', s, false);
+            break;
+        }
+        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': {
+            if (longDouble) {
+                AppendSlow(out, slowSpec("L"), va_arg(ap, long double));
+                break;
+            }
+            double v = va_arg(ap, double);
+            if (alt) AppendSlow(out, slowSpec(""), v);
+            else AppendFloatField(out, v, conv, s);
+            break;
+        }
+        case 'a': case 'A':
+            if (longDouble) AppendSlow(out, slowSpec("L"), va_arg(ap, long double));
+            else AppendSlow(out, slowSpec(""), va_arg(ap, double));
+            break;
+        case 'c': {
+            if (lenL) {
+                std::string u = WideToUtf8(std::wstring(1, static_cast<wchar_t>(va_arg(ap, wint_t))));
+                Spec t = s;
+                t.prec = -1;
+                AppendStringField(out, u, t);
+            } else {
+                char c = static_cast<char>(va_arg(ap, int));
+                Spec t = s;
+                t.prec = -1;
+                AppendStringField(out, std::string_view(&c, 1), t);
+            }
+            break;
+        }
+        case 's': {
+            if (lenL) {
+                const wchar_t* w = va_arg(ap, const wchar_t*);
+                if (!w) {
+                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", Spec{s.left, false, false, false, s.width, -1});
+                    break;
+                }
+                // Precision counts bytes and never splits a character.
+                std::string u;
+                for (size_t k = 0; w[k]; ++k) {
+                    std::string one = WideToUtf8(std::wstring_view(w + k, 1));
+                    if (s.prec >= 0 && u.size() + one.size() > static_cast<size_t>(s.prec)) break;
+                    u += one;
+                }
+                Spec t = s;
+                t.prec = -1;
+                AppendStringField(out, u, t);
+            } else {
+                const char* str = va_arg(ap, const char*);
+                if (!str) {
+                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", Spec{s.left, false, false, false, s.width, -1});
+                    break;
+                }
+                size_t n = s.prec < 0 ? std::strlen(str) : strnlen(str, static_cast<size_t>(s.prec));
+                Spec t = s;
+                t.prec = -1;
+                AppendStringField(out, std::string_view(str, n), t);
+            }
+            break;
+        }
+        case 'p':
+            AppendSlow(out, slowSpec(""), va_arg(ap, void*));
+            break;
+        case 'n':
+            *va_arg(ap, int*) = static_cast<int>(out.size() - startSize);
+            break;
+        default:
+            // Unknown conversion: copied through, as glibc does.
+            out.append(pct, static_cast<size_t>(fmt - pct));
+            break;
+        }
+    }
+    va_end(ap);
+}
+
+void AppendFormat(std::string& out, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    AppendFormatV(out, fmt, ap);
+    va_end(ap);
+}
+
+} // namespace numfmt
