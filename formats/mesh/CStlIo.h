@@ -1,7 +1,10 @@
 #pragma once
-// STL parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// STL: binary (80-byte header, count, 50-byte records with a 15-bit colour word)
+// and ASCII ("solid ... facet normal ... endsolid"). Binary is recognised by its
+// exact length; everything else is tried as ASCII. The ASCII reader reverses the
+// winding and ignores the file's normals; the binary reader keeps both as given.
 #include <cstdint>
+#include <string_view>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -13,6 +16,18 @@ public:
     explicit CStlIo(CFileIo& io);
     ~CStlIo() override;
 
+    void LoadDefaultOptions(CSceneImportOptions& options) const override;
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    void SaveDefaultOptions(CSceneExportOptions& options) const override;
+    bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
+
+    // The 16-bit colour word for a colour given as components (0..255 scale is not
+    // applied here: the caller passes what it has, the arithmetic overflows as it may).
+    static uint16_t PackColor(float r, float g, float b);
+
 private:
+    C3DScene* ReadBinary(std::span<const uint8_t> data);
+    C3DScene* ReadAscii(std::span<const uint8_t> data);
+
     uint32_t m_state = 0;
 };

@@ -1,0 +1,70 @@
+#pragma once
+// Small text helpers shared by the mesh writers and readers: the maker's address,
+// name cleaning for file syntax, a growable output chunk and byte/wide conversions.
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "plugin/host/IoFile.h"
+#include "plugin/host/NumberFormat.h"
+#include "plugin/host/XString.h"
+
+namespace meshio {
+
+inline constexpr const char* kMakerUrl = "https://orbiscope.org";
+
+// Characters that would break a line-oriented or quoted syntax become '_'.
+inline CXStringW SanitizeName(const CXStringW& name) {
+    std::wstring s = name.str();
+    for (auto& c : s)
+        if (c == L'"' || c == L'\\' || c < 0x20 || c == 0x7F || c == 0x2028 || c == 0x2029) c = L'_';
+    return CXStringW(std::move(s));
+}
+
+// Bytes of a name as the text mode decodes them (8: Latin-1, else UTF-8).
+inline CXStringW DecodeName(std::string_view bytes, int textMode) {
+    if (textMode == TEXT_MODE_ANSI) return CXStringW(WidenBytes(bytes));
+    return CXStringW(Utf8ToWide(bytes));
+}
+
+// Output text assembled in memory and handed to IoFile in large pieces.
+class COutText {
+public:
+    explicit COutText(IoFile& f, size_t chunk = 1 << 16) : m_file(f), m_chunk(chunk) { m_buf.reserve(chunk + 256); }
+    ~COutText() { Flush(); }
+    COutText(const COutText&) = delete;
+    COutText& operator=(const COutText&) = delete;
+
+    void Put(std::string_view s) { m_buf.append(s); Check(); }
+    void Put(char c) { m_buf.push_back(c); }
+    // "%f" of the C library (six decimals).
+    void F6(double v) { numfmt::AppendFixed(m_buf, v, 6); Check(); }
+    void Int(int64_t v) { numfmt::AppendInt(m_buf, v); }
+    void UInt64(uint64_t v) { numfmt::AppendUInt(m_buf, v); }
+    // A wide text in the file's encoding (UTF-8, or Latin-1 in ANSI mode).
+    void Wide(const CXStringW& s) {
+        if (m_file.GetTextMode() == TEXT_MODE_ANSI) {
+            for (wchar_t c : s.view()) m_buf.push_back(c < 256 ? static_cast<char>(c) : '?');
+        } else {
+            m_buf += WideToUtf8(s.view());
+        }
+        Check();
+    }
+    void Tabs(int n) { if (n > 0) m_buf.append(static_cast<size_t>(n), '\t'); }
+    bool Flush() {
+        if (m_buf.empty()) return m_ok;
+        if (!m_file.FileWrite(m_buf.data(), m_buf.size())) m_ok = false;
+        m_buf.clear();
+        return m_ok;
+    }
+    bool ok() const { return m_ok; }
+    void Check() { if (m_buf.size() >= m_chunk) Flush(); }
+
+private:
+    IoFile& m_file;
+    size_t m_chunk;
+    std::string m_buf;
+    bool m_ok = true;
+};
+
+} // namespace meshio

@@ -1,0 +1,39 @@
+#pragma once
+// The OBJ reading engine behind CWavefrontIo::Read: two passes over the bytes
+// (count, then fill), MTL libraries read during the count, one node per group
+// whose points are the positions its faces use, renumbered in order of first use.
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "plugin/host/XString.h"
+
+class C3DScene;
+class CFileIo;
+class CSceneImportOptions;
+
+namespace meshio {
+
+// Result of one OBJ read.
+enum class ObjStatus { Ok, NotObj, Cancelled };
+
+// Loads an MTL library named by "mtllib" (the trimmed name as written); fills
+// `bytes` (or `owned`) and returns true, false when it cannot be read.
+using MtlLoader = std::function<bool(std::string_view name, std::string& owned)>;
+
+struct ObjReadResult {
+    C3DScene* scene = nullptr;
+    ObjStatus status = ObjStatus::NotObj;
+};
+
+// `textMode` is one of the IoFile text modes (40, 16 or 8).
+ObjReadResult ReadObj(std::span<const uint8_t> data, int textMode, const MtlLoader& loadMtl, CFileIo& io,
+                      CSceneImportOptions& options);
+
+// Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
+// its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.
+std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::string& storage);
+
+} // namespace meshio
