@@ -110,7 +110,7 @@ public:
     const CEdgeGraph* GetEdgeGraph() const { return m_graph.get(); }
     void DeleteEdgeToFaceGraph() { m_graph.reset(); }
 
-    size_t MemoryBytes() const;
+    virtual size_t MemoryBytes() const;
 
 protected:
     virtual void OnFaceAdded(uint32_t /*material*/) {}
@@ -139,11 +139,12 @@ public:
     void RemoveAll() override;
     void FreeExtra() override;
     void Compact(const std::vector<bool>& keep) override;
+    size_t MemoryBytes() const override { return CFaceList::MemoryBytes() + m_materials.capacity() * 4; }
     const std::vector<uint32_t>& GetMaterialIDs() const { return m_materials; }
     std::vector<uint32_t>& GetMaterialIDs() { return m_materials; }
 
 protected:
-    void OnFaceAdded(uint32_t material) override { m_materials.push_back(material); }
+    void OnFaceAdded(uint32_t) override { m_materials.push_back(m_current); }
 private:
     std::vector<uint32_t> m_materials;
     uint32_t m_current = NO_MATERIAL;

@@ -28,6 +28,14 @@ public:
     bool IsFlagSet(uint32_t f) const { return (flags & f) != 0; }
     void SetFlag(uint32_t f, bool on = true) { flags = on ? (flags | f) : (flags & ~f); }
     bool operator==(const CMaterialMap&) const = default;
+
+    const CXStringW& GetFileName() const { return file; }
+    void SetFileName(const CXStringW& f) { file = f; }
+    void SetScale(float u, float v) { scaleU = u; scaleV = v; }
+    void SetTranslation(float u, float v) { translateU = u; translateV = v; }
+    void SetTile(float u, float v) { tileU = u; tileV = v; }
+    void SetHPBRotation(float h, float p, float b) { hpb = {h, p, b}; SetFlag(MAPF_QUATERNION, false); }
+    void SetQuaternionRotation(const CQuaternion& q) { rotation = q; SetFlag(MAPF_QUATERNION, true); }
 };
 
 enum MaterialFlags : uint32_t {
@@ -60,6 +68,17 @@ public:
     bool IsFlagSet(uint32_t f) const { return (flags & f) != 0; }
     void SetFlag(uint32_t f, bool on = true) { flags = on ? (flags | f) : (flags & ~f); }
 
+    const CRGBColor& GetDiffuseColor() const { return diffuse; }
+    void SetDiffuseColor(const CRGBColor& c) { diffuse = c; }
+    float GetDiffuseFactor() const { return diffuseFactor; }
+    void SetDiffuseFactor(float f) { diffuseFactor = f; }
+    float GetTransparency() const { return transparency; }
+    void SetTransparency(float t) { transparency = t; }
+    float GetSmoothAngle() const { return smoothAngle; }
+    void SetSmoothAngle(float a) { smoothAngle = a; }
+    int GetAlphaMode() const { return alphaMode; }
+    void SetAlphaMode(int m) { alphaMode = m; }
+
     CMaterialMap* AddMaterialMap(const CXStringW& file, int32_t channel, uint32_t type,
                                  uint32_t projection = PROJ_UV);
     // The first map of `type`, or null.
@@ -88,4 +107,15 @@ public:
     float shininess = 0.0f;  // 0..1
     CRGBColor emissive{0, 0, 0};
     float emissiveFactor = 0.0f;
+
+    const CRGBColor& GetAmbientColor() const { return ambient; }
+    void SetAmbientColor(const CRGBColor& c) { ambient = c; }
+    float GetAmbientFactor() const { return ambientFactor; }
+    void SetAmbientFactor(float f) { ambientFactor = f; }
+    const CRGBColor& GetSpecularColor() const { return specular; }
+    void SetSpecularColor(const CRGBColor& c) { specular = c; }
+    float GetSpecularFactor() const { return specularFactor; }
+    void SetSpecularFactor(float f) { specularFactor = f; }
+    float GetShininess() const { return shininess; }
+    void SetShininess(float s) { shininess = s; }
 };

@@ -32,6 +32,7 @@ struct CQuaternion {
     CQuaternion(float ax, float ay, float az, float aw) : x(ax), y(ay), z(az), w(aw) {}
     static CQuaternion FromAxisAngle(const C3DVector& axis, float angle);
     void ToAxisAngle(C3DVector& axis, float& angle) const;
+    void GetAxisAngle(C3DVector& axis, float& angle) const { ToAxisAngle(axis, angle); }
     CQuaternion operator*(const CQuaternion& q) const;
     CQuaternion Normalized() const;
     CQuaternion Inverse() const { return {-x, -y, -z, w}; }

@@ -1,0 +1,93 @@
+#include "plugin/host/GenericIo.h"
+
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/HostTypes.h"
+#include "plugin/host/Scene.h"
+
+bool CFormatEntry::HasExtension(const CXStringW& extension) const {
+    const std::wstring& all = ext.extensions.str();
+    size_t start = 0;
+    while (start <= all.size()) {
+        size_t bar = all.find(L'|', start);
+        if (bar == std::wstring::npos) bar = all.size();
+        CXStringW one(all.substr(start, bar - start));
+        if (!one.IsEmpty() && one.CompareNoCase(extension) == 0) return true;
+        start = bar + 1;
+    }
+    return false;
+}
+
+CParserRegistry& CParserRegistry::Instance() {
+    static CParserRegistry r;
+    return r;
+}
+
+int CParserRegistry::AddModule(Init3DParserFn init) {
+    if (!init) return 0;
+    CXArray<CFileExt> list;
+    init(0, &list);
+    for (int i = 0; i < list.GetSize(); ++i) m_formats.push_back({list[i], init});
+    return list.GetSize();
+}
+
+void CParserRegistry::Clear() { m_formats.clear(); }
+
+const CFormatEntry* CParserRegistry::FindByExtension(const CXStringW& extension, bool forReading) const {
+    for (auto& f : m_formats)
+        if (f.HasExtension(extension) && (forReading ? f.CanRead() : f.CanWrite())) return &f;
+    return nullptr;
+}
+
+const CFormatEntry* CParserRegistry::FindByTypeID(uint32_t typeID) const {
+    for (auto& f : m_formats)
+        if (f.ext.typeID == typeID) return &f;
+    return nullptr;
+}
+
+C3DParser* CParserRegistry::CreateParser(const CFormatEntry& entry, CFileIo& io) {
+    C3DParserRequest req;
+    req.fileIo = &io;
+    req.typeID = entry.ext.typeID;
+    req.parser = nullptr;
+    entry.init(1, &req);
+    return req.parser;
+}
+
+std::unique_ptr<C3DScene> C3DIo::ReadScene(const CXStringW& path, CFileIo& io, uint32_t typeID,
+                                           CSceneImportOptions* options) {
+    auto& reg = CParserRegistry::Instance();
+    const CFormatEntry* entry = typeID ? reg.FindByTypeID(typeID) : reg.FindByExtension(fileGetExtension(path), true);
+    CSceneImportOptions local;
+    CSceneImportOptions& opts = options ? *options : local;
+    if (!entry || !entry->CanRead()) {
+        io.SetIoError(IO_ERR_NOT_AVAILABLE, &opts, LOG_ERROR);
+        return nullptr;
+    }
+    C3DParser* parser = CParserRegistry::CreateParser(*entry, io);
+    if (!parser) {
+        io.SetIoError(IO_ERR_NOT_AVAILABLE, &opts, LOG_ERROR);
+        return nullptr;
+    }
+    parser->LoadDefaultOptions(opts);
+    std::unique_ptr<C3DScene> scene(parser->Read(path, opts));
+    parser->ReleaseParser(false, nullptr);
+    return scene;
+}
+
+CXStringW TypeIDToString(uint32_t id) {
+    CXStringW s;
+    for (int sh = 24; sh >= 0; sh -= 8) {
+        wchar_t c = static_cast<wchar_t>((id >> sh) & 0xFF);
+        s += (c >= 32 && c < 127) ? c : L'?';
+    }
+    return s;
+}
+
+uint32_t TypeIDFromString(const CXStringW& s) {
+    uint32_t id = 0;
+    for (int i = 0; i < 4; ++i) {
+        wchar_t c = i < s.GetLength() ? s[i] : L' ';
+        id = (id << 8) | (static_cast<uint32_t>(c) & 0xFF);
+    }
+    return id;
+}
