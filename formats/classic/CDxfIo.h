@@ -1,7 +1,10 @@
 #pragma once
-// DXF parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// DXF release 14 text: group-code/value line pairs. The writer puts one layer per
+// node in TABLES and, in ENTITIES, each curve as a 3D polyline and each mesh as a
+// polyface mesh on its node's layer, with raw object-space points. Reading DXF
+// belongs to a later stage; the base Read reports it as not available.
 #include <cstdint>
+#include <string>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -12,6 +15,12 @@ class CDxfIo : public C3DParser {
 public:
     explicit CDxfIo(CFileIo& io);
     ~CDxfIo() override;
+
+    void SaveDefaultOptions(CSceneExportOptions& options) const override;
+    bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
+
+    // The whole file Save writes for `scene`, as bytes.
+    static std::string FormatScene(const C3DScene& scene);
 
 private:
     CHashMap<CXStringW, C3DSceneNode*> m_blocks{23};

@@ -1,0 +1,478 @@
+#include "formats/classic/C3DStudioWriter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "plugin/host/BinaryCursor.h"
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/IoFile.h"
+#include "plugin/host/Keys.h"
+#include "plugin/host/Material.h"
+#include "plugin/host/Object.h"
+
+namespace {
+
+constexpr size_t kFlushBytes = 4u << 20;
+constexpr uint32_t kMaxCount = 65535;
+
+// 3DS strings are 8-bit: Latin-1, anything beyond becomes '?'.
+std::string Narrow(const CXStringW& s) {
+    std::string out;
+    out.reserve(s.size());
+    for (wchar_t c : s.view()) {
+        if (c == 0) break;
+        out += static_cast<unsigned>(c) < 256 ? static_cast<char>(c) : '?';
+    }
+    return out;
+}
+
+const C3DKey* FindKeyAt(const C3DKeyframable& k, uint64_t type, int32_t time) {
+    const C3DKeyCurve* track = k.GetTrack(type);
+    if (!track) return nullptr;
+    for (int i = 0; i < track->GetKeyNbr(); ++i)
+        if (track->GetKeyByIndex(i)->GetTime() == time) return track->GetKeyByIndex(i);
+    return nullptr;
+}
+
+// Spline parameters of the key that stands for `time` in a track: the track's own key
+// when it has one there, else the first key at that time. Zero unless the curve is TCB.
+CTCBParams SplineAt(const C3DKeyframable& k, uint64_t type, int32_t time) {
+    const C3DKeyCurve* track = k.GetTrack(type);
+    const C3DKey* key = FindKeyAt(k, type, time);
+    if (!key) {
+        for (int t = 0; t < k.GetTrackCount() && !key; ++t) {
+            track = k.GetTrackByIndex(t);
+            key = FindKeyAt(k, track->GetType(), time);
+        }
+    }
+    if (!key || !track || track->GetCurveKind() != CURVE_TCB) return {};
+    return key->tcb;
+}
+
+} // namespace
+
+C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene) : m_file(file), m_scene(scene) {
+    m_buf.reserve(kFlushBytes + (1u << 20));
+}
+
+uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
+    const std::vector<uint32_t>& off = faces.GetOffsets();
+    uint64_t n = 0;
+    for (size_t f = 0; f + 1 < off.size(); ++f) n += off[f + 1] - off[f] == 4 ? 2 : 1;
+    return n;
+}
+
+CXStringW C3DStudioWriter::ShortTextureName(const CXStringW& path) {
+    CFileNameSpec spec(path);
+    return spec.GetNameWithoutExt().Left(8) + spec.GetExtension().Left(4);
+}
+
+uint8_t* C3DStudioWriter::Grow(size_t n) {
+    size_t at = m_buf.size();
+    m_buf.resize(at + n);
+    return m_buf.data() + at;
+}
+void C3DStudioWriter::PutU16(uint16_t v) { PutU16le(Grow(2), v); }
+void C3DStudioWriter::PutU32(uint32_t v) { PutU32le(Grow(4), v); }
+void C3DStudioWriter::PutF32(float v) { PutF32le(Grow(4), v); }
+void C3DStudioWriter::PutString(const CXStringW& s) {
+    std::string n = Narrow(s);
+    uint8_t* p = Grow(n.size() + 1);
+    std::memcpy(p, n.data(), n.size());
+    p[n.size()] = 0;
+}
+
+void C3DStudioWriter::Begin(uint16_t id) {
+    m_open.push_back(m_flushed + m_buf.size());
+    uint8_t* p = Grow(6);
+    PutU16le(p, id);
+    PutU32le(p + 2, 0);
+}
+
+void C3DStudioWriter::End() {
+    const uint64_t start = m_open.back();
+    m_open.pop_back();
+    const uint64_t end = m_flushed + m_buf.size();
+    const uint32_t len = static_cast<uint32_t>(end - start);
+    if (start >= m_flushed) {
+        PutU32le(m_buf.data() + (start - m_flushed) + 2, len);
+    } else {
+        // The header already went to the file: seek back, rewrite, return to the end.
+        uint8_t b[4];
+        PutU32le(b, len);
+        if (!m_file.FileSeek(static_cast<int64_t>(start + 2), 0) || !m_file.FileWrite(b, 4) ||
+            !m_file.FileSeek(static_cast<int64_t>(m_flushed), 0))
+            m_failed = true;
+    }
+    FlushIfFull();
+}
+
+void C3DStudioWriter::FlushIfFull() {
+    if (m_buf.size() >= kFlushBytes) Flush();
+}
+
+bool C3DStudioWriter::Flush() {
+    if (m_buf.empty()) return true;
+    if (!m_file.FileWrite(m_buf.data(), m_buf.size())) m_failed = true;
+    m_flushed += m_buf.size();
+    m_buf.clear();
+    return !m_failed;
+}
+
+bool C3DStudioWriter::Write() {
+    Begin(0x4D4D);
+    Begin(0x0002);
+    PutU32(3);
+    End();
+
+    Begin(0x3D3D);
+    Begin(0x3D3E);
+    PutU32(3);
+    End();
+    CMaterialPos mpos;
+    for (C3DMaterial* m = m_scene.GetFirstMaterial(mpos); m; m = m_scene.GetNextMaterial(mpos)) WriteMaterial(*m);
+    Begin(0x0100);
+    PutF32(m_scene.GetUnit() == UNIT_NONE ? 1.0f : static_cast<float>(m_scene.GetScaleFactor() / 2.54));
+    End();
+    C3DNodePos pos = m_scene.GetFirstNode(KINDOF_EXPORTABLE);
+    C3DBaseObject* obj = nullptr;
+    while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
+        if (IsExported(*node, obj)) WriteObject(*node, *static_cast<const C3DGeomObject*>(obj));
+    }
+    End();
+
+    m_nodeCounter = 0;
+    Begin(0xB000);
+    Begin(0xB00A);
+    PutU16(5);
+    PutString(CXStringW());
+    PutU32(100);
+    End();
+    Begin(0xB008);
+    PutU32(0);
+    PutU32(100);
+    End();
+    Begin(0xB009);
+    PutU32(0);
+    End();
+    pos = m_scene.GetFirstNode(KINDOF_ALL);
+    while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
+        const uint32_t kind = node->GetKindOf();
+        if (kind == KINDOF_MESH || kind == KINDOF_PATCH || kind == KINDOF_GROUP) WriteNode(*node, kind);
+    }
+    End();
+    End();
+    Flush();
+    return !m_failed;
+}
+
+void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
+    static const C3DStandardMaterial kDefaults;
+    const auto* sm = dynamic_cast<const C3DStandardMaterial*>(&m);
+    if (!sm) sm = &kDefaults;
+    CXStringW base = m.GetName().IsEmpty() ? CXStringW(L"Default Material") : m.GetName();
+    CXStringW name = GetUniqueName(m_materialNames, base, 16);
+    m_materialWritten.SetAt(m.GetID(), name);
+
+    Begin(0xAFFF);
+    Begin(0xA000);
+    PutString(name);
+    End();
+    // Colours go out as stored: no gamma, unlike the reader.
+    const CRGBColor* colors[3] = {&sm->ambient, &m.diffuse, &sm->specular};
+    for (int i = 0; i < 3; ++i) {
+        Begin(static_cast<uint16_t>(0xA010 + 0x10 * i));
+        Begin(0x0011);
+        uint8_t* p = Grow(3);
+        p[0] = colors[i]->r;
+        p[1] = colors[i]->g;
+        p[2] = colors[i]->b;
+        End();
+        End();
+    }
+    Begin(0xA050);
+    Begin(0x0031);
+    PutF32(m.transparency);
+    End();
+    End();
+    if (const CMaterialMap* map = m.GetMaterialMap(MAP_DIFFUSE)) {
+        Begin(0xA200);
+        Begin(0x0030);
+        PutU16(100);
+        End();
+        Begin(0xA300);
+        PutString(ShortTextureName(map->file));
+        End();
+        End();
+    }
+    End();
+}
+
+bool C3DStudioWriter::IsExported(const C3DSceneNode& node, const C3DBaseObject* obj) const {
+    (void)node;
+    if (!obj || !obj->IsGeomObject() || obj->IsFlagSet(OBJF_HIDDEN) || obj->GetKindOf() == KINDOF_CURVE)
+        return false;
+    const auto* geom = static_cast<const C3DGeomObject*>(obj);
+    const C3DPointList* pts = geom->GetPointList();
+    const C3DFaceList* faces = geom->GetFaceList();
+    if (!pts || !faces) return false;
+    return pts->size() <= kMaxCount && CountTriangles(*faces) <= kMaxCount;
+}
+
+void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject& geom) {
+    const C3DPointList& pts = *geom.GetPointList();
+    const C3DFaceList& faces = *geom.GetFaceList();
+    CXStringW name = GetUniqueName(m_objectNames, node.GetName(), 10);
+    m_nodeWritten.SetAt(&node, name);
+
+    C4x4Matrix tm, objectTM;
+    node.GetNodeTM(0, tm);
+    node.GetObjectLocalTM(0, objectTM);
+    // The reader negates x after undoing the matrix when it mirrors; do the inverse first.
+    const float s = tm.Determinant3() < 0 ? -1.0f : 1.0f;
+    const bool hasOffset = !objectTM.IsIdentity();
+
+    Begin(0x4000);
+    PutString(name);
+    Begin(0x4100);
+
+    const size_t np = pts.size();
+    Begin(0x4110);
+    PutU16(static_cast<uint16_t>(np));
+    {
+        uint8_t* out = Grow(np * 12);
+        const float* in = pts.GetData();
+        for (size_t i = 0; i < np; ++i) {
+            C3DPoint p(in[i * 3], in[i * 3 + 1], in[i * 3 + 2]);
+            if (hasOffset) p = objectTM.TransformPoint(p);
+            p.x *= s;
+            p = tm.TransformPoint(p);
+            PutF32le(out + i * 12, p.x);
+            PutF32le(out + i * 12 + 4, p.y);
+            PutF32le(out + i * 12 + 8, p.z);
+        }
+    }
+    End();
+
+    if (const CUVWChannel* uv = geom.GetGlobalUVWChannel()) {
+        std::vector<int32_t> one = uv->GetOneUVPerVertex(faces, static_cast<int>(np));
+        const CUVWPointList& up = *uv->GetUVWPointList();
+        const size_t nuv = up.size();
+        Begin(0x4140);
+        PutU16(static_cast<uint16_t>(np));
+        uint8_t* out = Grow(np * 8);
+        const float* d = up.GetData();
+        for (size_t i = 0; i < np; ++i) {
+            float u = 0, v = 0;
+            if (i < one.size() && one[i] >= 0 && static_cast<size_t>(one[i]) < nuv) {
+                u = d[size_t(one[i]) * 3];
+                v = -d[size_t(one[i]) * 3 + 1];
+            }
+            PutF32le(out + i * 8, u);
+            PutF32le(out + i * 8 + 4, v);
+        }
+        End();
+    }
+
+    Begin(0x4160);
+    for (int r = 0; r < 4; ++r)
+        for (int k = 0; k < 3; ++k) PutF32(tm.m[r][k]);
+    End();
+
+    // Triangles: quads split in two, larger faces keep their first triangle only.
+    const int nf = faces.GetNumberOfFaces();
+    const uint64_t ntri = CountTriangles(faces);
+    std::vector<uint32_t> triMaterial;
+    triMaterial.reserve(ntri);
+    Begin(0x4120);
+    PutU16(static_cast<uint16_t>(ntri));
+    {
+        uint8_t* out = Grow(ntri * 8);
+        auto tri = [&](uint32_t a, uint32_t b, uint32_t c, uint16_t flags, uint32_t mat) {
+            PutU16le(out, static_cast<uint16_t>(a));
+            PutU16le(out + 2, static_cast<uint16_t>(b));
+            PutU16le(out + 4, static_cast<uint16_t>(c));
+            PutU16le(out + 6, flags);
+            out += 8;
+            triMaterial.push_back(mat);
+        };
+        for (int f = 0; f < nf; ++f) {
+            std::span<const uint32_t> ix = faces.Face(f);
+            const uint32_t mat = faces.GetMaterialID(f);
+            if (ix.size() == 3) {
+                tri(ix[0], ix[1], ix[2], 7, mat);
+            } else if (ix.size() == 4) {
+                tri(ix[0], ix[1], ix[2], 6, mat);
+                tri(ix[2], ix[3], ix[0], 6, mat);
+            } else if (ix.size() > 4) {
+                tri(ix[0], ix[1], ix[2], 6, mat);
+            } else {
+                // Fewer than three corners: the last one repeats.
+                uint32_t a = ix.empty() ? 0 : ix[0];
+                uint32_t b = ix.size() > 1 ? ix[1] : a;
+                tri(a, b, b, 6, mat);
+            }
+        }
+    }
+    // One 0x4130 per material the faces use, in material ID order.
+    std::vector<uint32_t> order(triMaterial.size());
+    for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<uint32_t>(i);
+    std::stable_sort(order.begin(), order.end(),
+                     [&](uint32_t a, uint32_t b) { return triMaterial[a] < triMaterial[b]; });
+    for (size_t i = 0; i < order.size();) {
+        const uint32_t mat = triMaterial[order[i]];
+        size_t j = i;
+        while (j < order.size() && triMaterial[order[j]] == mat) ++j;
+        if (m_scene.GetMaterialByID(mat) != nullptr) {
+            Begin(0x4130);
+            const CXStringW* written = m_materialWritten.Find(mat);
+            PutString(written ? *written : CXStringW());
+            PutU16(static_cast<uint16_t>(j - i));
+            uint8_t* out = Grow((j - i) * 2);
+            for (size_t k = i; k < j; ++k, out += 2) PutU16le(out, static_cast<uint16_t>(order[k]));
+            End();
+        }
+        i = j;
+    }
+    End(); // 0x4120
+    End(); // 0x4100
+    End(); // 0x4000
+}
+
+const CXStringW& C3DStudioWriter::NodeName(const C3DSceneNode& node) {
+    if (const CXStringW* n = m_nodeWritten.Find(&node)) return *n;
+    m_nodeWritten.SetAt(&node, GetUniqueName(m_objectNames, node.GetName(), 10));
+    return *m_nodeWritten.Find(&node);
+}
+
+void C3DStudioWriter::WriteNode(C3DSceneNode& node, uint32_t kind) {
+    const uint32_t id = m_nodeCounter;
+    m_nodeIDs.SetAt(&node, id);
+    Begin(0xB002);
+    Begin(0xB030);
+    PutU16(static_cast<uint16_t>(id));
+    End();
+
+    Begin(0xB010);
+    PutString(kind == KINDOF_GROUP ? CXStringW(L"$$$DUMMY") : NodeName(node));
+    PutU16(0x4000);
+    PutU16(0);
+    uint16_t parentID = 0xFFFF;
+    const C3DSceneNode* parent = node.GetParent();
+    if (parent && parent != m_scene.GetRoot()) {
+        if (const uint32_t* pid = m_nodeIDs.Find(parent)) parentID = static_cast<uint16_t>(*pid);
+    }
+    PutU16(parentID);
+    End();
+
+    Begin(0xB013);
+    C3DVector pivot;
+    if (node.GetKeyNbr(KEY_PIVOT) > 0) {
+        if (const auto* k = dynamic_cast<const C3DVectorKey*>(node.GetKeyByIndex(KEY_PIVOT, 0))) pivot = -k->value;
+    }
+    PutF32(pivot.x);
+    PutF32(pivot.y);
+    PutF32(pivot.z);
+    End();
+
+    if (kind == KINDOF_GROUP) {
+        Begin(0xB011);
+        PutString(NodeName(node));
+        End();
+        WriteTracks(node);
+        Begin(0xB014);
+        C3DBox box;
+        if (!node.GetBoundingBox(0, box, false) || !box.IsValid()) box.min = box.max = C3DPoint();
+        PutF32(box.min.x);
+        PutF32(box.min.y);
+        PutF32(box.min.z);
+        PutF32(box.max.x);
+        PutF32(box.max.y);
+        PutF32(box.max.z);
+        End();
+    } else {
+        WriteTracks(node);
+    }
+    End();
+    ++m_nodeCounter;
+}
+
+void C3DStudioWriter::WriteTracks(C3DSceneNode& node) {
+    struct Sample {
+        int32_t time;
+        C3DPoint t, s;
+        C3DVector axis;
+        float angle;
+    };
+    std::vector<Sample> samples;
+    if (node.GetKeyNbr() == 0) {
+        // A key-less node gets a translation key at 0, deliberately changing the scene.
+        C4x4Matrix local;
+        node.GetNodeLocalTM(0, local);
+        auto key = std::make_unique<C3DTranslateKey>(0);
+        key->value = local.GetTranslation();
+        node.AddKey(std::move(key), CURVE_TCB);
+    }
+    std::vector<int32_t> times;
+    for (int t = 0; t < node.GetTrackCount(); ++t) {
+        const C3DKeyCurve* track = node.GetTrackByIndex(t);
+        for (int k = 0; k < track->GetKeyNbr(); ++k) times.push_back(track->GetKeyByIndex(k)->GetTime());
+    }
+    std::sort(times.begin(), times.end());
+    times.erase(std::unique(times.begin(), times.end()), times.end());
+    samples.reserve(times.size());
+    uint32_t counts[3] = {0, 0, 0};
+    for (size_t i = 0; i < times.size(); ++i) {
+        C4x4Matrix local;
+        node.GetNodeLocalTM(times[i], local);
+        Sample sm;
+        sm.time = times[i];
+        CQuaternion q;
+        local.Decompose(sm.t, q, sm.s);
+        q.ToAxisAngle(sm.axis, sm.angle);
+        samples.push_back(sm);
+    }
+    auto usesPos = [](const Sample& sm, size_t i) {
+        return i == 0 || std::fabs(sm.t.x) >= 1e-15f || std::fabs(sm.t.y) >= 1e-15f || std::fabs(sm.t.z) >= 1e-15f;
+    };
+    auto usesRot = [](const Sample& sm) { return std::fabs(sm.angle) > 1e-6f; };
+    auto usesScale = [](const Sample& sm) {
+        return std::fabs(sm.s.x - 1) > 1e-15f || std::fabs(sm.s.y - 1) > 1e-15f || std::fabs(sm.s.z - 1) > 1e-15f;
+    };
+    for (size_t i = 0; i < samples.size(); ++i) {
+        counts[0] += usesPos(samples[i], i);
+        counts[1] += usesRot(samples[i]);
+        counts[2] += usesScale(samples[i]);
+    }
+    static const uint64_t kTags[3] = {KEY_TRANSLATE, KEY_ROTATE, KEY_SCALE};
+    for (int track = 0; track < 3; ++track) {
+        if (!counts[track]) continue;
+        Begin(static_cast<uint16_t>(0xB020 + track));
+        PutU16(0);
+        PutU32(0);
+        PutU32(0);
+        PutU32(counts[track]);
+        for (size_t i = 0; i < samples.size(); ++i) {
+            const Sample& sm = samples[i];
+            if (track == 0 ? !usesPos(sm, i) : track == 1 ? !usesRot(sm) : !usesScale(sm)) continue;
+            PutU32(static_cast<uint32_t>(sm.time));
+            CTCBParams tcb = SplineAt(node, kTags[track], sm.time);
+            const float v[5] = {tcb.tension, tcb.continuity, tcb.bias, tcb.easeIn, tcb.easeOut};
+            uint16_t flags = 0;
+            for (int b = 0; b < 5; ++b)
+                if (v[b] != 0.0f) flags = static_cast<uint16_t>(flags | (1u << b));
+            PutU16(flags);
+            for (int b = 0; b < 5; ++b)
+                if (v[b] != 0.0f) PutF32(v[b]);
+            if (track == 0) {
+                PutF32(sm.t.x); PutF32(sm.t.y); PutF32(sm.t.z);
+            } else if (track == 1) {
+                PutF32(sm.angle); PutF32(sm.axis.x); PutF32(sm.axis.y); PutF32(sm.axis.z);
+            } else {
+                PutF32(sm.s.x); PutF32(sm.s.y); PutF32(sm.s.z);
+            }
+        }
+        End();
+    }
+}

@@ -1,0 +1,60 @@
+#pragma once
+// Writes a scene as a 3D Studio main file: the editor part (materials, master
+// scale, one triangle object per exportable mesh node, points in world space)
+// and the keyframer part (one object node per mesh or dummy, tracks sampled at
+// the node's key times). Meshes past the format's 16-bit counts are left out.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "plugin/host/Scene.h"
+#include "plugin/host/XArray.h"
+#include "plugin/host/XString.h"
+
+class IoFile;
+
+class C3DStudioWriter {
+public:
+    C3DStudioWriter(IoFile& file, C3DScene& scene);
+    // Writes the whole file; false when a write failed.
+    bool Write();
+
+    // Triangles a face list becomes (two per 4-vertex face, one per other face).
+    static uint64_t CountTriangles(const CFaceList& faces);
+    // The 8.3 form of a texture file name: name cut to 8, extension (with its dot) cut to 4.
+    static CXStringW ShortTextureName(const CXStringW& path);
+
+private:
+    // Chunk output: bytes gather in a buffer; a chunk's length is patched when it
+    // ends, in the buffer or, once flushed, in the file.
+    void Begin(uint16_t id);
+    void End();
+    uint8_t* Grow(size_t n);
+    void PutU16(uint16_t v);
+    void PutU32(uint32_t v);
+    void PutF32(float v);
+    void PutString(const CXStringW& s);
+    void FlushIfFull();
+    bool Flush();
+
+    void WriteMaterial(const C3DMaterial& m);
+    bool IsExported(const C3DSceneNode& node, const C3DBaseObject* obj) const;
+    void WriteObject(const C3DSceneNode& node, const C3DGeomObject& geom);
+    void WriteNode(C3DSceneNode& node, uint32_t kind);
+    void WriteTracks(C3DSceneNode& node);
+    const CXStringW& NodeName(const C3DSceneNode& node);
+
+    IoFile& m_file;
+    C3DScene& m_scene;
+    std::vector<uint8_t> m_buf;
+    uint64_t m_flushed = 0;
+    std::vector<uint64_t> m_open;
+    bool m_failed = false;
+
+    CHashTable<CXStringW> m_objectNames{23};
+    CHashTable<CXStringW> m_materialNames{23};
+    CHashMap<uint32_t, CXStringW> m_materialWritten{23};
+    CHashMap<const C3DSceneNode*, CXStringW> m_nodeWritten{23};
+    CHashMap<const C3DSceneNode*, uint32_t> m_nodeIDs{23};
+    uint32_t m_nodeCounter = 0;
+};

@@ -1,0 +1,101 @@
+#pragma once
+// Test helpers for the classic formats: a little-endian 3DS chunk builder, and
+// shortcuts that run a parser on bytes or files and look nodes up.
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "formats/classic/C3DStudioIo.h"
+#include "plugin/host/FileIo.h"
+#include "plugin/host/Options.h"
+#include "plugin/host/Scene.h"
+
+namespace classictest {
+
+// Builds 3DS bytes; Begin/End nest chunks and patch their lengths.
+class StudioBuilder {
+public:
+    StudioBuilder& Begin(uint16_t id) {
+        m_open.push_back(m_b.size());
+        U16(id);
+        U32(0);
+        return *this;
+    }
+    StudioBuilder& End() {
+        size_t start = m_open.back();
+        m_open.pop_back();
+        uint32_t len = static_cast<uint32_t>(m_b.size() - start);
+        std::memcpy(&m_b[start + 2], &len, 4);
+        return *this;
+    }
+    StudioBuilder& U8(uint8_t v) { m_b.push_back(static_cast<char>(v)); return *this; }
+    StudioBuilder& U16(uint16_t v) { return Raw(&v, 2); }
+    StudioBuilder& U32(uint32_t v) { return Raw(&v, 4); }
+    StudioBuilder& I32(int32_t v) { return Raw(&v, 4); }
+    StudioBuilder& F32(float v) { return Raw(&v, 4); }
+    StudioBuilder& Str(const std::string& s) { m_b += s; m_b.push_back('\0'); return *this; }
+    StudioBuilder& Raw(const void* p, size_t n) { m_b.append(static_cast<const char*>(p), n); return *this; }
+    // A chunk header with an explicit (possibly wrong) length.
+    StudioBuilder& Header(uint16_t id, uint32_t len) { return U16(id).U32(len); }
+    const std::string& Bytes() const { return m_b; }
+    size_t Size() const { return m_b.size(); }
+
+    // Common pieces.
+    StudioBuilder& Points(const std::vector<float>& xyz) {
+        Begin(0x4110).U16(static_cast<uint16_t>(xyz.size() / 3));
+        for (float f : xyz) F32(f);
+        return End();
+    }
+    // Faces (a, b, c) without the closing End(), so 0x4130 chunks can follow.
+    StudioBuilder& FacesOpen(const std::vector<uint16_t>& abc) {
+        Begin(0x4120).U16(static_cast<uint16_t>(abc.size() / 3));
+        for (size_t i = 0; i < abc.size(); i += 3) U16(abc[i]).U16(abc[i + 1]).U16(abc[i + 2]).U16(7);
+        return *this;
+    }
+    StudioBuilder& Matrix(const float m[12]) {
+        Begin(0x4160);
+        for (int i = 0; i < 12; ++i) F32(m[i]);
+        return End();
+    }
+    StudioBuilder& NodeHeader(const std::string& name, uint16_t parent) {
+        return Begin(0xB010).Str(name).U16(0x4000).U16(0).U16(parent).End();
+    }
+
+private:
+    std::string m_b;
+    std::vector<size_t> m_open;
+};
+
+struct ReadResult {
+    std::unique_ptr<C3DScene> scene;
+    int error = 0;
+    int level = 0;
+    std::vector<IoLogInfo> log;
+};
+
+inline ReadResult ReadStudio(const std::string& bytes, bool shapes = false) {
+    CFileIo io;
+    CSceneImportOptions opt;
+    C3DStudioIo parser(io);
+    parser.SetReadShapes(shapes);
+    ReadResult r;
+    r.scene.reset(parser.ReadMemory(bytes.data(), bytes.size(), opt));
+    r.error = io.GetIoError();
+    r.level = io.GetIoErrorLevel();
+    r.log = opt.GetLog();
+    return r;
+}
+
+// Every node of the scene in traversal order.
+inline std::vector<C3DSceneNode*> AllNodes(const C3DScene& s) {
+    std::vector<C3DSceneNode*> out;
+    C3DNodePos pos = s.GetFirstNode(KINDOF_ALL);
+    while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
+    return out;
+}
+
+inline C3DSceneNode* Named(const C3DScene& s, const wchar_t* name) { return s.FindNodeByName(CXStringW(name)); }
+
+} // namespace classictest
