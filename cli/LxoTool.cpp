@@ -1,8 +1,184 @@
+// orbiscope lxo: the LXO tools on the command line (dump, copy, replace one layer).
+// Copy and replace write into a temporary file beside the destination and move it into
+// place only when the whole copy succeeded.
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
 
 #include "cli/ToolCommands.h"
+#include "formats/lxo/LxoCopy.h"
+#include "formats/lxo/LxoDump.h"
+#include "plugin/host/FileIo.h"
+#include "plugin/host/GenericIo.h"
+#include "plugin/host/HostTypes.h"
+#include "plugin/host/Object.h"
+#include "plugin/host/Scene.h"
+#include "plugin/host/XString.h"
 
-int RunLxoCommand(int, char**) {
-    std::fprintf(stderr, "orbiscope: the LXO tools are not available yet.\n");
-    return 8;
+namespace {
+
+// The CLI's exit statuses (the same numbers as the main program's).
+enum LxoExit : int {
+    EXIT_USAGE = 2,
+    EXIT_CANNOT_OPEN = 3,
+    EXIT_DAMAGED = 4,
+    EXIT_EMPTY = 5,
+    EXIT_NOTHING = 6,
+    EXIT_NOT_AVAILABLE = 8,
+    EXIT_WRITE = 9,
+};
+
+int Usage() {
+    std::fprintf(stderr,
+                 "usage: orbiscope lxo dump FILE [-v] [-o OUT]\n"
+                 "       orbiscope lxo copy SRC DST\n"
+                 "       orbiscope lxo replace SRC DST --layer REFID MESHFILE\n");
+    return EXIT_USAGE;
+}
+
+bool Readable(const char* path) {
+    FILE* f = LxoOpenFile(path, "rb");
+    if (!f) return false;
+    std::fclose(f);
+    return true;
+}
+
+int ReadFailure(const char* what, const char* path, uint32_t r) {
+    if (r == LXO_ERR_UNSUPPORTED_TYPE)
+        std::fprintf(stderr, "orbiscope: cannot %s '%s': it holds a channel value of an unsupported type.\n", what, path);
+    else if (r == LXO_ERR_OUT_OF_MEMORY)
+        std::fprintf(stderr, "orbiscope: cannot %s '%s': out of memory.\n", what, path);
+    else
+        std::fprintf(stderr, "orbiscope: cannot %s '%s': the file is damaged or cut short (LXO result 0x%08x).\n",
+                     what, path, r);
+    return EXIT_DAMAGED;
+}
+
+int Dump(int argc, char** argv) {
+    const char* file = nullptr;
+    const char* out = nullptr;
+    bool verbose = false;
+    for (int i = 0; i < argc; ++i) {
+        if (!std::strcmp(argv[i], "-v")) verbose = true;
+        else if (!std::strcmp(argv[i], "-o") && i + 1 < argc) out = argv[++i];
+        else if (!file && argv[i][0] != '-') file = argv[i];
+        else return Usage();
+    }
+    if (!file) return Usage();
+    if (!Readable(file)) {
+        std::fprintf(stderr, "orbiscope: cannot open '%s': %s.\n", file, std::strerror(errno));
+        return EXIT_CANNOT_OPEN;
+    }
+    LxoDump dump(file, out, verbose);
+    if (!dump.HasOutput()) {
+        std::fprintf(stderr, "orbiscope: cannot create the dump output '%s'.\n", out ? out : "");
+        return EXIT_WRITE;
+    }
+    const uint32_t r = dump.Read();
+    if (r) return ReadFailure("dump", file, r);
+    return 0;
+}
+
+// Runs the updater from src into a temporary file beside dst, then moves it into place.
+int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMesh* mesh) {
+    if (!Readable(src)) {
+        std::fprintf(stderr, "orbiscope: cannot open '%s': %s.\n", src, std::strerror(errno));
+        return EXIT_CANNOT_OPEN;
+    }
+    const std::string tmp = std::string(dst) + ".orbiscope-tmp";
+    uint32_t r = 0, w = 0;
+    int replaced = 0;
+    {
+        LxoUpdater up(src, tmp.c_str());
+        if (!up.Writer()) {
+            std::fprintf(stderr, "orbiscope: cannot create '%s'.\n", dst);
+            return EXIT_WRITE;
+        }
+        if (mesh) up.Replacements().SetAt(layerRef, mesh);
+        r = up.Read();
+        replaced = up.ReplacedCount();
+        w = up.Writer()->Finish();
+    }
+    std::error_code ec;
+    if (r || w) {
+        std::filesystem::remove(tmp, ec);
+        if (w && (!r || r == LXO_ERR_WRITE)) {
+            std::fprintf(stderr, "orbiscope: cannot write '%s': the disk refused the data.\n", dst);
+            return EXIT_WRITE;
+        }
+        return ReadFailure("read", src, r);
+    }
+    if (mesh && replaced == 0) {
+        std::filesystem::remove(tmp, ec);
+        std::fprintf(stderr, "orbiscope: cannot replace a layer of '%s': it has no mesh layer with reference ID %u.\n",
+                     src, layerRef);
+        return EXIT_NOTHING;
+    }
+    std::filesystem::rename(tmp, dst, ec);
+    if (ec) {
+        std::filesystem::remove(tmp, ec);
+        std::fprintf(stderr, "orbiscope: cannot write '%s': %s.\n", dst, ec.message().c_str());
+        return EXIT_WRITE;
+    }
+    return 0;
+}
+
+int Replace(int argc, char** argv) {
+    // SRC DST --layer REFID MESHFILE
+    if (argc != 5 || std::strcmp(argv[2], "--layer") != 0) return Usage();
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long ref = std::strtoul(argv[3], &end, 10);
+    if (!*argv[3] || *end || errno || ref > UINT32_MAX) return Usage();
+    const char* meshFile = argv[4];
+
+    CFileIo io{CXStringW(Utf8ToWide(meshFile))};
+    std::unique_ptr<C3DScene> scene = C3DIo::ReadScene(CXStringW(Utf8ToWide(meshFile)), io);
+    if (!scene) {
+        const int e = io.GetIoError();
+        const char* why = e == IO_ERR_OPEN     ? "it cannot be opened"
+                          : e == IO_ERR_FORMAT ? "it is damaged or not of its format"
+                          : e == IO_ERR_EMPTY  ? "it holds nothing"
+                                               : "no reader for its format is available";
+        std::fprintf(stderr, "orbiscope: cannot read the mesh file '%s': %s.\n", meshFile, why);
+        return e == IO_ERR_OPEN     ? EXIT_CANNOT_OPEN
+               : e == IO_ERR_FORMAT ? EXIT_DAMAGED
+               : e == IO_ERR_EMPTY  ? EXIT_EMPTY
+                                    : EXIT_NOT_AVAILABLE;
+    }
+    C3DBaseObject* object = nullptr;
+    C3DNodePos pos = scene->GetFirstNode(KINDOF_MESH);
+    const C3DGeomObject* mesh = nullptr;
+    while (scene->GetNextNode(object, pos)) {
+        if (object && object->GetKindOf() == KINDOF_MESH) {
+            mesh = static_cast<const C3DGeomObject*>(object);
+            break;
+        }
+    }
+    if (!mesh) {
+        std::fprintf(stderr, "orbiscope: cannot replace a layer from '%s': it holds no mesh.\n", meshFile);
+        return EXIT_NOTHING;
+    }
+    LxoLayerMesh layer;
+    layer.object = mesh;
+    return Update(argv[0], argv[1], static_cast<uint32_t>(ref), &layer);
+}
+
+} // namespace
+
+int RunLxoCommand(int argc, char** argv) {
+    if (argc < 1) return Usage();
+    const std::string cmd = argv[0];
+    if (cmd == "dump") return Dump(argc - 1, argv + 1);
+    if (cmd == "copy") {
+        if (argc != 3) return Usage();
+        return Update(argv[1], argv[2], 0, nullptr);
+    }
+    if (cmd == "replace") return Replace(argc - 1, argv + 1);
+    return Usage();
 }

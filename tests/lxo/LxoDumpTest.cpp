@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <regex>
+#include <string>
+
+#include "LxoTestFiles.h"
+#include "formats/lxo/LxoDump.h"
+#include "tests/support/TestSupport.h"
+
+using testsupport::TempDir;
+
+namespace {
+std::string DumpText(const std::string& lxo, bool verbose, uint32_t* result = nullptr) {
+    TempDir tmp;
+    const std::string out = (tmp / "dump.txt").string();
+    uint32_t r;
+    {
+        LxoDump d(lxo.c_str(), out.c_str(), verbose);
+        r = d.Read();
+    }
+    if (result) *result = r;
+    return testsupport::ReadFile(out);
+}
+
+std::string Golden(const char* name) {
+    return testsupport::ReadFile(testsupport::SourceDir() / "tests/lxo/data" / name);
+}
+
+std::string NeutralBanner(const std::string& text) {
+    return std::regex_replace(text, std::regex("=========== Dump of .*? ==========="),
+                              "=========== Dump of SAMPLE ===========", std::regex_constants::format_first_only);
+}
+
+std::string DumpBytes(const std::string& bytes, bool verbose, uint32_t* result) {
+    TempDir tmp;
+    const std::string in = (tmp / "in.lxo").string();
+    testsupport::WriteFile(in, bytes);
+    return DumpText(in, verbose, result);
+}
+} // namespace
+
+// The whole listing of a file holding every chunk family, in both modes.
+TEST(LxoDump, GoldenTerseAndVerbose) {
+    TempDir tmp;
+    const std::string f = (tmp / "sample.lxo").string();
+    lxotest::WriteDumpSample(f);
+    uint32_t r = 1;
+    EXPECT_EQ(NeutralBanner(DumpText(f, false, &r)), Golden("sample_terse.txt"));
+    EXPECT_EQ(r, 0u);
+    EXPECT_EQ(NeutralBanner(DumpText(f, true, &r)), Golden("sample_verbose.txt"));
+    EXPECT_EQ(r, 0u);
+}
+
+TEST(LxoDump, TerseModeListsOnlyHeadersAndCounts) {
+    TempDir tmp;
+    const std::string f = (tmp / "sample.lxo").string();
+    lxotest::WriteDumpSample(f);
+    const std::string terse = DumpText(f, false);
+    EXPECT_NE(terse.find("#Points: 3\n\nChunk ID: 'BBOX'"), std::string::npos);
+    EXPECT_EQ(terse.find("Point["), std::string::npos);
+    EXPECT_EQ(terse.find("Poly Type"), std::string::npos);
+    EXPECT_NE(terse.find("Chunk ID: 'POLS'  Size: 12\n\nChunk ID: 'POLS'"), std::string::npos);
+    EXPECT_EQ(terse.find("Channel   0"), std::string::npos);
+}
+
+TEST(LxoDump, KeyTypeNamesAndIds) {
+    EXPECT_STREQ(LxoDump::SlopeTypeName(0), "Direct");
+    EXPECT_STREQ(LxoDump::SlopeTypeName(3), "Auto,Linear In");
+    EXPECT_STREQ(LxoDump::SlopeTypeName(63), "Auto,Linear In,Linear Out,Flat,Autoflat,Stepped");
+    EXPECT_STREQ(LxoDump::WeightTypeName(0), "None");
+    EXPECT_STREQ(LxoDump::WeightTypeName(5), "Value,Weight");
+    // One shared buffer: a second call overwrites the first result.
+    const char* a = LxoDump::SlopeTypeName(1);
+    LxoDump::WeightTypeName(2);
+    EXPECT_STREQ(a, "Slope");
+    EXPECT_STREQ(LxoDump::QuotedID(lxoid::VRSN), "'VRSN'");
+}
+
+TEST(LxoDump, ChannelValueNotes) {
+    using lxotest::Chunk;
+    using lxotest::Sub;
+    using lxotest::U2;
+    using lxotest::U4;
+    using lxotest::F4;
+    auto chan = [](uint16_t type, const std::string& value) {
+        return Sub("CHAN", std::string("\0\0", 2) + U2(type) + value);
+    };
+    const std::string item = std::string("t\0n\0", 4) + U4(1) + chan(0x12, F4(1)) + chan(0x212, F4(1)) +
+                             chan(0x612, F4(1)) + chan(0x22, F4(2)) + chan(0x4E76, F4(3)) +
+                             chan(0x04, U4(3) + std::string("ab\0", 3));
+    uint32_t r = 1;
+    const std::string text = DumpBytes(lxotest::Form(Chunk("ITEM", item)), false, &r);
+    EXPECT_EQ(r, 0u);
+    EXPECT_NE(text.find("(0x012) Float: 1.000000 EnvInterp: Curve\n"), std::string::npos);
+    EXPECT_NE(text.find("(0x212) Float: 1.000000 EnvInterp: Linear\n"), std::string::npos);
+    EXPECT_NE(text.find("(0x612) Float: 1.000000 EnvInterp: Undefined\n"), std::string::npos);
+    EXPECT_NE(text.find(", (34) Float: 2.000000\n"), std::string::npos);
+    EXPECT_NE(text.find(", (20086) Float: 3.000000\n"), std::string::npos);
+    EXPECT_NE(text.find("Value: <ab>, bytes: 3\n"), std::string::npos);
+}
+
+TEST(LxoDump, OutputThatCannotBeCreated) {
+    TempDir tmp;
+    const std::string f = (tmp / "sample.lxo").string();
+    lxotest::WriteDumpSample(f);
+    const std::string bad = (tmp / "no/such/dir/out.txt").string();
+    testing::internal::CaptureStdout();
+    {
+        LxoDump d(f.c_str(), bad.c_str(), true);
+        EXPECT_FALSE(d.HasOutput());
+        EXPECT_EQ(d.Read(), 0u); // walks silently
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error writing output file <" + bad + ">\n");
+}
+
+TEST(LxoDump, StopsAtReadErrorAfterPrintingWhatItRead) {
+    TempDir tmp;
+    const std::string f = (tmp / "sample.lxo").string();
+    lxotest::WriteDumpSample(f);
+    std::string bytes = testsupport::ReadFile(f);
+    const size_t item = bytes.find("ITEM");
+    ASSERT_NE(item, std::string::npos);
+    uint32_t r = 0;
+    const std::string text = DumpBytes(bytes.substr(0, item + 30), false, &r);
+    EXPECT_EQ(r, LXO_ERR_READ);
+    EXPECT_NE(text.find("Chunk ID: 'ITEM'"), std::string::npos);
+    EXPECT_EQ(text.find("UNIQ"), std::string::npos);
+}
+
+// Both Modo scenes dump through to the end in both modes.
+TEST(LxoDump, CorpusDumpsCompletely) {
+    SKIP_WITHOUT_CORPUS();
+    const auto files = testsupport::CorpusFiles("lxo", ".lxo");
+    ASSERT_FALSE(files.empty());
+    for (const auto& f : files) {
+        const std::string bytes = testsupport::ReadFile(f);
+        const size_t chunks = lxotest::ListChunks(bytes).size();
+        for (bool verbose : {false, true}) {
+            uint32_t r = 1;
+            const std::string text = DumpText(f.string(), verbose, &r);
+            EXPECT_EQ(r, 0u) << f << (verbose ? " verbose" : " terse");
+            size_t headers = 0;
+            for (size_t p = text.find("\nChunk ID: "); p != std::string::npos; p = text.find("\nChunk ID: ", p + 1))
+                ++headers;
+            EXPECT_EQ(headers, chunks + 1) << f; // FORM + every chunk
+            EXPECT_NE(text.find("Mesh: Reference ID: "), std::string::npos);
+            if (verbose) {
+                EXPECT_NE(text.find("Poly Type: 'FACE'"), std::string::npos);
+            }
+        }
+    }
+}
