@@ -128,7 +128,7 @@ TEST(PluginModule, ParserCreationAndUnknownRequests) {
     req.parser = sentinel;
     EXPECT_TRUE(M().init(1, &req));
     EXPECT_EQ(req.parser, sentinel); // unknown ID: untouched
-    req.typeID = FourCC("STL"); // without the blank
+    req.typeID = 0x53544C00u; // "STL" without the blank
     EXPECT_TRUE(M().init(1, &req));
     EXPECT_EQ(req.parser, sentinel);
     int junk = 7;
