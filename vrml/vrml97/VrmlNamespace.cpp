@@ -1,0 +1,79 @@
+// Scopes of DEF names and node types.
+#include "vrml/vrml97/VrmlNamespace.h"
+
+#include <cstring>
+
+#include "vrml/vrml97/System.h"
+#include "vrml/vrml97/VrmlNode.h"
+#include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlNodes.h"
+
+VrmlNamespace::VrmlNamespace(std::shared_ptr<VrmlNamespace> parent)
+    : d_parentKeep(std::move(parent)), d_parent(d_parentKeep.get()) {}
+
+std::shared_ptr<VrmlNamespace> VrmlNamespace::createChild(VrmlNamespace* parent) {
+    auto ns = std::make_shared<VrmlNamespace>(parent ? parent->weak_from_this().lock() : nullptr);
+    ns->d_parent = parent;
+    return ns;
+}
+
+VrmlNamespace::~VrmlNamespace() {
+    d_names.clear();
+    for (VrmlNode* n : d_held) n->release();
+    for (VrmlNodeType* t : d_types) t->dereference();
+}
+
+bool VrmlNamespace::addNodeType(VrmlNodeType* type) {
+    for (VrmlNodeType* t : d_types) {
+        if (std::strcmp(t->getName(), type->getName()) == 0) {
+            theSystem->warn("PROTO %s already defined\n", type->getName());
+            return false;
+        }
+    }
+    d_types.push_back(type->reference());
+    return true;
+}
+
+VrmlNodeType* VrmlNamespace::findType(const char* name) const {
+    for (const VrmlNamespace* ns = this; ns; ns = ns->d_parent)
+        for (VrmlNodeType* t : ns->d_types)
+            if (std::strcmp(t->getName(), name) == 0) return t;
+    return findBuiltinType(name);
+}
+
+VrmlNodeType* VrmlNamespace::findOwnType(const char* name) const {
+    for (VrmlNodeType* t : d_types)
+        if (std::strcmp(t->getName(), name) == 0) return t;
+    return nullptr;
+}
+
+void VrmlNamespace::addNodeName(VrmlNode* node) {
+    node->addRef();
+    d_held.push_back(node);
+    d_names[node->name()] = node;
+}
+
+VrmlNode* VrmlNamespace::findNode(const char* name) const {
+    auto it = d_names.find(name);
+    return it == d_names.end() ? nullptr : it->second;
+}
+
+VrmlNodeType* VrmlNamespace::findBuiltinType(const char* name) {
+    struct Entry {
+        const char* name;
+        VrmlNodeType* (*define)(VrmlNodeType*);
+    };
+#define VRML_BUILTIN(S) {nullptr, &VrmlNode##S::defineType},
+    static const Entry kTypes[] = {VRML_NODE_CLASSES(VRML_BUILTIN)};
+#undef VRML_BUILTIN
+    static std::unordered_map<std::string, VrmlNodeType*> table = [] {
+        std::unordered_map<std::string, VrmlNodeType*> m;
+        for (const Entry& e : kTypes) {
+            VrmlNodeType* t = e.define(nullptr);
+            m[t->getName()] = t;
+        }
+        return m;
+    }();
+    auto it = table.find(name);
+    return it == table.end() ? nullptr : it->second;
+}

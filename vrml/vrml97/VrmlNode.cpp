@@ -1,0 +1,342 @@
+// Node base behaviour: reference counting, the table-driven field access shared
+// by every node class, event dispatch through routes, and the text form.
+#include "vrml/vrml97/VrmlNode.h"
+
+#include <cstring>
+#include <ostream>
+
+#include "vrml/vrml97/System.h"
+#include "vrml/vrml97/VrmlNamespace.h"
+#include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlScene.h"
+#include "vrml/vrml97/VrmlWriter.h"
+
+namespace {
+uint32_t g_printPass = 1;
+int g_emitDepth = 0;
+int g_sceneDepth = 0;
+constexpr int kMaxEmitDepth = 512;
+constexpr int kMaxSceneDepth = 2500;
+
+void writeIndent(std::ostream& os, int n) {
+    for (int i = 0; i < n; ++i) os.put(' ');
+}
+} // namespace
+
+VrmlNodeType* VrmlNewBuiltinType(const char* name, VrmlNode* (*creator)(VrmlScene*)) {
+    return (new VrmlNodeType(name, creator))->reference();
+}
+
+void VrmlPrintBegin() { ++g_printPass; }
+
+bool VrmlIsWritableName(const std::string& name) {
+    if (name.empty()) return false;
+    unsigned char c = static_cast<unsigned char>(name[0]);
+    if (c <= 0x20 || (c >= '0' && c <= '9') || std::strchr("\"#'+,-.[\\]{}", c) || c == 0x7f) return false;
+    for (unsigned char d : name)
+        if (d <= 0x20 || std::strchr("\"#',.[\\]{}", d) || d == 0x7f) return false;
+    return true;
+}
+
+VrmlNode::VrmlNode(VrmlNodeType* type, VrmlScene* scene) : d_type(type), d_scene(scene) {
+    if (d_type) d_type->reference();
+}
+
+VrmlNode::VrmlNode(const VrmlNode& o)
+    : d_type(o.d_type), d_name(o.d_name), d_routes(o.d_routes) {
+    if (d_type) d_type->reference();
+}
+
+VrmlNode::~VrmlNode() {
+    if (d_registered && d_scene) d_scene->removeFromLists(this);
+    if (d_type) d_type->dereference();
+}
+
+void VrmlNode::release() {
+    if (--d_refCount <= 0) delete this;
+}
+
+void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
+    d_name = name ? name : "";
+    if (ns && !d_name.empty()) ns->addNodeName(this);
+}
+
+VrmlNode* VrmlNode::cloneInto(VrmlNamespace* ns) {
+    if (d_visited && d_clone) return d_clone;
+    VrmlNode* copy = cloneMe();
+    if (!d_name.empty()) copy->setName(d_name.c_str(), ns);
+    d_visited = true;
+    d_clone = copy;
+    return copy;
+}
+
+void VrmlNode::cloneChildrenInto(VrmlNamespace* ns) {
+    // Runs on the copy: its node fields still point at the originals.
+    visitFields([ns](const char*, VrmlField& f) {
+        if (VrmlSFNode* sf = f.asSFNode()) {
+            VrmlNode* orig = sf->get();
+            if (!orig) return;
+            bool fresh = !(orig->d_visited && orig->d_clone);
+            VrmlNode* c = orig->cloneInto(ns);
+            sf->set(c);
+            if (fresh) c->cloneChildrenInto(ns);
+        } else if (VrmlMFNode* mf = f.asMFNode()) {
+            VrmlMFNode clones;
+            for (size_t i = 0; i < mf->size(); ++i) {
+                VrmlNode* orig = (*mf)[i];
+                if (!orig) {
+                    clones.add(nullptr);
+                    continue;
+                }
+                bool fresh = !(orig->d_visited && orig->d_clone);
+                VrmlNode* c = orig->cloneInto(ns);
+                clones.add(c);
+                if (fresh) c->cloneChildrenInto(ns);
+            }
+            *mf = clones;
+        }
+    });
+    translateRoutes(d_routes, ns);
+}
+
+void VrmlNode::translateRoutes(std::vector<Route>& routes, VrmlNamespace* ns) {
+    // Routes inside a PROTO body lead to the clones of their destinations.
+    for (Route& r : routes) {
+        VrmlNode* dest = r.toNode;
+        if (!dest) continue;
+        if (dest->d_visited && dest->d_clone) {
+            r.toNode = dest->d_clone;
+        } else if (dest->d_name.size() && ns->findNode(dest->d_name.c_str())) {
+            r.toNode = ns->findNode(dest->d_name.c_str());
+        } else {
+            VrmlNode* c = dest->cloneInto(ns);
+            r.toNode = c;
+            c->cloneChildrenInto(ns);
+        }
+    }
+}
+
+void VrmlNode::addToScene(VrmlScene* scene, const char* relativeUrl) {
+    if (d_scene == scene && scene) return; // shared nodes are added once
+    d_scene = scene;
+    if (g_sceneDepth >= kMaxSceneDepth) return;
+    ++g_sceneDepth;
+    visitChildren([&](VrmlNode* c) {
+        if (c) c->addToScene(scene, relativeUrl);
+    });
+    --g_sceneDepth;
+}
+
+void VrmlNode::accumTrans(const double*) {}
+
+void VrmlNode::clearVisited() {
+    if (!d_visited) return;
+    d_visited = false;
+    d_clone = nullptr;
+    visitChildren([](VrmlNode* c) {
+        if (c) c->clearVisited();
+    });
+}
+
+void VrmlNode::visitFields(const FieldVisitor&) {}
+
+void VrmlNode::visitChildren(const std::function<void(VrmlNode*)>& f) {
+    visitFields([&f](const char*, VrmlField& v) {
+        if (VrmlSFNode* sf = v.asSFNode()) {
+            f(sf->get());
+        } else if (VrmlMFNode* mf = v.asMFNode()) {
+            for (size_t i = 0; i < mf->size(); ++i) f((*mf)[i]);
+        }
+    });
+}
+
+// ---- table-driven field access
+
+bool VrmlNode::setFieldFromTable(const VrmlFieldSpec* t, size_t n, const char* name, const VrmlField& value) {
+    for (size_t i = 0; i < n; ++i) {
+        const VrmlFieldSpec& s = t[i];
+        if (!s.name || !s.member || std::strcmp(s.name, name) != 0) continue;
+        VrmlField* dst = s.member(*this);
+        if (!VrmlField::assign(*dst, value))
+            theSystem->error("Invalid type (%s) for %s field of %s node (expected %s).\n", value.typeName(), name,
+                             d_type->getName(), VrmlField::typeName(s.type));
+        return true;
+    }
+    return false;
+}
+
+const VrmlField* VrmlNode::getFieldFromTable(const VrmlFieldSpec* t, size_t n, const char* name) const {
+    for (size_t i = 0; i < n; ++i)
+        if (t[i].name && t[i].member && std::strcmp(t[i].name, name) == 0)
+            return t[i].member(const_cast<VrmlNode&>(*this));
+    return nullptr;
+}
+
+void VrmlNode::visitTable(const VrmlFieldSpec* t, size_t n, const FieldVisitor& v) {
+    for (size_t i = 0; i < n; ++i)
+        if (t[i].name && t[i].member) v(t[i].name, *t[i].member(*this));
+}
+
+void VrmlNode::declareTable(VrmlNodeType* type, const VrmlFieldSpec* t, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const VrmlFieldSpec& s = t[i];
+        if (!s.name) continue;
+        switch (s.kind) {
+        case VrmlInterfaceKind::EventIn: type->addEventIn(s.name, s.type); break;
+        case VrmlInterfaceKind::EventOut: type->addEventOut(s.name, s.type); break;
+        case VrmlInterfaceKind::Field: type->addField(s.name, s.type); break;
+        case VrmlInterfaceKind::ExposedField: type->addExposedField(s.name, s.type); break;
+        }
+    }
+}
+
+void VrmlNode::setField(const char* fieldName, const VrmlField&) {
+    theSystem->error("%s::setField: no such field (%s)", d_type->getName(), fieldName);
+}
+
+const VrmlField* VrmlNode::getField(const char* fieldName) const {
+    theSystem->error("%s::getField: no such field (%s)", d_type->getName(), fieldName);
+    return nullptr;
+}
+
+const VrmlField* VrmlNode::getEventOut(const char* eventName) const {
+    size_t len = std::strlen(eventName);
+    static const char kSuffix[] = "_changed";
+    constexpr size_t kSuffixLen = sizeof kSuffix - 1;
+    if (len > kSuffixLen && std::strcmp(eventName + len - kSuffixLen, kSuffix) == 0 && len - kSuffixLen < 256) {
+        std::string base(eventName, len - kSuffixLen);
+        if (d_type->hasExposedField(base.c_str())) return getField(base.c_str());
+    }
+    if (d_type->hasEventOut(eventName) && d_type->hasField(eventName)) return getField(eventName);
+    return nullptr;
+}
+
+// ---- events
+
+void VrmlNode::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {
+    const char* stripped = std::strncmp(eventName, "set_", 4) == 0 ? eventName + 4 : eventName;
+    if (value && d_type->hasExposedField(stripped)) {
+        setField(stripped, *value);
+        std::string out = std::string(stripped) + "_changed";
+        emit(timeStamp, out.c_str(), *value);
+        markModified();
+    } else if (value && d_type->hasEventIn(eventName) && d_type->hasField(stripped)) {
+        setField(stripped, *value);
+        markModified();
+    } else {
+        theSystem->error("Error: unhandled eventIn %s::%s.%s\n", d_type->getName(), d_name.c_str(), eventName);
+    }
+}
+
+void VrmlNode::addRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
+    for (const Route& r : d_routes)
+        if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) return;
+    d_routes.push_back({fromEventOut, toNode, toEventIn});
+}
+
+void VrmlNode::removeRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
+    for (size_t i = 0; i < d_routes.size(); ++i) {
+        const Route& r = d_routes[i];
+        if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) {
+            d_routes.erase(d_routes.begin() + static_cast<std::ptrdiff_t>(i));
+            return;
+        }
+    }
+}
+
+void VrmlNode::emit(double timeStamp, const char* eventOutName, const VrmlField& value) {
+    // An eventOut fires at most once per time stamp, so ROUTE loops end.
+    bool found = false;
+    for (auto& f : d_fired) {
+        if (f.first == eventOutName) {
+            if (f.second == timeStamp) return;
+            f.second = timeStamp;
+            found = true;
+            break;
+        }
+    }
+    if (!found) d_fired.emplace_back(eventOutName, timeStamp);
+    if (g_emitDepth >= kMaxEmitDepth) return;
+    ++g_emitDepth;
+    // Copy: a handler may add or remove routes of this node.
+    std::vector<Route> routes = d_routes;
+    for (const Route& r : routes)
+        if (r.toNode && r.fromEventOut == eventOutName) r.toNode->eventIn(timeStamp, r.toEventIn.c_str(), &value);
+    --g_emitDepth;
+}
+
+// ---- printing
+
+std::ostream& VrmlNode::print(std::ostream& os, int indent) const {
+    writeIndent(os, indent);
+    VrmlNode* self = const_cast<VrmlNode*>(this);
+    if (VrmlIsWritableName(d_name)) {
+        if (d_printMark == g_printPass) return os << "USE " << d_name;
+        self->d_printMark = g_printPass;
+        os << "DEF " << d_name << ' ';
+    }
+    os << d_type->getName() << " { ";
+    printFields(os, indent + 4);
+    VrmlPrintEventIS(os, indent + 4, this);
+    VrmlPrintNoteRoutes(this);
+    return os << " }";
+}
+
+std::ostream& VrmlNode::printFields(std::ostream& os, int) const {
+    return os << "# Error: " << d_type->getName() << "::printFields unimplemented.\n";
+}
+
+void VrmlNode::printValue(std::ostream& os, int indent, const VrmlField& value) const {
+    if (const VrmlSFNode* sf = value.asSFNode()) {
+        if (sf->get()) {
+            os << '\n';
+            sf->get()->print(os, indent + 4);
+        } else {
+            os << "NULL";
+        }
+    } else if (const VrmlMFNode* mf = value.asMFNode()) {
+        bool bare = mf->size() == 1;
+        if (!bare) os << '[';
+        for (size_t i = 0; i < mf->size(); ++i) {
+            os << '\n';
+            if ((*mf)[i])
+                (*mf)[i]->print(os, indent + 4);
+            else
+                writeIndent(os, indent + 4), os << "NULL";
+        }
+        if (!bare) {
+            os << '\n';
+            writeIndent(os, indent);
+            os << ']';
+        }
+    } else {
+        value.print(os);
+    }
+}
+
+std::ostream& VrmlNode::printTable(std::ostream& os, int indent, const VrmlFieldSpec* t, size_t n) const {
+    for (size_t i = 0; i < n; ++i) {
+        const VrmlFieldSpec& s = t[i];
+        if (!s.name || !s.member) continue;
+        if (const char* is = VrmlPrintISName(this, s.name)) {
+            os << '\n';
+            writeIndent(os, indent);
+            os << s.name << " IS " << is;
+            continue;
+        }
+        const VrmlField& v = *s.member(const_cast<VrmlNode&>(*this));
+        // Empty values are left out: they read back as the field's empty default.
+        if (const VrmlSFNode* sf = v.asSFNode(); sf && !sf->get()) continue;
+        if (const VrmlMFNode* mf = v.asMFNode(); mf && mf->size() == 0) continue;
+        if (const VrmlMFString* ms = v.asMFString(); ms && ms->size() == 0) continue;
+        if (const VrmlSFString* ss = v.asSFString(); ss && !ss->get()) continue;
+        if (const VrmlSFImage* im = v.asSFImage(); im && im->width() * im->height() == 0) continue;
+        os << '\n';
+        writeIndent(os, indent);
+        os << s.name << ' ';
+        printValue(os, indent, v);
+    }
+    return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const VrmlNode& n) { return n.print(os, 0); }

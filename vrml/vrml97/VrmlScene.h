@@ -1,0 +1,87 @@
+#pragma once
+// A loaded VRML97 world: the root group, the world namespace, and the lists in
+// which nodes register themselves (bindable stacks, lights, time-dependent
+// nodes). Also the static readers: readWRL for worlds and readPROTO for
+// EXTERNPROTO bodies.
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vrml/vrml97/VrmlField.h"
+
+class Doc;
+class VrmlNamespace;
+class VrmlNode;
+class VrmlNodeGroup;
+class VrmlNodeType;
+
+class VrmlScene {
+public:
+    explicit VrmlScene(const char* url = nullptr, const char* localCopy = nullptr);
+    ~VrmlScene();
+    VrmlScene(const VrmlScene&) = delete;
+    VrmlScene& operator=(const VrmlScene&) = delete;
+
+    bool load(const char* url, const char* localCopy = nullptr);
+    bool loadFromUrls(const VrmlMFString* urls, const VrmlMFString* parameters = nullptr);
+    void replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> ns, Doc* urlDoc, Doc* localDoc);
+
+    static VrmlMFNode* readWRL(Doc* doc, VrmlNamespace* ns);
+    static VrmlMFNode* readWRL(const VrmlMFString* urls, const Doc* relative, VrmlNamespace* ns);
+    // Parses an in-memory world (fuzzing, tests); base gives relative URLs.
+    static VrmlMFNode* readString(const char* data, size_t size, VrmlNamespace* ns, const Doc* base = nullptr);
+    // The referenced type (caller dereferences) or null.
+    static VrmlNodeType* readPROTO(const VrmlMFString* urls, const Doc* relative);
+
+    bool save(const char* url);
+    bool save(std::ostream& os);
+    void update(double time);
+
+    VrmlNodeGroup* root() const { return d_root; }
+    VrmlNamespace* scope() const { return d_namespace.get(); }
+    const char* urlDoc() const;
+    static const char* version();
+
+    // Registration lists.
+    void addToLists(VrmlNode* node);
+    void removeFromLists(VrmlNode* node);
+#define VRML_SCENE_LIST(Kind)                                                                      \
+    void add##Kind(VrmlNode* n) { addTo(d_##Kind, n); }                                           \
+    void remove##Kind(VrmlNode* n) { removeFrom(d_##Kind, n); }                                   \
+    const std::vector<VrmlNode*>& Kind##List() const { return d_##Kind; }
+    VRML_SCENE_LIST(Background) VRML_SCENE_LIST(Fog) VRML_SCENE_LIST(NavigationInfo)
+    VRML_SCENE_LIST(Viewpoint) VRML_SCENE_LIST(AudioClip) VRML_SCENE_LIST(ScopedLight)
+    VRML_SCENE_LIST(MovieTexture) VRML_SCENE_LIST(Script) VRML_SCENE_LIST(TimeSensor)
+#undef VRML_SCENE_LIST
+
+    // Binding: the bound node is the top of its stack.
+    void bindBackground(VrmlNode* n, bool on, double time) { bind(d_BackgroundStack, n, on, time); }
+    void bindFog(VrmlNode* n, bool on, double time) { bind(d_FogStack, n, on, time); }
+    void bindNavigationInfo(VrmlNode* n, bool on, double time) { bind(d_NavigationInfoStack, n, on, time); }
+    void bindViewpoint(VrmlNode* n, bool on, double time) { bind(d_ViewpointStack, n, on, time); }
+    VrmlNode* bindableBackgroundTop() const { return top(d_BackgroundStack); }
+    VrmlNode* bindableFogTop() const { return top(d_FogStack); }
+    VrmlNode* bindableNavigationInfoTop() const { return top(d_NavigationInfoStack); }
+    VrmlNode* bindableViewpointTop() const { return top(d_ViewpointStack); }
+
+    double delta() const { return d_delta; }
+
+private:
+    static void addTo(std::vector<VrmlNode*>& l, VrmlNode* n);
+    static void removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n);
+    static VrmlNode* top(const std::vector<VrmlNode*>& s) { return s.empty() ? nullptr : s.back(); }
+    void bind(std::vector<VrmlNode*>& stack, VrmlNode* n, bool on, double time);
+    void bindFirst(const std::vector<VrmlNode*>& list, double time);
+    void clearWorld();
+
+    VrmlNodeGroup* d_root;
+    std::unique_ptr<Doc> d_url;
+    std::unique_ptr<Doc> d_urlLocal;
+    std::shared_ptr<VrmlNamespace> d_namespace;
+    bool d_fragmentBound = false;
+    std::vector<VrmlNode*> d_Background, d_BackgroundStack, d_Fog, d_FogStack, d_NavigationInfo,
+        d_NavigationInfoStack, d_Viewpoint, d_ViewpointStack, d_AudioClip, d_ScopedLight, d_MovieTexture,
+        d_Script, d_TimeSensor;
+    double d_delta = 0.5;
+};
