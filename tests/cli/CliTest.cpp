@@ -1,0 +1,166 @@
+// Runs the built orbiscope binary the way a user does and checks exit statuses,
+// messages and that a failed write never damages what was there.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/support/TestSupport.h"
+
+namespace fs = std::filesystem;
+using testsupport::ReadFile;
+using testsupport::TempDir;
+using testsupport::WriteFile;
+
+namespace {
+struct CliRun {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string Quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+CliRun Orbiscope(const std::string& args, const fs::path& cwd = fs::current_path()) {
+    TempDir io;
+    std::string cmd = "cd " + Quote(cwd.string()) + " && " + Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) +
+                      " " + args + " >" + Quote((io / "out").string()) + " 2>" + Quote((io / "err").string());
+    int rc = std::system(cmd.c_str());
+    CliRun r;
+    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    r.out = ReadFile(io / "out");
+    r.err = ReadFile(io / "err");
+    return r;
+}
+
+fs::path House() { return testsupport::SourceDir() / "examples" / "house.obj"; }
+
+int Lines(const std::string& s) {
+    int n = 0;
+    for (char c : s) n += c == '\n';
+    return n;
+}
+} // namespace
+
+TEST(Cli, HelpVersionAndFormats) {
+    CliRun h = Orbiscope("--help");
+    EXPECT_EQ(h.status, 0);
+    EXPECT_NE(h.out.find("exit status"), std::string::npos);
+    CliRun none = Orbiscope("");
+    EXPECT_EQ(none.status, 2);
+    CliRun v = Orbiscope("--version");
+    EXPECT_EQ(v.status, 0);
+    EXPECT_NE(v.out.find("interface 5.0"), std::string::npos);
+    CliRun f = Orbiscope("formats");
+    EXPECT_EQ(f.status, 0);
+    EXPECT_EQ(Lines(f.out), 15);
+    EXPECT_NE(f.out.find("\"STL \" 0x53544C20"), std::string::npos);
+    CliRun bad = Orbiscope("frobnicate");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_EQ(Lines(bad.err), 1);
+}
+
+TEST(Cli, InputProblemsGetOneSentenceAndDistinctStatuses) {
+    TempDir d;
+    WriteFile(d / "empty.stl", "");
+    WriteFile(d / "garbage.3ds", std::string("\x4d\x4d\xff\xff\xff\x7f", 6));
+    WriteFile(d / "locked.obj", "v 0 0 0\n");
+    chmod((d / "locked.obj").c_str(), 0);
+    fs::create_directory(d / "dir.obj");
+    WriteFile(d / "thing.xyz", "x");
+    struct Case {
+        std::string args;
+        int status;
+        const char* words;
+    } cases[] = {
+        {"info missing.obj", 3, "cannot open missing.obj"},
+        {"info dir.obj", 3, "folder"},
+        {"info empty.stl", 5, "empty"},
+        {"info garbage.3ds", 4, "not a file of this format, or it is damaged"},
+        {"info thing.xyz", 8, "not a format the module reads"},
+        {"info", 2, "needs a file"},
+        {"convert " + Quote(House().string()) + " out.xyz", 8, "not a format the module writes"},
+        {"convert " + Quote(House().string()) + " out.a3d", 8, "can be read but not written"},
+        {"convert " + Quote(House().string()) + " out.stl --to NOPE", 2, "type ID"},
+    };
+    for (auto& c : cases) {
+        CliRun r = Orbiscope(c.args, d.path());
+        EXPECT_EQ(r.status, c.status) << c.args << ": " << r.err;
+        EXPECT_NE(r.err.find(c.words), std::string::npos) << c.args << ": " << r.err;
+        EXPECT_EQ(Lines(r.err), 1) << c.args;
+    }
+    if (geteuid() != 0) { // root reads anything
+        CliRun r = Orbiscope("info locked.obj", d.path());
+        EXPECT_EQ(r.status, 3);
+    }
+}
+
+TEST(Cli, ConvertWritesEveryFileIntoPlaceAndReadsBack) {
+    TempDir d;
+    // A folder with a blank and non-ASCII characters.
+    fs::path sub = d / "dossier à vue";
+    fs::create_directory(sub);
+    CliRun r = Orbiscope("convert " + Quote(House().string()) + " " + Quote((sub / "maison é.obj").string()));
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(fs::exists(sub / "maison é.obj"));
+    EXPECT_TRUE(fs::exists(sub / "maison é.mtl")); // the second file comes along
+    int entries = 0;
+    for (auto& e : fs::directory_iterator(sub)) { (void)e; ++entries; }
+    EXPECT_EQ(entries, 2); // no temporary folder left behind
+    CliRun i = Orbiscope("info " + Quote((sub / "maison é.obj").string()) + " --json");
+    ASSERT_EQ(i.status, 0) << i.err;
+    EXPECT_NE(i.out.find("\"meshes\": 2"), std::string::npos) << i.out;
+    EXPECT_NE(i.out.find("\"faces\": 9"), std::string::npos) << i.out;
+    CliRun stl = Orbiscope("convert " + Quote(House().string()) + " " + Quote((d / "h.stl").string()) + " --to \"STL \"");
+    EXPECT_EQ(stl.status, 0) << stl.err;
+}
+
+TEST(Cli, FailedWritesLeaveExistingFilesAlone) {
+    TempDir d;
+    WriteFile(d / "keep.stl", "precious");
+    // Same file as input and output.
+    CliRun same = Orbiscope("convert keep.stl ./keep.stl", d.path());
+    EXPECT_EQ(same.status, 2);
+    EXPECT_EQ(ReadFile(d / "keep.stl"), "precious");
+    // A reader failure before the writer runs.
+    WriteFile(d / "bad.3ds", std::string("\x4d\x4d\x06\x00\x00\x00", 6));
+    CliRun bad = Orbiscope("convert bad.3ds keep.stl", d.path());
+    EXPECT_NE(bad.status, 0);
+    EXPECT_EQ(ReadFile(d / "keep.stl"), "precious");
+    // A folder that does not exist, and a read-only folder.
+    CliRun nofolder = Orbiscope("convert " + Quote(House().string()) + " nowhere/x.stl", d.path());
+    EXPECT_EQ(nofolder.status, 9);
+    EXPECT_NE(nofolder.err.find("does not exist"), std::string::npos);
+    fs::create_directory(d / "ro");
+    WriteFile(d / "ro" / "x.stl", "old");
+    chmod((d / "ro").c_str(), 0555);
+    CliRun ro = Orbiscope("convert " + Quote(House().string()) + " ro/x.stl", d.path());
+    if (geteuid() != 0) {
+        EXPECT_EQ(ro.status, 9);
+        EXPECT_EQ(ReadFile(d / "ro" / "x.stl"), "old");
+    }
+    chmod((d / "ro").c_str(), 0755);
+    // A writer that finds nothing: a scene of a camera only cannot be written as STL,
+    // but writers for which an empty file is valid still succeed. Here: an OBJ of points only.
+    WriteFile(d / "points.obj", "v 0 0 0\nv 1 0 0\n");
+    CliRun pts = Orbiscope("convert points.obj p.ma", d.path());
+    EXPECT_TRUE(pts.status == 0 || pts.status == 5 || pts.status == 6) << pts.err;
+}
+
+TEST(Cli, ModuleThatCannotBeLoadedIsReported) {
+    TempDir d;
+    WriteFile(d / "orbiscope-formats.so", "not a module");
+    std::string env = "ORBISCOPE_PLUGIN_PATH=" + Quote(d.path().string()) + " ";
+    std::string cmd = env + Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " formats >/dev/null 2>" +
+                      Quote((d / "err").string());
+    int rc = std::system(cmd.c_str());
+    EXPECT_EQ(WEXITSTATUS(rc), 10);
+    EXPECT_NE(ReadFile(d / "err").find("cannot be loaded"), std::string::npos);
+}
