@@ -12,11 +12,11 @@ constexpr uint32_t FourCC(const char (&s)[5]) { return FourCC(s[0], s[1], s[2], 
 // Key type tags: high 32 bits one code, low 32 bits a second code or 0.
 constexpr uint64_t KeyTag(uint32_t hi, uint32_t lo = 0) { return (uint64_t(hi) << 32) | lo; }
 constexpr uint64_t KEY_MATRIX = KeyTag(FourCC("MATR"));
-constexpr uint64_t KEY_TRANSLATE = KeyTag(FourCC("TRAN"));
+constexpr uint64_t KEY_TRANSLATE = KeyTag(FourCC("TRAN"), FourCC("TRAN"));
 constexpr uint64_t KEY_ROTATE = KeyTag(FourCC("ROTA"));
 constexpr uint64_t KEY_SCALE = KeyTag(FourCC("SCAL"));
 constexpr uint64_t KEY_VECTOR = KeyTag(FourCC("VECT"));
-constexpr uint64_t KEY_PIVOT = KeyTag(FourCC("PIVO"));
+constexpr uint64_t KEY_PIVOT = KeyTag(FourCC("VECT"), FourCC("PIVO")); // a vector key holding the pivot
 constexpr uint32_t CURVE_TCB = FourCC("TCB ");
 constexpr uint32_t CURVE_LINEAR = FourCC("LINE");
 
@@ -113,16 +113,17 @@ enum Channel3DType : uint32_t {
     CHANNEL_ANY = 0xFFFFFFFFu,
 };
 
-// Scene units (SetUnit).
+// Scene units (SetUnit). The scale factor says how many centimetres one file unit is
+// (metres: 100, inches: 2.54); the readers pass 4, 5 and 7.
 enum _UNIT_MODE : int {
     UNIT_NONE = 0,
-    UNIT_INCH = 1,
-    UNIT_FOOT = 2,
     UNIT_MILLIMETER = 3,
     UNIT_CENTIMETER = 4,
     UNIT_METER = 5,
     UNIT_KILOMETER = 6,
-    UNIT_MILE = 7,
+    UNIT_INCH = 7,
+    UNIT_FOOT = 8,
+    UNIT_MILE = 9,
 };
 
 // Read/save results and log levels.

@@ -18,6 +18,19 @@ void AddRot(C3DKeyframable& k, int32_t t, C3DVector axis, float angle) {
 }
 } // namespace
 
+TEST(Keys, TagValuesNameTheTracks) {
+    // The readers pass these exact 64-bit tags.
+    EXPECT_EQ(KEY_MATRIX, 0x4D41545200000000ull);
+    EXPECT_EQ(KEY_TRANSLATE, 0x5452414E5452414Eull);
+    EXPECT_EQ(KEY_ROTATE, 0x524F544100000000ull);
+    EXPECT_EQ(KEY_SCALE, 0x5343414C00000000ull);
+    EXPECT_EQ(KEY_PIVOT, 0x564543545049564Full);
+    EXPECT_EQ(CURVE_TCB, 0x54434220u);
+    // A pivot is a plain vector key; a translation gets its own class.
+    EXPECT_EQ(dynamic_cast<C3DTranslateKey*>(C3DKeyframable::CreateKey(KEY_PIVOT, 0).get()), nullptr);
+    EXPECT_NE(dynamic_cast<C3DTranslateKey*>(C3DKeyframable::CreateKey(KEY_TRANSLATE, 0).get()), nullptr);
+}
+
 TEST(Keys, TracksStaySortedAndReplaceSameTime) {
     C3DKeyframable k;
     AddVec(k, KEY_TRANSLATE, 20, {2, 0, 0});
