@@ -9,6 +9,7 @@
 #include "formats/mesh/MeshText.h"
 #include "plugin/host/BinaryCursor.h"
 #include "plugin/host/Cancel.h"
+#include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/SwitchLocale.h"
 #include "plugin/host/TextScanner.h"
@@ -52,12 +53,23 @@ void CStlIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
     CSwitchLocale locale(0, "English");
     IoFile file(IsSilentMode());
-    if (!file.OpenFile(path, true)) {
+    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
         m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
         return nullptr;
     }
-    std::span<const uint8_t> data = file.GetData();
-    C3DScene* scene = nullptr;
+    m_file = &file;
+    C3DScene* scene = ReadData(file.GetData(), options);
+    m_file = nullptr;
+    file.CloseFile();
+    return scene;
+}
+
+C3DScene* CStlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
+    CSwitchLocale locale(0, "English");
+    return ReadData(data, options);
+}
+
+C3DScene* CStlIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options) {
     bool binary = false;
     const uint64_t len = data.size();
     if (len >= kHeader + 4) { // a short read of the count means "not binary"
@@ -66,8 +78,7 @@ C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
         const uint64_t n = c.u32le();
         binary = n != 0 && len == n * kRecord + kHeader + 4;
     }
-    scene = binary ? ReadBinary(data) : ReadAscii(data);
-    file.CloseFile();
+    C3DScene* scene = binary ? ReadBinary(data) : ReadAscii(data);
     m_scene = nullptr;
     if (!scene) {
         if (ShouldCancelThread(0)) m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
@@ -78,6 +89,7 @@ C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
 
 C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     CBinaryCursor c(data);
+    meshio::CPageReleaser release(m_file, std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
     const uint8_t* header = c.current();
     c.skip(kHeader);
     const uint32_t n = c.u32le();
@@ -134,6 +146,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     for (int i = 0; i < count; ++i) {
         if (ShouldCancelThread(0)) break;
         if (!c.canRead(kRecord)) break;
+        release.At(reinterpret_cast<const char*>(c.current()));
         float v[12];
         for (float& f : v) f = c.f32le();
         const uint16_t attr = c.u16le();
@@ -190,10 +203,13 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 }
 
 C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
-    textscan::LineSplitter lines(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+    textscan::LineSplitter lines(text);
+    meshio::CPageReleaser release(m_file, text);
     std::string_view line;
     auto nextNonEmpty = [&](std::string_view& out) {
         while (lines.Next(out)) {
+            release.At(out.data());
             out = textscan::TrimLeft(out);
             if (!textscan::TrimRight(out).empty()) return true;
         }
@@ -224,6 +240,7 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
     const int V = static_cast<int>(facetsCounted * 3);
 
     lines = afterFirst;
+    release.Reset();
     auto scene = std::make_unique<C3DScene>();
     m_scene = scene.get();
     auto* obj = new C3DObject();

@@ -4,6 +4,7 @@
 // exact length; everything else is tried as ASCII. The ASCII reader reverses the
 // winding and ignores the file's normals; the binary reader keeps both as given.
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "plugin/host/Parser.h"
@@ -21,11 +22,15 @@ public:
     void SaveDefaultOptions(CSceneExportOptions& options) const override;
     bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
 
+    // Reads STL bytes held in memory (fuzzing, archive members); same results as Read.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
+
     // The 16-bit colour word for a colour given as components (0..255 scale is not
     // applied here: the caller passes what it has, the arithmetic overflows as it may).
     static uint16_t PackColor(float r, float g, float b);
 
 private:
+    C3DScene* ReadData(std::span<const uint8_t> data, CSceneImportOptions& options);
     C3DScene* ReadBinary(std::span<const uint8_t> data);
     C3DScene* ReadAscii(std::span<const uint8_t> data);
 

@@ -92,7 +92,7 @@ C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options
         mtl.CloseFile();
         return true;
     };
-    meshio::ObjReadResult res = meshio::ReadObj(file.GetData(), mode, loader, m_fileIo, options);
+    meshio::ObjReadResult res = meshio::ReadObj(file.GetData(), mode, loader, m_fileIo, options, &file);
     file.CloseFile();
     return Report(*this, m_fileIo, res, options);
 }

@@ -2,6 +2,7 @@
 // Small text helpers shared by the mesh writers and readers: the maker's address,
 // name cleaning for file syntax, a growable output chunk and byte/wide conversions.
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -65,6 +66,35 @@ private:
     size_t m_chunk;
     std::string m_buf;
     bool m_ok = true;
+};
+
+// Gives the pages of a mapped input back as a reader moves through it, every few
+// megabytes, so a read does not hold the whole file resident next to the scene.
+class CPageReleaser {
+public:
+    CPageReleaser() = default;
+    CPageReleaser(const IoFile* file, std::string_view text) : m_file(file) {
+        auto d = file ? file->GetData() : std::span<const uint8_t>();
+        const char* b = reinterpret_cast<const char*>(d.data());
+        // Only text that is a view of the mapping itself (not a decoded copy).
+        if (file && text.data() >= b && text.data() + text.size() <= b + d.size()) m_base = b;
+        else m_file = nullptr;
+    }
+    void At(const char* p) {
+        if (!m_file) return;
+        const size_t off = static_cast<size_t>(p - m_base);
+        if (off >= m_last + kStep) {
+            m_file->ReleaseBefore(static_cast<int64_t>(off));
+            m_last = off;
+        }
+    }
+    void Reset() { m_last = 0; }
+
+private:
+    static constexpr size_t kStep = size_t(4) << 20;
+    const IoFile* m_file = nullptr;
+    const char* m_base = nullptr;
+    size_t m_last = 0;
 };
 
 } // namespace meshio

@@ -51,6 +51,31 @@ bool StartsWithNoCase(std::string_view s, std::string_view prefix) {
     return true;
 }
 
+// "%d" for face indices. Plain short decimal numbers are taken here without the generic
+// conversion (the result is the same); anything else goes to the scanner.
+inline bool ReadIndex(TextCursor& c, int& v) {
+    const std::string_view r = c.Remaining();
+    size_t i = 0;
+    while (i < r.size() && textscan::IsSpace(r[i])) ++i;
+    bool neg = false;
+    if (i < r.size() && (r[i] == '-' || r[i] == '+')) neg = r[i++] == '-';
+    const size_t first = i;
+    uint32_t x = 0;
+    while (i < r.size() && i - first < 9 && static_cast<unsigned>(r[i] - '0') < 10u)
+        x = x * 10 + static_cast<uint32_t>(r[i++] - '0');
+    if (i == first || (i < r.size() && static_cast<unsigned>(r[i] - '0') < 10u)) return c.ReadInt(v);
+    v = neg ? -static_cast<int>(x) : static_cast<int>(x);
+    c.Advance(i);
+    return true;
+}
+
+// A literal '/' of the face patterns (no space skipping, as in scanf).
+inline bool Slash(TextCursor& c) {
+    if (c.Peek() != '/') return false;
+    c.Advance(1);
+    return true;
+}
+
 // Up to three floats, scanf style: the fields before the first mismatch are assigned.
 int ReadFloats(TextCursor& c, float* out, int n) {
     int got = 0;
@@ -149,8 +174,8 @@ struct Group {
 class CObjParser {
 public:
     CObjParser(std::string_view text, int textMode, const MtlLoader& loader, CFileIo& io,
-               CSceneImportOptions& options)
-        : m_text(text), m_mode(textMode), m_loader(loader), m_io(io), m_options(options) {}
+               CSceneImportOptions& options, const IoFile* file)
+        : m_text(text), m_mode(textMode), m_loader(loader), m_io(io), m_options(options), m_release(file, text) {}
 
     ObjReadResult Run();
 
@@ -189,10 +214,12 @@ private:
 
     std::vector<uint32_t> m_pos, m_uv, m_nrm;
     std::unique_ptr<C3DScene> m_scene;
+    CPageReleaser m_release;
 };
 
 bool CObjParser::Poll(size_t lineNo, size_t pos, bool second) {
     if (lineNo % kPollEvery != 0) return false;
+    m_release.At(m_text.data() + pos);
     const int64_t total = static_cast<int64_t>(m_text.size()) * 2;
     ReportThreadProgress(static_cast<int64_t>(pos) + (second ? static_cast<int64_t>(m_text.size()) : 0), total);
     if (ShouldCancelThread(0)) {
@@ -331,11 +358,11 @@ void CObjParser::AddFace(std::string_view rest) {
     } else {
         TextCursor t(rest);
         int a;
-        if (t.ReadInt(a)) {
+        if (ReadIndex(t, a)) {
             form = kPos;
-            if (t.MatchLiteral("/") && t.ReadInt(a)) {
+            if (Slash(t) && ReadIndex(t, a)) {
                 form = kPosUv;
-                if (t.MatchLiteral("/") && t.ReadInt(a)) form = kPosUvN;
+                if (Slash(t) && ReadIndex(t, a)) form = kPosUvN;
             }
         }
     }
@@ -351,12 +378,12 @@ void CObjParser::AddFace(std::string_view rest) {
         int p = 0, t = 0, n = 0;
         bool ok;
         switch (form) {
-        case kPos: ok = c.ReadInt(p); break;
-        case kPosUv: ok = c.ReadInt(p) && c.MatchLiteral("/") && c.ReadInt(t); break;
+        case kPos: ok = ReadIndex(c, p); break;
+        case kPosUv: ok = ReadIndex(c, p) && Slash(c) && ReadIndex(c, t); break;
         case kPosUvN:
-            ok = c.ReadInt(p) && c.MatchLiteral("/") && c.ReadInt(t) && c.MatchLiteral("/") && c.ReadInt(n);
+            ok = ReadIndex(c, p) && Slash(c) && ReadIndex(c, t) && Slash(c) && ReadIndex(c, n);
             break;
-        default: ok = c.ReadInt(p) && c.MatchLiteral("//") && c.ReadInt(n); break;
+        default: ok = ReadIndex(c, p) && Slash(c) && Slash(c) && ReadIndex(c, n); break;
         }
         if (!ok) break;
         const int64_t pi = Resolve(p, m_readV, m_nv);
@@ -413,6 +440,7 @@ bool CObjParser::FillPass() {
     m_t.assign(static_cast<size_t>(m_nt + 1) * 2, 0.0f);
     m_n.assign(static_cast<size_t>(m_nn + 1) * 3, 0.0f);
     m_current = GroupFor("default");
+    m_release.Reset();
     textscan::LineSplitter lines(m_text);
     std::string_view line;
     size_t lineNo = 0;
@@ -598,10 +626,10 @@ std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::s
 }
 
 ObjReadResult ReadObj(std::span<const uint8_t> data, int textMode, const MtlLoader& loadMtl, CFileIo& io,
-                      CSceneImportOptions& options) {
+                      CSceneImportOptions& options, const IoFile* file) {
     std::string storage;
     std::string_view text = PrepareText(data, textMode, storage);
-    CObjParser parser(text, textMode, loadMtl, io, options);
+    CObjParser parser(text, textMode, loadMtl, io, options, file);
     return parser.Run();
 }
 

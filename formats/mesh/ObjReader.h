@@ -13,6 +13,7 @@
 class C3DScene;
 class CFileIo;
 class CSceneImportOptions;
+class IoFile;
 
 namespace meshio {
 
@@ -29,8 +30,10 @@ struct ObjReadResult {
 };
 
 // `textMode` is one of the IoFile text modes (40, 16 or 8).
+// `file`, when given, is the IoFile whose mapping `data` is: its pages are handed back as
+// the passes move on.
 ObjReadResult ReadObj(std::span<const uint8_t> data, int textMode, const MtlLoader& loadMtl, CFileIo& io,
-                      CSceneImportOptions& options);
+                      CSceneImportOptions& options, const IoFile* file = nullptr);
 
 // Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
 // its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.

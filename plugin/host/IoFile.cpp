@@ -216,6 +216,13 @@ bool IoFile::CloseFile() {
     return ok;
 }
 
+void IoFile::ReleaseBefore(int64_t pos) const {
+    if (!m_mapped || pos <= 0) return;
+    const int64_t page = sysconf(_SC_PAGESIZE);
+    const int64_t end = std::min(pos, m_size) / page * page;
+    if (end > 0) madvise(const_cast<uint8_t*>(m_data), static_cast<size_t>(end), MADV_DONTNEED);
+}
+
 void IoFile::ReportProgress(int64_t pos) const {
     if (pos >= m_nextReport || pos >= m_size) {
         ReportThreadProgress(pos, m_size);

@@ -50,6 +50,10 @@ public:
     std::span<const uint8_t> GetData() const { return {m_data, static_cast<size_t>(m_size)}; }
     // Marks `pos` as done for progress reporting (readers that parse GetData() directly).
     void ReportProgress(int64_t pos) const;
+    // Hint from readers that parse GetData() directly: bytes before `pos` will not be read
+    // again soon. A mapped file gives those pages back (they stay in the page cache and
+    // come back on the next access); memory buffers and copies are left alone.
+    void ReleaseBefore(int64_t pos) const;
 
     // Next text line without its line end (LF, CRLF or lone CR), decoded per text mode.
     // False at end of file. TEXT_MODE_BINARY decodes like TEXT_MODE_ANSI (lossless, one

@@ -1,0 +1,101 @@
+// Mesh benchmark driver.
+//   bench_mesh read FILE            time one read (.obj or .stl), print MB/s, counts and
+//                                   the scene's own array bytes (C3DScene::MemoryBytes)
+//   bench_mesh write IN OUT         read IN, prepare the scene the way OUT's writer asks
+//                                   (.obj .stl .ply .ma), time the Save, print output MB/s
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "formats/mesh/CMayaAsciiIo.h"
+#include "formats/mesh/CPlyIo.h"
+#include "formats/mesh/CStlIo.h"
+#include "formats/mesh/CWavefrontIo.h"
+#include "plugin/host/ExportPrep.h"
+#include "plugin/host/FileIo.h"
+#include "plugin/host/Options.h"
+#include "plugin/host/Scene.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::string Ext(const std::string& p) {
+    std::string e = std::filesystem::path(p).extension().string();
+    for (auto& c : e) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return e;
+}
+
+CXStringW W(const std::string& s) { return CXStringW(Utf8ToWide(s)); }
+
+std::unique_ptr<C3DScene> Load(const std::string& path, double& seconds) {
+    CFileIo io(W(path));
+    CSceneImportOptions opts;
+    std::unique_ptr<C3DParser> parser;
+    if (Ext(path) == ".obj") parser = std::make_unique<CWavefrontIo>(io);
+    else parser = std::make_unique<CStlIo>(io);
+    parser->LoadDefaultOptions(opts);
+    auto t0 = Clock::now();
+    std::unique_ptr<C3DScene> scene(parser->Read(W(path), opts));
+    seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    if (!scene) std::fprintf(stderr, "read failed: %d\n", io.GetIoError());
+    return scene;
+}
+
+void Counts(const C3DScene& s, unsigned long long& nodes, unsigned long long& points, unsigned long long& faces) {
+    nodes = points = faces = 0;
+    C3DNodePos pos = s.GetFirstNode(KINDOF_MESH);
+    C3DBaseObject* o = nullptr;
+    while (s.GetNextNode(o, pos)) {
+        auto* g = static_cast<C3DGeomObject*>(o);
+        ++nodes;
+        if (g->GetPointList()) points += static_cast<unsigned long long>(g->GetPointList()->GetSize());
+        if (g->GetFaceList()) faces += static_cast<unsigned long long>(g->GetFaceList()->GetNumberOfFaces());
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: bench_mesh read FILE | bench_mesh write IN OUT\n");
+        return 2;
+    }
+    const std::string mode = argv[1];
+    double secs = 0;
+    auto scene = Load(argv[2], secs);
+    if (!scene) return 1;
+    if (mode == "read") {
+        const double mb = static_cast<double>(std::filesystem::file_size(argv[2])) / 1e6;
+        unsigned long long nodes, points, faces;
+        Counts(*scene, nodes, points, faces);
+        std::printf("orbiscope read %s: %.1f MB in %.3f s = %.1f MB/s; nodes=%llu points=%llu faces=%llu "
+                    "scene_bytes=%zu\n",
+                    argv[2], mb, secs, mb / secs, nodes, points, faces, scene->MemoryBytes());
+        return 0;
+    }
+    if (mode != "write" || argc < 4) return 2;
+    const std::string out = argv[3];
+    CFileIo io(W(out));
+    std::unique_ptr<C3DParser> writer;
+    const std::string ext = Ext(out);
+    if (ext == ".obj") writer = std::make_unique<CWavefrontIo>(io);
+    else if (ext == ".stl") writer = std::make_unique<CStlIo>(io);
+    else if (ext == ".ply") writer = std::make_unique<CPlyIo>(io);
+    else writer = std::make_unique<CMayaAsciiIo>(io);
+    CSceneExportOptions opts;
+    writer->SaveDefaultOptions(opts);
+    auto prepared = PrepareSceneForExport(*scene, opts.prepFlags, &opts);
+    auto t0 = Clock::now();
+    const bool ok = writer->Save(W(out), prepared.get(), opts);
+    const double ws = std::chrono::duration<double>(Clock::now() - t0).count();
+    if (!ok) {
+        std::fprintf(stderr, "write failed: %d\n", io.GetIoError());
+        return 1;
+    }
+    const double mb = static_cast<double>(std::filesystem::file_size(out)) / 1e6;
+    std::printf("orbiscope write %s: %.1f MB in %.3f s = %.1f MB/s\n", out.c_str(), mb, ws, mb / ws);
+    return 0;
+}

@@ -1,0 +1,30 @@
+// Peer reader for the benchmarks: loads a file with Assimp (no post-processing)
+// and prints what it found, so the run can check both sides read the same data.
+#include <assimp/Importer.hpp>
+#include <assimp/scene.h>
+
+#include <chrono>
+#include <cstdio>
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        std::fprintf(stderr, "usage: peer_assimp_read FILE\n");
+        return 2;
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    Assimp::Importer importer;
+    const aiScene* scene = importer.ReadFile(argv[1], 0);
+    auto t1 = std::chrono::steady_clock::now();
+    if (!scene) {
+        std::fprintf(stderr, "assimp: %s\n", importer.GetErrorString());
+        return 1;
+    }
+    unsigned long long verts = 0, faces = 0;
+    for (unsigned i = 0; i < scene->mNumMeshes; ++i) {
+        verts += scene->mMeshes[i]->mNumVertices;
+        faces += scene->mMeshes[i]->mNumFaces;
+    }
+    std::printf("assimp meshes=%u vertices=%llu faces=%llu seconds=%.3f\n", scene->mNumMeshes, verts, faces,
+                std::chrono::duration<double>(t1 - t0).count());
+    return 0;
+}

@@ -1,0 +1,264 @@
+#include <atomic>
+#include <gtest/gtest.h>
+
+#include "plugin/host/Cancel.h"
+#include "tests/mesh/MeshTestUtil.h"
+
+using namespace meshtest;
+
+namespace {
+
+const char* kQuadV = "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\n";
+
+ReadOutcome ReadObjText(const std::string& obj, const std::string& mtl = "", const std::string& mtlName = "m.mtl",
+                        uint32_t wven = 0) {
+    testsupport::TempDir dir;
+    if (!mtl.empty()) testsupport::WriteFile(dir / mtlName, mtl);
+    testsupport::WriteFile(dir / "in.obj", obj);
+    return ReadPath<CWavefrontIo>(dir / "in.obj", wven);
+}
+
+std::vector<C3DSceneNode*> Nodes(C3DScene& s) {
+    std::vector<C3DSceneNode*> out;
+    C3DNodePos pos = s.GetFirstNode();
+    while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
+    return out;
+}
+
+} // namespace
+
+TEST(ObjRead, FaceFormsAllRead) {
+    const std::string common = std::string(kQuadV) + "vt 0 0\nvt 1 0\nvt 1 1\nvn 0 0 1\nvn 0 0 -1\n";
+    struct Case {
+        const char* face;
+        bool uv, normals;
+    } cases[] = {{"f 1 2 3\n", false, false},
+                 {"f 1/1 2/2 3/3\n", true, false},
+                 {"f 1//1 2//1 3//2\n", false, true},
+                 {"f 1/1/1 2/2/1 3/3/2\n", true, true},
+                 {"f -4 -3 -2\n", false, false}};
+    for (const auto& c : cases) {
+        auto r = ReadObjText(common + c.face);
+        ASSERT_TRUE(r.scene) << c.face;
+        C3DGeomObject* obj = FirstMesh(*r.scene);
+        ASSERT_TRUE(obj);
+        const C3DFaceList& fl = *obj->GetFaceList();
+        ASSERT_EQ(fl.GetNumberOfFaces(), 1) << c.face;
+        EXPECT_EQ(FaceOf(fl, 0), (std::vector<uint32_t>{0, 1, 2})) << c.face;
+        EXPECT_EQ(obj->GetPointList()->GetSize(), 3) << c.face; // only the positions used
+        EXPECT_EQ(obj->GetGlobalUVWChannel() != nullptr, c.uv) << c.face;
+        auto* sn = static_cast<CSpecNormalChannel*>(obj->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+        EXPECT_EQ(sn != nullptr, c.normals) << c.face;
+        if (c.normals) {
+            EXPECT_EQ(FaceOf(*sn->GetNormalFaceList(), 0), (std::vector<uint32_t>{0, 0, 1}));
+            EXPECT_EQ(sn->GetNormalVectorList()->GetPoint(1).z, -1.0f);
+        }
+        if (c.uv) {
+            const CUVWPointList& uv = *obj->GetGlobalUVWChannel()->GetUVWPointList();
+            ASSERT_EQ(uv.GetSize(), 3);
+            EXPECT_EQ(uv.GetPoint(2).y, 1.0f); // read as it stands: no flip on reading
+        }
+    }
+    // -1 is the latest position read so far, not the last in the file.
+    auto r = ReadObjText("v 0 0 0\nv 1 0 0\nv 2 0 0\nf -3 -2 -1\nv 9 9 9\n");
+    ASSERT_TRUE(r.scene);
+    C3DGeomObject* obj = FirstMesh(*r.scene);
+    EXPECT_EQ(obj->GetPointList()->GetPoint(2).x, 2.0f);
+}
+
+TEST(ObjRead, GroupsRenumberPointsByFirstUse) {
+    const std::string obj = std::string(kQuadV) +
+                            "g first\nf 3 4 1\n"
+                            "o second extra words\nf 2 3 4\n"
+                            "g first\nf 1 2 3\n"
+                            "g empty\n";
+    auto r = ReadObjText(obj);
+    ASSERT_TRUE(r.scene);
+    auto nodes = Nodes(*r.scene);
+    ASSERT_EQ(nodes.size(), 2u); // groups without faces (and "default") make no node
+    EXPECT_EQ(nodes[0]->GetName(), L"first");
+    EXPECT_EQ(nodes[1]->GetName(), L"second");
+    auto* a = nodes[0]->GetGeomObject();
+    ASSERT_EQ(a->GetFaceList()->GetNumberOfFaces(), 2);
+    EXPECT_EQ(FaceOf(*a->GetFaceList(), 0), (std::vector<uint32_t>{0, 1, 2}));
+    EXPECT_EQ(FaceOf(*a->GetFaceList(), 1), (std::vector<uint32_t>{2, 3, 0}));
+    EXPECT_EQ(a->GetPointList()->GetPoint(0).x, 1.0f); // file vertex 3 came first
+    EXPECT_EQ(a->GetPointList()->GetSize(), 4);
+    EXPECT_EQ(nodes[1]->GetGeomObject()->GetPointList()->GetSize(), 3);
+}
+
+TEST(ObjRead, MaterialsFromMtl) {
+    const std::string mtl =
+        "# lib\nnewmtl red one\n  Ka 0.1 0.2 0.3\n  Kd 1 0 0\n  Ks 0 0 1\n  Ns 500\n  d 0.25\n"
+        "  map_Kd -o 0.5 0.25 0 -s 2 3 1 tex/red.png\n  bump -bm 1 bump.png\n  map_norm nrm.png\n"
+        "newmtl clear\nTr 0.75\nKd 0 1\n";
+    const std::string obj = "mtllib  m.mtl \n" + std::string(kQuadV) +
+                            "usemtl red one\nf 1 2 3\nusemtl nosuch\nf 1 3 4\nusemtl clear\nf 2 3 4\n";
+    auto r = ReadObjText(obj, mtl);
+    ASSERT_TRUE(r.scene);
+    ASSERT_EQ(r.scene->GetMaterialNumber(), 2);
+    const uint32_t redID = r.scene->GetMaterialID(L"red one");
+    ASSERT_NE(redID, NO_MATERIAL);
+    auto* red = static_cast<C3DStandardMaterial*>(r.scene->GetMaterialByID(redID));
+    EXPECT_EQ(red->diffuse, CRGBColor(255, 0, 0));
+    EXPECT_EQ(red->ambient.g, 51);
+    EXPECT_EQ(red->specular.b, 255);
+    EXPECT_FLOAT_EQ(red->specularFactor, 0.5f);
+    EXPECT_FLOAT_EQ(red->transparency, 0.75f);
+    CMaterialMap* map = red->GetMaterialMap(MAP_DIFFUSE);
+    ASSERT_TRUE(map);
+    EXPECT_EQ(map->GetFileName(), L"tex/red.png");
+    EXPECT_FLOAT_EQ(map->translateU, 0.5f);
+    EXPECT_FLOAT_EQ(map->scaleV, 3.0f);
+    EXPECT_EQ(map->channel, 0);
+    ASSERT_TRUE(red->GetMaterialMap(MAP_BUMP));
+    EXPECT_EQ(red->GetMaterialMap(MAP_BUMP)->GetFileName(), L"bump.png");
+    ASSERT_TRUE(red->GetMaterialMap(MAP_NORMAL));
+    EXPECT_EQ(r.scene->GetRequiredFiles().size(), 3u);
+
+    auto* clear = r.scene->GetMaterialByID(r.scene->GetMaterialID(L"clear"));
+    EXPECT_FLOAT_EQ(clear->transparency, 0.25f); // Tr is read as the dissolve
+    EXPECT_EQ(clear->diffuse.g, 255);             // missing blue keeps its default
+
+    const C3DFaceList& fl = *FirstMesh(*r.scene)->GetFaceList();
+    EXPECT_EQ(fl.GetMaterialID(0), redID);
+    EXPECT_EQ(fl.GetMaterialID(1), NO_MATERIAL); // unknown name: no material
+    EXPECT_EQ(fl.GetMaterialID(2), r.scene->GetMaterialID(L"clear"));
+}
+
+TEST(ObjRead, MissingOrOddMaterialLibraries) {
+    const std::string body = std::string(kQuadV) + "usemtl a\nf 1 2 3\n";
+    for (const char* lib : {"mtllib nothere.mtl\n", "mtllib .\n", "mtllib ../../../../etc/none.mtl\n", "mtllib\n"}) {
+        auto r = ReadObjText(lib + body);
+        ASSERT_TRUE(r.scene) << lib;
+        EXPECT_EQ(r.scene->GetMaterialNumber(), 0) << lib;
+        EXPECT_EQ(FirstMesh(*r.scene)->GetFaceList()->GetMaterialID(0), NO_MATERIAL);
+    }
+    // A library in a sub-folder and one with Windows separators.
+    testsupport::TempDir dir;
+    std::filesystem::create_directories(dir / "sub");
+    testsupport::WriteFile(dir / "sub" / "x.mtl", "newmtl a\nKd 0 0 1\n");
+    testsupport::WriteFile(dir / "in.obj", "mtllib sub\\x.mtl\n" + body);
+    auto r = ReadPath<CWavefrontIo>(dir / "in.obj");
+    ASSERT_TRUE(r.scene);
+    EXPECT_EQ(r.scene->GetMaterialNumber(), 1);
+}
+
+TEST(ObjRead, BadIndicesWarnAndKeepValidOnes) {
+    auto r = ReadObjText(std::string(kQuadV) + "f 1 0 2 9 3\nf -9 1 2 4\nf 7 8 9\n");
+    ASSERT_TRUE(r.scene);
+    EXPECT_EQ(r.level, LOG_INFO); // a warning, not an error
+    C3DGeomObject* obj = FirstMesh(*r.scene);
+    ASSERT_TRUE(obj);
+    const C3DFaceList& fl = *obj->GetFaceList();
+    ASSERT_EQ(fl.GetNumberOfFaces(), 2); // a face with no valid index is dropped
+    EXPECT_EQ(fl.GetFaceSize(0), 3);
+    EXPECT_EQ(fl.GetFaceSize(1), 3);
+    bool warned = false;
+    for (auto& l : r.log) warned = warned || l.level == LOG_INFO;
+    EXPECT_TRUE(warned);
+
+    // A bad UV index keeps the vertex but leaves the face's UVs unusable.
+    auto u = ReadObjText(std::string(kQuadV) + "vt 0 0\nf 1/1 2/5 3/1\nf 1/1 2/1 3/1\n");
+    ASSERT_TRUE(u.scene);
+    CUVWChannel* uv = FirstMesh(*u.scene)->GetGlobalUVWChannel();
+    ASSERT_TRUE(uv);
+    EXPECT_TRUE(uv->GetUVWFaceList()->IsFaceFlagSet(0, FACE_SKIP));
+    EXPECT_FALSE(uv->GetUVWFaceList()->IsFaceFlagSet(1, FACE_SKIP));
+    EXPECT_EQ(uv->GetUVWPointList()->GetSize(), 1);
+}
+
+TEST(ObjRead, EmptyAndNotObj) {
+    for (const std::string& bad : {std::string(""), std::string("# only a comment\n"), std::string(kQuadV),
+                                  std::string("f 1 2 3\n"), std::string(1025, 'x') + "\n" + kQuadV + "f 1 2 3\n"}) {
+        auto r = ReadObjText(bad);
+        EXPECT_FALSE(r.scene);
+        EXPECT_EQ(r.error, IO_ERR_EMPTY);
+        EXPECT_EQ(r.level, LOG_ERROR);
+    }
+    // 1024 characters are fine, and so is a long line after the first vertex.
+    auto ok = ReadObjText("#" + std::string(1023, 'x') + "\n" + kQuadV + "#" + std::string(100000, 'y') + "\nf 1 2 3\n");
+    EXPECT_TRUE(ok.scene);
+    // Faces before any vertex: positive indices still reach the positions read later.
+    auto early = ReadObjText(std::string("f 1 2 3\n") + kQuadV);
+    ASSERT_TRUE(early.scene);
+    EXPECT_EQ(FirstMesh(*early.scene)->GetPointList()->GetPoint(1).x, 1.0f);
+    EXPECT_EQ(ReadPath<CWavefrontIo>(testsupport::TempDir().path() / "no.obj").error, IO_ERR_OPEN);
+    EXPECT_EQ(ReadPath<CWavefrontIo>(testsupport::TempDir().path()).error, IO_ERR_OPEN);
+}
+
+TEST(ObjRead, LineEndsNulsAndByteOrderMarks) {
+    const std::string lf = std::string(kQuadV) + "g grp\nf 1 2 3 4\n";
+    std::string crlf, cr;
+    for (char c : lf) {
+        if (c == '\n') { crlf += "\r\n"; cr += '\r'; }
+        else { crlf += c; cr += c; }
+    }
+    std::string nul = lf;
+    nul.insert(nul.find("g grp"), std::string("#\0x\n", 4));
+    for (const std::string& text : {crlf, cr, "\xEF\xBB\xBF" + lf, nul, std::string("v 0 0 0\r\nv 1 0 0\nv 1 1 0\rv 0 1 0\ng grp\r\nf 1 2 3 4")}) {
+        auto r = ReadObjText(text);
+        ASSERT_TRUE(r.scene);
+        C3DSceneNode* node = nullptr;
+        C3DGeomObject* obj = FirstMesh(*r.scene, &node);
+        EXPECT_EQ(node->GetName(), L"grp");
+        EXPECT_EQ(obj->GetFaceList()->GetFaceSize(0), 4);
+    }
+    // UTF-16 with its BOM (auto mode), little and big endian, with a non-ASCII group name.
+    const std::wstring wide = L"v 0 0 0\nv 1 0 0\nv 1 1 0\ng gr\u00fcn\nf 1 2 3\n";
+    for (bool big : {false, true}) {
+        std::string bytes = big ? "\xFE\xFF" : "\xFF\xFE";
+        for (wchar_t c : wide) {
+            char hi = char(c >> 8), lo = char(c & 0xFF);
+            if (big) { bytes += hi; bytes += lo; }
+            else { bytes += lo; bytes += hi; }
+        }
+        auto r = ReadObjText(bytes);
+        ASSERT_TRUE(r.scene) << big;
+        C3DSceneNode* node = nullptr;
+        FirstMesh(*r.scene, &node);
+        EXPECT_EQ(node->GetName(), L"gr\u00fcn");
+    }
+    // WVEN 2 reads bytes as Latin-1; WVEN 1 as UTF-8.
+    const std::string utf8 = std::string(kQuadV) + "g gr\xC3\xBCn\nf 1 2 3\n";
+    C3DSceneNode* node = nullptr;
+    auto latin = ReadObjText(utf8, "", "m.mtl", 2);
+    FirstMesh(*latin.scene, &node);
+    EXPECT_EQ(node->GetName(), L"gr\u00c3\u00bcn");
+    auto u8 = ReadObjText(utf8, "", "m.mtl", 1);
+    FirstMesh(*u8.scene, &node);
+    EXPECT_EQ(node->GetName(), L"gr\u00fcn");
+}
+
+TEST(ObjRead, NodeIdCommentGoesToNextGroup) {
+    const std::string obj = std::string(kQuadV) + "# TVL:NODEID:18446744073709551615\ng a\nf 1 2 3\n"
+                                                   "g b\nf 2 3 4\n# TVL:NODEID:42\no c\nf 1 3 4\n";
+    auto r = ReadObjText(obj);
+    ASSERT_TRUE(r.scene);
+    auto nodes = Nodes(*r.scene);
+    ASSERT_EQ(nodes.size(), 3u);
+    EXPECT_EQ(nodes[0]->GetNodeID(), 18446744073709551615ull);
+    EXPECT_EQ(nodes[1]->GetNodeID(), 0u); // taken once, then cleared
+    EXPECT_EQ(nodes[2]->GetNodeID(), 42u);
+}
+
+TEST(ObjRead, EveryPrefixAndCancel) {
+    const std::string obj = "mtllib m.mtl\n" + std::string(kQuadV) + "vt 0 0\nvn 0 0 1\ng a\nusemtl x\nf 1/1/1 2/1/1 3/1/1 4/1/1\n";
+    const std::string mtl = "newmtl x\nKd 1 1 1\nmap_Kd -s 1 1 1 a.png\n";
+    for (size_t n = 0; n <= obj.size(); ++n) {
+        auto r = ReadObjText(obj.substr(0, n), mtl.substr(0, n % (mtl.size() + 1)));
+        if (!r.scene) {
+            EXPECT_EQ(r.error, IO_ERR_EMPTY) << n;
+        }
+    }
+    std::atomic<bool> cancel{true};
+    SetThreadCancelToken(&cancel);
+    std::string big;
+    for (int i = 0; i < 200; ++i) big += kQuadV;
+    big += "f 1 2 3\n";
+    auto r = ReadObjText(big);
+    SetThreadCancelToken(nullptr);
+    EXPECT_FALSE(r.scene);
+    EXPECT_EQ(r.error, IO_ERR_CANCELLED);
+    EXPECT_EQ(r.level, LOG_INFO);
+}
