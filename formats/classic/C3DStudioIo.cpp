@@ -224,7 +224,7 @@ bool C3DStudioIo::ReadMasterScale(CBinaryCursor& p) {
         m_building->SetUnit(UNIT_CENTIMETER);
     } else {
         m_building->SetScaleFactor(scale * 2.54);
-        m_building->SetUnit(UNIT_MILE);
+        m_building->SetUnit(UNIT_INCH);
     }
     return true;
 }
@@ -626,9 +626,10 @@ void C3DStudioIo::PlaceNodes() {
 }
 
 void C3DStudioIo::SaveDefaultOptions(CSceneExportOptions& options) const {
-    // Patches as meshes, materials kept, empty meshes and skipped faces removed. Faces are not
+    // Patches as meshes and the material table kept; curves kept as curves so that the writer
+    // leaves them out (a dropped curve would come back as an empty dummy node). Faces are not
     // triangulated: the writer splits quads itself and keeps only the first triangle of larger faces.
-    options.prepFlags = PREP_MESHES | PREP_MATERIALS | PREP_DROP_EMPTY;
+    options.prepFlags = PREP_MESHES | PREP_MATERIALS | PREP_CURVES;
 }
 
 bool C3DStudioIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,38 @@ inline std::vector<C3DSceneNode*> AllNodes(const C3DScene& s) {
     C3DNodePos pos = s.GetFirstNode(KINDOF_ALL);
     while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
     return out;
+}
+
+// A chunk found in written bytes: id, header offset, whole length.
+struct RawChunk {
+    uint16_t id = 0;
+    size_t start = 0;
+    uint32_t length = 0;
+    size_t Data() const { return start + 6; }
+    size_t End() const { return start + length; }
+};
+// Chunks lying one after another in [from, to) (a container's children).
+inline std::vector<RawChunk> ChunksIn(const std::string& b, size_t from, size_t to) {
+    std::vector<RawChunk> out;
+    while (from + 6 <= to) {
+        RawChunk c;
+        c.start = from;
+        std::memcpy(&c.id, &b[from], 2);
+        std::memcpy(&c.length, &b[from + 2], 4);
+        if (c.length < 6 || c.End() > to) break;
+        out.push_back(c);
+        from = c.End();
+    }
+    return out;
+}
+inline std::vector<RawChunk> ChunksIn(const std::string& b, const RawChunk& parent, size_t skip = 0) {
+    return ChunksIn(b, parent.Data() + skip, parent.End());
+}
+// The first chunk of `id` (by value: the list is often a temporary).
+inline std::optional<RawChunk> FindChunk(const std::vector<RawChunk>& v, uint16_t id) {
+    for (const RawChunk& c : v)
+        if (c.id == id) return c;
+    return std::nullopt;
 }
 
 inline C3DSceneNode* Named(const C3DScene& s, const wchar_t* name) { return s.FindNodeByName(CXStringW(name)); }

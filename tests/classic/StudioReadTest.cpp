@@ -120,8 +120,8 @@ TEST(StudioRead, MasterScaleSetsUnitAndFactor) {
         float value;
         double factor;
         int unit;
-    } cases[] = {{39.37f, 100.0, UNIT_METER}, {0.3937f, 1.0, UNIT_CENTIMETER}, {1.0f, 2.54, UNIT_MILE},
-                 {0.0f, 2.54, UNIT_MILE},     {2.0f, 5.08, UNIT_MILE},        {NAN, 2.54, UNIT_MILE}};
+    } cases[] = {{39.37f, 100.0, UNIT_METER}, {0.3937f, 1.0, UNIT_CENTIMETER}, {1.0f, 2.54, UNIT_INCH},
+                 {0.0f, 2.54, UNIT_INCH},     {2.0f, 5.08, UNIT_INCH},        {NAN, 2.54, UNIT_INCH}};
     for (const Case& c : cases) {
         StudioBuilder b;
         b.Begin(0x4D4D).Begin(0x0100).F32(c.value).End().End();
