@@ -96,7 +96,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
     {
         LxoUpdater up(src, tmp.c_str());
         if (!up.Writer()) {
-            std::fprintf(stderr, "orbiscope: cannot create '%s'.\n", dst);
+            std::fprintf(stderr, "orbiscope: cannot create '%s': its folder is missing or not writable.\n", dst);
             return EXIT_WRITE;
         }
         if (mesh) up.Replacements().SetAt(layerRef, mesh);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <new>
+#include <unistd.h>
 
 namespace {
 constexpr size_t kCopyBuffer = size_t(1) << 20;
@@ -38,6 +39,23 @@ uint32_t LxoCopy::ParseItemSubChunk(int context) {
 }
 
 uint32_t LxoCopy::CopyBytes(uint64_t n) {
+    // Big chunks still on disk are copied inside the kernel; whatever that cannot do
+    // goes through the buffer below.
+    uint64_t inOff = 0;
+    int in = n >= (uint64_t(1) << 16) && !InSubChunk() ? UnreadDescriptor(inOff) : -1;
+    int out = in >= 0 ? m_writer->AppendDescriptor() : -1;
+    if (in >= 0 && out >= 0) {
+        loff_t src = static_cast<loff_t>(inOff), dst = static_cast<loff_t>(m_writer->Tell());
+        uint64_t moved = 0;
+        while (moved < n) {
+            const ssize_t k = copy_file_range(in, &src, out, &dst, static_cast<size_t>(n - moved), 0);
+            if (k <= 0) break;
+            moved += static_cast<uint64_t>(k);
+        }
+        TookUnread(moved);
+        m_writer->Appended(moved);
+        n -= moved;
+    }
     if (!m_copyBuf) {
         m_copyBuf.reset(new (std::nothrow) uint8_t[kCopyBuffer]);
         if (!m_copyBuf) return Result(LXO_ERR_OUT_OF_MEMORY);

@@ -114,6 +114,21 @@ const uint8_t* LxoReader::PeekLoaded(size_t n) const {
     return m_cur.current();
 }
 
+int LxoReader::UnreadDescriptor(uint64_t& offset) {
+    if (m_loaded || !m_file) return -1;
+    const off_t pos = ftello(m_file);
+    if (pos < 0) return -1;
+    offset = static_cast<uint64_t>(pos);
+    return fileno(m_file);
+}
+
+void LxoReader::TookUnread(uint64_t n) {
+    uint64_t pos = 0;
+    if (UnreadDescriptor(pos) < 0) return;
+    fseeko(m_file, static_cast<off_t>(pos + n), SEEK_SET);
+    Consume(n);
+}
+
 // ---------------------------------------------------------------------------
 // Read primitives
 

@@ -172,6 +172,11 @@ protected:
     uint32_t LoadChunk();
     // Points at the next `n` loaded bytes without copying (null when short or not loaded).
     const uint8_t* PeekLoaded(size_t n) const;
+    // For in-kernel copies of a chunk left on disk: the descriptor and offset of the next
+    // unread byte (-1 when the chunk is loaded or the stream has no descriptor), and the
+    // bookkeeping once `n` bytes were taken that way.
+    int UnreadDescriptor(uint64_t& offset);
+    void TookUnread(uint64_t n);
 
 private:
     bool Check(uint64_t n) const { return n <= m_unread && (!m_inSub || n <= m_subUnread); }

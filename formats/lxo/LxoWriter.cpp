@@ -54,6 +54,16 @@ uint32_t LxoWriter::Finish() {
     return m_error;
 }
 
+int LxoWriter::AppendDescriptor() {
+    if (!m_file || m_error || Flush() || std::fflush(m_file) != 0) return -1;
+    return fileno(m_file);
+}
+
+void LxoWriter::Appended(uint64_t n) {
+    m_bufStart += n;
+    if (fseeko(m_file, static_cast<off_t>(m_bufStart), SEEK_SET) != 0) Fail(LXO_ERR_WRITE);
+}
+
 uint32_t LxoWriter::WriteBytes(const void* data, size_t n) {
     if (!m_file) return Fail(LXO_ERR_WRITE);
     if (n >= m_buf.size() / 2) {

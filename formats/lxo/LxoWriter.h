@@ -36,6 +36,10 @@ public:
     uint32_t WriteVX(uint32_t v);
     uint32_t WriteS0(std::string_view s);
     uint32_t WriteBytes(const void* data, size_t n);
+    // For in-kernel copies: flushes and returns the descriptor to append at Tell()
+    // (-1 when not possible); Appended records what was written through it.
+    int AppendDescriptor();
+    void Appended(uint64_t n);
     uint32_t PatchU4(uint64_t pos, uint32_t v);
     uint32_t PatchU2(uint64_t pos, uint16_t v);
 

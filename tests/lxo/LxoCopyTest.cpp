@@ -231,3 +231,28 @@ TEST(LxoUpdater, CorpusRoundTrip) {
         EXPECT_NE(text.find("#Points: 4\n"), std::string::npos);
     }
 }
+
+// Big chunks take the in-kernel copy, small ones the buffer; both keep every byte, and a
+// replaced layer's big chunks are dropped without being read.
+TEST(LxoUpdater, LargeChunksCopyExactly) {
+    TempDir tmp;
+    const std::string src = (tmp / "s.lxo").string(), dst = (tmp / "d.lxo").string(), rep = (tmp / "r.lxo").string();
+    std::string big;
+    for (uint32_t i = 0; i < 3 * 40000; ++i) big += F4(float(i) * 0.5f);
+    const std::string bytes = Form(Chunk("LAYR", std::string(76, '\0')) + Chunk("PNTS", big) +
+                                   Chunk("ZZZZ", big.substr(0, 70001)) + Chunk("TAGS", std::string("a\0a", 3)));
+    // The LAYR above is 76 bytes of zeros: index 0, empty name, reference ID 0.
+    testsupport::WriteFile(src, bytes);
+    EXPECT_EQ(Update(src, dst), 0u);
+    EXPECT_TRUE(testsupport::ReadFile(dst) == bytes);
+
+    const auto mesh = MakeMesh();
+    LxoLayerMesh layer;
+    layer.object = mesh.get();
+    EXPECT_EQ(Update(src, rep, 0, &layer), 0u);
+    const auto out = ListChunks(testsupport::ReadFile(rep));
+    EXPECT_EQ(Ids(out), (std::vector<std::string>{"LAYR", "PNTS", "BBOX", "VMPA", "VMAP", "POLS", "VMAD", "PTAG",
+                                                  "ZZZZ"}));
+    ASSERT_EQ(out.size(), 9u);
+    EXPECT_TRUE(out[8].payload == big.substr(0, 70001));
+}
