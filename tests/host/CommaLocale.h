@@ -1,7 +1,7 @@
 #pragma once
 // A process locale whose decimal point is a comma, for tests proving that our
 // number handling ignores the locale. Uses an installed one when there is one;
-// otherwise compiles de_DE with localedef into a cache folder (LOCPATH) when the
+// otherwise compiles de_DE with localedef into a cache folder when the
 // locale sources are present. ok() is false when neither works: callers skip.
 #include <clocale>
 #include <cstdlib>
@@ -14,7 +14,6 @@ namespace testsupport {
 class CommaLocaleScope {
 public:
     CommaLocaleScope() {
-        if (const char* lp = std::getenv("LOCPATH")) m_oldLocPath = lp, m_hadLocPath = true;
         for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "nl_NL.UTF-8",
                                  "it_IT.UTF-8", "ru_RU.UTF-8", "de_DE", "fr_FR"})
             if (Try(name)) return;
@@ -30,14 +29,16 @@ public:
                 std::filesystem::rename(tmp, dir + "/de_DE.UTF-8", ec);
             std::filesystem::remove_all(tmp, ec);
         }
+        // LOCPATH only for the one setlocale call: with it set, glibc's newlocale keeps a
+        // parsed copy of the path that leak checkers report.
+        const char* old = std::getenv("LOCPATH");
+        std::string saved = old ? old : "";
         setenv("LOCPATH", dir.c_str(), 1);
-        if (Try("de_DE.UTF-8")) return;
-        RestoreLocPath();
+        Try("de_DE.UTF-8");
+        if (old) setenv("LOCPATH", saved.c_str(), 1);
+        else unsetenv("LOCPATH");
     }
-    ~CommaLocaleScope() {
-        std::setlocale(LC_ALL, "C");
-        RestoreLocPath();
-    }
+    ~CommaLocaleScope() { std::setlocale(LC_ALL, "C"); }
     bool ok() const { return m_ok; }
     const std::string& name() const { return m_name; }
 
@@ -52,13 +53,7 @@ private:
         m_name = name;
         return true;
     }
-    void RestoreLocPath() {
-        if (m_hadLocPath) setenv("LOCPATH", m_oldLocPath.c_str(), 1);
-        else unsetenv("LOCPATH");
-    }
     bool m_ok = false;
-    bool m_hadLocPath = false;
-    std::string m_oldLocPath;
     std::string m_name;
 };
 

@@ -18,7 +18,7 @@ namespace {
 
 struct Outcome {
     int ret = -7;
-    unsigned char value[16];
+    alignas(16) unsigned char value[16];
     int n = -7;
     bool operator==(const Outcome& o) const { return ret == o.ret && n == o.n && std::memcmp(value, o.value, 16) == 0; }
 };
