@@ -1,6 +1,123 @@
+// VRML97 read: gunzip to a temporary file when needed, parse with the engine,
+// convert into a host scene (unit code 5, scale 100). The engine reports its own
+// parse errors to stderr and a world it cannot read is simply empty, so the
+// outcome codes are decided on the scene: -11 cancelled, -10 nothing to import,
+// -3 when no scene could be made at all.
 #include "vrml/vrml97/CVrml97Io.h"
 
-#include <new>
+#include <filesystem>
+#include <exception>
+
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/SwitchLocale.h"
+#include "vrml/vrml97/VrmlNodeKinds.h"
+#include "vrml/vrml97/VrmlNodes.h"
+#include "vrml/vrml97/VrmlScene.h"
+#include "vrml/vrml97/import/ImportConverter.h"
+#include "vrml/vrml97/import/ImportGzip.h"
+
+namespace {
+constexpr int kUnitCode = 5;
+constexpr double kScaleFactor = 100.0;
+
+// Inline worlds are read by the conversion (gzip, include cycles), not by the engine.
+class InlineLoadingDeferred {
+public:
+    InlineLoadingDeferred() : m_saved(VrmlNodeInline::s_loadOnAdd) { VrmlNodeInline::s_loadOnAdd = false; }
+    ~InlineLoadingDeferred() { VrmlNodeInline::s_loadOnAdd = m_saved; }
+    InlineLoadingDeferred(const InlineLoadingDeferred&) = delete;
+    InlineLoadingDeferred& operator=(const InlineLoadingDeferred&) = delete;
+private:
+    bool m_saved;
+};
+} // namespace
 
 CVrml97Io::CVrml97Io(CFileIo& io) : C3DParser(io) {}
-CVrml97Io::~CVrml97Io() {}
+
+CVrml97Io::~CVrml97Io() { ReleaseState(); }
+
+void CVrml97Io::ReleaseState() {
+    delete m_scene;
+    m_scene = nullptr;
+    delete m_root;
+    m_root = nullptr;
+    delete m_data;
+    m_data = nullptr;
+}
+
+void CVrml97Io::LoadDefaultOptions(CSceneImportOptions&) const {}
+
+std::mutex& CVrml97Io::ReadLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+C3DScene* CVrml97Io::Read(const CXStringW& path, CSceneImportOptions& options) {
+    std::lock_guard<std::mutex> guard(ReadLock());
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    try {
+        return ReadLocked(path, options);
+    } catch (const std::exception&) {
+        // Out of memory or a file system failure: nothing half-built is handed out.
+        ReleaseState();
+        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        return nullptr;
+    }
+}
+
+C3DScene* CVrml97Io::ReadLocked(const CXStringW& path, CSceneImportOptions& options) {
+    ReleaseState();
+    CTempFileGuard temp;
+    CXStringW file;
+    if (vrml97import::PrepareWorldFile(path, temp, file) == vrml97import::WorldFileState::Failed) {
+        options.AddLogInfo(LOG_ERROR, L"The gzip-compressed world is damaged or inflates past its size limit.");
+        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        return nullptr;
+    }
+
+    std::string utf8 = PathToUtf8(file);
+    {
+        InlineLoadingDeferred deferred;
+        m_scene = new VrmlScene(utf8.c_str(), nullptr);
+    }
+    bool cancelled = false;
+    if (m_scene) {
+        m_root = new C3DScene();
+        m_root->SetUnit(kUnitCode);
+        m_root->SetScaleFactor(kScaleFactor);
+        std::error_code ec;
+        uint64_t bytes = std::filesystem::file_size(utf8, ec);
+        m_data = new std::vector<vrml97import::TextureEntry>();
+        {
+            InlineLoadingDeferred deferred;
+            vrml97import::CVrml97Converter conv(*m_root, *this, options, PathToUtf8(path), ec ? 0 : bytes);
+            conv.ConvertRoot(m_scene->root());
+            conv.FlushReport();
+            *m_data = conv.Textures();
+            cancelled = conv.WasCancelled();
+        }
+        delete m_scene;
+        m_scene = nullptr;
+        delete m_data;
+        m_data = nullptr;
+    }
+    temp.Reset(CXStringW());
+
+    if (m_root && (cancelled || IsCancelled())) {
+        ReleaseState();
+        m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
+        return nullptr;
+    }
+    if (m_root && m_root->GetChildCount(nullptr, KINDOF_ALL, true) == 0) {
+        ReleaseState();
+        m_fileIo.SetIoError(IO_ERR_EMPTY, &options, LOG_INFO);
+        return nullptr;
+    }
+    if (!m_root) {
+        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        return nullptr;
+    }
+    C3DScene* scene = m_root;
+    m_root = nullptr;
+    return scene;
+}

@@ -1,20 +1,37 @@
 #pragma once
-// VRML97 parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// VRML97 reader (read only): loads a ".wrl" world, gzip-compressed or not, with the
+// VRML97 engine and converts its node graph into a new host scene. The engine keeps
+// process-wide state, so reads are serialised by one module-wide lock.
 #include <cstdint>
+#include <mutex>
+#include <vector>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
+class VrmlScene;
+namespace vrml97import {
+struct TextureEntry;
+}
+
 class CVrml97Io : public C3DParser {
 public:
     explicit CVrml97Io(CFileIo& io);
     ~CVrml97Io() override;
 
+    void LoadDefaultOptions(CSceneImportOptions& options) const override;
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+
+    // The lock every VRML97 read holds for its whole length.
+    static std::mutex& ReadLock();
+
 private:
-    void* m_scene = nullptr;
-    void* m_root = nullptr;
-    void* m_data = nullptr;
+    C3DScene* ReadLocked(const CXStringW& path, CSceneImportOptions& options);
+    void ReleaseState();
+
+    VrmlScene* m_scene = nullptr;                          // the world being converted (owned)
+    C3DScene* m_root = nullptr;                            // the scene being built (handed out on success)
+    std::vector<vrml97import::TextureEntry>* m_data = nullptr; // textures met during conversion
 };

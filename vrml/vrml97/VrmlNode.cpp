@@ -27,6 +27,8 @@ VrmlNodeType* VrmlNewBuiltinType(const char* name, VrmlNode* (*creator)(VrmlScen
     return (new VrmlNodeType(name, creator))->reference();
 }
 
+size_t VrmlCloneCount = 0;
+
 void VrmlPrintBegin() { ++g_printPass; }
 
 bool VrmlIsWritableName(const std::string& name) {
@@ -64,6 +66,7 @@ void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
 VrmlNode* VrmlNode::cloneInto(VrmlNamespace* ns) {
     if (d_visited && d_clone) return d_clone;
     VrmlNode* copy = cloneMe();
+    ++VrmlCloneCount;
     if (!d_name.empty()) copy->setName(d_name.c_str(), ns);
     d_visited = true;
     d_clone = copy;

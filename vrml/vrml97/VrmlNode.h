@@ -144,6 +144,8 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, const VrmlNode& n);
+// Nodes cloned for PROTO instances since the last world load (a budget).
+extern size_t VrmlCloneCount;
 // Starts a print pass: a named node printed twice in one pass prints as USE.
 void VrmlPrintBegin();
 // While a PROTO body is printed: the interface name a node's field or event is

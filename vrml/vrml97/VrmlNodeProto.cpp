@@ -15,11 +15,10 @@ namespace {
 // and so is the total number of clones one load may make.
 int g_instantiateDepth = 0;
 constexpr int kMaxInstantiateDepth = 16;
-size_t g_cloneCount = 0;
 constexpr size_t kMaxClones = 4000000;
 } // namespace
 
-void VrmlProtoResetBudget() { g_cloneCount = 0; }
+void VrmlProtoResetBudget() { VrmlCloneCount = 0; }
 
 VrmlNodeProto::VrmlNodeProto(VrmlNodeType* type, VrmlScene* scene) : VrmlNode(type, scene) {}
 
@@ -49,16 +48,20 @@ void VrmlNodeProto::instantiate() {
         d_instantiated = true;
         return;
     }
-    if (g_instantiateDepth >= kMaxInstantiateDepth) {
+    if (g_instantiateDepth > kMaxInstantiateDepth) {
         theSystem->error("PROTO %s nested too deeply; instance left empty\n", d_type->getName());
         d_instantiated = true;
         return;
     }
+    if (VrmlCloneCount > kMaxClones) {
+        theSystem->error("PROTO %s: too many nodes cloned; instance left empty\n", d_type->getName());
+        d_instantiated = true;
+        return;
+    }
     d_instantiating = true;
-    ++g_instantiateDepth;
     VrmlMFNode* body = d_type->bodyNodes();
     d_scope = std::make_shared<VrmlNamespace>();
-    if (body && g_cloneCount < kMaxClones) {
+    if (body) {
         for (size_t i = 0; i < body->size(); ++i)
             if ((*body)[i]) (*body)[i]->clearVisited();
         // Clone every top-level node first, then their children, so shared
@@ -73,7 +76,6 @@ void VrmlNodeProto::instantiate() {
             if (isNew) fresh.push_back(c);
         }
         for (VrmlNode* c : fresh) c->cloneChildrenInto(d_scope.get());
-        g_cloneCount += d_nodes.size();
         for (size_t i = 0; i < body->size(); ++i)
             if ((*body)[i]) (*body)[i]->clearVisited();
     }
@@ -105,7 +107,6 @@ void VrmlNodeProto::instantiate() {
             if (c) c->setField(m.field.c_str(), *f.second);
         }
     }
-    --g_instantiateDepth;
     d_instantiating = false;
     d_instantiated = true;
 }
@@ -115,14 +116,10 @@ void VrmlNodeProto::addToScene(VrmlScene* scene, const char* relativeUrl) {
     theSystem->debug("VrmlNodeProto::%s addToScene\n", name());
     d_scene = scene;
     ++g_instantiateDepth;
-    bool tooDeep = g_instantiateDepth > kMaxInstantiateDepth;
-    --g_instantiateDepth;
-    if (!tooDeep) instantiate();
+    instantiate();
     theSystem->debug("VrmlNodeProto::%s addToScene(%d nodes)\n", name(), static_cast<int>(d_nodes.size()));
-    ++g_instantiateDepth;
-    if (g_instantiateDepth <= kMaxInstantiateDepth)
-        for (size_t i = 0; i < d_nodes.size(); ++i)
-            if (d_nodes[i]) d_nodes[i]->addToScene(scene, relativeUrl);
+    for (size_t i = 0; i < d_nodes.size(); ++i)
+        if (d_nodes[i]) d_nodes[i]->addToScene(scene, relativeUrl);
     --g_instantiateDepth;
 }
 
@@ -159,7 +156,20 @@ void VrmlNodeProto::eventIn(double timeStamp, const char* eventName, const VrmlF
         std::string alt = std::strncmp(eventName, "set_", 4) == 0 ? std::string(eventName + 4) : "set_" + std::string(eventName);
         maps = d_type->getEventInISMap(alt.c_str());
     }
-    if (!maps) return;
+    if (!maps || maps->empty()) {
+        // An exposedField's IS sits on its field entry: forward as the
+        // implementation's own set_ event.
+        const char* stripped = std::strncmp(eventName, "set_", 4) == 0 ? eventName + 4 : eventName;
+        if (d_type->hasExposedField(stripped)) {
+            if (const auto* fm = d_type->getFieldISMap(stripped))
+                for (const auto& m : *fm) {
+                    VrmlNode* c = m.node && d_scope ? d_scope->findNode(m.node->name()) : nullptr;
+                    std::string ev = "set_" + m.field;
+                    if (c) c->eventIn(timeStamp, ev.c_str(), value);
+                }
+        }
+        return;
+    }
     for (const auto& m : *maps) {
         VrmlNode* c = m.node && d_scope ? d_scope->findNode(m.node->name()) : nullptr;
         if (c) c->eventIn(timeStamp, m.field.c_str(), value);

@@ -161,7 +161,6 @@ VrmlMFNode* VrmlNodeType::bodyNodes() {
         d_fetching = true;
         Doc relative(d_relativeUrl.empty() ? nullptr : d_relativeUrl.c_str());
         VrmlNodeType* t = VrmlScene::readPROTO(d_url.get(), d_relativeUrl.empty() ? nullptr : &relative);
-        if (t && t != this) t->bodyNodes(); // the fetched type may itself be external
         if (t && t != this && t->d_implementation) {
             d_implementation = std::make_unique<VrmlMFNode>(*t->d_implementation);
             d_namespace = t->d_namespace;

@@ -271,9 +271,11 @@ constexpr int kMaxInlineDepth = 8;
 
 void VrmlNodeInline::addToScene(VrmlScene* scene, const char* relativeUrl) {
     if (!scene || d_scene == scene) return;
-    if (!d_loaded && d_url.size() && g_inlineDepth < kMaxInlineDepth) {
+    // The depth counts while the loaded children join the scene too, so a
+    // world that inlines itself stops after a few levels.
+    ++g_inlineDepth;
+    if (!d_loaded && d_url.size() && g_inlineDepth <= kMaxInlineDepth) {
         d_loaded = true;
-        ++g_inlineDepth;
         Doc relative(relativeUrl && *relativeUrl ? relativeUrl : nullptr);
         auto ns = std::make_shared<VrmlNamespace>();
         VrmlMFNode* nodes = VrmlScene::readWRL(&d_url, &relative, ns.get());
@@ -283,9 +285,9 @@ void VrmlNodeInline::addToScene(VrmlScene* scene, const char* relativeUrl) {
                 if ((*nodes)[i] && acceptsAsChild((*nodes)[i])) d_children.add((*nodes)[i]);
             delete nodes;
         }
-        --g_inlineDepth;
     }
     VrmlNodeGroup::addToScene(scene, relativeUrl);
+    --g_inlineDepth;
 }
 
 // ---- Script: the table gives url, directOutput and mustEvaluate; each instance

@@ -204,6 +204,8 @@ class VrmlNodeInline : public VrmlNodeGroup {
     void addToScene(VrmlScene* scene, const char* relativeUrl) override;
     VrmlMFString d_url;
     bool d_loaded = false;
+    // Cleared by the importer, which loads Inline worlds itself (gzip, include cycles).
+    static inline bool s_loadOnAdd = true;
 };
 
 class VrmlNodeLOD : public VrmlNodeChild {

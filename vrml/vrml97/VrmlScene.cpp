@@ -207,6 +207,9 @@ VrmlNodeType* VrmlScene::readPROTO(const VrmlMFString* urls, const Doc* relative
             if (found) {
                 found->setActualUrl(doc.url());
                 found->reference();
+                // An EXTERNPROTO pointing further is resolved while this file is
+                // still marked, so a chain back to it fails instead of looping.
+                found->bodyNodes();
             }
             g_fetching.erase(file);
         }

@@ -1,0 +1,162 @@
+// PROTO and EXTERNPROTO: IS mappings through cloning, private namespaces,
+// routes before instantiation, fetching and its cycles.
+#include <gtest/gtest.h>
+
+#include "tests/support/TestSupport.h"
+#include "VrmlTestUtil.h"
+#include "vrml/vrml97/Doc.h"
+#include "vrml/vrml97/VrmlNodeProto.h"
+#include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlNodes.h"
+
+namespace {
+
+const char* kBox = "PROTO ColoredBox [ field SFColor c 1 0 0 exposedField SFVec3f pos 0 0 0 eventOut SFTime touched ] {\n"
+                   "  Transform { translation IS pos children [\n"
+                   "    Shape { appearance Appearance { material DEF M Material { diffuseColor IS c } }\n"
+                   "            geometry Box {} }\n"
+                   "    Shape { appearance Appearance { material USE M } }\n"
+                   "    DEF TS TouchSensor { touchTime IS touched } ] } }\n";
+
+VrmlNodeMaterial* FirstMaterial(VrmlNode* transform) {
+    VrmlNode* shape = transform->asTransform()->d_children[0];
+    return shape->asShape()->d_appearance.get()->asAppearance()->d_material.get()->asMaterial();
+}
+
+} // namespace
+
+TEST(VrmlProto, InstancesCloneTheBodyWithTheirOwnValues) {
+    auto p = ParseVrml(std::string(kBox) + "ColoredBox { c 0 0 1 pos 1 2 3 } ColoredBox {}");
+    ASSERT_EQ(p.size(), 2u) << p.diagnostics;
+    VrmlNodeProto* a = p[0]->asProto();
+    VrmlNodeProto* b = p[1]->asProto();
+    ASSERT_TRUE(a && b);
+    EXPECT_FALSE(a->isInstantiated());
+    a->instantiate();
+    b->instantiate();
+    ASSERT_EQ(a->getNodes().size(), 1u);
+    VrmlNode* ta = a->getNodes()[0];
+    VrmlNode* tb = b->getNodes()[0];
+    EXPECT_NE(ta, tb);
+    EXPECT_EQ(PrintField(ta->asTransform()->d_translation), "1 2 3");
+    EXPECT_EQ(PrintField(tb->asTransform()->d_translation), "0 0 0");
+    EXPECT_EQ(PrintField(FirstMaterial(ta)->d_diffuseColor), "0 0 1");
+    EXPECT_EQ(PrintField(FirstMaterial(tb)->d_diffuseColor), "1 0 0"); // the default
+    // DEF/USE inside the body stays shared within each copy.
+    VrmlNode* shape2 = ta->asTransform()->d_children[1];
+    EXPECT_EQ(shape2->asShape()->d_appearance.get()->asAppearance()->d_material.get(), FirstMaterial(ta));
+    EXPECT_NE(FirstMaterial(ta), FirstMaterial(tb));
+}
+
+TEST(VrmlProto, UnnamedIsTargetsAreNamedByAddress) {
+    auto p = ParseVrml(std::string(kBox) + "ColoredBox {}");
+    VrmlNodeType* t = p.ns->findType("ColoredBox");
+    ASSERT_TRUE(t);
+    VrmlMFNode* body = t->bodyNodes();
+    ASSERT_TRUE(body);
+    const char* name = (*body)[0]->name(); // the Transform had no DEF
+    char expected[32];
+    std::snprintf(expected, sizeof expected, "%p", static_cast<void*>((*body)[0]));
+    EXPECT_STREQ(name, expected);
+    EXPECT_STREQ(FirstMaterial((*body)[0])->name(), "M");
+    // The default was pushed into the body once.
+    EXPECT_EQ(PrintField(FirstMaterial((*body)[0])->d_diffuseColor), "1 0 0");
+}
+
+TEST(VrmlProto, RoutesAddedBeforeInstantiationReachTheClones) {
+    auto p = ParseVrml(std::string(kBox) +
+                       "DEF B ColoredBox {} DEF T Transform {} ROUTE B.touched TO T.set_scale "
+                       "DEF Bad ColoredBox {} ROUTE Bad.nothing TO T.set_scale");
+    VrmlNodeProto* b = p[0]->asProto();
+    ASSERT_TRUE(b);
+    b->instantiate();
+    VrmlNode* ts = nullptr;
+    b->getNodes()[0]->visitChildren([](VrmlNode*) {});
+    VrmlNode* tr = b->getNodes()[0];
+    ts = tr->asTransform()->d_children[2];
+    ASSERT_TRUE(ts && ts->asTouchSensor());
+    ASSERT_EQ(ts->routes().size(), 1u);
+    EXPECT_EQ(ts->routes()[0].fromEventOut, "touchTime");
+    EXPECT_EQ(ts->routes()[0].toNode, p[1]);
+    p[2]->asProto()->instantiate(); // a route to an unknown eventOut is simply dropped
+}
+
+TEST(VrmlProto, EventsAndFieldsForwardAfterInstantiation) {
+    auto p = ParseVrml(std::string(kBox) + "DEF B ColoredBox {}");
+    VrmlNodeProto* b = p[0]->asProto();
+    VrmlSFVec3f v(5, 5, 5);
+    b->eventIn(1.0, "set_pos", &v); // instantiates on demand
+    ASSERT_TRUE(b->isInstantiated());
+    EXPECT_EQ(PrintField(b->getNodes()[0]->asTransform()->d_translation), "5 5 5");
+    b->setField("c", VrmlSFColor(0, 1, 0));
+    EXPECT_EQ(PrintField(FirstMaterial(b->getNodes()[0])->d_diffuseColor), "0 1 0");
+    std::string msg = CaptureDiagnostics([&] { b->setField("c", VrmlSFFloat(1)); });
+    EXPECT_EQ(msg, "Invalid type (SFFloat) for c field of ColoredBox node (expected SFColor).\n");
+}
+
+TEST(VrmlProto, DuplicateNamesAndScopes) {
+    auto p = ParseVrml("PROTO A [] { Box {} } PROTO A [] { Sphere {} } A {}");
+    EXPECT_NE(p.diagnostics.find("Warning: PROTO A already defined\n"), std::string::npos);
+    // DEF names inside a body are private to it; outer PROTOs are visible.
+    auto q = ParseVrml("DEF X Box {} PROTO B [] { Shape { geometry USE X } } PROTO C [] { B {} } C {}");
+    VrmlNodeType* b = q.ns->findType("B");
+    ASSERT_TRUE(b && b->bodyNodes());
+    EXPECT_EQ((*b->bodyNodes())[0]->asShape()->d_geometry.get(), nullptr);
+    VrmlNodeType* c = q.ns->findType("C");
+    EXPECT_TRUE((*c->bodyNodes())[0]->asProto());
+}
+
+TEST(VrmlProto, SelfReferenceCannotRecurse) {
+    // A PROTO cannot name itself in its body (not declared yet); through a pair
+    // of PROTOs the second is unknown to the first.
+    auto p = ParseVrml("PROTO P [] { Group { children P {} } } P {}");
+    EXPECT_NE(p.diagnostics.find("Unknown node type 'P'"), std::string::npos);
+    VrmlScene scene;
+    VrmlMFNode* nodes = p.nodes.release();
+    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
+    delete nodes;
+}
+
+TEST(VrmlProto, ExternProtoFetchesLocalFilesAndStopsCycles) {
+    testsupport::TempDir dir;
+    testsupport::WriteFile(dir / "lib.wrl", "#VRML V2.0 utf8\nPROTO Other [] { Box {} }\n"
+                                            "PROTO Ball [ field SFFloat r 2 ] { Shape { geometry Sphere { radius IS r } } }\n");
+    // self.wrl refers to itself: the fetch of a file already being read fails.
+    testsupport::WriteFile(dir / "self.wrl", "#VRML V2.0 utf8\nEXTERNPROTO Loop [] \"self.wrl#Loop\"\nLoop {}\n");
+    testsupport::WriteFile(dir / "main.wrl", "#VRML V2.0 utf8\n"
+                                             "EXTERNPROTO Ball [ field SFFloat r ] [ \"missing.wrl#Ball\" \"lib.wrl#Ball\" ]\n"
+                                             "EXTERNPROTO Gone [] [ \"nope1.wrl\" \"nope2.wrl\" ]\n"
+                                             "Ball { r 5 } Ball {} Gone {}\n");
+    VrmlScene scene;
+    std::string msg = CaptureDiagnostics([&] { EXPECT_TRUE(scene.load((dir / "main.wrl").c_str())); });
+    EXPECT_NE(msg.find("Warning: Couldn't read EXTERNPROTO url 'missing.wrl#Ball'"), std::string::npos) << msg;
+    EXPECT_NE(msg.find("Couldn't read EXTERNPROTO url 'nope1.wrl'"), std::string::npos);
+    EXPECT_EQ(msg.find("nope2.wrl"), std::string::npos); // the last URL is not reported
+    VrmlNodeGroup* root = scene.root();
+    ASSERT_EQ(root->size(), 2u) << msg; // Gone has no body, so it is no child
+    VrmlNodeProto* ball = root->child(0)->asProto();
+    ASSERT_TRUE(ball && ball->isInstantiated());
+    auto* sphere = ball->getNodes()[0]->asShape()->d_geometry.get()->asSphere();
+    EXPECT_FLOAT_EQ(sphere->d_radius.get(), 5);
+    auto* sphere2 = root->child(1)->asProto()->getNodes()[0]->asShape()->d_geometry.get()->asSphere();
+    EXPECT_FLOAT_EQ(sphere2->d_radius.get(), 2); // the fetched default
+
+    VrmlScene loop;
+    msg = CaptureDiagnostics([&] { loop.load((dir / "self.wrl").c_str()); });
+    EXPECT_EQ(loop.root()->size(), 0u);
+}
+
+TEST(VrmlProto, NestedInstantiationIsBounded) {
+    // Each level doubles the instances: the clone budget and depth cap end it.
+    std::string text = "PROTO L0 [] { Box {} }\n";
+    for (int i = 1; i <= 40; ++i)
+        text += "PROTO L" + std::to_string(i) + " [] { Group { children [ L" + std::to_string(i - 1) + " {} L" +
+                std::to_string(i - 1) + " {} ] } }\n";
+    text += "L40 {}\n";
+    auto p = ParseVrml(text);
+    VrmlScene scene;
+    VrmlMFNode* nodes = p.nodes.release();
+    std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
+    delete nodes;
+    EXPECT_NE(msg.find("nested too deeply"), std::string::npos);
+}
