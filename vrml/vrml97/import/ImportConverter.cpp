@@ -28,6 +28,7 @@ namespace {
 constexpr uint32_t kShadingGroupName = FourCC("SGNM");
 constexpr uint32_t kPlacementName = FourCC("P2DT");
 constexpr uint32_t kFileRecordName = FourCC("FILE");
+constexpr uint32_t kObjectName = FourCC("NAME");
 
 std::string Canonical(const std::string& file) {
     std::error_code ec;
@@ -229,9 +230,13 @@ uint32_t CVrml97Converter::ConvertMaterial(VrmlNode* appearanceNode) {
 
 void CVrml97Converter::ConvertShape(C3DSceneNode* node, VrmlNodeShape& shape, const CXStringW& path) {
     uint32_t material = ConvertMaterial(shape.d_appearance.get());
-    node->SetName(path.IsEmpty() ? NumberedName(L"shape") : path + NumberedName(L"Shape"));
+    // The shape's object name; a node that already has a name (an alternative) keeps it.
+    CXStringW name = path.IsEmpty() ? NumberedName(L"shape") : path + NumberedName(L"Shape");
+    if (node->GetName().IsEmpty()) node->SetName(name);
     std::unique_ptr<C3DBaseObject> obj = ConvertGeometry(ResolveNode(shape.d_geometry.get()), material);
-    if (obj) node->SetObject(obj.release());
+    if (!obj) return;
+    obj->GetCustomData().SetString(kObjectName, name);
+    node->SetObject(obj.release());
 }
 
 std::unique_ptr<C3DBaseObject> CVrml97Converter::ConvertGeometry(VrmlNode* g, uint32_t material) {
