@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -22,6 +23,32 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 double Seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
+
+// CPU seconds (user + system) of this process or of its finished children. The
+// machine is shared, so wall time alone says little; both are printed.
+double CpuSeconds(int who) {
+    rusage ru;
+    getrusage(who, &ru);
+    return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+           static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+struct Timing {
+    double wall = 1e300, cpu = 1e300;
+};
+
+// Best wall and best CPU time of `runs` runs; `who` selects whose CPU time counts.
+template <typename F> Timing Measure(int runs, int who, F&& f) {
+    Timing t;
+    for (int i = 0; i < runs; ++i) {
+        double c0 = CpuSeconds(who);
+        auto t0 = Clock::now();
+        if (!f()) return Timing{};
+        t.wall = std::min(t.wall, Seconds(t0, Clock::now()));
+        t.cpu = std::min(t.cpu, CpuSeconds(who) - c0);
+    }
+    return t;
+}
 
 // Deterministic OBJ-like text: "v %f %f %f\n" from a 64-bit LCG.
 bool Generate(const std::string& path, uint64_t bytes) {
@@ -43,18 +70,6 @@ bool Generate(const std::string& path, uint64_t bytes) {
         written += line.size();
     }
     return out.CloseFile();
-}
-
-double TimeCommand(const std::string& cmd) {
-    auto t0 = Clock::now();
-    if (std::system(cmd.c_str()) != 0) return -1;
-    return Seconds(t0, Clock::now());
-}
-
-template <typename F> double Best(int runs, F&& f) {
-    double best = 1e300;
-    for (int i = 0; i < runs; ++i) best = std::min(best, f());
-    return best;
 }
 
 } // namespace
@@ -92,43 +107,47 @@ int main(int argc, char** argv) {
     const double sizeMB = static_cast<double>(st.st_size) / 1e6;
 
     // Warm the page cache so both sides read from memory.
-    TimeCommand("cat '" + path + "' > /dev/null");
-    double cat = Best(3, [&] { return TimeCommand("cat '" + path + "' > /dev/null"); });
+    const std::string catCmd = "cat '" + path + "' > /dev/null";
+    if (std::system(catCmd.c_str()) != 0) return 1;
+    Timing cat = Measure(3, RUSAGE_CHILDREN, [&] { return std::system(catCmd.c_str()) == 0; });
 
     std::vector<char> buf(1 << 20);
     uint64_t sink = 0;
-    double ioRead = Best(3, [&] {
-        auto t0 = Clock::now();
+    Timing ioRead = Measure(3, RUSAGE_SELF, [&] {
         IoFile f(true);
-        if (!f.OpenFile(path, true)) return 1e300;
+        if (!f.OpenFile(path, true)) return false;
         while (!f.IsEOF()) {
             size_t n = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(buf.size()), f.FileGetLength() - f.FileGetPosition()));
             f.FileRead(buf.data(), n);
             sink += static_cast<unsigned char>(buf[n / 2]);
         }
-        f.CloseFile();
-        return Seconds(t0, Clock::now());
+        return f.CloseFile();
     });
     uint64_t lines = 0;
-    double ioLines = Best(3, [&] {
-        auto t0 = Clock::now();
+    Timing ioLines = Measure(3, RUSAGE_SELF, [&] {
         IoFile f(true);
-        if (!f.OpenFile(path, true)) return 1e300;
+        if (!f.OpenFile(path, true)) return false;
         std::string_view l;
         lines = 0;
         while (f.ReadLine(l)) {
             ++lines;
             sink += l.size();
         }
-        f.CloseFile();
-        return Seconds(t0, Clock::now());
+        return f.CloseFile();
     });
 
+    auto row = [&](const char* what, const Timing& t, const char* extra) {
+        std::printf("%-24s: %7.0f MB/s wall (%.3f s), %7.0f MB/s CPU (%.3f s)%s\n", what, sizeMB / t.wall, t.wall,
+                    sizeMB / t.cpu, t.cpu, extra);
+    };
     std::printf("file: %s, %.1f MB\n", path.c_str(), sizeMB);
-    std::printf("cat > /dev/null          : %8.0f MB/s (%.3f s)\n", sizeMB / cat, cat);
-    std::printf("IoFile FileRead 1 MiB    : %8.0f MB/s (%.3f s)  ratio to cat %.2f\n", sizeMB / ioRead, ioRead, cat / ioRead);
-    std::printf("IoFile ReadLine          : %8.0f MB/s (%.3f s, %" PRIu64 " lines)  ratio to cat %.2f\n", sizeMB / ioLines,
-                ioLines, lines, cat / ioLines);
+    row("cat > /dev/null", cat, "");
+    char extra[128];
+    std::snprintf(extra, sizeof(extra), "  ratio to cat: wall %.2f, CPU %.2f", cat.wall / ioRead.wall, cat.cpu / ioRead.cpu);
+    row("IoFile FileRead 1 MiB", ioRead, extra);
+    std::snprintf(extra, sizeof(extra), "  ratio to cat: wall %.2f, CPU %.2f (%llu lines)", cat.wall / ioLines.wall,
+                  cat.cpu / ioLines.cpu, static_cast<unsigned long long>(lines));
+    row("IoFile ReadLine", ioLines, extra);
 
     // Float parsing over the first 256 MB of the same text: our cursor vs strtof.
     {
@@ -140,8 +159,7 @@ int main(int argc, char** argv) {
         f.CloseFile();
         uint64_t count = 0;
         double sum = 0;
-        double ours = Best(3, [&] {
-            auto t0 = Clock::now();
+        Timing ours = Measure(3, RUSAGE_SELF, [&] {
             textscan::TextCursor c(text);
             count = 0;
             float v;
@@ -153,11 +171,10 @@ int main(int argc, char** argv) {
                     break;
                 }
             }
-            return Seconds(t0, Clock::now());
+            return true;
         });
         uint64_t count2 = 0;
-        double libc = Best(3, [&] {
-            auto t0 = Clock::now();
+        Timing libc = Measure(3, RUSAGE_SELF, [&] {
             const char* p = text.c_str();
             const char* end = p + text.size();
             count2 = 0;
@@ -173,13 +190,15 @@ int main(int argc, char** argv) {
                     while (p < end && (*p == ' ' || *p == '\n')) ++p;
                 }
             }
-            return Seconds(t0, Clock::now());
+            return true;
         });
         double tmb = static_cast<double>(n) / 1e6;
-        std::printf("TextCursor::ReadFloat    : %8.0f MB/s, %.1f M floats/s (%" PRIu64 " floats)\n", tmb / ours,
-                    static_cast<double>(count) / ours / 1e6, count);
-        std::printf("strtof (C library)       : %8.0f MB/s, %.1f M floats/s (%" PRIu64 " floats)  ratio ours/strtof %.2f\n",
-                    tmb / libc, static_cast<double>(count2) / libc / 1e6, count2, libc / ours);
+        std::printf("TextCursor::ReadFloat   : %7.0f MB/s CPU, %.1f M floats/s CPU (%.3f s wall; %" PRIu64 " floats)\n",
+                    tmb / ours.cpu, static_cast<double>(count) / ours.cpu / 1e6, ours.wall, count);
+        std::printf("strtof (C library)      : %7.0f MB/s CPU, %.1f M floats/s CPU (%.3f s wall; %" PRIu64
+                    " floats)  ratio ours/strtof: CPU %.2f, wall %.2f\n",
+                    tmb / libc.cpu, static_cast<double>(count2) / libc.cpu / 1e6, libc.wall, count2, libc.cpu / ours.cpu,
+                    libc.wall / ours.wall);
     }
     std::printf("(checksum %" PRIu64 ")\n", sink);
     if (!keep && path.rfind("/tmp/orbiscope-bench/", 0) == 0) std::remove(path.c_str());

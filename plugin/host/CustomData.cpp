@@ -81,7 +81,10 @@ CCustomData::CCustomData(const CCustomData& o) { *this = o; }
 CCustomData& CCustomData::operator=(const CCustomData& o) {
     if (this == &o) return *this;
     std::map<uint32_t, Value> copy;
-    for (const auto& [id, v] : o.m_values) {
+    for (const auto& entry : o.m_values) {
+        // Named copies, not a structured binding: clang 14 cannot capture those in the lambda.
+        const uint32_t id = entry.first;
+        const Value& v = entry.second;
         if (const Bag* b = std::get_if<Bag>(&v))
             copy.emplace(id, std::make_unique<CCustomData>(**b));
         else

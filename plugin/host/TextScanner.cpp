@@ -189,6 +189,22 @@ template <typename T> bool ConvertFloat(const char* b, const char* e, bool hex, 
 }
 
 template <typename T, typename C> size_t FloatField(const C* p, const C* end, size_t width, T& v) {
+    if constexpr (std::is_same_v<C, char> && !std::is_same_v<T, long double>) {
+        // Plain decimals (the bulk of any file): from_chars alone consumes exactly what
+        // scanf would, unless it stops at an 'e' (an exponent scanf swallows without
+        // digits) or an 'x' (hex); those, signs '+', inf/nan (from_chars reads "-infin"
+        // and "nan(x)" differently) and range errors take the full path below.
+        if (width == SIZE_MAX && p < end &&
+            (Digit(*p) || *p == '.' || (*p == '-' && p + 1 < end && (Digit(p[1]) || p[1] == '.')))) {
+            T r;
+            auto res = std::from_chars(p, end, r, std::chars_format::general);
+            if (res.ec == std::errc() &&
+                (res.ptr == end || (*res.ptr != 'e' && *res.ptr != 'E' && *res.ptr != 'x' && *res.ptr != 'X'))) {
+                v = r;
+                return static_cast<size_t>(res.ptr - p);
+            }
+        }
+    }
     bool hex;
     size_t n = CollectFloat(p, end, width, hex);
     if (n == 0) return 0;

@@ -141,6 +141,21 @@ TEST(TextScanner, PinnedFloatQuirks) {
     float v = 0;
     EXPECT_EQ(1, ScanFormat("-0", "%f", &v));
     EXPECT_TRUE(std::signbit(v));
+    // The cursor's fast path for plain decimals must hand over exactly where from_chars
+    // and scanf disagree.
+    for (const char* s : {"-infinit", "-infinity", "-nan(12)", "-inf", "1e", "1E+", "0x1p3", "-0x.", "-.5", "1.e5",
+                          "5e-50", "-7e39", "12.5.6", "3-4", "1e5e6", "007", "-", "-.", "+1.5", "1,5", "0X1", "9e+9x"}) {
+        float c = -99, o = -99;
+        int n = -1;
+        int r = std::sscanf(s, "%f%n", &c, &n);
+        TextCursor cur(s);
+        bool ok = cur.ReadFloat(o);
+        EXPECT_EQ(r == 1, ok) << s;
+        if (r == 1 && ok) {
+            EXPECT_EQ(static_cast<size_t>(n), cur.Position()) << s;
+            EXPECT_EQ(0, std::memcmp(&c, &o, 4)) << s;
+        }
+    }
 }
 
 TEST(TextScanner, ReturnValuesAndLiterals) {
