@@ -80,6 +80,7 @@ int Dump(int argc, char** argv) {
         return EXIT_WRITE;
     }
     const uint32_t r = dump.Read();
+    dump.Flush();
     if (r) return ReadFailure("dump", file, r);
     return 0;
 }

@@ -1,9 +1,12 @@
 // LXO text dump. Every line format here is the tool's contract; handlers print and
-// return 0 so the walk only stops on the reader's own errors.
+// return 0 so the walk only stops on the reader's own errors. Lines are formatted by
+// the host's printf-identical formatter, so the process locale never touches numbers.
 #include "formats/lxo/LxoDump.h"
 
 #include <cstdarg>
 #include <cstring>
+
+#include "plugin/host/NumberFormat.h"
 
 namespace {
 char g_quoted[7];      // 'ABCD' and its NUL
@@ -75,16 +78,27 @@ LxoDump::LxoDump(FILE* input, FILE* output, bool verbose, const char* name)
 }
 
 LxoDump::~LxoDump() {
+    Flush();
     if (m_out && !m_isStdout) std::fclose(m_out);
-    else if (m_out) std::fflush(m_out);
+}
+
+void LxoDump::Flush() {
+    if (!m_out) return;
+    if (!m_text.empty()) std::fwrite(m_text.data(), 1, m_text.size(), m_out);
+    m_text.clear();
+    std::fflush(m_out);
 }
 
 void LxoDump::Print(const char* fmt, ...) {
     if (!m_out) return;
     va_list ap;
     va_start(ap, fmt);
-    std::vfprintf(m_out, fmt, ap);
+    numfmt::AppendFormatV(m_text, fmt, ap);
     va_end(ap);
+    if (m_text.size() >= (size_t(1) << 16)) {
+        std::fwrite(m_text.data(), 1, m_text.size(), m_out);
+        m_text.clear();
+    }
 }
 
 void LxoDump::SubPrefix() { Print("\tSubChunk ID: %s Size: %3d:\t", QuotedID(SubChunkID()), int(SubChunkSize())); }

@@ -5,6 +5,7 @@
 // vectors, vertex map values, polygon tag pairs). Not re-entrant: the quoted-ID and
 // key-type name buffers are shared.
 #include <cstdio>
+#include <string>
 
 #include "formats/lxo/LxoReader.h"
 
@@ -17,6 +18,8 @@ public:
     ~LxoDump() override;
 
     bool HasOutput() const { return m_out != nullptr; }
+    // Writes out what is buffered (the destructor does it too).
+    void Flush();
 
     uint32_t OnChunkHeader(uint32_t id, uint32_t size) override;
     uint32_t OnUnknownChunk(uint32_t id, uint32_t size) override;
@@ -105,6 +108,7 @@ private:
     void Values(uint32_t dimension, const float* values);
 
     FILE* m_out = nullptr;
+    std::string m_text; // formatted, not yet written
     bool m_isStdout = false;
     bool m_verbose = false;
 };

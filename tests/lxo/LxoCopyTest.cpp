@@ -227,6 +227,7 @@ TEST(LxoUpdater, CorpusRoundTrip) {
         EXPECT_EQ(replaced, 1);
         LxoDump d(dst2.c_str(), (tmp / "dump.txt").string().c_str(), true);
         EXPECT_EQ(d.Read(), 0u);
+        d.Flush();
         const std::string text = testsupport::ReadFile(tmp / "dump.txt");
         EXPECT_NE(text.find("#Points: 4\n"), std::string::npos);
     }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <cstdio>
 #include <regex>
 #include <string>
@@ -150,4 +151,22 @@ TEST(LxoDump, CorpusDumpsCompletely) {
             }
         }
     }
+}
+
+// Numbers print with a decimal point whatever the process locale says.
+TEST(LxoDump, IgnoresCommaDecimalLocale) {
+    std::string previous = std::setlocale(LC_ALL, nullptr);
+    const char* found = nullptr;
+    for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "nl_NL.UTF-8", "ru_RU.UTF-8"})
+        if (std::setlocale(LC_ALL, name)) {
+            found = name;
+            break;
+        }
+    if (!found) GTEST_SKIP() << "no comma-decimal locale available";
+    TempDir tmp;
+    const std::string f = (tmp / "sample.lxo").string();
+    lxotest::WriteDumpSample(f);
+    const std::string text = DumpText(f, true);
+    std::setlocale(LC_ALL, previous.c_str());
+    EXPECT_EQ(NeutralBanner(text), Golden("sample_verbose.txt")) << found;
 }
