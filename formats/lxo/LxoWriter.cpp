@@ -321,6 +321,42 @@ Lxo3dGroupChunk::Lxo3dGroupChunk(LxoWriter& w, uint32_t surfaces, uint32_t refer
     w.WriteU4(v, 3);
 }
 
+LxoTextTagChunk::LxoTextTagChunk(LxoWriter& w, uint32_t id, uint32_t type, std::string_view text)
+    : LxoChunk(w, id) {
+    w.WriteU4(type);
+    w.WriteS0(text);
+}
+
+LxoVertexChunk::LxoVertexChunk(LxoWriter& w, const float* xyz, size_t count) : LxoChunk(w, lxoid::VRTS) {
+    w.WriteF4(xyz, count * 3);
+}
+
+LxoTrianglesChunk::LxoTrianglesChunk(LxoWriter& w, const uint32_t* indices, size_t triangles)
+    : LxoChunk(w, lxoid::TRIS) {
+    w.WriteU4(indices, triangles * 3);
+}
+
+LxoVectorChunk::LxoVectorChunk(LxoWriter& w, uint32_t type, uint32_t dimension, std::string_view name,
+                               const float* values, size_t vectors)
+    : LxoChunk(w, lxoid::VVEC) {
+    const uint32_t v[2] = {type, dimension};
+    w.WriteU4(v, 2);
+    w.WriteS0(name);
+    w.WriteF4(values, vectors * dimension);
+}
+
+Lxo3dSurfaceChunk::Lxo3dSurfaceChunk(LxoWriter& w, uint32_t vertices, uint32_t triangles, uint32_t vectors,
+                                     uint32_t tags)
+    : LxoChunk(w, lxoid::SRF3) {
+    const uint32_t v[5] = {vertices, triangles, vectors, tags, 0};
+    w.WriteU4(v, 5);
+}
+
+LxoEnvelopeChunk::LxoEnvelopeChunk(LxoWriter& w, uint32_t index, uint32_t type) : LxoChunk(w, lxoid::ENVL) {
+    w.WriteVX(index);
+    w.WriteU4(type);
+}
+
 LxoNameStringSubChunk::LxoNameStringSubChunk(LxoWriter& w, uint32_t id, std::string_view text) : LxoSubChunk(w, id) {
     w.WriteS0(text);
 }
@@ -368,4 +404,38 @@ LxoChannelValueSubChunk::LxoChannelValueSubChunk(LxoWriter& w, std::string_view 
     w.WriteU2(ChannelSlot(w, channel));
     w.WriteU2(3);
     w.WriteS0(value);
+}
+
+LxoRgbChannelSubChunk::LxoRgbChannelSubChunk(LxoWriter& w, std::string_view channel, const float* rgb)
+    : LxoRgbChannelSubChunk(w, channel, rgb, nullptr) {}
+
+LxoRgbChannelSubChunk::LxoRgbChannelSubChunk(LxoWriter& w, std::string_view channel, const float* v,
+                                             const char* const* names)
+    : LxoSubChunk(w, lxoid::CHNV) {
+    static const char* const kRgb[3] = {"R", "G", "B"};
+    if (!names) names = kRgb;
+    w.WriteS0(channel);
+    w.WriteU2(2); // float components
+    w.WriteU2(3);
+    for (int i = 0; i < 3; ++i) {
+        w.WriteS0(names[i]);
+        w.WriteF4(v[i]);
+    }
+}
+
+namespace {
+const char* const kXyz[3] = {"X", "Y", "Z"};
+}
+
+LxoXyzChannelSubChunk::LxoXyzChannelSubChunk(LxoWriter& w, std::string_view channel, const float* xyz)
+    : LxoRgbChannelSubChunk(w, channel, xyz, kXyz) {}
+
+LxoGradientSubChunk::LxoGradientSubChunk(LxoWriter& w, std::string_view channel, uint32_t envelope, uint32_t flags,
+                                         std::string_view inType, std::string_view outType)
+    : LxoSubChunk(w, lxoid::GRAD) {
+    w.WriteS0(channel);
+    w.WriteVX(envelope);
+    w.WriteU4(flags);
+    w.WriteS0(inType);
+    w.WriteS0(outType);
 }

@@ -171,6 +171,42 @@ public:
     Lxo3dGroupChunk(LxoWriter& w, uint32_t surfaces, uint32_t referenceWord, uint32_t unused);
 };
 
+// STAG or TTGS: tag type and text.
+class LxoTextTagChunk : public LxoChunk {
+public:
+    LxoTextTagChunk(LxoWriter& w, uint32_t id, uint32_t type, std::string_view text);
+};
+
+// VRTS: baked vertices, 3 F4 each.
+class LxoVertexChunk : public LxoChunk {
+public:
+    LxoVertexChunk(LxoWriter& w, const float* xyz, size_t count);
+};
+
+// TRIS: three U4 vertex indices per triangle.
+class LxoTrianglesChunk : public LxoChunk {
+public:
+    LxoTrianglesChunk(LxoWriter& w, const uint32_t* indices, size_t triangles);
+};
+
+// VVEC: type, dimension, name, then dimension F4 per vector.
+class LxoVectorChunk : public LxoChunk {
+public:
+    LxoVectorChunk(LxoWriter& w, uint32_t type, uint32_t dimension, std::string_view name, const float* values,
+                   size_t vectors);
+};
+
+class Lxo3dSurfaceChunk : public LxoChunk {
+public:
+    Lxo3dSurfaceChunk(LxoWriter& w, uint32_t vertices, uint32_t triangles, uint32_t vectors, uint32_t tags);
+};
+
+// ENVL header (VX index, U4 type); keys and flags follow as sub-chunks.
+class LxoEnvelopeChunk : public LxoChunk {
+public:
+    LxoEnvelopeChunk(LxoWriter& w, uint32_t index, uint32_t type);
+};
+
 // Item sub-chunks.
 class LxoNameStringSubChunk : public LxoSubChunk {
 public:
@@ -199,4 +235,24 @@ public:
     LxoChannelValueSubChunk(LxoWriter& w, std::string_view channel, int32_t value);
     LxoChannelValueSubChunk(LxoWriter& w, std::string_view channel, float value);
     LxoChannelValueSubChunk(LxoWriter& w, std::string_view channel, std::string_view value);
+};
+
+// CHNV of three float components (base name + "R","G","B" or "X","Y","Z").
+class LxoRgbChannelSubChunk : public LxoSubChunk {
+public:
+    LxoRgbChannelSubChunk(LxoWriter& w, std::string_view channel, const float* rgb);
+protected:
+    LxoRgbChannelSubChunk(LxoWriter& w, std::string_view channel, const float* v, const char* const* names);
+};
+
+class LxoXyzChannelSubChunk : public LxoRgbChannelSubChunk {
+public:
+    LxoXyzChannelSubChunk(LxoWriter& w, std::string_view channel, const float* xyz);
+};
+
+// GRAD: channel name, VX envelope index, U4 flags, input and output types.
+class LxoGradientSubChunk : public LxoSubChunk {
+public:
+    LxoGradientSubChunk(LxoWriter& w, std::string_view channel, uint32_t envelope, uint32_t flags,
+                        std::string_view inType, std::string_view outType);
 };

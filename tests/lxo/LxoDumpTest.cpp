@@ -170,3 +170,50 @@ TEST(LxoDump, IgnoresCommaDecimalLocale) {
     std::setlocale(LC_ALL, previous.c_str());
     EXPECT_EQ(NeutralBanner(text), Golden("sample_verbose.txt")) << found;
 }
+
+// The remaining chunk objects, read back through the dump.
+TEST(LxoDump, BakedAndItemChunkObjects) {
+    using namespace lxoid;
+    TempDir tmp;
+    const std::string f = (tmp / "baked.lxo").string();
+    {
+        LxoWriter w(f.c_str());
+        LxoFileChunk form(w);
+        { LxoTextTagChunk c(w, STAG, LxoId('N', 'A', 'M', 'E'), "scene"); }
+        { Lxo3dSurfaceChunk c(w, 3, 1, 2, 0); }
+        const float v[6] = {0, 1, 2, 3, 4, 5};
+        { LxoVertexChunk c(w, v, 2); }
+        const uint32_t t[3] = {0, 1, 1};
+        { LxoTrianglesChunk c(w, t, 1); }
+        { LxoTextTagChunk c(w, TTGS, MATR, "Default"); }
+        { LxoVectorChunk c(w, NORM, 3, "n", v, 2); }
+        { Lxo3dGroupChunk c(w, 1, 0x80000004u, 0); }
+        {
+            LxoChunk c(w, ITEM);
+            uint32_t ref = 4;
+            w.WriteItemHeader("translation", "", ref);
+            { LxoXyzChannelSubChunk s(w, "pos", v + 3); }
+            { LxoRgbChannelSubChunk s(w, "diffCol", v); }
+            { LxoGradientSubChunk s(w, "diffAmt", 0x10000, 2, "time", "value"); }
+        }
+        { LxoEnvelopeChunk c(w, 7, 1); }
+    }
+    uint32_t r = 1;
+    const std::string text = DumpText(f, true, &r);
+    EXPECT_EQ(r, 0u);
+    for (const char* line : {
+             "\tID: 'NAME'  Tag: <scene>\n",
+             "#Vertices: 3, #Triangles: 1, #Vectors: 2, #Tags: 0, Unused: 0\n",
+             "#Points: 2\n\tPoint[  0]: <       0.000000,       1.000000,       2.000000>\n",
+             "#Triangles: 1\n\tTriangle[  0]: [  0,  1,  1]\n",
+             "ID: 'MATR'  Tag: <Default>\n",
+             "ID: 'NORM', Name: <n>, #Vectors: 2 (3-D)\n\tVector[  0]:        0.000000        1.000000        2.000000\n",
+             "BakedTriGroup: Reference ID: 4, #Surfs: 1, Unused: 0\n",
+             "Type: <translation>, Name: <>, Reference ID: 4\n",
+             "Chan: <pos                  >, Type: 2, #Elements: 3\n\t\t<X> = Float: 3.000000\n",
+             "\t\t<B> = Float: 2.000000\n",
+             "Name: <diffAmt>, Index: 65536, Flags: 2, inType: <time>, outType: <value>\n",
+             "\tEnvelope Index: 7, Type: 1 (int)\n",
+         })
+        EXPECT_NE(text.find(line), std::string::npos) << line;
+}
