@@ -280,7 +280,7 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
             if (!nextNonEmpty(line)) { ok = false; break; }
             textscan::TextCursor s(line);
             float xyz[3];
-            if (!s.SkipWord() || !s.ReadFloat(xyz[0]) || !s.ReadFloat(xyz[1]) || !s.ReadFloat(xyz[2])) { ok = false; break; }
+            if (!s.SkipWord() || !meshio::ReadCoord(s, xyz[0]) || !meshio::ReadCoord(s, xyz[1]) || !meshio::ReadCoord(s, xyz[2])) { ok = false; break; }
             std::memcpy(pts + size_t(npts + v) * 3, xyz, 12);
         }
         if (!ok) break;

@@ -79,7 +79,7 @@ inline bool Slash(TextCursor& c) {
 // Up to three floats, scanf style: the fields before the first mismatch are assigned.
 int ReadFloats(TextCursor& c, float* out, int n) {
     int got = 0;
-    while (got < n && c.ReadFloat(out[got])) ++got;
+    while (got < n && ReadCoord(c, out[got])) ++got;
     return got;
 }
 

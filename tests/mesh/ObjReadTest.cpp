@@ -1,4 +1,5 @@
 #include <atomic>
+#include <cmath>
 #include <gtest/gtest.h>
 
 #include "plugin/host/Cancel.h"
@@ -64,6 +65,22 @@ TEST(ObjRead, FaceFormsAllRead) {
     ASSERT_TRUE(r.scene);
     C3DGeomObject* obj = FirstMesh(*r.scene);
     EXPECT_EQ(obj->GetPointList()->GetPoint(2).x, 2.0f);
+}
+
+TEST(ObjRead, NumbersFollowScanfRules) {
+    auto r = ReadObjText("v +1 -.5 1e2\nv 1.5E-1 -inf 0x10\nv 3.1+e2 2 3\nv 7 8\nf 1 2 3 4\n");
+    ASSERT_TRUE(r.scene);
+    const C3DPointList& p = *FirstMesh(*r.scene)->GetPointList();
+    EXPECT_EQ(p.GetPoint(0).x, 1.0f);
+    EXPECT_EQ(p.GetPoint(0).y, -0.5f);
+    EXPECT_EQ(p.GetPoint(0).z, 100.0f);
+    EXPECT_EQ(p.GetPoint(1).x, 0.15f);
+    EXPECT_TRUE(std::isinf(p.GetPoint(1).y) && p.GetPoint(1).y < 0);
+    EXPECT_EQ(p.GetPoint(1).z, 16.0f);
+    EXPECT_EQ(p.GetPoint(2).x, 3.1f); // "3.1+e2": the field ends at '+', the rest does not scan
+    EXPECT_EQ(p.GetPoint(2).y, 0.0f);
+    EXPECT_EQ(p.GetPoint(3).x, 7.0f); // a missing z stays 0
+    EXPECT_EQ(p.GetPoint(3).z, 0.0f);
 }
 
 TEST(ObjRead, GroupsRenumberPointsByFirstUse) {
