@@ -53,7 +53,9 @@ public:
     bool Deserialize(const uint8_t* data, size_t size);
 
     // Persistence: $XDG_CONFIG_HOME/orbiscope (or ~/.config/orbiscope), one file per name+ID.
-    // Load fails (false) when the file is missing, damaged or of another version.
+    // Load fails (false) when the file is missing, damaged or of another version, and
+    // when preferences are off (ORBISCOPE_NO_PREFS), so tests never see stored values.
+    // Save writes a temporary file beside the target and renames it over the old one.
     bool LoadFromPrefs(const CXStringW& name, uint32_t id, uint32_t version);
     bool SaveToPrefs(const CXStringW& name, uint32_t id, uint32_t version) const;
     static std::string PrefsPath(const CXStringW& name, uint32_t id);
