@@ -9,6 +9,8 @@
 #include <string>
 
 #include "plugin/host/FileIo.h"
+#include "plugin/host/GenericIo.h"
+#include "plugin/host/Scene.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Parser.h"
 #include "plugin/host/XArray.h"
@@ -152,4 +154,31 @@ TEST(HostContainers, AppendGrowthRuleOfTheHostArray) {
     for (int i = 0; i < 9; ++i) EXPECT_EQ(a.Add(i), i);
     EXPECT_EQ(a.GetCapacity(), 12);
     EXPECT_THROW(a.SetAtGrow(-1, 0), CXInvalidArgException);
+}
+
+TEST(HostRegistry, GenericReaderPicksTheFormatByExtensionOrID) {
+    ASSERT_TRUE(M().init);
+    auto& reg = CParserRegistry::Instance();
+    reg.Clear();
+    EXPECT_EQ(reg.AddModule(M().init), 14);
+    EXPECT_EQ(reg.FindByExtension(L".STL", true)->ext.typeID, 0x53544C20u);
+    EXPECT_EQ(reg.FindByExtension(L".ply", true), nullptr); // write only
+    EXPECT_EQ(reg.FindByExtension(L".ply", false)->ext.typeID, FourCC("PLYY"));
+    EXPECT_EQ(reg.FindByExtension(L".lwb", true)->ext.typeID, FourCC("LIGT"));
+    EXPECT_EQ(reg.FindByExtension(L".lw", true)->ext.typeID, FourCC("LIGT")); // not a prefix match of .lws
+    EXPECT_EQ(reg.FindByExtension(L".lws", true)->ext.typeID, FourCC("LIGS"));
+    EXPECT_EQ(reg.FindByExtension(L".wr", true), nullptr);
+    EXPECT_EQ(TypeIDToString(0x53544C20), CXStringW(L"STL "));
+    EXPECT_EQ(TypeIDFromString(L"STL"), 0x53544C20u);
+
+    CXStringW house(Utf8ToWide((testsupport::SourceDir() / "examples" / "house.obj").string()));
+    CFileIo io(house);
+    auto scene = C3DIo::ReadScene(house, io);
+    ASSERT_NE(scene, nullptr) << io.GetIoError();
+    EXPECT_EQ(scene->GetChildCount(nullptr, KINDOF_MESH), 2);
+    EXPECT_EQ(scene->GetMaterialNumber(), 2);
+    CFileIo io2;
+    EXPECT_EQ(C3DIo::ReadScene(L"/nowhere/x.unknownext", io2), nullptr);
+    EXPECT_EQ(io2.GetIoError(), IO_ERR_NOT_AVAILABLE);
+    reg.Clear();
 }
