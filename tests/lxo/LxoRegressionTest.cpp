@@ -4,11 +4,12 @@
 #include <filesystem>
 #include <string>
 
+#include "formats/lxo/LxoCopy.h"
 #include "formats/lxo/LxoDump.h"
 #include "tests/support/TestSupport.h"
 
-// Replays every input kept from fuzzing through the verbose dump, from memory as the
-// fuzzer does: each must end with one of the reader's result codes.
+// Replays every input kept from fuzzing as the fuzzer does: the verbose dump from memory,
+// then the updater. Each must end with one of the reader's result codes.
 TEST(LxoRegressions, ReplayEveryFile) {
     const auto dir = testsupport::SourceDir() / "tests/regressions/lxo";
     int count = 0;
@@ -26,6 +27,10 @@ TEST(LxoRegressions, ReplayEveryFile) {
         }
         std::fclose(sink);
         EXPECT_TRUE(r == 0 || r == LXO_ERR_READ || r == LXO_ERR_UNSUPPORTED_TYPE) << e.path() << " " << r;
+        testsupport::TempDir tmp;
+        LxoUpdater up(e.path().string().c_str(), (tmp / "out.lxo").string().c_str());
+        const uint32_t u = up.Read();
+        EXPECT_TRUE(u == 0 || u == LXO_ERR_READ || u == LXO_ERR_UNSUPPORTED_TYPE) << e.path() << " " << u;
         ++count;
     }
     EXPECT_GT(count, 0);
