@@ -23,8 +23,8 @@ void CFileIo::SetIoError(int result, CIoOptions* options, int level) {
 }
 
 void CFileIo::SetIoError(const CXStringW& text, CIoOptions* options, int level) {
+    // A message alone is not a failure code: readers use it for warnings too.
     m_text = text;
     m_level = level;
-    if (m_result == 0) m_result = -3;
     if (options) options->AddLogInfo(level, text);
 }

@@ -27,7 +27,6 @@ public:
     uint32_t flags = 0;
     bool IsFlagSet(uint32_t f) const { return (flags & f) != 0; }
     void SetFlag(uint32_t f, bool on = true) { flags = on ? (flags | f) : (flags & ~f); }
-    bool operator==(const CMaterialMap&) const = default;
 
     const CXStringW& GetFileName() const { return file; }
     void SetFileName(const CXStringW& f) { file = f; }
