@@ -102,6 +102,7 @@ C3DScene* C3DStudioIo::ReadFile(IoFile& file, CSceneImportOptions& options) {
     SetFile(&file);
     m_options = &options;
     std::span<const uint8_t> data = file.GetData();
+    m_fileBase = data.data();
     CBinaryCursor all(data);
     uint16_t first = all.u16le();
     if (!all.ok()) {
@@ -172,7 +173,14 @@ bool C3DStudioIo::ReadEditor(CBinaryCursor& body, int depth) {
         switch (c.id) {
         case 0x0100: return ReadMasterScale(c.payload);
         case 0x3D3D: return ReadEditor(c.payload, depth + 1);
-        case 0x4000: return ReadNamedObject(c.payload, depth + 1);
+        case 0x4000: {
+            if (!ReadNamedObject(c.payload, depth + 1)) return false;
+            // Objects are read once: their file pages can go, and the host sees the progress.
+            const int64_t end = (c.payload.data() - m_fileBase) + static_cast<int64_t>(c.payload.size());
+            GetFile()->ReportProgress(end);
+            GetFile()->ReleaseBefore(end);
+            return true;
+        }
         case 0xAFFF: {
             C3DSMaterialRecord rec;
             if (!ParseStudioMaterial(c.payload, rec, *this)) return false;

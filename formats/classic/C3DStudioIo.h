@@ -73,6 +73,7 @@ private:
 
     // Reader state for one Read.
     CSceneImportOptions* m_options = nullptr;
+    const uint8_t* m_fileBase = nullptr;
     std::unique_ptr<C3DScene> m_building;
     std::vector<NodeRec> m_nodeRecs;
     CHashMap<const C3DSceneNode*, size_t> m_recIndex{23};

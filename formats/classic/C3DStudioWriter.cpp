@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <unordered_map>
 
 #include "plugin/host/BinaryCursor.h"
 #include "plugin/host/FileHelpers.h"
@@ -315,25 +316,46 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
             }
         }
     }
-    // One 0x4130 per material the faces use, in material ID order.
-    std::vector<uint32_t> order(triMaterial.size());
-    for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<uint32_t>(i);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](uint32_t a, uint32_t b) { return triMaterial[a] < triMaterial[b]; });
-    for (size_t i = 0; i < order.size();) {
-        const uint32_t mat = triMaterial[order[i]];
-        size_t j = i;
-        while (j < order.size() && triMaterial[order[j]] == mat) ++j;
-        if (m_scene.GetMaterialByID(mat) != nullptr) {
-            Begin(0x4130);
-            const CXStringW* written = m_materialWritten.Find(mat);
-            PutString(written ? *written : CXStringW());
-            PutU16(static_cast<uint16_t>(j - i));
-            uint8_t* out = Grow((j - i) * 2);
-            for (size_t k = i; k < j; ++k, out += 2) PutU16le(out, static_cast<uint16_t>(order[k]));
-            End();
+    // One 0x4130 per material the faces use, in material ID order; triangles are bucketed
+    // by material (runs of one material are the common case, so the lookup is cached).
+    std::vector<std::pair<uint32_t, uint32_t>> groups; // material, triangle count
+    std::unordered_map<uint32_t, uint32_t> groupOf;
+    std::vector<uint32_t> triGroup(triMaterial.size());
+    uint32_t lastMat = 0, lastGroup = 0;
+    bool haveLast = false;
+    for (size_t i = 0; i < triMaterial.size(); ++i) {
+        const uint32_t mat = triMaterial[i];
+        if (!haveLast || mat != lastMat) {
+            auto [it, added] = groupOf.try_emplace(mat, static_cast<uint32_t>(groups.size()));
+            if (added) groups.emplace_back(mat, 0);
+            lastMat = mat;
+            lastGroup = it->second;
+            haveLast = true;
         }
-        i = j;
+        triGroup[i] = lastGroup;
+        ++groups[lastGroup].second;
+    }
+    std::vector<uint32_t> byID(groups.size());
+    for (size_t g = 0; g < groups.size(); ++g) byID[g] = static_cast<uint32_t>(g);
+    std::sort(byID.begin(), byID.end(), [&](uint32_t a, uint32_t b) { return groups[a].first < groups[b].first; });
+    std::vector<uint32_t> start(groups.size() + 1, 0);
+    for (size_t g = 0; g < groups.size(); ++g) start[g + 1] = start[g] + groups[g].second;
+    std::vector<uint16_t> numbers(triMaterial.size());
+    {
+        std::vector<uint32_t> fill(start.begin(), start.end() - 1);
+        for (size_t i = 0; i < triGroup.size(); ++i) numbers[fill[triGroup[i]]++] = static_cast<uint16_t>(i);
+    }
+    for (uint32_t g : byID) {
+        const uint32_t mat = groups[g].first;
+        if (m_scene.GetMaterialByID(mat) == nullptr) continue;
+        Begin(0x4130);
+        const CXStringW* written = m_materialWritten.Find(mat);
+        PutString(written ? *written : CXStringW());
+        const uint32_t n = groups[g].second;
+        PutU16(static_cast<uint16_t>(n));
+        uint8_t* out = Grow(size_t(n) * 2);
+        for (uint32_t k = 0; k < n; ++k) PutU16le(out + k * 2, numbers[start[g] + k]);
+        End();
     }
     End(); // 0x4120
     End(); // 0x4100

@@ -130,6 +130,10 @@ TEST(StudioRead, MasterScaleSetsUnitAndFactor) {
         EXPECT_NEAR(r.scene->GetScaleFactor(), c.factor, 1e-5) << c.value;
         EXPECT_EQ(r.scene->GetUnit(), c.unit) << c.value;
     }
+    // The codes themselves are fixed: metre 5, centimetre 4, inch 7.
+    EXPECT_EQ(int(UNIT_METER), 5);
+    EXPECT_EQ(int(UNIT_CENTIMETER), 4);
+    EXPECT_EQ(int(UNIT_INCH), 7);
 }
 
 TEST(StudioRead, ObjectsBecomeMeshesCurvesOrGroups) {
