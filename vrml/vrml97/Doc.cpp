@@ -3,10 +3,13 @@
 #include "vrml/vrml97/Doc.h"
 
 #include <cstring>
+#include <sys/stat.h>
 
 #include "vrml/vrml97/System.h"
 
 namespace {
+
+bool g_fileAccess = true;
 
 bool startsWith(const std::string& s, const char* p) { return s.compare(0, std::strlen(p), p) == 0; }
 
@@ -68,10 +71,16 @@ FILE* Doc::fopen(const char* mode) {
         theSystem->error("Doc::fopen: %s is already open.\n", d_url.c_str());
         return d_fp;
     }
-    if (d_localName.empty()) return nullptr;
+    if (d_localName.empty() || !g_fileAccess) return nullptr;
+    if (mode[0] == 'r') {
+        struct stat st;
+        if (stat(d_localName.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+    }
     d_fp = std::fopen(d_localName.c_str(), mode);
     return d_fp;
 }
+
+void Doc::setFileAccess(bool allowed) { g_fileAccess = allowed; }
 
 void Doc::fclose() {
     if (d_fp) std::fclose(d_fp);

@@ -22,7 +22,10 @@ public:
     const std::string& localName() const { return d_localName; }
     const Doc* relative() const { return d_relative; }
 
+    // Opens regular files only (a URL naming a device or a pipe never reads).
     FILE* fopen(const char* mode);
+    // Turns every file open off or on (the fuzzer reads from memory only).
+    static void setFileAccess(bool allowed);
     void fclose();
     std::ostream* outputStream();
     void closeOutput();

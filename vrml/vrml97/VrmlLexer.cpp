@@ -424,6 +424,7 @@ int VrmlLexer::scanValue(int token) {
         }
         // An IndexedFaceSet written without the closing -1 keeps its last face.
         if (d_coordIndex && !v.empty() && v.back() != -1) v.push_back(-1);
+        if (v.capacity() > v.size() + v.size() / 8) v.shrink_to_fit();
         d_value = std::make_unique<VrmlMFInt>(std::move(v));
         return token;
     }
@@ -435,6 +436,7 @@ int VrmlLexer::scanValue(int token) {
             return token;
         }
         v.resize(v.size() / static_cast<size_t>(width) * static_cast<size_t>(width)); // a partial element is dropped
+        if (v.capacity() > v.size() + v.size() / 8) v.shrink_to_fit(); // growth slack would outlive the parse
         switch (token) {
         case MFCOLOR: d_value = std::make_unique<VrmlMFColor>(std::move(v)); break;
         case MFFLOAT: d_value = std::make_unique<VrmlMFFloat>(std::move(v)); break;

@@ -9,10 +9,11 @@
 #include "vrml/vrml97/VrmlNodes.h"
 
 VrmlNamespace::VrmlNamespace(std::shared_ptr<VrmlNamespace> parent)
-    : d_parentKeep(std::move(parent)), d_parent(d_parentKeep.get()) {}
+    : d_parentWeak(parent), d_parent(parent.get()), d_parentShared(parent != nullptr) {}
 
 std::shared_ptr<VrmlNamespace> VrmlNamespace::createChild(VrmlNamespace* parent) {
-    auto ns = std::make_shared<VrmlNamespace>(parent ? parent->weak_from_this().lock() : nullptr);
+    std::shared_ptr<VrmlNamespace> owner = parent ? parent->weak_from_this().lock() : nullptr;
+    auto ns = std::make_shared<VrmlNamespace>(owner);
     ns->d_parent = parent;
     return ns;
 }
@@ -35,9 +36,17 @@ bool VrmlNamespace::addNodeType(VrmlNodeType* type) {
 }
 
 VrmlNodeType* VrmlNamespace::findType(const char* name) const {
-    for (const VrmlNamespace* ns = this; ns; ns = ns->d_parent)
+    std::shared_ptr<VrmlNamespace> hold; // keeps a shared parent alive while it is searched
+    for (const VrmlNamespace* ns = this; ns;) {
         for (VrmlNodeType* t : ns->d_types)
             if (std::strcmp(t->getName(), name) == 0) return t;
+        if (ns->d_parentShared) {
+            hold = ns->d_parentWeak.lock();
+            ns = hold.get();
+        } else {
+            ns = ns->d_parent;
+        }
+    }
     return findBuiltinType(name);
 }
 

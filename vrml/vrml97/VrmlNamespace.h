@@ -35,8 +35,11 @@ public:
     static VrmlNodeType* findBuiltinType(const char* name);
 
 private:
-    std::shared_ptr<VrmlNamespace> d_parentKeep;
-    VrmlNamespace* d_parent = nullptr;
+    // The enclosing scope, held weakly: it owns the PROTO types whose bodies
+    // own this namespace, so a strong reference would be a cycle.
+    std::weak_ptr<VrmlNamespace> d_parentWeak;
+    VrmlNamespace* d_parent = nullptr; // used only when the parent is not shared-owned
+    bool d_parentShared = false;
     std::vector<VrmlNodeType*> d_types;
     std::unordered_map<std::string, VrmlNode*> d_names;
     // Every node ever named here stays referenced until the namespace dies, so a

@@ -274,7 +274,7 @@ void VrmlNodeInline::addToScene(VrmlScene* scene, const char* relativeUrl) {
     // The depth counts while the loaded children join the scene too, so a
     // world that inlines itself stops after a few levels.
     ++g_inlineDepth;
-    if (!d_loaded && d_url.size() && g_inlineDepth <= kMaxInlineDepth) {
+    if (s_loadOnAdd && !d_loaded && d_url.size() && g_inlineDepth <= kMaxInlineDepth) {
         d_loaded = true;
         Doc relative(relativeUrl && *relativeUrl ? relativeUrl : nullptr);
         auto ns = std::make_shared<VrmlNamespace>();

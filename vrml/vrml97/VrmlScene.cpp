@@ -156,9 +156,9 @@ VrmlMFNode* VrmlScene::readWRL(Doc* doc, VrmlNamespace* ns) {
     theSystem->debug("readWRL %s\n", doc->url());
     FILE* fp = doc->fopen("rb");
     if (!fp) return nullptr;
-    VrmlNamespace temp;
+    auto temp = std::make_shared<VrmlNamespace>();
     VrmlLexer lexer(fp);
-    VrmlParser parser(lexer, ns ? ns : &temp, doc);
+    VrmlParser parser(lexer, ns ? ns : temp.get(), doc);
     VrmlMFNode* nodes = parser.parse();
     doc->fclose();
     return nodes;
@@ -181,9 +181,9 @@ VrmlMFNode* VrmlScene::readWRL(const VrmlMFString* urls, const Doc* relative, Vr
 }
 
 VrmlMFNode* VrmlScene::readString(const char* data, size_t size, VrmlNamespace* ns, const Doc* base) {
-    VrmlNamespace temp;
+    auto temp = std::make_shared<VrmlNamespace>();
     VrmlLexer lexer(data, size);
-    VrmlParser parser(lexer, ns ? ns : &temp, base);
+    VrmlParser parser(lexer, ns ? ns : temp.get(), base);
     return parser.parse();
 }
 

@@ -76,6 +76,28 @@ const VrmlMFNode* AlternativesOf(VrmlNode& n) {
 
 C3DVector Vec3(const VrmlSFVec3f& v) { return {v.x(), v.y(), v.z()}; }
 
+// Drops a numeric list held by a node that nothing else can reach any more: the
+// node sits in one SFNode field only (no DEF name, no second user).
+void ReleaseList(VrmlMFVec3f& v) { v.set(0, nullptr); }
+void ReleaseList(VrmlMFVec2f& v) { v.set(0, nullptr); }
+void ReleaseList(VrmlMFInt& v) { v.set(0, nullptr); }
+
+// Once a face set has been converted it is copied from the host object for any
+// later use, so its big arrays can go before the next mesh is built: the import
+// then never holds a mesh twice over. Shared (DEF'd or USEd) data nodes stay.
+void ReleaseConverted(VrmlNode& g) {
+    VrmlNodeIFaceSet* f = g.asIFaceSet();
+    if (!f) return;
+    ReleaseList(f->d_coordIndex);
+    ReleaseList(f->d_colorIndex);
+    ReleaseList(f->d_texCoordIndex);
+    ReleaseList(f->d_normalIndex);
+    if (VrmlNode* c = f->d_coord.get(); c && c->refCount() == 1 && c->asCoordinate()) ReleaseList(c->asCoordinate()->d_point);
+    if (VrmlNode* t = f->d_texCoord.get(); t && t->refCount() == 1 && t->asTextureCoordinate())
+        ReleaseList(t->asTextureCoordinate()->d_point);
+    if (VrmlNode* n = f->d_normal.get(); n && n->refCount() == 1 && n->asNormal()) ReleaseList(n->asNormal()->d_vector);
+}
+
 } // namespace
 
 CVrml97Converter::CVrml97Converter(C3DScene& scene, const CFileParser& parser, CIoOptions& log,
@@ -295,6 +317,7 @@ std::unique_ptr<C3DBaseObject> CVrml97Converter::ConvertGeometry(VrmlNode* g, ui
     if (rep.empty) ++m_emptyGeometry;
     if (!obj || !Charge(GeometryElements(*obj))) return nullptr;
     m_built.emplace(g, obj.get()); // stays valid: the scene node that takes it is never removed
+    ReleaseConverted(*g);
     return obj;
 }
 
@@ -376,6 +399,7 @@ const CVrml97Converter::InlineFrame* CVrml97Converter::LoadInline(VrmlNodeInline
         return frame;
     }
     Doc base(frame->file.c_str());
+    bool cycleSeen = false;
     for (size_t i = 0; i < inl.d_url.size(); ++i) {
         const char* url = inl.d_url[i];
         if (!url || !*url) continue;
@@ -387,6 +411,7 @@ const CVrml97Converter::InlineFrame* CVrml97Converter::LoadInline(VrmlNodeInline
         for (const InlineFrame* f = frame; f && !cycle; f = f->parent) cycle = f->canonical == canonical;
         if (cycle) {
             Log(L"Inline '" + Wide(url) + L"' includes a world that includes it; it was read once.");
+            cycleSeen = true;
             continue;
         }
         std::error_code ec;
@@ -419,7 +444,8 @@ const CVrml97Converter::InlineFrame* CVrml97Converter::LoadInline(VrmlNodeInline
         m_inlineFrames.emplace(&inl, std::move(f));
         return result;
     }
-    Log(L"An Inline world could not be read: " + Wide(inl.d_url.size() && inl.d_url[0] ? inl.d_url[0] : ""));
+    if (!cycleSeen)
+        Log(L"An Inline world could not be read: " + Wide(inl.d_url.size() && inl.d_url[0] ? inl.d_url[0] : ""));
     return frame;
 }
 
