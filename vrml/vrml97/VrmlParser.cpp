@@ -355,7 +355,8 @@ void VrmlParser::parseScriptDecl() {
         std::unique_ptr<VrmlField> value = parseFieldValue(ft);
         if (value) script->setField(name.c_str(), *value);
     }
-    frame.fieldName.clear();
+    // Nested nodes may have moved the frame stack: look the frame up again.
+    d_frames.back().fieldName.clear();
 }
 
 void VrmlParser::parseInterfaceDecl(VrmlNodeType* t, bool external) {
