@@ -161,6 +161,8 @@ bool C3DKeyframable::Evaluate(double time, C4x4Matrix& out) const {
     if (C3DKeyCurve* t = GetTrack(KEY_ROTATE)) t->EvaluateRotation(time, rot);
     if (C3DKeyCurve* t = GetTrack(KEY_TRANSLATE)) t->EvaluateVector(time, trans);
     if (C3DKeyCurve* t = GetTrack(KEY_PIVOT)) t->EvaluateVector(time, pivot);
-    out = C4x4Matrix::Translation(-pivot.x, -pivot.y, -pivot.z) * C4x4Matrix::Compose(trans, rot, scale);
+    // The pivot key holds the offset added to the object's points before scaling and
+    // rotating (minus the pivot point, as 3D Studio stores it).
+    out = C4x4Matrix::Translation(pivot.x, pivot.y, pivot.z) * C4x4Matrix::Compose(trans, rot, scale);
     return true;
 }

@@ -113,7 +113,7 @@ public:
     void DeleteAllKeys() { m_tracks.clear(); }
     bool HasKeys() const;
     // The local transform at `time` from the tracks: MATR if present, else
-    // scale, rotation, translation (about the pivot); false when there are no tracks.
+    // the pivot offset, then scale, rotation, translation; false when there are no tracks.
     bool Evaluate(double time, C4x4Matrix& out) const;
 private:
     std::vector<std::unique_ptr<C3DKeyCurve>> m_tracks;

@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <csignal>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/support/TestSupport.h"
@@ -163,4 +165,46 @@ TEST(Cli, ModuleThatCannotBeLoadedIsReported) {
     int rc = std::system(cmd.c_str());
     EXPECT_EQ(WEXITSTATUS(rc), 10);
     EXPECT_NE(ReadFile(d / "err").find("cannot be loaded"), std::string::npos);
+}
+
+TEST(Cli, CtrlCCancelsAReadCleanly) {
+    TempDir d;
+    // A large OBJ, so the read is still running when the signal arrives.
+    std::string obj;
+    obj.reserve(64u << 20);
+    char line[96];
+    for (int i = 0; i < 1500000; ++i) {
+        int n = std::snprintf(line, sizeof line, "v %d.125 %d.5 -%d.25\n", i, i % 977, i % 13);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    for (int i = 1; i + 2 <= 1500000; i += 3) {
+        int n = std::snprintf(line, sizeof line, "f %d %d %d\n", i, i + 1, i + 2);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    WriteFile(d / "big.obj", obj);
+    std::string bin = (testsupport::BinaryDir() / "bin" / "orbiscope").string();
+    std::string big = (d / "big.obj").string();
+    std::string errPath = (d / "err").string();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        FILE* e = std::freopen(errPath.c_str(), "w", stderr);
+        (void)e;
+        execl(bin.c_str(), bin.c_str(), "info", big.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    // Signal once the file is mapped, i.e. the read has begun (and the handler is installed).
+    for (int i = 0; i < 400; ++i) {
+        if (ReadFile("/proc/" + std::to_string(pid) + "/maps").find("big.obj") != std::string::npos) break;
+        usleep(25000);
+    }
+    kill(pid, SIGINT);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    ASSERT_TRUE(WIFEXITED(st)) << "the process died of its signal instead of cancelling";
+    if (WEXITSTATUS(st) == 0) GTEST_SKIP() << "the read finished before the signal arrived";
+    EXPECT_EQ(WEXITSTATUS(st), 7);
+    std::string err = ReadFile(errPath);
+    EXPECT_NE(err.find("cancelled while reading"), std::string::npos) << err;
+    EXPECT_EQ(Lines(err), 1);
 }

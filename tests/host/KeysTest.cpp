@@ -90,7 +90,7 @@ TEST(Keys, NodeTransformFromTracksRotationAndPivot) {
     AddRot(n, 0, {0, 0, 1}, 0);
     AddRot(n, 100, {0, 0, 1}, 3.14159265f / 2);
     AddVec(n, KEY_SCALE, 0, {2, 2, 2});
-    AddVec(n, KEY_PIVOT, 0, {1, 0, 0});
+    AddVec(n, KEY_PIVOT, 0, {-1, 0, 0}); // the offset: minus the pivot point (1, 0, 0)
     n.GetNodeLocalTM(100, m);
     // The pivot point maps to the translation; a point one unit beyond it is scaled and turned 90 degrees.
     C3DPoint p = m.TransformPoint({1, 0, 0});
