@@ -60,8 +60,8 @@ done
 
 echo "== writes (MB/s of output; the time covers Save only)"
 OUT=$(mktemp -d)
-for spec in "big.obj out.obj" "big_bin.stl out.stl" "big.obj out.ply" "big.obj out.ma"; do
-    set -- $spec
+for job in "big.obj out.obj" "big_bin.stl out.stl" "big.obj out.ply" "big.obj out.ma"; do
+    set -- $job
     line=$("$BIN/bench_mesh" write "$DATA/$1" "$OUT/$2")
     echo "  $line"
 done

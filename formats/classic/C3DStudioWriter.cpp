@@ -65,8 +65,8 @@ uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
 }
 
 CXStringW C3DStudioWriter::ShortTextureName(const CXStringW& path) {
-    CFileNameSpec spec(path);
-    return spec.GetNameWithoutExt().Left(8) + spec.GetExtension().Left(4);
+    CFileNameSpec name(path);
+    return name.GetNameWithoutExt().Left(8) + name.GetExtension().Left(4);
 }
 
 uint8_t* C3DStudioWriter::Grow(size_t n) {

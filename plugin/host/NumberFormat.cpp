@@ -119,13 +119,13 @@ size_t FormatInt(char* buf, size_t cap, long long v) {
 
 namespace {
 
-struct Spec {
+struct FieldFormat {
     bool left = false, plus = false, space = false, zero = false;
     int width = -1, prec = -1;
 };
 
 // Pads a formatted number: `body` may start with a sign; zero padding goes after it.
-void AppendNumber(std::string& out, std::string_view body, const Spec& s, bool zeroAllowed) {
+void AppendNumber(std::string& out, std::string_view body, const FieldFormat& s, bool zeroAllowed) {
     size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
     if (body.size() >= w) {
         out.append(body);
@@ -146,7 +146,7 @@ void AppendNumber(std::string& out, std::string_view body, const Spec& s, bool z
     }
 }
 
-void AppendIntegerField(std::string& out, unsigned long long mag, bool neg, int base, bool upper, const Spec& s,
+void AppendIntegerField(std::string& out, unsigned long long mag, bool neg, int base, bool upper, const FieldFormat& s,
                         bool isSigned) {
     char digits[72];
     char* e = std::to_chars(digits, digits + 64, mag, base).ptr;
@@ -167,7 +167,7 @@ void AppendIntegerField(std::string& out, unsigned long long mag, bool neg, int 
     AppendNumber(out, body, s, s.prec < 0);
 }
 
-void AppendFloatField(std::string& out, double v, char conv, const Spec& s) {
+void AppendFloatField(std::string& out, double v, char conv, const FieldFormat& s) {
     bool upper = conv == 'F' || conv == 'E' || conv == 'G';
     std::string body;
     if (!std::signbit(v)) {
@@ -192,7 +192,7 @@ void AppendFloatField(std::string& out, double v, char conv, const Spec& s) {
     AppendNumber(out, body, s, finite);
 }
 
-void AppendStringField(std::string& out, std::string_view str, const Spec& s) {
+void AppendStringField(std::string& out, std::string_view str, const FieldFormat& s) {
     if (s.prec >= 0 && str.size() > static_cast<size_t>(s.prec)) str = str.substr(0, static_cast<size_t>(s.prec));
     size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
     size_t pad = str.size() < w ? w - str.size() : 0;
@@ -236,7 +236,7 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             fmt = p + 1;
             continue;
         }
-        Spec s;
+        FieldFormat s;
         bool alt = false;
         for (;; ++p) {
             if (*p == '-') s.left = true;
@@ -350,12 +350,12 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
         case 'c': {
             if (lenL) {
                 std::string u = WideToUtf8(std::wstring(1, static_cast<wchar_t>(va_arg(ap, wint_t))));
-                Spec t = s;
+                FieldFormat t = s;
                 t.prec = -1;
                 AppendStringField(out, u, t);
             } else {
                 char c = static_cast<char>(va_arg(ap, int));
-                Spec t = s;
+                FieldFormat t = s;
                 t.prec = -1;
                 AppendStringField(out, std::string_view(&c, 1), t);
             }
@@ -365,7 +365,7 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             if (lenL) {
                 const wchar_t* w = va_arg(ap, const wchar_t*);
                 if (!w) {
-                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", Spec{s.left, false, false, false, s.width, -1});
+                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", FieldFormat{s.left, false, false, false, s.width, -1});
                     break;
                 }
                 // Precision counts bytes and never splits a character.
@@ -375,17 +375,17 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
                     if (s.prec >= 0 && u.size() + one.size() > static_cast<size_t>(s.prec)) break;
                     u += one;
                 }
-                Spec t = s;
+                FieldFormat t = s;
                 t.prec = -1;
                 AppendStringField(out, u, t);
             } else {
                 const char* str = va_arg(ap, const char*);
                 if (!str) {
-                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", Spec{s.left, false, false, false, s.width, -1});
+                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", FieldFormat{s.left, false, false, false, s.width, -1});
                     break;
                 }
                 size_t n = s.prec < 0 ? std::strlen(str) : strnlen(str, static_cast<size_t>(s.prec));
-                Spec t = s;
+                FieldFormat t = s;
                 t.prec = -1;
                 AppendStringField(out, std::string_view(str, n), t);
             }
