@@ -122,6 +122,8 @@ const CFormatEntry* PickReader(const std::string& path, const std::string& fromI
         return err.empty() ? e : nullptr;
     }
     CXStringW ext = fileGetExtension(Wide(path));
+    // "world.wrl.gz": the extension before ".gz" names the format.
+    if (ext.CompareNoCase(L".gz") == 0) ext = fileGetExtension(fileRemoveExtension(Wide(path)));
     if (ext.CompareNoCase(L".wrl") == 0) {
         char head[16] = {};
         if (FILE* f = std::fopen(path.c_str(), "rb")) {

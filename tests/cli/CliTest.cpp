@@ -167,6 +167,19 @@ TEST(Cli, ModuleThatCannotBeLoadedIsReported) {
     EXPECT_NE(ReadFile(d / "err").find("cannot be loaded"), std::string::npos);
 }
 
+TEST(Cli, GzipWorldsAreReadByTheirInnerExtension) {
+    TempDir d;
+    WriteFile(d / "box.wrl", "#VRML V2.0 utf8\nShape { geometry Box { size 1 2 3 } }\n");
+    ASSERT_EQ(std::system(("gzip -c " + Quote((d / "box.wrl").string()) + " > " + Quote((d / "box.wrl.gz").string())).c_str()), 0);
+    CliRun r = Orbiscope("info box.wrl.gz", d.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("VRML97 files"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("1 meshes"), std::string::npos) << r.out;
+    CliRun plain = Orbiscope("info box.wrl", d.path());
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    EXPECT_NE(plain.out.find("VRML97 files"), std::string::npos);
+}
+
 TEST(Cli, CtrlCCancelsAReadCleanly) {
     TempDir d;
     // A large OBJ, so the read is still running when the signal arrives.
