@@ -71,16 +71,17 @@ enum MATERIAL_CLASS : uint32_t {
 };
 constexpr uint32_t NO_MATERIAL = 0xFFFFFFFFu;
 
+// Map types; the readers pass 1 (colour), 4 (opacity), 5 (normal) and 6 (bump).
 enum MapType : uint32_t {
     MAP_DIFFUSE = 1,
     MAP_SPECULAR = 2,
     MAP_AMBIENT = 3,
     MAP_OPACITY = 4,
-    MAP_BUMP = 5,
-    MAP_REFLECTION = 6,
-    MAP_SHININESS = 7,
-    MAP_SELF_ILLUM = 8,
-    MAP_NORMAL = 9,
+    MAP_NORMAL = 5,
+    MAP_BUMP = 6,
+    MAP_REFLECTION = 7,
+    MAP_SHININESS = 8,
+    MAP_SELF_ILLUM = 9,
     MAP_SPECULAR_LEVEL = 10,
     MAP_TYPE_COUNT = 11,
 };
