@@ -202,8 +202,8 @@ void AppendStringField(std::string& out, std::string_view str, const FieldFormat
 }
 
 // One conversion the fast path does not handle, through vsnprintf in the C locale.
-template <typename T> void AppendSlow(std::string& out, std::string_view spec, T value) {
-    std::string f(spec);
+template <typename T> void AppendSlow(std::string& out, std::string_view conversion, T value) {
+    std::string f(conversion);
     locale_t old = uselocale(CLocale());
     char buf[256];
     int n = std::snprintf(buf, sizeof(buf), f.c_str(), value);
@@ -297,7 +297,7 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             break;
         }
         fmt = p + 1;
-        // The slow path rebuilds the spec with resolved '*' values.
+        // The slow path rebuilds the conversion with resolved '*' values.
         auto slowSpec = [&](const char* lenMod) {
             std::string f = "%";
             if (s.left) f += '-';

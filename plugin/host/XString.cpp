@@ -74,12 +74,12 @@ template <typename T> void AppendPadded(std::basic_string<T>& out, std::basic_st
 
 template <typename T> void FormatInto(std::basic_string<T>& out, const T* fmt, va_list ap) {
     CLocaleScope cLocale;
-    char spec[64];
+    char narrowFmt[64];
     std::string num;
     num.resize(128);
     auto runSnprintf = [&](auto value) {
         for (;;) {
-            int n = std::snprintf(num.data(), num.size(), spec, value);
+            int n = std::snprintf(num.data(), num.size(), narrowFmt, value);
             if (n < 0) {
                 num.clear();
                 return;
@@ -161,7 +161,7 @@ template <typename T> void FormatInto(std::basic_string<T>& out, const T* fmt, v
             if (prec >= 0) s += "." + std::to_string(prec);
             s += lenMod;
             s += c;
-            std::snprintf(spec, sizeof(spec), "%s", s.c_str());
+            std::snprintf(narrowFmt, sizeof(narrowFmt), "%s", s.c_str());
         };
         const bool ll = len[0] == 'l' && len[1] == 'l';
         const bool l = len[0] == 'l' && !len[1];

@@ -266,7 +266,7 @@ TEST(StudioRead, MaterialColoursPercentagesAndMaps) {
         m.Begin(0xA35A).F32(0.5f).End().Begin(0xA35C).F32(30).End().End();
         // A mask of texture 1 and a specular map change no scene map.
         m.Begin(0xA33E).Begin(0xA300).Str("other.png").End().End();
-        m.Begin(0xA204).Begin(0xA300).Str("spec.png").End().End();
+        m.Begin(0xA204).Begin(0xA300).Str("shine.png").End().End();
     });
     b.End();
     ReadResult r = ReadStudio(b.Bytes());

@@ -27,12 +27,12 @@ TEST(FileHelpers, PathParts) {
     EXPECT_EQ(L".gz", S(fileGetExtension(L"a/c.tar.gz")));
     EXPECT_EQ(L"", S(fileGetExtension(L"a.d/c")));
     EXPECT_EQ(L"", S(fileGetExtension(L".profile")));
-    CFileNameSpec spec(L"/x/y/Model.3DS");
-    EXPECT_EQ(L"Model.3DS", S(spec.GetName()));
-    EXPECT_EQ(L"Model", S(spec.GetNameWithoutExt()));
-    EXPECT_EQ(L".3DS", S(spec.GetExtension()));
-    EXPECT_EQ(L"/x/y/", S(spec.GetParentDirectory()));
-    EXPECT_EQ(L"/", S(spec.GetRoot()));
+    CFileNameSpec parts(L"/x/y/Model.3DS");
+    EXPECT_EQ(L"Model.3DS", S(parts.GetName()));
+    EXPECT_EQ(L"Model", S(parts.GetNameWithoutExt()));
+    EXPECT_EQ(L".3DS", S(parts.GetExtension()));
+    EXPECT_EQ(L"/x/y/", S(parts.GetParentDirectory()));
+    EXPECT_EQ(L"/", S(parts.GetRoot()));
     EXPECT_TRUE(fileIsPathRelative(L"a/b"));
     EXPECT_TRUE(fileIsPathRelative(L""));
     EXPECT_FALSE(fileIsPathRelative(L"/a"));
