@@ -13,6 +13,7 @@
 #include "plugin/host/Cancel.h"
 #include "plugin/host/FileIo.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/TextScanner.h"
@@ -160,22 +161,31 @@ CXStringW NameFromBytes(std::string_view bytes, int textMode) {
     return DecodeName(bytes, textMode);
 }
 
+// A group's faces as flat arrays, filled in file order and handed to the face lists
+// whole. The UV and normal lists share the mesh's offsets; a face without usable data
+// there is flagged and its indices are zero.
 struct Group {
     std::string name;
-    int countedFaces = 0;
+    uint64_t countedFaces = 0;
     uint64_t countedIndices = 0;
     uint64_t nodeId = 0;
     bool hasNodeId = false;
-    std::unique_ptr<C3DFaceList> faces;
-    std::unique_ptr<CUVWChannel> uv;
-    std::unique_ptr<CSpecNormalChannel> normals;
+    std::vector<uint32_t> offsets, pos, materials;
+    std::vector<uint32_t> uv, nrm;
+    std::vector<uint8_t> uvFlags, nFlags;
+    bool hasUv = false, hasN = false;
+    size_t Faces() const { return offsets.empty() ? 0 : offsets.size() - 1; }
 };
+
+// One face line as read: the form of its vertices and their raw (unresolved) numbers.
+enum class FaceForm { kNone, kPos, kPosUv, kPosUvN, kPosN };
 
 class CObjParser {
 public:
     CObjParser(std::string_view text, int textMode, const MtlLoader& loader, CFileIo& io,
                CSceneImportOptions& options, const IoFile* file)
-        : m_text(text), m_mode(textMode), m_loader(loader), m_io(io), m_options(options), m_release(file, text) {}
+        : m_text(text), m_end(text.data() + text.size()), m_mode(textMode), m_loader(loader), m_io(io),
+          m_options(options), m_release(file, text) {}
 
     ObjReadResult Run();
 
@@ -185,12 +195,17 @@ private:
     int GroupFor(std::string_view name);
     void ReadMtl(std::string_view name);
     void CreateMaterials();
-    void AddFace(std::string_view rest);
+    bool ReadFloatsFast(const char* p, float* out, int n, const char*& lineEnd) const;
+    bool ReadFaceFast(const char* p, const char*& lineEnd);
+    void ReadFaceSlow(std::string_view rest);
+    void EmitFace(FaceForm form);
+    void OtherRecord(std::string_view line);
     bool BuildScene();
     void Warn();
-    bool Poll(size_t lineNo, size_t pos, bool second);
+    bool Poll(size_t lineNo, const char* at, bool second);
 
     std::string_view m_text;
+    const char* m_end = nullptr;
     int m_mode;
     const MtlLoader& m_loader;
     CFileIo& m_io;
@@ -212,16 +227,17 @@ private:
     bool m_cancelled = false;
     bool m_warned = false;
 
-    std::vector<uint32_t> m_pos, m_uv, m_nrm;
+    std::vector<int> m_rawP, m_rawT, m_rawN; // the current face line's numbers
     std::unique_ptr<C3DScene> m_scene;
     CPageReleaser m_release;
 };
 
-bool CObjParser::Poll(size_t lineNo, size_t pos, bool second) {
+bool CObjParser::Poll(size_t lineNo, const char* at, bool second) {
     if (lineNo % kPollEvery != 0) return false;
-    m_release.At(m_text.data() + pos);
+    m_release.At(at);
     const int64_t total = static_cast<int64_t>(m_text.size()) * 2;
-    ReportThreadProgress(static_cast<int64_t>(pos) + (second ? static_cast<int64_t>(m_text.size()) : 0), total);
+    const int64_t pos = static_cast<int64_t>(at - m_text.data());
+    ReportThreadProgress(pos + (second ? static_cast<int64_t>(m_text.size()) : 0), total);
     if (ShouldCancelThread(0)) {
         m_cancelled = true;
         return true;
@@ -255,56 +271,66 @@ void CObjParser::ReadMtl(std::string_view name) {
     ParseMtl(text, m_mtl);
 }
 
+inline bool IsBreak(char c) { return c == '\n' || c == '\r'; }
+inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+// Lines end at LF or CR; a CRLF pair leaves an empty line behind, and empty lines are
+// skipped, so every line-end convention gives the same records.
 bool CObjParser::CountPass() {
     m_current = GroupFor("default");
-    textscan::LineSplitter lines(m_text);
-    std::string_view line;
+    const char* p = m_text.data();
     size_t lineNo = 0;
-    while (lines.Next(line)) {
-        if (Poll(++lineNo, lines.Position(), false)) return false;
-        if (line.empty()) continue;
-        if (m_nv == 0 && line.size() > kMaxFirstLine) return false;
-        switch (Lower(line[0])) {
-        case 'f': {
+    while (p < m_end) {
+        if (IsBreak(*p)) {
+            ++p;
+            continue;
+        }
+        const char* const ls = p;
+        const char c0 = Lower(*p);
+        if (c0 == 'f') {
+            // Vertex tokens, to reserve the index arrays exactly.
+            const char* q = textscan::FindLineBreak(p + 1, m_end);
+            const uint64_t tokens = textscan::CountTokens(p + 1, q);
+            if (m_nv == 0 && static_cast<size_t>(q - ls) > kMaxFirstLine) return false;
             ++m_nf;
             Group& g = m_groups[static_cast<size_t>(m_current)];
             ++g.countedFaces;
-            // Vertex tokens, to reserve the index arrays exactly.
-            bool inTok = false;
-            for (size_t i = 1; i < line.size(); ++i) {
-                const bool sp = textscan::IsSpace(line[i]);
-                if (!sp && !inTok) ++g.countedIndices;
-                inTok = !sp;
+            g.countedIndices += tokens;
+            p = q;
+        } else {
+            p = textscan::FindLineBreak(p, m_end);
+            const std::string_view line(ls, static_cast<size_t>(p - ls));
+            if (m_nv == 0 && line.size() > kMaxFirstLine) return false;
+            switch (c0) {
+            case 'v':
+                if (line.size() >= 2) {
+                    const char c2 = Lower(line[1]);
+                    if (c2 == ' ' || c2 == '\t') ++m_nv;
+                    else if (c2 == 'n') ++m_nn;
+                    else if (c2 == 't') ++m_nt;
+                }
+                break;
+            case 'g':
+                m_current = GroupFor(textscan::Trim(line.substr(1)));
+                break;
+            case 'o': {
+                TextCursor c(line.substr(1));
+                std::string_view w;
+                if (!c.ReadWord(w, kMaxWord)) w = {};
+                m_current = GroupFor(w);
+                break;
             }
-            break;
-        }
-        case 'g':
-            m_current = GroupFor(textscan::Trim(line.substr(1)));
-            break;
-        case 'o': {
-            TextCursor c(line.substr(1));
-            std::string_view w;
-            if (!c.ReadWord(w, kMaxWord)) w = {};
-            m_current = GroupFor(w);
-            break;
-        }
-        case 'm':
-            if (line.size() >= 6 && line.substr(0, 6) == "mtllib") {
-                std::string_view name = textscan::Trim(line.substr(6));
-                if (!name.empty()) ReadMtl(name);
+            case 'm':
+                if (line.size() >= 6 && line.substr(0, 6) == "mtllib") {
+                    std::string_view name = textscan::Trim(line.substr(6));
+                    if (!name.empty()) ReadMtl(name);
+                }
+                break;
+            default:
+                break;
             }
-            break;
-        case 'v':
-            if (line.size() >= 2) {
-                const char c2 = Lower(line[1]);
-                if (c2 == ' ' || c2 == '\t') ++m_nv;
-                else if (c2 == 'n') ++m_nn;
-                else if (c2 == 't') ++m_nt;
-            }
-            break;
-        default:
-            break;
         }
+        if (Poll(++lineNo, p, false)) return false;
     }
     return m_nv != 0 && m_nf != 0;
 }
@@ -350,89 +376,215 @@ inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
     return (r >= 0 && static_cast<uint64_t>(r) < total) ? r : -1;
 }
 
-void CObjParser::AddFace(std::string_view rest) {
-    enum Form { kNone, kPos, kPosUv, kPosUvN, kPosN };
-    Form form = kNone;
+// Up to `n` floats of a vertex line in the common plain form, straight from the text.
+// False sends the line to the general scanner (which gives the same values for what it
+// shares with this path). On success `lineEnd` is the end of the line.
+bool CObjParser::ReadFloatsFast(const char* p, float* out, int n, const char*& lineEnd) const {
+    for (int k = 0; k < n; ++k) {
+        while (p < m_end && IsBlank(*p)) ++p;
+        if (p >= m_end || IsBreak(*p)) {
+            lineEnd = p; // fewer numbers: the rest keep their zeros, as with scanf
+            return true;
+        }
+        p = textscan::ParsePlainFloat(p, m_end, out[k]);
+        if (!p) return false;
+    }
+    while (p < m_end && IsBlank(*p)) ++p;
+    lineEnd = (p >= m_end || IsBreak(*p)) ? p : textscan::FindLineBreak(p, m_end);
+    return true;
+}
+
+// A face line whose vertices all have the first vertex's plain form ("1", "1/2",
+// "1/2/3" or "1//3") and nothing else. Anything unusual returns false before a face
+// is emitted, and the general path reads the line instead. A line read to its end
+// this way holds no "//" outside the "1//3" form, so the form chosen here is the one
+// the general rule (any "//" in the line means position//normal pairs) gives.
+bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
+    m_rawP.clear();
+    m_rawT.clear();
+    m_rawN.clear();
+    FaceForm form = FaceForm::kNone;
+    for (;;) {
+        while (p < m_end && IsBlank(*p)) ++p;
+        if (p >= m_end || IsBreak(*p)) break;
+        int a = 0, b = 0, c = 0;
+        p = textscan::ParsePlainInt(p, m_end, a);
+        if (!p) return false;
+        FaceForm f = FaceForm::kPos;
+        if (p < m_end && *p == '/') {
+            ++p;
+            if (p < m_end && *p == '/') {
+                p = textscan::ParsePlainInt(p + 1, m_end, c);
+                f = FaceForm::kPosN;
+            } else {
+                p = textscan::ParsePlainInt(p, m_end, b);
+                f = FaceForm::kPosUv;
+                if (p && p < m_end && *p == '/') {
+                    p = textscan::ParsePlainInt(p + 1, m_end, c);
+                    f = FaceForm::kPosUvN;
+                }
+            }
+            if (!p) return false;
+        }
+        if (p < m_end && !IsBlank(*p) && !IsBreak(*p)) return false;
+        if (form == FaceForm::kNone) form = f;
+        else if (f != form) return false;
+        m_rawP.push_back(a);
+        m_rawT.push_back(b);
+        m_rawN.push_back(c);
+    }
+    lineEnd = p;
+    EmitFace(form);
+    return true;
+}
+
+// The general face rules, on one line's text after the "f".
+void CObjParser::ReadFaceSlow(std::string_view rest) {
+    FaceForm form = FaceForm::kNone;
     if (rest.find("//") != std::string_view::npos) {
-        form = kPosN;
+        form = FaceForm::kPosN;
     } else {
         TextCursor t(rest);
         int a;
         if (ReadIndex(t, a)) {
-            form = kPos;
+            form = FaceForm::kPos;
             if (Slash(t) && ReadIndex(t, a)) {
-                form = kPosUv;
-                if (Slash(t) && ReadIndex(t, a)) form = kPosUvN;
+                form = FaceForm::kPosUv;
+                if (Slash(t) && ReadIndex(t, a)) form = FaceForm::kPosUvN;
             }
         }
     }
-    if (form == kNone) return;
-    const bool wantUv = form == kPosUv || form == kPosUvN;
-    const bool wantN = form == kPosUvN || form == kPosN;
-    m_pos.clear();
-    m_uv.clear();
-    m_nrm.clear();
-    bool uvOk = wantUv, nOk = wantN;
+    m_rawP.clear();
+    m_rawT.clear();
+    m_rawN.clear();
+    if (form == FaceForm::kNone) return;
     TextCursor c(rest);
     for (;;) {
         int p = 0, t = 0, n = 0;
         bool ok;
         switch (form) {
-        case kPos: ok = ReadIndex(c, p); break;
-        case kPosUv: ok = ReadIndex(c, p) && Slash(c) && ReadIndex(c, t); break;
-        case kPosUvN:
+        case FaceForm::kPos: ok = ReadIndex(c, p); break;
+        case FaceForm::kPosUv: ok = ReadIndex(c, p) && Slash(c) && ReadIndex(c, t); break;
+        case FaceForm::kPosUvN:
             ok = ReadIndex(c, p) && Slash(c) && ReadIndex(c, t) && Slash(c) && ReadIndex(c, n);
             break;
         default: ok = ReadIndex(c, p) && Slash(c) && Slash(c) && ReadIndex(c, n); break;
         }
         if (!ok) break;
-        const int64_t pi = Resolve(p, m_readV, m_nv);
+        m_rawP.push_back(p);
+        m_rawT.push_back(t);
+        m_rawN.push_back(n);
+    }
+    EmitFace(form);
+}
+
+// Resolves the raw numbers and appends the face to the current group. A bad position
+// drops that vertex; a bad UV or normal makes the face's UV or normal face unusable.
+void CObjParser::EmitFace(FaceForm form) {
+    if (form == FaceForm::kNone || m_rawP.empty()) return;
+    const bool wantUv = form == FaceForm::kPosUv || form == FaceForm::kPosUvN;
+    const bool wantN = form == FaceForm::kPosUvN || form == FaceForm::kPosN;
+    Group& g = m_groups[static_cast<size_t>(m_current)];
+    const size_t cnt = m_rawP.size();
+    // Offsets are 32-bit: a group never grows past that (only a file of many GB could try).
+    if (g.pos.size() + cnt >= UINT32_MAX) return;
+    if (g.offsets.empty()) {
+        hostmem::ReserveLarge(g.offsets, static_cast<size_t>(g.countedFaces) + 1);
+        hostmem::ReserveLarge(g.materials, static_cast<size_t>(g.countedFaces));
+        hostmem::ReserveLarge(g.pos, static_cast<size_t>(g.countedIndices));
+        g.offsets.push_back(0);
+    }
+    const size_t before = g.pos.size();
+    bool uvOk = wantUv, nOk = wantN;
+    size_t kept = 0;
+    for (size_t k = 0; k < cnt; ++k) {
+        const int64_t pi = Resolve(m_rawP[k], m_readV, m_nv);
         if (pi < 0) {
             Warn();
+            m_rawP[k] = 0; // dropped (0 is never a valid raw index)
             continue;
         }
-        m_pos.push_back(static_cast<uint32_t>(pi));
+        g.pos.push_back(static_cast<uint32_t>(pi));
+        ++kept;
         if (wantUv) {
-            const int64_t ti = Resolve(t, m_readT, m_nt);
+            const int64_t ti = Resolve(m_rawT[k], m_readT, m_nt);
             if (ti < 0) { uvOk = false; Warn(); }
-            m_uv.push_back(ti < 0 ? 0u : static_cast<uint32_t>(ti));
+            m_rawT[k] = static_cast<int>(ti < 0 ? 0 : ti);
         }
         if (wantN) {
-            const int64_t ni = Resolve(n, m_readN, m_nn);
+            const int64_t ni = Resolve(m_rawN[k], m_readN, m_nn);
             if (ni < 0) { nOk = false; Warn(); }
-            m_nrm.push_back(ni < 0 ? 0u : static_cast<uint32_t>(ni));
+            m_rawN[k] = static_cast<int>(ni < 0 ? 0 : ni);
         }
     }
-    if (m_pos.empty()) return;
-    Group& g = m_groups[static_cast<size_t>(m_current)];
-    if (!g.faces) {
-        g.faces = std::make_unique<C3DFaceList>();
-        g.faces->Reserve(static_cast<size_t>(g.countedFaces), static_cast<size_t>(g.countedIndices));
-    }
-    const int cnt = static_cast<int>(m_pos.size());
-    const int before = g.faces->GetNumberOfFaces();
-    g.faces->SetCurrentMaterial(m_material);
-    g.faces->AddFace(m_pos.data(), cnt, 0);
+    if (kept == 0) return;
+    const size_t facesBefore = g.Faces();
+    g.offsets.push_back(static_cast<uint32_t>(g.pos.size()));
+    g.materials.push_back(m_material);
 
-    // Channel faces stay parallel to the mesh faces; faces without data are flagged unusable.
-    auto parallel = [&](CFaceList* list, bool ok, const std::vector<uint32_t>& idx) {
-        if (ok) list->AddFace(idx.data(), cnt, 0);
-        else list->AddFace(cnt, FACE_SKIP);
+    // Channel faces stay parallel to the mesh faces: a channel starts at its group's first
+    // face with data, and the faces before it are filled in as unusable.
+    auto channel = [&](bool ok, bool& has, std::vector<uint32_t>& idx, std::vector<uint8_t>& flags,
+                       const std::vector<int>& raw) {
+        if (!has) {
+            if (!ok) return;
+            has = true;
+            hostmem::ReserveLarge(idx, static_cast<size_t>(g.countedIndices));
+            hostmem::ReserveLarge(flags, static_cast<size_t>(g.countedFaces));
+            idx.assign(before, 0);
+            flags.assign(facesBefore, FACE_SKIP);
+        }
+        flags.push_back(static_cast<uint8_t>(ok ? 0u : static_cast<uint32_t>(FACE_SKIP)));
+        for (size_t k = 0; k < cnt; ++k)
+            if (m_rawP[k] != 0) idx.push_back(ok ? static_cast<uint32_t>(raw[k]) : 0u);
     };
-    auto backfill = [&](CFaceList* list) {
-        list->Reserve(static_cast<size_t>(g.countedFaces), static_cast<size_t>(g.countedIndices));
-        for (int f = 0; f < before; ++f) list->AddFace(g.faces->GetFaceSize(f), FACE_SKIP);
-    };
-    if (uvOk && !g.uv) {
-        g.uv = std::make_unique<CUVWChannel>();
-        backfill(g.uv->GetUVWFaceList());
+    channel(uvOk, g.hasUv, g.uv, g.uvFlags, m_rawT);
+    channel(nOk, g.hasN, g.nrm, g.nFlags, m_rawN);
+}
+
+// "g", "o", "usemtl" and "#" records (and anything else) of the filling pass.
+void CObjParser::OtherRecord(std::string_view line) {
+    switch (Lower(line[0])) {
+    case 'g':
+    case 'o': {
+        if (Lower(line[0]) == 'g') {
+            m_current = GroupFor(textscan::Trim(line.substr(1)));
+        } else {
+            TextCursor c(line.substr(1));
+            std::string_view w;
+            if (!c.ReadWord(w, kMaxWord)) w = {};
+            m_current = GroupFor(w);
+        }
+        if (m_hasPendingNodeId) {
+            Group& g = m_groups[static_cast<size_t>(m_current)];
+            g.nodeId = m_pendingNodeId;
+            g.hasNodeId = true;
+            m_hasPendingNodeId = false;
+        }
+        break;
     }
-    if (g.uv) parallel(g.uv->GetUVWFaceList(), uvOk, m_uv);
-    if (nOk && !g.normals) {
-        g.normals = std::make_unique<CSpecNormalChannel>();
-        backfill(g.normals->GetNormalFaceList());
+    case 'u': {
+        std::string_view name = textscan::Trim(line.size() > 6 ? line.substr(6) : std::string_view());
+        auto it = m_materialByName.find(std::string(name));
+        m_material = it == m_materialByName.end() ? NO_MATERIAL : it->second;
+        break;
     }
-    if (g.normals) parallel(g.normals->GetNormalFaceList(), nOk, m_nrm);
+    case '#':
+        if (line.size() >= 5 && line.substr(2, 3) == "TVL") {
+            const size_t p = line.find("NODEID:", 6);
+            if (p != std::string_view::npos) {
+                TextCursor c(line.substr(p + 7));
+                unsigned long long id;
+                if (c.ReadUInt64(id)) {
+                    m_pendingNodeId = id;
+                    m_hasPendingNodeId = true;
+                }
+            }
+        }
+        break;
+    default:
+        break;
+    }
 }
 
 bool CObjParser::FillPass() {
@@ -441,94 +593,59 @@ bool CObjParser::FillPass() {
     m_n.assign(static_cast<size_t>(m_nn + 1) * 3, 0.0f);
     m_current = GroupFor("default");
     m_release.Reset();
-    textscan::LineSplitter lines(m_text);
-    std::string_view line;
+    const char* p = m_text.data();
     size_t lineNo = 0;
-    while (lines.Next(line)) {
-        if (Poll(++lineNo, lines.Position(), true)) return false;
-        if (line.empty()) continue;
-        switch (Lower(line[0])) {
-        case 'v': {
-            if (line.size() < 2) break;
-            const char c2 = Lower(line[1]);
+    while (p < m_end) {
+        if (IsBreak(*p)) {
+            ++p;
+            continue;
+        }
+        const char* const ls = p;
+        const char* le = nullptr;
+        const char c0 = Lower(*p);
+        if (c0 == 'v' && m_end - p >= 2) {
+            const char c2 = Lower(p[1]);
+            float* dst = nullptr;
+            int n = 3, skip = 2;
             if (c2 == ' ' || c2 == '\t') {
-                if (m_readV < m_nv) {
-                    TextCursor c(line.substr(1));
-                    ReadFloats(c, &m_v[static_cast<size_t>(m_readV) * 3], 3);
-                    ++m_readV;
-                }
+                if (m_readV < m_nv) dst = &m_v[static_cast<size_t>(m_readV++) * 3];
+                skip = 1;
             } else if (c2 == 'n') {
-                if (m_readN < m_nn) {
-                    TextCursor c(line.substr(2));
-                    ReadFloats(c, &m_n[static_cast<size_t>(m_readN) * 3], 3);
-                    ++m_readN;
-                }
+                if (m_readN < m_nn) dst = &m_n[static_cast<size_t>(m_readN++) * 3];
             } else if (c2 == 't') {
-                if (m_readT < m_nt) {
-                    TextCursor c(line.substr(2));
-                    ReadFloats(c, &m_t[static_cast<size_t>(m_readT) * 2], 2);
-                    ++m_readT;
-                }
+                if (m_readT < m_nt) dst = &m_t[static_cast<size_t>(m_readT++) * 2];
+                n = 2;
             }
-            break;
-        }
-        case 'f':
-            AddFace(line.substr(1));
-            break;
-        case 'g':
-        case 'o': {
-            if (Lower(line[0]) == 'g') {
-                m_current = GroupFor(textscan::Trim(line.substr(1)));
-            } else {
-                TextCursor c(line.substr(1));
-                std::string_view w;
-                if (!c.ReadWord(w, kMaxWord)) w = {};
-                m_current = GroupFor(w);
+            if (dst && !ReadFloatsFast(p + skip, dst, n, le)) {
+                le = textscan::FindLineBreak(p, m_end);
+                TextCursor c(std::string_view(p + skip, static_cast<size_t>(le - p - skip)));
+                ReadFloats(c, dst, n);
             }
-            if (m_hasPendingNodeId) {
-                Group& g = m_groups[static_cast<size_t>(m_current)];
-                g.nodeId = m_pendingNodeId;
-                g.hasNodeId = true;
-                m_hasPendingNodeId = false;
+        } else if (c0 == 'f') {
+            if (!ReadFaceFast(p + 1, le)) {
+                le = textscan::FindLineBreak(p, m_end);
+                ReadFaceSlow(std::string_view(p + 1, static_cast<size_t>(le - p - 1)));
             }
-            break;
         }
-        case 'u': {
-            std::string_view name = textscan::Trim(line.size() > 6 ? line.substr(6) : std::string_view());
-            auto it = m_materialByName.find(std::string(name));
-            m_material = it == m_materialByName.end() ? NO_MATERIAL : it->second;
-            break;
+        if (!le) {
+            le = textscan::FindLineBreak(p, m_end);
+            OtherRecord(std::string_view(ls, static_cast<size_t>(le - ls)));
         }
-        case '#':
-            if (line.size() >= 5 && line.substr(2, 3) == "TVL") {
-                const size_t p = line.find("NODEID:", 6);
-                if (p != std::string_view::npos) {
-                    TextCursor c(line.substr(p + 7));
-                    unsigned long long id;
-                    if (c.ReadUInt64(id)) {
-                        m_pendingNodeId = id;
-                        m_hasPendingNodeId = true;
-                    }
-                }
-            }
-            break;
-        default:
-            break;
-        }
+        p = le;
+        if (Poll(++lineNo, p, true)) return false;
     }
     return true;
 }
 
-// Renumbers `list` in place by order of first use of each file index (skipping flagged
-// faces when `skipFlagged`), and returns the file indices in local order.
-std::vector<uint32_t> Renumber(CFaceList& list, std::vector<int32_t>& remap, bool skipFlagged) {
+// Renumbers `idx` in place by order of first use of each file index (skipping the faces
+// flagged unusable when `flags` is given), and returns the file indices in local order.
+std::vector<uint32_t> Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx,
+                               const std::vector<uint8_t>* flags, std::vector<int32_t>& remap) {
     std::vector<uint32_t> used;
-    auto& idx = list.GetIndexes();
-    const auto& off = list.GetOffsets();
-    const int nf = list.GetNumberOfFaces();
-    for (int f = 0; f < nf; ++f) {
-        if (skipFlagged && list.IsFaceFlagSet(f, FACE_SKIP)) continue;
-        for (uint32_t i = off[static_cast<size_t>(f)]; i < off[static_cast<size_t>(f) + 1]; ++i) {
+    const size_t nf = offsets.size() - 1;
+    for (size_t f = 0; f < nf; ++f) {
+        if (flags && ((*flags)[f] & FACE_SKIP)) continue;
+        for (uint32_t i = offsets[f]; i < offsets[f + 1]; ++i) {
             int32_t& r = remap[idx[i]];
             if (r < 0) {
                 r = static_cast<int32_t>(used.size());
@@ -544,44 +661,63 @@ std::vector<uint32_t> Renumber(CFaceList& list, std::vector<int32_t>& remap, boo
 bool CObjParser::BuildScene() {
     std::vector<int32_t> remap(static_cast<size_t>(std::max({m_nv, m_nt, m_nn})) + 1, -1);
     for (Group& g : m_groups) {
-        if (!g.faces || g.faces->GetNumberOfFaces() == 0) continue;
+        if (g.Faces() == 0) continue;
         auto* obj = new C3DObject();
         auto* node = new C3DSceneNode(obj);
         node->SetName(NameFromBytes(g.name, m_mode));
         if (g.hasNodeId) node->SetNodeID(g.nodeId);
         m_scene->AddNode(nullptr, node);
 
-        std::vector<uint32_t> used = Renumber(*g.faces, remap, false);
+        std::vector<uint32_t> used = Renumber(g.offsets, g.pos, nullptr, remap);
         auto* points = new C3DPointList();
         points->SetSize(static_cast<int>(used.size()));
         float* dst = points->GetData();
         for (size_t i = 0; i < used.size(); ++i) std::memcpy(dst + i * 3, &m_v[size_t(used[i]) * 3], 12);
         obj->SetPointList(points, true);
-        g.faces->FreeExtra();
-        obj->SetFaceList(g.faces.release(), true);
 
-        if (g.uv) {
-            used = Renumber(*g.uv->GetUVWFaceList(), remap, true);
-            CUVWPointList* up = g.uv->GetUVWPointList();
+        const size_t nf = g.Faces();
+        auto offsetsCopy = [&]() { return std::vector<uint32_t>(g.offsets); };
+        // Channels parallel the faces by construction; checked anyway, as a channel that did
+        // not would be indexed out of range from here on.
+        if (g.hasUv && (g.uv.size() != g.pos.size() || g.uvFlags.size() != nf)) g.hasUv = false;
+        if (g.hasN && (g.nrm.size() != g.pos.size() || g.nFlags.size() != nf)) g.hasN = false;
+        if (g.hasUv) {
+            auto* ch = new CUVWChannel();
+            used = Renumber(g.offsets, g.uv, &g.uvFlags, remap);
+            CUVWPointList* up = ch->GetUVWPointList();
             up->SetSize(static_cast<int>(used.size()));
             float* u = up->GetData();
             for (size_t i = 0; i < used.size(); ++i) {
                 u[i * 3] = m_t[size_t(used[i]) * 2];
                 u[i * 3 + 1] = m_t[size_t(used[i]) * 2 + 1];
             }
-            g.uv->GetUVWFaceList()->FreeExtra();
-            const int32_t id = obj->AddChannel(g.uv.release(), -1);
-            obj->SetGlobalUVWChannel(id);
+            g.uv.shrink_to_fit();
+            if (ch->GetUVWFaceList()->Adopt(offsetsCopy(), std::move(g.uv), std::move(g.uvFlags))) {
+                const int32_t id = obj->AddChannel(ch, -1);
+                obj->SetGlobalUVWChannel(id);
+            } else {
+                delete ch; // arrays that do not parallel the faces would index out of range later
+            }
         }
-        if (g.normals) {
-            used = Renumber(*g.normals->GetNormalFaceList(), remap, true);
-            C3DVectorList* nv = g.normals->GetNormalVectorList();
+        if (g.hasN) {
+            auto* ch = new CSpecNormalChannel();
+            used = Renumber(g.offsets, g.nrm, &g.nFlags, remap);
+            C3DVectorList* nv = ch->GetNormalVectorList();
             nv->SetSize(static_cast<int>(used.size()));
             float* d = nv->GetData();
             for (size_t i = 0; i < used.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(used[i]) * 3], 12);
-            g.normals->GetNormalFaceList()->FreeExtra();
-            obj->AddChannel(g.normals.release(), -1);
+            g.nrm.shrink_to_fit();
+            if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm), std::move(g.nFlags)))
+                obj->AddChannel(ch, -1);
+            else
+                delete ch;
         }
+        auto* faces = new C3DFaceList();
+        g.pos.shrink_to_fit();
+        g.offsets.shrink_to_fit();
+        g.materials.shrink_to_fit();
+        faces->Adopt(std::move(g.offsets), std::move(g.pos), std::vector<uint8_t>(nf, 0), std::move(g.materials));
+        obj->SetFaceList(faces, true);
     }
     return m_scene->GetNodeCount() > 0;
 }

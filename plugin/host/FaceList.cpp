@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "plugin/host/LargeArray.h"
+
 int CFaceList::GetNumberOfFaces(uint32_t properties, bool set) const {
     int n = 0;
     for (uint8_t f : m_flags)
@@ -60,6 +62,7 @@ void CFaceList::SetSize(int count, int vertices, int mode, uint32_t material) {
     default: {
         RemoveAll();
         size_t total = static_cast<size_t>(count) * static_cast<size_t>(vertices);
+        Reserve(static_cast<size_t>(count), total);
         m_indices.assign(total, 0);
         m_offsets.resize(static_cast<size_t>(count) + 1);
         for (size_t i = 0; i <= static_cast<size_t>(count); ++i)
@@ -72,9 +75,23 @@ void CFaceList::SetSize(int count, int vertices, int mode, uint32_t material) {
 }
 
 void CFaceList::Reserve(size_t faces, size_t indices) {
-    m_offsets.reserve(faces + 1);
-    m_flags.reserve(faces);
-    m_indices.reserve(indices);
+    hostmem::ReserveLarge(m_offsets, faces + 1);
+    hostmem::ReserveLarge(m_flags, faces);
+    hostmem::ReserveLarge(m_indices, indices);
+}
+
+bool CFaceList::Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices,
+                      std::vector<uint8_t>&& flags) {
+    if (offsets.empty() || offsets.front() != 0 || offsets.back() != indices.size() ||
+        flags.size() != offsets.size() - 1 || indices.size() > UINT32_MAX)
+        return false;
+    for (size_t i = 1; i < offsets.size(); ++i)
+        if (offsets[i] < offsets[i - 1]) return false;
+    m_offsets = std::move(offsets);
+    m_indices = std::move(indices);
+    m_flags = std::move(flags);
+    m_graph.reset();
+    return true;
 }
 
 void CFaceList::RemoveAll() {
@@ -185,9 +202,17 @@ void C3DFaceList::SetSize(int count, int vertices, int mode, uint32_t material) 
     }
 }
 
+bool C3DFaceList::Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices,
+                        std::vector<uint8_t>&& flags, std::vector<uint32_t>&& materials) {
+    if (materials.size() + 1 != offsets.size()) return false;
+    if (!CFaceList::Adopt(std::move(offsets), std::move(indices), std::move(flags))) return false;
+    m_materials = std::move(materials);
+    return true;
+}
+
 void C3DFaceList::Reserve(size_t faces, size_t indices) {
     CFaceList::Reserve(faces, indices);
-    m_materials.reserve(faces);
+    hostmem::ReserveLarge(m_materials, faces);
 }
 
 void C3DFaceList::RemoveAll() {

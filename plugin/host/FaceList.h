@@ -93,6 +93,10 @@ public:
     virtual void SetSize(int count, int vertices, int mode = SETSIZE_UNIFORM, uint32_t material = NO_MATERIAL);
     // Reserves room for `faces` faces with `indices` indices in all.
     virtual void Reserve(size_t faces, size_t indices);
+    // Takes over flat arrays a reader built itself: `offsets` has faces + 1 entries, starts
+    // at 0, never decreases and ends at indices.size(); `flags` has one entry per face.
+    // When they do not fit together nothing is taken and false is returned.
+    bool Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices, std::vector<uint8_t>&& flags);
     virtual void RemoveAll();
     virtual void FreeExtra();
     // Removes the faces for which keep[f] is false.
@@ -140,6 +144,9 @@ public:
     void FreeExtra() override;
     void Compact(const std::vector<bool>& keep) override;
     size_t MemoryBytes() const override { return CFaceList::MemoryBytes() + m_materials.capacity() * 4; }
+    // As CFaceList::Adopt, plus one material ID per face.
+    bool Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices, std::vector<uint8_t>&& flags,
+               std::vector<uint32_t>&& materials);
     const std::vector<uint32_t>& GetMaterialIDs() const { return m_materials; }
     std::vector<uint32_t>& GetMaterialIDs() { return m_materials; }
 

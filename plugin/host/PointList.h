@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "plugin/host/Color.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/Math3D.h"
 
 // A list of 3-float points stored flat (x0 y0 z0 x1 ...).
@@ -26,8 +27,12 @@ public:
         return GetSize() - 1;
     }
     int Add(const C3DPoint& p) { return Add(p.x, p.y, p.z); }
-    void SetSize(int n) { m_xyz.resize(static_cast<size_t>(n < 0 ? 0 : n) * 3); }
-    void Reserve(size_t n) { m_xyz.reserve(n * 3); }
+    void SetSize(int n) {
+        const size_t k = static_cast<size_t>(n < 0 ? 0 : n) * 3;
+        hostmem::ReserveLarge(m_xyz, k);
+        m_xyz.resize(k);
+    }
+    void Reserve(size_t n) { hostmem::ReserveLarge(m_xyz, n * 3); }
     void RemoveAll() { m_xyz.clear(); }
     void FreeExtra() { m_xyz.shrink_to_fit(); }
     float* GetData() { return m_xyz.data(); }
@@ -53,8 +58,12 @@ public:
     const CRGBColor& operator[](int i) const { return m_c[static_cast<size_t>(i)]; }
     CRGBColor& operator[](int i) { return m_c[static_cast<size_t>(i)]; }
     int Add(const CRGBColor& c) { m_c.push_back(c); return GetSize() - 1; }
-    void SetSize(int n) { m_c.resize(static_cast<size_t>(n < 0 ? 0 : n)); }
-    void Reserve(size_t n) { m_c.reserve(n); }
+    void SetSize(int n) {
+        const size_t k = static_cast<size_t>(n < 0 ? 0 : n);
+        hostmem::ReserveLarge(m_c, k);
+        m_c.resize(k);
+    }
+    void Reserve(size_t n) { hostmem::ReserveLarge(m_c, n); }
     void RemoveAll() { m_c.clear(); }
     void FreeExtra() { m_c.shrink_to_fit(); }
     std::vector<CRGBColor>& Raw() { return m_c; }

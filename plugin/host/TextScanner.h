@@ -12,12 +12,17 @@
 //    the host's Windows runtime does, and bytes (low 8 bits, '?' beyond) for %hs/%hc;
 //    the narrow one widens bytes one by one for %ls/%lc/%l[.
 //  - %p is not supported (the call stops there, as on a matching failure).
+#include <bit>
+#include <cmath>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <vector>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace textscan {
 
@@ -112,5 +117,115 @@ int ScanFormatWideV(std::wstring_view input, const wchar_t* fmt, va_list ap);
 // of bytes consumed, 0 when the field does not match.
 size_t ParseFloatField(const char* p, const char* end, size_t width, float& v);
 size_t ParseDoubleField(const char* p, const char* end, size_t width, double& v);
+
+// --- Fast paths for the hot loops of big text readers --------------------------
+// Each takes only the plain decimal form and returns nullptr for anything else, or
+// when it cannot settle the exact result cheaply; the caller then uses the general
+// scanner above, so a result never differs from "%f" / "%d". No space skipping.
+
+// First '\n' or '\r' in [p, end), or end. Eight bytes per step.
+inline const char* FindLineBreak(const char* p, const char* end) {
+    if constexpr (std::endian::native == std::endian::little) {
+        constexpr uint64_t kOnes = 0x0101010101010101ull, kHigh = 0x8080808080808080ull;
+        while (end - p >= 8) {
+            uint64_t w;
+            std::memcpy(&w, p, 8);
+            const uint64_t a = w ^ (kOnes * '\n'), b = w ^ (kOnes * '\r');
+            // The lowest flagged byte is always a real match (borrows only run upwards).
+            const uint64_t z = ((a - kOnes) & ~a & kHigh) | ((b - kOnes) & ~b & kHigh);
+            if (z) return p + (std::countr_zero(z) >> 3);
+            p += 8;
+        }
+    }
+    while (p < end && *p != '\n' && *p != '\r') ++p;
+    return p;
+}
+
+// Number of runs of non-space characters in [p, end) (C-locale spaces), as a
+// token count for sizing arrays. Sixteen bytes per step where SSE2 is there.
+inline size_t CountTokens(const char* p, const char* end) {
+    size_t n = 0;
+    bool prevSpace = true;
+#if defined(__SSE2__)
+    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), width = _mm_set1_epi8('\r' - '\t' + 1);
+    while (end - p >= 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        // \t..\r: (x - 8) as unsigned is 1..5; signed compare works since those bytes are small.
+        const __m128i d = _mm_sub_epi8(x, lo);
+        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, _mm_add_epi8(width, _mm_set1_epi8(1))));
+        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
+        const unsigned starts = ~s & ((s << 1) | (prevSpace ? 1u : 0u)) & 0xFFFFu;
+        n += static_cast<size_t>(std::popcount(starts));
+        prevSpace = (s >> 15) & 1u;
+        p += 16;
+    }
+#endif
+    for (; p < end; ++p) {
+        const bool s = IsSpace(*p);
+        n += static_cast<size_t>(!s && prevSpace);
+        prevSpace = s;
+    }
+    return n;
+}
+
+// "%d" on [sign] up to 9 digits. Returns the end of the number.
+inline const char* ParsePlainInt(const char* p, const char* end, int& v) {
+    bool neg = false;
+    if (p < end && (*p == '-' || *p == '+')) neg = *p++ == '-';
+    const char* s = p;
+    uint32_t x = 0;
+    while (p < end && p - s < 9 && static_cast<unsigned>(*p - '0') < 10u) x = x * 10 + static_cast<uint32_t>(*p++ - '0');
+    if (p == s || (p < end && static_cast<unsigned>(*p - '0') < 10u)) return nullptr;
+    v = neg ? -static_cast<int>(x) : static_cast<int>(x);
+    return p;
+}
+
+// "%f" on [sign] digits [. digits] [e [sign] digits] that ends at a space or at `end`.
+// The decimal is converted in one correctly rounded double operation (mantissa below
+// 2^53, power of ten up to 22, both exact); the float taken from that double is exact
+// unless the double sits exactly between two floats or outside the normal float range,
+// and those cases are left to the caller.
+inline const char* ParsePlainFloat(const char* p, const char* end, float& v) {
+    static constexpr double kPow10[23] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
+                                          1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+    bool neg = false;
+    if (p < end && (*p == '-' || *p == '+')) neg = *p++ == '-';
+    uint64_t m = 0;
+    const char* s = p;
+    while (p < end && static_cast<unsigned>(*p - '0') < 10u) m = m * 10 + static_cast<uint64_t>(*p++ - '0');
+    long digits = p - s;
+    int e10 = 0;
+    if (p < end && *p == '.') {
+        const char* f = ++p;
+        while (p < end && static_cast<unsigned>(*p - '0') < 10u) m = m * 10 + static_cast<uint64_t>(*p++ - '0');
+        digits += p - f;
+        e10 = -static_cast<int>(p - f);
+    }
+    if (digits == 0 || digits > 19) return nullptr; // beyond 19 digits m has wrapped
+    if (p < end && (*p == 'e' || *p == 'E')) {
+        ++p;
+        bool eneg = false;
+        if (p < end && (*p == '-' || *p == '+')) eneg = *p++ == '-';
+        const char* es = p;
+        int x = 0;
+        while (p < end && p - es < 4 && static_cast<unsigned>(*p - '0') < 10u) x = x * 10 + (*p++ - '0');
+        if (p == es || (p < end && static_cast<unsigned>(*p - '0') < 10u)) return nullptr;
+        e10 += eneg ? -x : x;
+    }
+    if (p < end && !IsSpace(*p)) return nullptr;
+    if (m == 0) {
+        v = neg ? -0.0f : 0.0f;
+        return p;
+    }
+    if (m > (uint64_t(1) << 53) || e10 < -22 || e10 > 22) return nullptr;
+    const double d = e10 < 0 ? static_cast<double>(m) / kPow10[-e10] : static_cast<double>(m) * kPow10[e10];
+    const uint64_t bits = std::bit_cast<uint64_t>(d);
+    const int exp = static_cast<int>((bits >> 52) & 0x7FF) - 1023;
+    if (exp < -126 || exp > 127 || (bits & 0x1FFFFFFFu) == 0x10000000u) return nullptr;
+    const float f = static_cast<float>(d);
+    if (std::isinf(f)) return nullptr;
+    v = neg ? -f : f;
+    return p;
+}
 
 } // namespace textscan

@@ -186,3 +186,33 @@ TEST(Primitives, ClosedOutwardMeshesOfTheRequestedSize) {
     std::unique_ptr<C3DSceneNode> zUp(CreateCylinder({0, 0, 0}, 1, 4, 1, 8, 1, false, false, NO_MATERIAL, -1));
     EXPECT_NEAR(zUp->GetGeomObject()->GetBoundingBox().max.z, 2.0f, 1e-5f);
 }
+
+// Readers hand whole arrays over; anything inconsistent must be refused untouched,
+// since a face list that lies about its sizes is read out of range by every writer.
+TEST(FaceList, AdoptTakesConsistentArraysOnly) {
+    C3DFaceList fl;
+    fl.AddTriangle(7, 8, 9);
+    struct Bad {
+        std::vector<uint32_t> offsets, indices;
+        std::vector<uint8_t> flags;
+        std::vector<uint32_t> mats;
+    } bad[] = {
+        {{}, {}, {}, {}},                    // no leading zero
+        {{1, 3}, {0, 1, 2}, {0}, {5}},       // does not start at 0
+        {{0, 3}, {0, 1}, {0}, {5}},          // last offset past the indices
+        {{0, 2, 1}, {0, 1}, {0, 0}, {5, 5}}, // decreasing
+        {{0, 3}, {0, 1, 2}, {}, {5}},        // flags missing
+        {{0, 3}, {0, 1, 2}, {0}, {}},        // materials missing
+    };
+    for (auto& b : bad) {
+        EXPECT_FALSE(fl.Adopt(std::move(b.offsets), std::move(b.indices), std::move(b.flags), std::move(b.mats)));
+        ASSERT_EQ(fl.GetNumberOfFaces(), 1);
+        EXPECT_EQ(fl.Face(0)[0], 7u);
+    }
+    EXPECT_TRUE(fl.Adopt({0, 3, 3, 7}, {0, 1, 2, 3, 4, 5, 6}, {0, FACE_SKIP, 0}, {1, 2, 3}));
+    ASSERT_EQ(fl.GetNumberOfFaces(), 3);
+    EXPECT_EQ(fl.GetFaceSize(1), 0);
+    EXPECT_EQ(fl.GetFaceSize(2), 4);
+    EXPECT_EQ(fl.GetMaterialID(2), 3u);
+    EXPECT_EQ(fl.GetNumberOfFaces(FACE_SKIP, false), 2);
+}

@@ -300,3 +300,110 @@ TEST(TextScanner, CommaLocaleDoesNotMatter) {
     ASSERT_TRUE(c.ReadFloat(v));
     EXPECT_EQ(-0.125f, v);
 }
+
+// The reader fast paths: whenever they answer, the answer is strtof's / sscanf's, and
+// the number ends where "%f%n" / "%d%n" end. Decimals are drawn to hit the awkward
+// spots: 6-9 significant digits, ties between floats, exponents at the fast-path edge,
+// values near the float range limits.
+TEST(TextScannerFastPaths, PlainFloatAgreesWithStrtofWheneverItAnswers) {
+    std::mt19937_64 rng(20261122);
+    std::setlocale(LC_NUMERIC, "C");
+    size_t answered = 0, total = 0;
+    char buf[64];
+    auto check = [&](const std::string& s) {
+        ++total;
+        float fast = -1.0f;
+        const char* e = ParsePlainFloat(s.data(), s.data() + s.size(), fast);
+        if (!e) return;
+        ++answered;
+        char* se = nullptr;
+        const float ref = std::strtof(s.c_str(), &se);
+        ASSERT_EQ(std::memcmp(&fast, &ref, 4), 0) << s << " fast " << fast << " strtof " << ref;
+        ASSERT_EQ(e - s.data(), se - s.c_str()) << s;
+    };
+    for (int i = 0; i < 400000; ++i) {
+        const int kind = static_cast<int>(rng() % 5);
+        if (kind == 0) { // "%f"-style output of a random float
+            uint32_t bits = static_cast<uint32_t>(rng());
+            float f;
+            std::memcpy(&f, &bits, 4);
+            if (!std::isfinite(f)) continue;
+            std::snprintf(buf, sizeof buf, "%.*f", static_cast<int>(rng() % 10), static_cast<double>(f));
+        } else if (kind == 1) { // exact midpoint between two neighbouring floats, printed in full
+            const float a = std::ldexp(static_cast<float>(rng() % (1u << 24)), static_cast<int>(rng() % 40) - 30);
+            const double mid = (static_cast<double>(a) + static_cast<double>(std::nextafter(a, 2.0f * a + 1))) / 2;
+            std::snprintf(buf, sizeof buf, "%.17g", mid);
+        } else if (kind == 2) { // random digits with a point somewhere
+            std::string d;
+            const int n = 1 + static_cast<int>(rng() % 20);
+            for (int k = 0; k < n; ++k) d += static_cast<char>('0' + rng() % 10);
+            d.insert(rng() % (d.size() + 1), ".");
+            if (rng() % 2) d = "-" + d;
+            std::snprintf(buf, sizeof buf, "%s", d.c_str());
+        } else if (kind == 3) { // mantissa and exponent near the limits
+            std::snprintf(buf, sizeof buf, "%llue%d", static_cast<unsigned long long>(rng() % 100000000000ull),
+                          static_cast<int>(rng() % 90) - 60);
+        } else { // near FLT_MAX and FLT_MIN
+            const double base = (rng() % 2) ? 3.4028234e38 : 1.1754944e-38;
+            std::snprintf(buf, sizeof buf, "%.8e", base * (1.0 + (static_cast<double>(rng() % 2001) - 1000.0) * 1e-7));
+        }
+        check(buf);
+    }
+    EXPECT_GT(answered, total / 4);
+    // The shapes real files are made of must take the fast path, or it buys nothing.
+    for (const char* s : {"0.000000", "-0.151489", "123.456789", "1e5", "1.", ".5", "-0", "+2.5", "0.1",
+                          "-1234.5678e-3"}) {
+        float f;
+        EXPECT_NE(ParsePlainFloat(s, s + std::strlen(s), f), nullptr) << s;
+        check(s);
+    }
+    for (const char* s : {"16777217", "3.4028235e38", "1e-38"}) check(s);
+    float v = 7;
+    EXPECT_EQ(ParsePlainFloat("-0.0", std::strchr("-0.0", 0), v) != nullptr, true);
+    EXPECT_TRUE(std::signbit(v));
+}
+
+TEST(TextScannerFastPaths, PlainFloatDeclinesWhatItCannotSettle) {
+    for (const char* s : {"", "-", ".", "e5", "1e", "1e+", "1.5x", "1.5/", "+-1", "inf", "nan", "0x10", "1e99999",
+                          "12345678901234567890", "3.5e38", "1e-45", "1,5"}) {
+        float v = 42;
+        EXPECT_EQ(ParsePlainFloat(s, s + std::strlen(s), v), nullptr) << s;
+        EXPECT_EQ(v, 42) << s;
+    }
+    // A number cut by the end of the text is still a number; one followed by a space ends there.
+    const char* t = "2.5 7";
+    float v = 0;
+    EXPECT_EQ(ParsePlainFloat(t, t + 3, v), t + 3);
+    EXPECT_EQ(v, 2.5f);
+    EXPECT_EQ(ParsePlainFloat(t, t + 5, v), t + 3);
+}
+
+TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
+    int v = 0;
+    for (const char* s : {"0", "-1", "+7", "123456789", "-999999999"}) {
+        ASSERT_EQ(ParsePlainInt(s, s + std::strlen(s), v), s + std::strlen(s)) << s;
+        EXPECT_EQ(v, static_cast<int>(std::strtol(s, nullptr, 10))) << s;
+    }
+    const char* slash = "12/5";
+    EXPECT_EQ(ParsePlainInt(slash, slash + 4, v), slash + 2);
+    EXPECT_EQ(v, 12);
+    for (const char* s : {"", "-", "/1", "1234567890", "+-3"}) EXPECT_EQ(ParsePlainInt(s, s + std::strlen(s), v), nullptr) << s;
+
+    // Line breaks and token counts over every offset and length of texts longer than one
+    // 8- or 16-byte step, against plain loops.
+    std::mt19937 rng(5);
+    const char alphabet[] = {'a', '1', '/', ' ', '\t', '\n', '\r', '\v', '\f', '\x80', '\xff', '\0'};
+    for (int round = 0; round < 3000; ++round) {
+        std::string text(static_cast<size_t>(rng() % 70), 'x');
+        for (auto& c : text) c = alphabet[rng() % sizeof alphabet];
+        const char* b = text.data();
+        const char* e = b + text.size();
+        const char* ref = b;
+        while (ref < e && *ref != '\n' && *ref != '\r') ++ref;
+        ASSERT_EQ(FindLineBreak(b, e), ref) << round;
+        size_t tokens = 0;
+        for (size_t i = 0; i < text.size(); ++i)
+            tokens += !IsSpace(text[i]) && (i == 0 || IsSpace(text[i - 1]));
+        ASSERT_EQ(CountTokens(b, e), tokens) << round;
+    }
+}

@@ -1,4 +1,6 @@
 #include <atomic>
+#include <cstdio>
+#include <random>
 #include <cmath>
 #include <gtest/gtest.h>
 
@@ -278,4 +280,125 @@ TEST(ObjRead, EveryPrefixAndCancel) {
     EXPECT_FALSE(r.scene);
     EXPECT_EQ(r.error, IO_ERR_CANCELLED);
     EXPECT_EQ(r.level, LOG_INFO);
+}
+
+namespace {
+
+// Everything a read produced, as text: names, node IDs, points bit for bit, faces with
+// flags and materials, and the UV and normal channels.
+std::string Describe(C3DScene& s) {
+    std::string out;
+    char b[64];
+    auto list = [&](const char* tag, const CFaceList& fl) {
+        out += tag;
+        for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
+            std::snprintf(b, sizeof b, " [%u:", fl.GetFaceFlags(f));
+            out += b;
+            for (uint32_t i : fl.Face(f)) out += " " + std::to_string(i);
+            out += "]";
+        }
+        out += "\n";
+    };
+    auto points = [&](const char* tag, const C3DPointList& pl) {
+        out += tag;
+        for (int i = 0; i < pl.GetSize(); ++i) {
+            const C3DPoint p = pl.GetPoint(i);
+            std::snprintf(b, sizeof b, " %a,%a,%a", static_cast<double>(p.x), static_cast<double>(p.y),
+                          static_cast<double>(p.z));
+            out += b;
+        }
+        out += "\n";
+    };
+    for (C3DSceneNode* n : Nodes(s)) {
+        out += "node " + WideToUtf8(n->GetName().view()) + " id " + std::to_string(n->GetNodeID()) + "\n";
+        auto* g = static_cast<C3DGeomObject*>(n->GetBaseObject());
+        if (!g || !g->GetFaceList()) continue;
+        points("points", *g->GetPointList());
+        list("faces", *g->GetFaceList());
+        auto* fl = static_cast<const C3DFaceList*>(g->GetFaceList());
+        out += "materials";
+        for (int f = 0; f < fl->GetNumberOfFaces(); ++f) out += " " + std::to_string(fl->GetMaterialID(f));
+        out += "\n";
+        if (auto* uv = g->GetGlobalUVWChannel()) {
+            EXPECT_EQ(uv->GetUVWFaceList()->GetNumberOfFaces(), fl->GetNumberOfFaces()) << "UV faces not parallel";
+            points("uv", *uv->GetUVWPointList());
+            list("uvfaces", *uv->GetUVWFaceList());
+        }
+        if (auto* sn = static_cast<CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))) {
+            EXPECT_EQ(sn->GetNormalFaceList()->GetNumberOfFaces(), fl->GetNumberOfFaces()) << "normals not parallel";
+            points("normals", *sn->GetNormalVectorList());
+            list("nfaces", *sn->GetNormalFaceList());
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+// Plain lines take a quick path and everything else the general scanner. A vertical tab
+// before a line's first number is a space to the scanner but sends the line down the
+// general path, so each random file is read both ways and the scenes must be the same.
+TEST(ObjRead, QuickAndGeneralPathsAgree) {
+    std::mt19937 rng(77);
+    auto num = [&]() -> std::string {
+        char b[48];
+        switch (rng() % 8) {
+        case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
+        case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
+        case 2: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e-3); break;
+        case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
+        case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
+        default: std::snprintf(b, sizeof b, "%.6f", (static_cast<double>(rng()) - 2e9) * 1e-9); break;
+        }
+        return b;
+    };
+    for (int round = 0; round < 40; ++round) {
+        std::vector<std::string> lines = {"mtllib m.mtl"};
+        const int nv = 3 + static_cast<int>(rng() % 30);
+        for (int i = 0; i < nv; ++i) {
+            lines.push_back("v " + num() + " " + num() + " " + num() + (rng() % 6 == 0 ? " 1.0" : ""));
+            lines.push_back("vt " + num() + " " + num() + (rng() % 6 == 0 ? " 0" : ""));
+            if (rng() % 3) lines.push_back("vn " + num() + " " + num() + " " + num());
+            if (rng() % 9 == 0) lines.push_back("v " + num()); // short vertex line: the rest stay zero
+        }
+        for (int f = 0; f < 60; ++f) {
+            if (rng() % 15 == 0) lines.push_back(rng() % 2 ? "g part" + std::to_string(rng() % 3) : "o obj x");
+            if (rng() % 15 == 0) lines.push_back(rng() % 2 ? "usemtl red" : "usemtl nothing");
+            if (rng() % 20 == 0) lines.push_back("# TVL:NODEID:" + std::to_string(rng()));
+            const int form = static_cast<int>(rng() % 4);
+            const int n = 3 + static_cast<int>(rng() % 3);
+            std::string line = "f";
+            for (int k = 0; k < n; ++k) {
+                auto idx = [&]() {
+                    const int r = static_cast<int>(rng() % 40);
+                    return std::to_string(r < 2 ? -1 - r : r == 2 ? 0 : r == 3 ? nv + 5 : 1 + r % nv);
+                };
+                std::string v = idx();
+                if (form == 1) v += "/" + idx();
+                if (form == 2) v += "/" + idx() + "/" + idx();
+                if (form == 3) v += "//" + idx();
+                line += (rng() % 8 == 0 ? "\t" : " ") + v;
+            }
+            if (rng() % 12 == 0) line += " # note";
+            if (rng() % 12 == 0) line += " 1//2"; // a late "//" changes how the whole line reads
+            if (rng() % 12 == 0) line += " 7/x";
+            lines.push_back(line);
+        }
+        const char* ends[] = {"\n", "\r\n", "\r"};
+        const std::string eol = ends[round % 3];
+        std::string quick, general;
+        for (const std::string& l : lines) {
+            quick += l + eol;
+            const size_t sp = l.find(' ');
+            const bool data = l.rfind("v", 0) == 0 || l.rfind("f", 0) == 0;
+            general += (data && sp != std::string::npos ? l.substr(0, sp + 1) + "\v" + l.substr(sp + 1) : l) + eol;
+        }
+        const std::string mtl = "newmtl red\nKd 1 0 0\n";
+        auto a = ReadObjText(quick, mtl);
+        auto b = ReadObjText(general, mtl);
+        ASSERT_EQ(a.scene != nullptr, b.scene != nullptr) << round;
+        if (a.scene) {
+            ASSERT_EQ(Describe(*a.scene), Describe(*b.scene)) << "round " << round << "\n" << quick;
+        }
+    }
 }
