@@ -3,6 +3,8 @@
 // name cleaning for file syntax, a growable output chunk and byte/wide conversions.
 #include <charconv>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -64,43 +66,81 @@ inline CXStringW DecodeName(std::string_view bytes, int textMode) {
     return CXStringW(Utf8ToWide(bytes));
 }
 
-// Output text assembled in memory and handed to IoFile in large pieces.
+// Output text assembled in memory and handed to IoFile in large pieces. Numbers are
+// written straight into the buffer; every call makes room for what it may write, so
+// the hot loops pay one compare per item.
 class COutText {
 public:
-    explicit COutText(IoFile& f, size_t chunk = 1 << 16) : m_file(f), m_chunk(chunk) { m_buf.reserve(chunk + 256); }
+    explicit COutText(IoFile& f, size_t chunk = size_t(1) << 18)
+        : m_file(f), m_chunk(chunk < 1024 ? 1024 : chunk), m_buf(new char[m_chunk + kSlack]), m_p(m_buf.get()) {}
     ~COutText() { Flush(); }
     COutText(const COutText&) = delete;
     COutText& operator=(const COutText&) = delete;
 
-    void Put(std::string_view s) { m_buf.append(s); Check(); }
-    void Put(char c) { m_buf.push_back(c); }
+    void Put(std::string_view s) {
+        if (s.size() > Room()) {
+            Flush();
+            if (s.size() > m_chunk) {
+                Write(s.data(), s.size());
+                return;
+            }
+        }
+        std::memcpy(m_p, s.data(), s.size());
+        m_p += s.size();
+    }
+    void Put(char c) {
+        Need(1);
+        *m_p++ = c;
+    }
     // "%f" of the C library (six decimals).
-    void F6(double v) { numfmt::AppendFixed(m_buf, v, 6); Check(); }
-    void Int(int64_t v) { numfmt::AppendInt(m_buf, v); }
-    void UInt64(uint64_t v) { numfmt::AppendUInt(m_buf, v); }
+    void F6(double v) {
+        Need(numfmt::kMaxFixed6);
+        m_p = numfmt::WriteFixed6(m_p, v);
+    }
+    void Int(int64_t v) {
+        Need(21);
+        m_p = numfmt::WriteInt(m_p, v);
+    }
+    void UInt64(uint64_t v) {
+        Need(21);
+        m_p = numfmt::WriteUInt(m_p, v);
+    }
     // A wide text in the file's encoding (UTF-8, or Latin-1 in ANSI mode).
     void Wide(const CXStringW& s) {
         if (m_file.GetTextMode() == TEXT_MODE_ANSI) {
-            for (wchar_t c : s.view()) m_buf.push_back(c < 256 ? static_cast<char>(c) : '?');
+            for (wchar_t c : s.view()) Put(c < 256 ? static_cast<char>(c) : '?');
         } else {
-            m_buf += WideToUtf8(s.view());
+            Put(WideToUtf8(s.view()));
         }
-        Check();
     }
-    void Tabs(int n) { if (n > 0) m_buf.append(static_cast<size_t>(n), '\t'); }
+    void Tabs(int n) {
+        for (; n > 0; --n) Put('\t');
+    }
     bool Flush() {
-        if (m_buf.empty()) return m_ok;
-        if (!m_file.FileWrite(m_buf.data(), m_buf.size())) m_ok = false;
-        m_buf.clear();
+        if (m_p != m_buf.get()) Write(m_buf.get(), static_cast<size_t>(m_p - m_buf.get()));
+        m_p = m_buf.get();
         return m_ok;
     }
     bool ok() const { return m_ok; }
-    void Check() { if (m_buf.size() >= m_chunk) Flush(); }
+    // Hands a full chunk to the file; the appends do this themselves, so it is only a hint.
+    void Check() {
+        if (static_cast<size_t>(m_p - m_buf.get()) >= m_chunk) Flush();
+    }
 
 private:
+    static constexpr size_t kSlack = 512; // > numfmt::kMaxFixed6
+    size_t Room() const { return m_chunk + kSlack - static_cast<size_t>(m_p - m_buf.get()); }
+    void Need(size_t n) {
+        if (n > Room()) Flush();
+    }
+    void Write(const char* p, size_t n) {
+        if (!m_file.FileWrite(p, n)) m_ok = false;
+    }
+
     IoFile& m_file;
     size_t m_chunk;
-    std::string m_buf;
+    std::unique_ptr<char[]> m_buf;
+    char* m_p;
     bool m_ok = true;
 };
 

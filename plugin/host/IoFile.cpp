@@ -17,6 +17,22 @@
 
 namespace {
 constexpr size_t kWriteBuffer = 1u << 20;
+constexpr size_t kDirectWrite = 1u << 16; // pieces this large bypass the write buffer
+
+// The whole range to the file, resuming after short writes and EINTR.
+bool WriteAll(int fd, const uint8_t* p, size_t n, int64_t& written) {
+    while (n > 0) {
+        const ssize_t w = ::write(fd, p, n);
+        if (w < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        p += w;
+        n -= static_cast<size_t>(w);
+        written += w;
+    }
+    return true;
+}
 constexpr int64_t kReportStep = 1 << 20;
 // Pipes and devices are read into memory; this bounds what they may cost.
 constexpr size_t kMaxStreamBytes = size_t(4) << 30;
@@ -251,19 +267,7 @@ bool IoFile::FileReverseRead(void* buffer, size_t bytes) {
 
 bool IoFile::FlushWrite() {
     if (!m_writing || m_wbuf.empty()) return !m_writeError;
-    const uint8_t* p = m_wbuf.data();
-    size_t n = m_wbuf.size();
-    while (n > 0 && !m_writeError) {
-        ssize_t w = ::write(m_fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            m_writeError = true;
-            break;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-        m_written += w;
-    }
+    if (!m_writeError && !WriteAll(m_fd, m_wbuf.data(), m_wbuf.size(), m_written)) m_writeError = true;
     m_wbuf.clear();
     return !m_writeError;
 }
@@ -271,20 +275,15 @@ bool IoFile::FlushWrite() {
 bool IoFile::FileWrite(const void* buffer, size_t bytes) {
     if (!m_open || !m_writing || m_writeError) return false;
     const auto* b = static_cast<const uint8_t*>(buffer);
-    if (m_wbuf.size() + bytes <= kWriteBuffer) {
-        m_wbuf.insert(m_wbuf.end(), b, b + bytes);
-        if (m_wbuf.size() == kWriteBuffer) return FlushWrite();
-        return true;
+    // A writer's own large chunk goes to the file as it is: copying it through the
+    // buffer first would only cost a second pass over the bytes.
+    if (bytes >= kDirectWrite) {
+        if (!FlushWrite()) return false;
+        if (!WriteAll(m_fd, b, bytes, m_written)) m_writeError = true;
+        return !m_writeError;
     }
-    // Fill the buffer, flush, and keep going in buffer-sized steps.
-    while (bytes > 0) {
-        size_t room = kWriteBuffer - m_wbuf.size();
-        size_t n = std::min(room, bytes);
-        m_wbuf.insert(m_wbuf.end(), b, b + n);
-        b += n;
-        bytes -= n;
-        if (m_wbuf.size() == kWriteBuffer && !FlushWrite()) return false;
-    }
+    if (m_wbuf.size() + bytes > kWriteBuffer && !FlushWrite()) return false;
+    m_wbuf.insert(m_wbuf.end(), b, b + bytes);
     return true;
 }
 

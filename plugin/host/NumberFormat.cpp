@@ -61,8 +61,23 @@ locale_t CLocale() {
 
 } // namespace
 
+char* WriteFixedSlow(char* p, double v) {
+    if (!std::isfinite(v)) {
+        if (std::signbit(v)) *p++ = '-';
+        std::memcpy(p, std::isnan(v) ? "nan" : "inf", 3);
+        return p + 3;
+    }
+    // The longest "%f" of a double is 309 digits, a sign, a point and six decimals.
+    return std::to_chars(p, p + kMaxFixed6, v, std::chars_format::fixed, 6).ptr;
+}
+
 void AppendFixed(std::string& out, double v, int precision) {
     if (precision < 0) precision = 6;
+    if (precision == 6) {
+        char buf[kMaxFixed6];
+        out.append(buf, static_cast<size_t>(WriteFixed6(buf, v) - buf));
+        return;
+    }
     if (AppendSpecial(out, v, false)) return;
     AppendChars(out, FixedGuess(v, precision), [&](char* b, char* e) {
         return std::to_chars(b, e, v, std::chars_format::fixed, precision);
@@ -99,6 +114,7 @@ void AppendUInt(std::string& out, unsigned long long v) {
 
 size_t FormatFixed(char* buf, size_t cap, double v, int precision) {
     if (precision < 0) precision = 6;
+    if (precision == 6 && cap >= kMaxFixed6) return static_cast<size_t>(WriteFixed6(buf, v) - buf);
     if (std::isfinite(v) && cap >= FixedGuess(v, precision)) {
         auto r = std::to_chars(buf, buf + cap, v, std::chars_format::fixed, precision);
         if (r.ec == std::errc()) return static_cast<size_t>(r.ptr - buf);

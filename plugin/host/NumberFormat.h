@@ -4,6 +4,8 @@
 // "-0.000000", infinities "inf"/"-inf", NaNs "nan"/"-nan" as glibc prints them),
 // without consulting the locale and without printf's per-call cost: numbers go
 // through std::to_chars, whose floating-point output is defined as printf's.
+#include <charconv>
+#include <cmath>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -26,6 +28,70 @@ void AppendUInt(std::string& out, unsigned long long v);
 // printf would produce; when that exceeds `cap` the buffer holds a truncated copy.
 size_t FormatFixed(char* buf, size_t cap, double v, int precision = 6);
 size_t FormatInt(char* buf, size_t cap, long long v);
+
+// Raw forms for writers' hot loops: write at `p` (no terminator) and return the end.
+// The caller guarantees the room: kMaxFixed6 bytes for WriteFixed6, 21 for the integers.
+inline constexpr size_t kMaxFixed6 = 330;
+// "%f" of any double; the out-of-line general case of WriteFixed6.
+char* WriteFixedSlow(char* p, double v);
+
+namespace detail {
+struct DigitPairs {
+    char d[200];
+    constexpr DigitPairs() : d() {
+        for (int i = 0; i < 100; ++i) {
+            d[2 * i] = static_cast<char>('0' + i / 10);
+            d[2 * i + 1] = static_cast<char>('0' + i % 10);
+        }
+    }
+};
+inline constexpr DigitPairs kPairs{};
+} // namespace detail
+
+// "%f". Most numbers writers print are floats widened to double: for a float below
+// 2^32 the product with 10^6 is exact (24-bit mantissa times 15625 * 2^6 fits 53 bits),
+// so rounding it to an integer, ties to even as printf does, yields all the digits.
+// Everything else (other doubles, huge values, inf, nan) goes the general way.
+inline char* WriteFixed6(char* p, double v) {
+    const double a = std::fabs(v);
+    if (!(a < 4294967296.0) || static_cast<double>(static_cast<float>(a)) != a) return WriteFixedSlow(p, v);
+    *p = '-';
+    p += std::signbit(v) ? 1 : 0; // also "-0.000000" for -0.0 and tiny negatives
+    // a * 1e6 < 2^52: adding and taking away 2^52 rounds it to an integer in the
+    // current rounding mode, the mode printf honours (IEEE arithmetic is not reassociated).
+    const double r = (a * 1e6 + 0x1p52) - 0x1p52;
+    const uint64_t u = static_cast<uint64_t>(r);
+    const uint32_t ip = static_cast<uint32_t>(u / 1000000u);
+    const uint32_t fp = static_cast<uint32_t>(u % 1000000u);
+    if (ip < 10) *p++ = static_cast<char>('0' + ip);
+    else p = std::to_chars(p, p + 10, ip).ptr;
+    *p = '.';
+    const char* pairs = detail::kPairs.d;
+    const uint32_t hi = fp / 10000u, mid = fp / 100u % 100u, lo = fp % 100u;
+    p[1] = pairs[2 * hi];
+    p[2] = pairs[2 * hi + 1];
+    p[3] = pairs[2 * mid];
+    p[4] = pairs[2 * mid + 1];
+    p[5] = pairs[2 * lo];
+    p[6] = pairs[2 * lo + 1];
+    return p + 7;
+}
+
+inline char* WriteUInt(char* p, uint64_t v) {
+    if (v < 10) {
+        *p = static_cast<char>('0' + v);
+        return p + 1;
+    }
+    return std::to_chars(p, p + 20, v).ptr;
+}
+
+inline char* WriteInt(char* p, int64_t v) {
+    if (v < 0) {
+        *p++ = '-';
+        return WriteUInt(p, 0ull - static_cast<uint64_t>(v));
+    }
+    return WriteUInt(p, static_cast<uint64_t>(v));
+}
 
 // printf in the C locale, appended to `out`. Flags - + space 0, widths and
 // precisions (also '*') and the conversions d i u x X o c s f F e E g G % take the

@@ -78,6 +78,72 @@ TEST(NumberFormat, FixedExpGeneralMatchPrintf) {
     }
 }
 
+// The writers' "%f" fast path works on floats widened to double; a wrong digit there
+// would change every OBJ and Maya file, so it is held against snprintf on millions of
+// float bit patterns: a fixed stride over all 2^32 (both signs, subnormals, inf, nan),
+// every exact rounding tie (odd multiples of 1/128) below 2048 and a sample above, the
+// floats either side of each tie, and dense runs where digits roll over.
+TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
+    size_t checked = 0;
+    char buf[kMaxFixed6 + 1];
+    char ref[400];
+    auto check = [&](float f) {
+        const double d = f;
+        const size_t n = static_cast<size_t>(WriteFixed6(buf, d) - buf);
+        const int m = std::snprintf(ref, sizeof(ref), "%f", d);
+        ++checked;
+        if (n != static_cast<size_t>(m) || std::memcmp(buf, ref, n) != 0) {
+            uint32_t bits;
+            std::memcpy(&bits, &f, 4);
+            ADD_FAILURE() << "bits 0x" << std::hex << bits << ": printf " << ref << ", got " << std::string(buf, n);
+            return false;
+        }
+        return true;
+    };
+    auto fromBits = [](uint32_t b) {
+        float f;
+        std::memcpy(&f, &b, 4);
+        return f;
+    };
+    auto run = [&](uint32_t first, uint32_t count) {
+        for (uint32_t b = first; b - first < count; ++b)
+            if (!check(fromBits(b)) || !check(fromBits(b | 0x80000000u))) return false;
+        return true;
+    };
+
+    // The whole range with an odd stride, so every exponent and low mantissa bits vary.
+    // Above 2^32 the general path takes over (checked on doubles elsewhere) and printf
+    // is slow on 39-digit numbers, so that part is sampled thinly.
+    for (uint32_t b = 0; b < 0x4F802000u; b += 1999) ASSERT_TRUE(run(b, 1));
+    for (uint32_t b = 0x4F802000u; b < 0x80000000u; b += 65521) ASSERT_TRUE(run(b, 1));
+    // Ties at the sixth decimal: x * 1e6 ends in exactly .5 only for odd multiples of
+    // 2^-7; they must round to even, and their neighbours must not be taken for ties.
+    for (uint32_t k = 1; k < (1u << 24); k += k < (1u << 16) ? 2 : 262) {
+        const float t = static_cast<float>(k) / 128.0f;
+        for (float f : {t, std::nextafter(t, 0.0f), std::nextafter(t, 1e30f)}) {
+            ASSERT_TRUE(check(f));
+            ASSERT_TRUE(check(-f));
+        }
+    }
+    ASSERT_TRUE(run(0, 1u << 14));                        // the smallest subnormals: 0.000000
+    ASSERT_TRUE(run(0x350637BDu - (1u << 14), 1u << 15)); // around 5e-7, the first rounding step
+    ASSERT_TRUE(run(0x3F800000u - (1u << 16), 1u << 17)); // around 1.0
+    ASSERT_TRUE(run(0x497423F0u, 1u << 14));              // 999999.x up to 1000000 and beyond
+    ASSERT_TRUE(run(0x4B800000u - (1u << 13), 1u << 14)); // the 2^24 neighbourhood
+    ASSERT_TRUE(run(0x4F800000u - 4096, 8192));           // around 2^32, where the fast path ends
+    ASSERT_TRUE(run(0x7F7FF800u, 0x800));                 // the largest floats
+    // Doubles that are not floats take the general path.
+    for (double d : {0.1, -0.1, 1e-7, 0.0000005, 2.5e-7 + 1e-20, 4294967296.5, 1e20}) {
+        const size_t n = static_cast<size_t>(WriteFixed6(buf, d) - buf);
+        EXPECT_EQ(C("%f", d), std::string(buf, n));
+    }
+    EXPECT_EQ("-0.000000", std::string(buf, static_cast<size_t>(WriteFixed6(buf, -0.0) - buf)));
+    EXPECT_EQ("-0.000000", std::string(buf, static_cast<size_t>(WriteFixed6(buf, -1e-9f) - buf)));
+    EXPECT_EQ("0.007812", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 1.0f / 128) - buf)));
+    EXPECT_EQ("0.023438", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 3.0f / 128) - buf)));
+    EXPECT_GT(checked, 2000000u);
+}
+
 TEST(NumberFormat, IntegersMatchPrintf) {
     std::mt19937_64 rng(5);
     for (int i = 0; i < 100000; ++i) {
