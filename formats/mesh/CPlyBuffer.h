@@ -44,7 +44,9 @@ private:
     void Grow(uint32_t n);
     void AppendU32(uint32_t v) {
         Reserve(4);
-        PutU32le(m_data.get() + m_length, v);
+        // One store on little-endian hosts; the byte-wise form elsewhere.
+        if constexpr (std::endian::native == std::endian::little) std::memcpy(m_data.get() + m_length, &v, 4);
+        else PutU32le(m_data.get() + m_length, v);
         m_length += 4;
     }
     std::unique_ptr<uint8_t[]> m_data;

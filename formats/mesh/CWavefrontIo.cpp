@@ -228,20 +228,28 @@ bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOpti
                 std::vector<uint32_t> bucketMaterial;
                 std::vector<int> bucketSize;
                 std::vector<int> faceBucket(static_cast<size_t>(nf), -1);
+                uint32_t lastID = 0;
+                int lastBucket = -1; // runs of faces share a material: look it up once per run
                 for (int f = 0; f < nf; ++f) {
                     if (faces->IsFaceFlagSet(f, FACE_SKIP)) continue;
                     bool valid = faces->GetFaceSize(f) > 0;
                     for (uint32_t i : faces->Face(f)) valid = valid && i < static_cast<uint32_t>(np);
                     if (!valid) continue;
-                    uint32_t id = faces->GetMaterialID(f);
-                    if (!scene->GetMaterialByID(id)) id = 0; // faces without material use material 0
-                    auto [it, added] = bucketOf.emplace(id, static_cast<int>(bucketMaterial.size()));
-                    if (added) {
-                        bucketMaterial.push_back(id);
-                        bucketSize.push_back(0);
+                    const uint32_t faceID = faces->GetMaterialID(f);
+                    if (lastBucket < 0 || faceID != lastID) {
+                        uint32_t id = faceID;
+                        if (!scene->GetMaterialByID(id)) id = 0; // faces without material use material 0
+                        auto it = bucketOf.find(id);
+                        if (it == bucketOf.end()) {
+                            it = bucketOf.emplace(id, static_cast<int>(bucketMaterial.size())).first;
+                            bucketMaterial.push_back(id);
+                            bucketSize.push_back(0);
+                        }
+                        lastID = faceID;
+                        lastBucket = it->second;
                     }
-                    faceBucket[static_cast<size_t>(f)] = it->second;
-                    ++bucketSize[static_cast<size_t>(it->second)];
+                    faceBucket[static_cast<size_t>(f)] = lastBucket;
+                    ++bucketSize[static_cast<size_t>(lastBucket)];
                 }
                 std::vector<int> start(bucketSize.size() + 1, 0);
                 for (size_t b = 0; b < bucketSize.size(); ++b) start[b + 1] = start[b] + bucketSize[b];

@@ -131,8 +131,10 @@ private:
     static constexpr size_t kSlack = 512; // > numfmt::kMaxFixed6
     size_t Room() const { return m_chunk + kSlack - static_cast<size_t>(m_p - m_buf.get()); }
     void Need(size_t n) {
-        if (n > Room()) Flush();
+        if (n > Room()) [[unlikely]]
+            Spill();
     }
+    [[gnu::noinline]] void Spill() { Flush(); } // keeps Need small enough to inline
     void Write(const char* p, size_t n) {
         if (!m_file.FileWrite(p, n)) m_ok = false;
     }

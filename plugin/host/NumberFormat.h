@@ -82,6 +82,8 @@ inline char* WriteUInt(char* p, uint64_t v) {
         *p = static_cast<char>('0' + v);
         return p + 1;
     }
+    // Indices fit 32 bits; their digits come cheaper than 64-bit ones.
+    if (v <= UINT32_MAX) return std::to_chars(p, p + 10, static_cast<uint32_t>(v)).ptr;
     return std::to_chars(p, p + 20, v).ptr;
 }
 
