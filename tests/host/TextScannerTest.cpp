@@ -310,16 +310,20 @@ TEST(TextScannerFastPaths, PlainFloatAgreesWithStrtofWheneverItAnswers) {
     std::setlocale(LC_NUMERIC, "C");
     size_t answered = 0, total = 0;
     char buf[64];
-    auto check = [&](const std::string& s) {
-        ++total;
-        float fast = -1.0f;
-        const char* e = ParsePlainFloat(s.data(), s.data() + s.size(), fast);
-        if (!e) return;
-        ++answered;
-        char* se = nullptr;
-        const float ref = std::strtof(s.c_str(), &se);
-        ASSERT_EQ(std::memcmp(&fast, &ref, 4), 0) << s << " fast " << fast << " strtof " << ref;
-        ASSERT_EQ(e - s.data(), se - s.c_str()) << s;
+    // Each text is tried at the very end of the input and with a long tail of spaces after
+    // it, since the parser takes a different route when it is far from the end.
+    auto check = [&](const std::string& text) {
+        for (const std::string& s : {text, text + std::string(48, ' ')}) {
+            ++total;
+            float fast = -1.0f;
+            const char* e = ParsePlainFloat(s.data(), s.data() + s.size(), fast);
+            if (!e) continue;
+            ++answered;
+            char* se = nullptr;
+            const float ref = std::strtof(s.c_str(), &se);
+            ASSERT_EQ(std::memcmp(&fast, &ref, 4), 0) << s << " fast " << fast << " strtof " << ref;
+            ASSERT_EQ(e - s.data(), se - s.c_str()) << s;
+        }
     };
     for (int i = 0; i < 400000; ++i) {
         const int kind = static_cast<int>(rng() % 5);
@@ -355,6 +359,8 @@ TEST(TextScannerFastPaths, PlainFloatAgreesWithStrtofWheneverItAnswers) {
                           "-1234.5678e-3"}) {
         float f;
         EXPECT_NE(ParsePlainFloat(s, s + std::strlen(s), f), nullptr) << s;
+        const std::string padded = std::string(s) + std::string(48, ' ');
+        EXPECT_NE(ParsePlainFloat(padded.data(), padded.data() + padded.size(), f), nullptr) << s;
         check(s);
     }
     for (const char* s : {"16777217", "3.4028235e38", "1e-38"}) check(s);
@@ -364,11 +370,13 @@ TEST(TextScannerFastPaths, PlainFloatAgreesWithStrtofWheneverItAnswers) {
 }
 
 TEST(TextScannerFastPaths, PlainFloatDeclinesWhatItCannotSettle) {
-    for (const char* s : {"", "-", ".", "e5", "1e", "1e+", "1.5x", "1.5/", "+-1", "inf", "nan", "0x10", "1e99999",
-                          "12345678901234567890", "3.5e38", "1e-45", "1,5"}) {
-        float v = 42;
-        EXPECT_EQ(ParsePlainFloat(s, s + std::strlen(s), v), nullptr) << s;
-        EXPECT_EQ(v, 42) << s;
+    for (const char* text : {"", "-", ".", "e5", "1e", "1e+", "1.5x", "1.5/", "+-1", "inf", "nan", "0x10", "1e99999",
+                             "12345678901234567890", "0.12345678901234567890", "3.5e38", "1e-45", "1,5"}) {
+        for (const std::string& s : {std::string(text), std::string(text) + std::string(48, ' ')}) {
+            float v = 42;
+            EXPECT_EQ(ParsePlainFloat(s.data(), s.data() + s.size(), v), nullptr) << s;
+            EXPECT_EQ(v, 42) << s;
+        }
     }
     // A number cut by the end of the text is still a number; one followed by a space ends there.
     const char* t = "2.5 7";
@@ -380,14 +388,21 @@ TEST(TextScannerFastPaths, PlainFloatDeclinesWhatItCannotSettle) {
 
 TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
     int v = 0;
-    for (const char* s : {"0", "-1", "+7", "123456789", "-999999999"}) {
+    for (const char* s : {"0", "-1", "+7", "12", "123", "1234", "12345", "123456", "1234567", "12345678",
+                          "123456789", "-999999999", "0009"}) {
         ASSERT_EQ(ParsePlainInt(s, s + std::strlen(s), v), s + std::strlen(s)) << s;
         EXPECT_EQ(v, static_cast<int>(std::strtol(s, nullptr, 10))) << s;
+        for (const char* tail : {"/4/5 ", " 6 7 8 9 10", "\n           "}) { // far from the end of the text
+            const std::string t = std::string(s) + tail;
+            ASSERT_EQ(ParsePlainInt(t.data(), t.data() + t.size(), v), t.data() + std::strlen(s)) << t;
+            EXPECT_EQ(v, static_cast<int>(std::strtol(s, nullptr, 10))) << t;
+        }
     }
     const char* slash = "12/5";
     EXPECT_EQ(ParsePlainInt(slash, slash + 4, v), slash + 2);
     EXPECT_EQ(v, 12);
-    for (const char* s : {"", "-", "/1", "1234567890", "+-3"}) EXPECT_EQ(ParsePlainInt(s, s + std::strlen(s), v), nullptr) << s;
+    for (const char* s : {"", "-", "/1", "1234567890", "+-3", "1234567890         ", "-/2         ", ":9        "})
+        EXPECT_EQ(ParsePlainInt(s, s + std::strlen(s), v), nullptr) << s;
 
     // Line breaks and token counts over every offset and length of texts longer than one
     // 8- or 16-byte step, against plain loops.
