@@ -50,17 +50,19 @@ inline constexpr DigitPairs kPairs{};
 
 // "%f". Most numbers writers print are floats widened to double: for a float below
 // 2^32 the product with 10^6 is exact (24-bit mantissa times 15625 * 2^6 fits 53 bits),
-// so rounding it to an integer, ties to even as printf does, yields all the digits.
+// so rounding it to an integer, ties to even as printf does by default, yields all the digits.
 // Everything else (other doubles, huge values, inf, nan) goes the general way.
 inline char* WriteFixed6(char* p, double v) {
     const double a = std::fabs(v);
     if (!(a < 4294967296.0) || static_cast<double>(static_cast<float>(a)) != a) return WriteFixedSlow(p, v);
     *p = '-';
     p += std::signbit(v) ? 1 : 0; // also "-0.000000" for -0.0 and tiny negatives
-    // a * 1e6 < 2^52: adding and taking away 2^52 rounds it to an integer in the
-    // current rounding mode, the mode printf honours (IEEE arithmetic is not reassociated).
-    const double r = (a * 1e6 + 0x1p52) - 0x1p52;
-    const uint64_t u = static_cast<uint64_t>(r);
+    // Ties to even by hand rather than through the FPU's rounding mode, so the output
+    // never depends on the floating-point environment; t and t - u are both exact.
+    const double t = a * 1e6;
+    uint64_t u = static_cast<uint64_t>(static_cast<int64_t>(t)); // t < 2^52
+    const double rest = t - static_cast<double>(u);
+    u += (rest > 0.5 || (rest == 0.5 && (u & 1))) ? 1 : 0;
     const uint32_t ip = static_cast<uint32_t>(u / 1000000u);
     const uint32_t fp = static_cast<uint32_t>(u % 1000000u);
     if (ip < 10) *p++ = static_cast<char>('0' + ip);

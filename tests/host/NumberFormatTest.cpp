@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cfenv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -142,6 +143,17 @@ TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
     EXPECT_EQ("0.007812", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 1.0f / 128) - buf)));
     EXPECT_EQ("0.023438", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 3.0f / 128) - buf)));
     EXPECT_GT(checked, 2000000u);
+    // The digits never depend on the FPU's rounding mode (the general path ignores it too).
+    const int mode = std::fegetround();
+    std::fesetround(FE_UPWARD);
+    const std::string up(buf, static_cast<size_t>(WriteFixed6(buf, 1.0f / 128) - buf));
+    const std::string up2(buf, static_cast<size_t>(WriteFixed6(buf, 0.1f) - buf));
+    std::fesetround(FE_DOWNWARD);
+    const std::string down(buf, static_cast<size_t>(WriteFixed6(buf, 3.0f / 128) - buf));
+    std::fesetround(mode);
+    EXPECT_EQ("0.007812", up);
+    EXPECT_EQ("0.100000", up2);
+    EXPECT_EQ("0.023438", down);
 }
 
 TEST(NumberFormat, IntegersMatchPrintf) {
