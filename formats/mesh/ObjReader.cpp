@@ -227,7 +227,10 @@ private:
     bool m_cancelled = false;
     bool m_warned = false;
 
-    std::vector<int> m_rawP, m_rawT, m_rawN; // the current face line's numbers
+    struct RawVertex {
+        int p, t, n; // as written: 1-based, negative relative, 0 bad
+    };
+    std::vector<RawVertex> m_raw; // the current face line's vertices
     std::unique_ptr<C3DScene> m_scene;
     CPageReleaser m_release;
 };
@@ -400,9 +403,7 @@ bool CObjParser::ReadFloatsFast(const char* p, float* out, int n, const char*& l
 // this way holds no "//" outside the "1//3" form, so the form chosen here is the one
 // the general rule (any "//" in the line means position//normal pairs) gives.
 bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
-    m_rawP.clear();
-    m_rawT.clear();
-    m_rawN.clear();
+    m_raw.clear();
     FaceForm form = FaceForm::kNone;
     for (;;) {
         while (p < m_end && IsBlank(*p)) ++p;
@@ -429,9 +430,7 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
         if (p < m_end && !IsBlank(*p) && !IsBreak(*p)) return false;
         if (form == FaceForm::kNone) form = f;
         else if (f != form) return false;
-        m_rawP.push_back(a);
-        m_rawT.push_back(b);
-        m_rawN.push_back(c);
+        m_raw.push_back({a, b, c});
     }
     lineEnd = p;
     EmitFace(form);
@@ -454,9 +453,7 @@ void CObjParser::ReadFaceSlow(std::string_view rest) {
             }
         }
     }
-    m_rawP.clear();
-    m_rawT.clear();
-    m_rawN.clear();
+    m_raw.clear();
     if (form == FaceForm::kNone) return;
     TextCursor c(rest);
     for (;;) {
@@ -471,9 +468,7 @@ void CObjParser::ReadFaceSlow(std::string_view rest) {
         default: ok = ReadIndex(c, p) && Slash(c) && Slash(c) && ReadIndex(c, n); break;
         }
         if (!ok) break;
-        m_rawP.push_back(p);
-        m_rawT.push_back(t);
-        m_rawN.push_back(n);
+        m_raw.push_back({p, t, n});
     }
     EmitFace(form);
 }
@@ -481,11 +476,11 @@ void CObjParser::ReadFaceSlow(std::string_view rest) {
 // Resolves the raw numbers and appends the face to the current group. A bad position
 // drops that vertex; a bad UV or normal makes the face's UV or normal face unusable.
 void CObjParser::EmitFace(FaceForm form) {
-    if (form == FaceForm::kNone || m_rawP.empty()) return;
+    if (form == FaceForm::kNone || m_raw.empty()) return;
     const bool wantUv = form == FaceForm::kPosUv || form == FaceForm::kPosUvN;
     const bool wantN = form == FaceForm::kPosUvN || form == FaceForm::kPosN;
     Group& g = m_groups[static_cast<size_t>(m_current)];
-    const size_t cnt = m_rawP.size();
+    const size_t cnt = m_raw.size();
     // Offsets are 32-bit: a group never grows past that (only a file of many GB could try).
     if (g.pos.size() + cnt >= UINT32_MAX) return;
     if (g.offsets.empty()) {
@@ -497,24 +492,24 @@ void CObjParser::EmitFace(FaceForm form) {
     const size_t before = g.pos.size();
     bool uvOk = wantUv, nOk = wantN;
     size_t kept = 0;
-    for (size_t k = 0; k < cnt; ++k) {
-        const int64_t pi = Resolve(m_rawP[k], m_readV, m_nv);
+    for (RawVertex& r : m_raw) {
+        const int64_t pi = Resolve(r.p, m_readV, m_nv);
         if (pi < 0) {
             Warn();
-            m_rawP[k] = 0; // dropped (0 is never a valid raw index)
+            r.p = 0; // dropped (0 is never a valid raw index)
             continue;
         }
         g.pos.push_back(static_cast<uint32_t>(pi));
         ++kept;
         if (wantUv) {
-            const int64_t ti = Resolve(m_rawT[k], m_readT, m_nt);
+            const int64_t ti = Resolve(r.t, m_readT, m_nt);
             if (ti < 0) { uvOk = false; Warn(); }
-            m_rawT[k] = static_cast<int>(ti < 0 ? 0 : ti);
+            r.t = static_cast<int>(ti < 0 ? 0 : ti);
         }
         if (wantN) {
-            const int64_t ni = Resolve(m_rawN[k], m_readN, m_nn);
+            const int64_t ni = Resolve(r.n, m_readN, m_nn);
             if (ni < 0) { nOk = false; Warn(); }
-            m_rawN[k] = static_cast<int>(ni < 0 ? 0 : ni);
+            r.n = static_cast<int>(ni < 0 ? 0 : ni);
         }
     }
     if (kept == 0) return;
@@ -525,7 +520,7 @@ void CObjParser::EmitFace(FaceForm form) {
     // Channel faces stay parallel to the mesh faces: a channel starts at its group's first
     // face with data, and the faces before it are filled in as unusable.
     auto channel = [&](bool ok, bool& has, std::vector<uint32_t>& idx, std::vector<uint8_t>& flags,
-                       const std::vector<int>& raw) {
+                       int RawVertex::*field) {
         if (!has) {
             if (!ok) return;
             has = true;
@@ -535,11 +530,11 @@ void CObjParser::EmitFace(FaceForm form) {
             flags.assign(facesBefore, FACE_SKIP);
         }
         flags.push_back(static_cast<uint8_t>(ok ? 0u : static_cast<uint32_t>(FACE_SKIP)));
-        for (size_t k = 0; k < cnt; ++k)
-            if (m_rawP[k] != 0) idx.push_back(ok ? static_cast<uint32_t>(raw[k]) : 0u);
+        for (const RawVertex& r : m_raw)
+            if (r.p != 0) idx.push_back(ok ? static_cast<uint32_t>(r.*field) : 0u);
     };
-    channel(uvOk, g.hasUv, g.uv, g.uvFlags, m_rawT);
-    channel(nOk, g.hasN, g.nrm, g.nFlags, m_rawN);
+    channel(uvOk, g.hasUv, g.uv, g.uvFlags, &RawVertex::t);
+    channel(nOk, g.hasN, g.nrm, g.nFlags, &RawVertex::n);
 }
 
 // "g", "o", "usemtl" and "#" records (and anything else) of the filling pass.
