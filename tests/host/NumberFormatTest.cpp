@@ -82,7 +82,7 @@ TEST(NumberFormat, FixedExpGeneralMatchPrintf) {
 // The writers' "%f" fast path works on floats widened to double; a wrong digit there
 // would change every OBJ and Maya file, so it is held against snprintf on millions of
 // float bit patterns: a fixed stride over all 2^32 (both signs, subnormals, inf, nan),
-// every exact rounding tie (odd multiples of 1/128) below 2048 and a sample above, the
+// every exact rounding tie (odd multiples of 1/128) below 512 and a sample above, the
 // floats either side of each tie, and dense runs where digits roll over.
 TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
     size_t checked = 0;
@@ -115,11 +115,11 @@ TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
     // The whole range with an odd stride, so every exponent and low mantissa bits vary.
     // Above 2^32 the general path takes over (checked on doubles elsewhere) and printf
     // is slow on 39-digit numbers, so that part is sampled thinly.
-    for (uint32_t b = 0; b < 0x4F802000u; b += 1999) ASSERT_TRUE(run(b, 1));
+    for (uint32_t b = 0; b < 0x4F802000u; b += 2749) ASSERT_TRUE(run(b, 1));
     for (uint32_t b = 0x4F802000u; b < 0x80000000u; b += 65521) ASSERT_TRUE(run(b, 1));
     // Ties at the sixth decimal: x * 1e6 ends in exactly .5 only for odd multiples of
     // 2^-7; they must round to even, and their neighbours must not be taken for ties.
-    for (uint32_t k = 1; k < (1u << 24); k += k < (1u << 16) ? 2 : 262) {
+    for (uint32_t k = 1; k < (1u << 24); k += k < (1u << 16) ? 2 : 390) {
         const float t = static_cast<float>(k) / 128.0f;
         for (float f : {t, std::nextafter(t, 0.0f), std::nextafter(t, 1e30f)}) {
             ASSERT_TRUE(check(f));
@@ -128,7 +128,7 @@ TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
     }
     ASSERT_TRUE(run(0, 1u << 14));                        // the smallest subnormals: 0.000000
     ASSERT_TRUE(run(0x350637BDu - (1u << 14), 1u << 15)); // around 5e-7, the first rounding step
-    ASSERT_TRUE(run(0x3F800000u - (1u << 16), 1u << 17)); // around 1.0
+    ASSERT_TRUE(run(0x3F800000u - (1u << 15), 1u << 16)); // around 1.0
     ASSERT_TRUE(run(0x497423F0u, 1u << 14));              // 999999.x up to 1000000 and beyond
     ASSERT_TRUE(run(0x4B800000u - (1u << 13), 1u << 14)); // the 2^24 neighbourhood
     ASSERT_TRUE(run(0x4F800000u - 4096, 8192));           // around 2^32, where the fast path ends
@@ -142,7 +142,7 @@ TEST(NumberFormat, Fixed6MatchesPrintfOnFloats) {
     EXPECT_EQ("-0.000000", std::string(buf, static_cast<size_t>(WriteFixed6(buf, -1e-9f) - buf)));
     EXPECT_EQ("0.007812", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 1.0f / 128) - buf)));
     EXPECT_EQ("0.023438", std::string(buf, static_cast<size_t>(WriteFixed6(buf, 3.0f / 128) - buf)));
-    EXPECT_GT(checked, 2000000u);
+    EXPECT_GT(checked, 1700000u);
     // The digits never depend on the FPU's rounding mode (the general path ignores it too).
     const int mode = std::fegetround();
     std::fesetround(FE_UPWARD);
