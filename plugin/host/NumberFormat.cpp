@@ -102,14 +102,12 @@ void AppendGeneral(std::string& out, double v, int precision) {
 
 void AppendInt(std::string& out, long long v) {
     char buf[24];
-    auto r = std::to_chars(buf, buf + sizeof(buf), v);
-    out.append(buf, static_cast<size_t>(r.ptr - buf));
+    out.append(buf, static_cast<size_t>(WriteInt(buf, v) - buf));
 }
 
 void AppendUInt(std::string& out, unsigned long long v) {
     char buf[24];
-    auto r = std::to_chars(buf, buf + sizeof(buf), v);
-    out.append(buf, static_cast<size_t>(r.ptr - buf));
+    out.append(buf, static_cast<size_t>(WriteUInt(buf, v) - buf));
 }
 
 size_t FormatFixed(char* buf, size_t cap, double v, int precision) {

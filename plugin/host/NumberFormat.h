@@ -46,7 +46,41 @@ struct DigitPairs {
     }
 };
 inline constexpr DigitPairs kPairs{};
+
+// Exactly two digits of x < 100.
+inline char* Pair(char* p, uint32_t x) {
+    p[0] = kPairs.d[2 * x];
+    p[1] = kPairs.d[2 * x + 1];
+    return p + 2;
+}
+// One or two digits of x < 100, no leading zero.
+inline char* Lead(char* p, uint32_t x) {
+    if (x < 10) {
+        *p = static_cast<char>('0' + x);
+        return p + 1;
+    }
+    return Pair(p, x);
+}
 } // namespace detail
+
+// "%u" of a 32-bit value: the leading one or two digits, then fixed pairs, with
+// no loop and no length pass.
+inline char* WriteU32(char* p, uint32_t v) {
+    using detail::Lead;
+    using detail::Pair;
+    if (v < 100) return Lead(p, v);
+    if (v < 10000) return Pair(Lead(p, v / 100), v % 100);
+    if (v < 1000000) {
+        const uint32_t r = v % 10000;
+        return Pair(Pair(Lead(p, v / 10000), r / 100), r % 100);
+    }
+    if (v < 100000000) {
+        const uint32_t r = v % 1000000, r2 = r % 10000;
+        return Pair(Pair(Pair(Lead(p, v / 1000000), r / 10000), r2 / 100), r2 % 100);
+    }
+    const uint32_t r = v % 100000000, r1 = r / 10000, r2 = r % 10000;
+    return Pair(Pair(Pair(Pair(Lead(p, v / 100000000), r1 / 100), r1 % 100), r2 / 100), r2 % 100);
+}
 
 // "%f". Most numbers writers print are floats widened to double: for a float below
 // 2^32 the product with 10^6 is exact (24-bit mantissa times 15625 * 2^6 fits 53 bits),
@@ -65,27 +99,15 @@ inline char* WriteFixed6(char* p, double v) {
     u += (rest > 0.5 || (rest == 0.5 && (u & 1))) ? 1 : 0;
     const uint32_t ip = static_cast<uint32_t>(u / 1000000u);
     const uint32_t fp = static_cast<uint32_t>(u % 1000000u);
-    if (ip < 10) *p++ = static_cast<char>('0' + ip);
-    else p = std::to_chars(p, p + 10, ip).ptr;
-    *p = '.';
-    const char* pairs = detail::kPairs.d;
-    const uint32_t hi = fp / 10000u, mid = fp / 100u % 100u, lo = fp % 100u;
-    p[1] = pairs[2 * hi];
-    p[2] = pairs[2 * hi + 1];
-    p[3] = pairs[2 * mid];
-    p[4] = pairs[2 * mid + 1];
-    p[5] = pairs[2 * lo];
-    p[6] = pairs[2 * lo + 1];
-    return p + 7;
+    p = WriteU32(p, ip);
+    *p++ = '.';
+    const uint32_t low = fp % 10000u;
+    return detail::Pair(detail::Pair(detail::Pair(p, fp / 10000u), low / 100u), low % 100u);
 }
 
 inline char* WriteUInt(char* p, uint64_t v) {
-    if (v < 10) {
-        *p = static_cast<char>('0' + v);
-        return p + 1;
-    }
     // Indices fit 32 bits; their digits come cheaper than 64-bit ones.
-    if (v <= UINT32_MAX) return std::to_chars(p, p + 10, static_cast<uint32_t>(v)).ptr;
+    if (v <= UINT32_MAX) return WriteU32(p, static_cast<uint32_t>(v));
     return std::to_chars(p, p + 20, v).ptr;
 }
 

@@ -167,6 +167,16 @@ TEST(NumberFormat, IntegersMatchPrintf) {
         AppendUInt(s, static_cast<unsigned long long>(v));
         ASSERT_EQ(C("%llu", static_cast<unsigned long long>(v)), s);
     }
+    // Every digit count, at its edges: 10^k - 1, 10^k, 10^k + 1, and the 32-bit limit.
+    for (unsigned long long p = 1; p <= 10000000000000000000ull; p *= 10) {
+        for (unsigned long long v : {p - 1, p, p + 1, 4294967295ull, 4294967296ull, p * 7 / 3}) {
+            char buf[24];
+            ASSERT_EQ(C("%llu", v), std::string(buf, static_cast<size_t>(WriteUInt(buf, v) - buf)));
+            const long long sv = -static_cast<long long>(v & 0x7FFFFFFFFFFFFFFFull);
+            ASSERT_EQ(C("%lld", sv), std::string(buf, static_cast<size_t>(WriteInt(buf, sv) - buf)));
+        }
+        if (p == 10000000000000000000ull) break;
+    }
     std::string s;
     AppendInt(s, std::numeric_limits<long long>::min());
     EXPECT_EQ("-9223372036854775808", s);
