@@ -292,8 +292,8 @@ bool CObjParser::CountPass() {
         const char c0 = Lower(*p);
         if (c0 == 'f') {
             // Vertex tokens, to reserve the index arrays exactly.
-            const char* q = textscan::FindLineBreak(p + 1, m_end);
-            const uint64_t tokens = textscan::CountTokens(p + 1, q);
+            const char* q;
+            const uint64_t tokens = textscan::CountTokensToLineBreak(p + 1, m_end, q);
             if (m_nv == 0 && static_cast<size_t>(q - ls) > kMaxFirstLine) return false;
             ++m_nf;
             Group& g = m_groups[static_cast<size_t>(m_current)];

@@ -187,6 +187,41 @@ inline size_t CountTokens(const char* p, const char* end) {
     return n;
 }
 
+// CountTokens over [p, line break) in the same sweep that finds the break; `lineEnd`
+// gets FindLineBreak(p, end).
+inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*& lineEnd) {
+    size_t n = 0;
+    bool prevSpace = true;
+#if defined(__SSE2__)
+    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), six = _mm_set1_epi8(6);
+    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r');
+    while (end - p >= 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        const __m128i d = _mm_sub_epi8(x, lo);
+        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, six));
+        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
+        const unsigned b =
+            static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, lf), _mm_cmpeq_epi8(x, cr))));
+        unsigned starts = ~s & ((s << 1) | (prevSpace ? 1u : 0u)) & 0xFFFFu;
+        if (b) {
+            starts &= (b & (0u - b)) - 1; // only what lies before the break
+            lineEnd = p + std::countr_zero(b);
+            return n + PopCount16(starts);
+        }
+        n += PopCount16(starts);
+        prevSpace = (s >> 15) & 1u;
+        p += 16;
+    }
+#endif
+    for (; p < end && *p != '\n' && *p != '\r'; ++p) {
+        const bool s = IsSpace(*p);
+        n += static_cast<size_t>(!s && prevSpace);
+        prevSpace = s;
+    }
+    lineEnd = p;
+    return n;
+}
+
 // The leading run of ASCII digits in the eight bytes at p: its length n (0-8) and its
 // value. A byte is a digit when its high nibble is 3 and adding 6 leaves it so; carries
 // only run upwards, so the bytes before the first non-digit are judged right. The digits

@@ -420,5 +420,10 @@ TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
         for (size_t i = 0; i < text.size(); ++i)
             tokens += !IsSpace(text[i]) && (i == 0 || IsSpace(text[i - 1]));
         ASSERT_EQ(CountTokens(b, e), tokens) << round;
+        size_t lineTokens = 0;
+        for (const char* q = b; q < ref; ++q) lineTokens += !IsSpace(*q) && (q == b || IsSpace(q[-1]));
+        const char* lineEnd = nullptr;
+        ASSERT_EQ(CountTokensToLineBreak(b, e, lineEnd), lineTokens) << round;
+        ASSERT_EQ(lineEnd, ref) << round;
     }
 }
