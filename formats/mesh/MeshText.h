@@ -128,7 +128,8 @@ public:
     }
 
 private:
-    static constexpr size_t kSlack = 512; // > numfmt::kMaxFixed6
+    static constexpr size_t kSlack = 512; // room for any one number after a full chunk
+    static_assert(kSlack > numfmt::kMaxFixed6);
     size_t Room() const { return m_chunk + kSlack - static_cast<size_t>(m_p - m_buf.get()); }
     void Need(size_t n) {
         if (n > Room()) [[unlikely]]

@@ -18,6 +18,11 @@
 namespace {
 constexpr size_t kWriteBuffer = 1u << 20;
 constexpr size_t kDirectWrite = 1u << 16; // pieces this large bypass the write buffer
+constexpr int64_t kReportStep = 1 << 20;
+// Pipes and devices are read into memory; this bounds what they may cost.
+constexpr size_t kMaxStreamBytes = size_t(4) << 30;
+
+enum Encoding { ENC_UTF8 = 0, ENC_LATIN1 = 1, ENC_UTF16LE = 2, ENC_UTF16BE = 3 };
 
 // The whole range to the file, resuming after short writes and EINTR.
 bool WriteAll(int fd, const uint8_t* p, size_t n, int64_t& written) {
@@ -33,11 +38,6 @@ bool WriteAll(int fd, const uint8_t* p, size_t n, int64_t& written) {
     }
     return true;
 }
-constexpr int64_t kReportStep = 1 << 20;
-// Pipes and devices are read into memory; this bounds what they may cost.
-constexpr size_t kMaxStreamBytes = size_t(4) << 30;
-
-enum Encoding { ENC_UTF8 = 0, ENC_LATIN1 = 1, ENC_UTF16LE = 2, ENC_UTF16BE = 3 };
 
 void SetError(std::string* error, int err) {
     if (error) *error = std::generic_category().message(err);
