@@ -3,14 +3,22 @@
 // as binary with the 15-bit colour word (bit 15 set, red in the low bits).
 #include "formats/mesh/CStlIo.h"
 
+#include <algorithm>
+#include <atomic>
+#include <bit>
 #include <cstring>
 #include <memory>
+#include <vector>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "formats/mesh/MeshText.h"
 #include "plugin/host/BinaryCursor.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/SwitchLocale.h"
 #include "plugin/host/TextScanner.h"
 
@@ -33,7 +41,83 @@ bool EqualsNoCase(std::string_view a, std::string_view b) {
     return true;
 }
 
-bool IsEndSolid(std::string_view line) { return EqualsNoCase(textscan::TrimRight(line), "endsolid"); }
+constexpr size_t kBlock = 1024; // binary records converted per step
+
+inline float LoadF32le(const uint8_t* p) {
+    return std::bit_cast<float>(uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24);
+}
+
+// Spaces that do not end a line.
+inline bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f'; }
+
+// Gives the mapped pages behind the reader back every megabyte. An ASCII file is
+// twice the size of its scene, so the part of it held resident decides the peak.
+class CReleaseBehind {
+public:
+    CReleaseBehind(const IoFile* file, std::span<const uint8_t> data)
+        : m_file(file && file->GetData().data() == data.data() ? file : nullptr),
+          m_base(reinterpret_cast<const char*>(data.data())) {}
+    void At(const char* p) {
+        const size_t off = static_cast<size_t>(p - m_base);
+        if (m_file && off >= m_last + kStep) {
+            m_file->ReleaseBefore(static_cast<int64_t>(off));
+            m_last = off;
+        }
+    }
+    void Reset() { m_last = 0; }
+
+private:
+    static constexpr size_t kStep = size_t(1) << 20;
+    const IoFile* m_file;
+    const char* m_base;
+    size_t m_last = 0;
+};
+
+// Skips spaces and line ends alike, sixteen bytes per step where SSE2 is there:
+// indentation and line ends are a third of a typical file.
+inline const char* SkipSpaces(const char* p, const char* end) {
+#if defined(__SSE2__)
+    const __m128i sp = _mm_set1_epi8(' '), below = _mm_set1_epi8('\t' - 1), above = _mm_set1_epi8('\r' + 1);
+    while (end - p >= 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        // \t..\r by signed compares: bytes from 0x80 up are negative and fall outside.
+        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(x, below), _mm_cmplt_epi8(x, above));
+        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
+        if (s != 0xFFFFu) return p + std::countr_zero(~s);
+        p += 16;
+    }
+#endif
+    while (p < end && textscan::IsSpace(*p)) ++p;
+    return p;
+}
+
+// True when the left-trimmed line at p is "endsolid" (any case) and nothing else.
+bool IsEndSolidAt(const char* p, const char* end) {
+    static constexpr char kWord[] = "endsolid";
+    if (end - p < 8) return false;
+    for (int i = 0; i < 8; ++i) // | 0x20 folds exactly the upper-case twin onto each letter
+        if ((p[i] | 0x20) != kWord[i]) return false;
+    p += 8;
+    while (p < end && IsBlank(*p)) ++p;
+    return p == end || *p == '\n' || *p == '\r';
+}
+
+// "%*s %f %f %f" on the vertex line starting at `line` (left-trimmed). Returns where
+// the line ends, or null when it holds fewer than three numbers.
+const char* ScanVertex(const char* line, const char* end, float* xyz) {
+    const char* p = line;
+    while (p < end && !textscan::IsSpace(*p)) ++p;
+    for (int k = 0; k < 3 && p; ++k) {
+        while (p < end && (*p == ' ' || *p == '\t')) ++p; // rarer spaces take the scanner
+        p = textscan::ParsePlainFloat(p, end, xyz[k]);
+    }
+    if (p) return textscan::FindLineBreak(p, end);
+    // Not three plain decimals: the general scanner, on this line alone.
+    const char* le = textscan::FindLineBreak(line, end);
+    textscan::TextCursor s(std::string_view(line, static_cast<size_t>(le - line)));
+    if (!s.SkipWord() || !s.ReadFloat(xyz[0]) || !s.ReadFloat(xyz[1]) || !s.ReadFloat(xyz[2])) return nullptr;
+    return le;
+}
 
 } // namespace
 
@@ -123,102 +207,125 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     obj->AddChannel(normals, -1);
     obj->SetPointList(new C3DPointList(), true);
     obj->SetFaceList(new C3DFaceList(), true);
-    C3DPointList* points = obj->GetPointList();
-    C3DFaceList* faces = obj->GetFaceList();
-    CNormalFaceList* nfaces = normals->GetNormalFaceList();
-    C3DVectorList* nvec = normals->GetNormalVectorList();
 
-    const int count = static_cast<int>(n > INT32_MAX / 3 ? INT32_MAX / 3 : n);
-    faces->SetSize(count, 3);
-    nfaces->SetSize(count, 3);
-    points->SetSize(count * 3);
-    nvec->SetSize(count * 3);
-    uint32_t* fidx = faces->GetIndexes().data();
-    uint32_t* nidx = nfaces->GetIndexes().data();
-    float* pts = points->GetData();
-    float* nv = nvec->GetData();
+    // The arrays are built here and handed to the lists whole: filling them block by
+    // block from a small scratch area writes each byte of a 100 MB mesh once, where
+    // sizing the lists first would zero it all and then write it again.
+    const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
+    std::vector<float> pts, nvec;
+    std::vector<uint32_t> offsets, fidx, nidx, materials, cidx;
+    std::vector<uint8_t> cflags;
+    std::vector<CRGBColor> cpts;
+    hostmem::ReserveLarge(pts, count * 9);
+    hostmem::ReserveLarge(nvec, count * 9);
+    hostmem::ReserveLarge(offsets, count + 1);
+    hostmem::ReserveLarge(fidx, count * 3);
+    hostmem::ReserveLarge(nidx, count * 3);
+    hostmem::ReserveLarge(materials, count);
+    offsets.push_back(0);
 
-    CVCChannel* colors = nullptr;
-    uint32_t* cidx = nullptr;
-    CRGBColor* cpts = nullptr;
-    int k = 0;
-    int read = 0;
-    for (int i = 0; i < count; ++i) {
-        if (ShouldCancelThread(0)) break;
-        if (!c.canRead(kRecord)) break;
-        release.At(reinterpret_cast<const char*>(c.current()));
-        float v[12];
-        for (float& f : v) f = c.f32le();
-        const uint16_t attr = c.u16le();
-        std::memcpy(nv + size_t(i) * 3, v, 12);
-        std::memcpy(pts + size_t(i) * 9, v + 3, 36);
-        const uint32_t base = static_cast<uint32_t>(i) * 3;
-        uint32_t* f = fidx + size_t(i) * 3;
-        f[0] = base; f[1] = base + 1; f[2] = base + 2;
-        uint32_t* nf = nidx + size_t(i) * 3;
-        nf[0] = nf[1] = nf[2] = static_cast<uint32_t>(i);
-        if (attr >= 0x8000) {
-            if (!colors) {
-                colors = new CVCChannel();
-                CVCFaceList* cf = colors->GetVCFaceList();
-                cf->SetSize(count, 3);
-                cf->SetFacesFlags(FACE_SKIP, true);
-                colors->GetVCPointList()->SetSize(count);
-                const int32_t id = obj->AddChannel(colors, -1);
-                obj->SetGlobalVCChannel(id);
-                colors->SetWeight(1.0f);
-                cidx = cf->GetIndexes().data();
-                cpts = colors->GetVCPointList()->Raw().data();
+    struct Scratch {
+        float pts[kBlock * 9], nvec[kBlock * 3];
+        uint32_t offsets[kBlock], fidx[kBlock * 3], nidx[kBlock * 3], cidx[kBlock * 3];
+        uint8_t cflags[kBlock];
+    };
+    auto s = std::make_unique<Scratch>();
+    std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
+    const uint8_t* rec = c.current();
+    size_t read = 0;
+    uint32_t k = 0;
+    bool stop = false;
+    while (read < count && !stop) {
+        const size_t first = read;
+        const size_t last = std::min(count, first + kBlock);
+        release.At(reinterpret_cast<const char*>(rec));
+        size_t b = 0;
+        for (size_t i = first; i < last; ++i, ++b, rec += kRecord) {
+            if (cancel && cancel->load(std::memory_order_relaxed)) {
+                stop = true;
+                break;
             }
-            CVCFaceList* cf = colors->GetVCFaceList();
-            cf->SetFaceFlag(i, FACE_SKIP, false);
-            uint32_t* ci = cidx + size_t(i) * 3;
-            ci[0] = ci[1] = ci[2] = static_cast<uint32_t>(k);
-            cpts[k].SetColor(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
-                             static_cast<uint8_t>((attr >> 7) & 0x1F8));
-            ++k;
+            for (int j = 0; j < 3; ++j) s->nvec[b * 3 + j] = LoadF32le(rec + 4 * j);
+            for (int j = 0; j < 9; ++j) s->pts[b * 9 + j] = LoadF32le(rec + 12 + 4 * j);
+            const uint32_t base = static_cast<uint32_t>(i) * 3;
+            s->fidx[b * 3] = base;
+            s->fidx[b * 3 + 1] = base + 1;
+            s->fidx[b * 3 + 2] = base + 2;
+            s->offsets[b] = base + 3;
+            s->nidx[b * 3] = s->nidx[b * 3 + 1] = s->nidx[b * 3 + 2] = static_cast<uint32_t>(i);
+            const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
+            if (attr >= 0x8000) {
+                s->cidx[b * 3] = s->cidx[b * 3 + 1] = s->cidx[b * 3 + 2] = k++;
+                s->cflags[b] = 0;
+                if (cpts.empty()) hostmem::ReserveLarge(cpts, count);
+                cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
+                                  static_cast<uint8_t>((attr >> 7) & 0x1F8));
+            } else {
+                s->cidx[b * 3] = s->cidx[b * 3 + 1] = s->cidx[b * 3 + 2] = 0;
+                s->cflags[b] = FACE_SKIP;
+            }
         }
-        ++read;
+        pts.insert(pts.end(), s->pts, s->pts + b * 9);
+        nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
+        offsets.insert(offsets.end(), s->offsets, s->offsets + b);
+        fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
+        nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
+        materials.insert(materials.end(), b, NO_MATERIAL);
+        if (!cpts.empty()) {
+            // Faces before the first coloured one are uncoloured: indices 0, flagged.
+            if (cflags.empty()) {
+                hostmem::ReserveLarge(cidx, count * 3);
+                hostmem::ReserveLarge(cflags, count);
+                cidx.assign(first * 3, 0);
+                cflags.assign(first, FACE_SKIP);
+            }
+            cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
+            cflags.insert(cflags.end(), s->cflags, s->cflags + b);
+        }
+        read += b;
     }
     if (read == 0 || ShouldCancelThread(0)) {
         m_scene = nullptr;
         return nullptr;
     }
-    if (read < count) {
-        faces->SetSize(read, 3, SETSIZE_TRUNCATE);
-        nfaces->SetSize(read, 3, SETSIZE_TRUNCATE);
-        points->SetSize(read * 3);
-        nvec->SetSize(read * 3);
-    }
-    faces->FreeExtra();
-    nfaces->FreeExtra();
-    points->FreeExtra();
-    nvec->FreeExtra();
-    if (colors) {
-        colors->GetVCPointList()->SetSize(k);
+    // The normal list holds three entries per triangle; those behind the normals stay zero.
+    nvec.resize(read * 9, 0.0f);
+    obj->GetPointList()->Raw() = std::move(pts);
+    normals->GetNormalVectorList()->Raw() = std::move(nvec);
+    std::vector<uint32_t> noffsets = offsets;
+    std::vector<uint32_t> coffsets = cpts.empty() ? std::vector<uint32_t>() : offsets;
+    obj->GetFaceList()->Adopt(std::move(offsets), std::move(fidx), std::vector<uint8_t>(read, 0), std::move(materials));
+    normals->GetNormalFaceList()->Adopt(std::move(noffsets), std::move(nidx), std::vector<uint8_t>(read, 0));
+    obj->GetFaceList()->FreeExtra();
+    normals->GetNormalFaceList()->FreeExtra();
+    obj->GetPointList()->FreeExtra();
+    normals->GetNormalVectorList()->FreeExtra();
+    if (!cpts.empty()) {
+        auto* colors = new CVCChannel();
+        const int32_t id = obj->AddChannel(colors, -1);
+        obj->SetGlobalVCChannel(id);
+        colors->SetWeight(1.0f);
+        colors->GetVCFaceList()->Adopt(std::move(coffsets), std::move(cidx), std::move(cflags));
+        colors->GetVCFaceList()->FreeExtra();
+        colors->GetVCPointList()->Raw() = std::move(cpts);
         colors->GetVCPointList()->FreeExtra();
-        colors->GetVCFaceList()->SetSize(read, 4, SETSIZE_TRUNCATE);
     }
     return scene.release();
 }
 
 C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
-    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
-    textscan::LineSplitter lines(text);
-    meshio::CPageReleaser release(m_file, text);
-    std::string_view line;
-    auto nextNonEmpty = [&](std::string_view& out) {
-        while (lines.Next(out)) {
-            release.At(out.data());
-            out = textscan::TrimLeft(out);
-            if (!textscan::TrimRight(out).empty()) return true;
-        }
-        return false;
-    };
-    if (!nextNonEmpty(line)) return nullptr;
-    const textscan::LineSplitter afterFirst = lines;
+    const char* const begin = reinterpret_cast<const char*>(data.data());
+    const char* const end = begin + data.size();
+    CReleaseBehind release(m_file, data);
 
-    textscan::TextCursor first(line);
+    // Lines end at '\n' or '\r', and an empty line holds only spaces, so skipping
+    // spaces and line ends together lands on the first byte of the next non-empty
+    // line, already left-trimmed: that is all the line walking this format needs.
+    const char* p = SkipSpaces(begin, end);
+    if (p == end) return nullptr;
+    const char* const afterFirst = textscan::FindLineBreak(p, end);
+
+    textscan::TextCursor first(std::string_view(p, static_cast<size_t>(afterFirst - p)));
     std::string_view keyword, name;
     int words = 0;
     if (first.ReadWord(keyword, kMaxWord)) {
@@ -230,16 +337,18 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
 
     // Counting pass: complete groups of seven non-empty lines up to a bare "endsolid".
     uint64_t counted = 0;
-    while (nextNonEmpty(line)) {
-        if (IsEndSolid(line)) break;
+    for (p = afterFirst;;) {
+        p = SkipSpaces(p, end);
+        if (p == end || IsEndSolidAt(p, end)) break;
         ++counted;
+        p = textscan::FindLineBreak(p, end);
+        release.At(p);
     }
     const uint64_t facetsCounted = counted / 7;
     if (facetsCounted == 0) return nullptr;
     if (facetsCounted > INT32_MAX / 3) return nullptr;
     const int V = static_cast<int>(facetsCounted * 3);
 
-    lines = afterFirst;
     release.Reset();
     auto scene = std::make_unique<C3DScene>();
     m_scene = scene.get();
@@ -259,31 +368,43 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
     nvec->SetSize(V);
     faces->SetSize(V / 3, 3);
     nfaces->SetSize(V / 3, 3);
-    if (ShouldCancelThread(0)) return nullptr;
+    std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
+    auto cancelled = [cancel] { return cancel && cancel->load(std::memory_order_relaxed); };
+    if (cancelled()) return nullptr;
 
     float* pts = points->GetData();
     uint32_t* fidx = faces->GetIndexes().data();
     uint32_t* nidx = nfaces->GetIndexes().data();
     int facets = 0, npts = 0;
-    bool cancelled = false;
+    bool stop = false;
+    // The next non-empty line: its first byte, or null at the end of the data.
+    auto next = [&]() -> const char* {
+        p = SkipSpaces(p, end);
+        if (p == end) return nullptr;
+        const char* line = p;
+        p = textscan::FindLineBreak(p, end);
+        return line;
+    };
+    p = afterFirst;
     while (facets < V / 3) {
-        if (!nextNonEmpty(line) || IsEndSolid(line)) break;
+        p = SkipSpaces(p, end);
+        if (p == end || IsEndSolidAt(p, end)) break;
+        release.At(p);
         if (facets == 0) {
-            textscan::TextCursor s(line);
-            std::string_view w;
-            // Only the first facet line is validated; the normal itself is not kept.
-            if (!s.ReadWord(w, kMaxWord) || !(EqualsNoCase(w, "facet") || EqualsNoCase(w, "normal"))) break;
+            // Only the first facet line is validated; no facet's normal is kept.
+            const char* w = p;
+            while (p < end && !textscan::IsSpace(*p) && p - w < kMaxWord) ++p;
+            const std::string_view word(w, static_cast<size_t>(p - w));
+            if (!EqualsNoCase(word, "facet") && !EqualsNoCase(word, "normal")) break;
         }
-        if (!nextNonEmpty(line)) break; // outer loop
-        bool ok = true;
-        for (int v = 0; v < 3 && ok; ++v) {
-            if (!nextNonEmpty(line)) { ok = false; break; }
-            textscan::TextCursor s(line);
-            float xyz[3];
-            if (!s.SkipWord() || !meshio::ReadCoord(s, xyz[0]) || !meshio::ReadCoord(s, xyz[1]) || !meshio::ReadCoord(s, xyz[2])) { ok = false; break; }
-            std::memcpy(pts + size_t(npts + v) * 3, xyz, 12);
+        p = textscan::FindLineBreak(p, end);
+        if (!next()) break; // outer loop
+        for (int v = 0; v < 3 && !stop; ++v) {
+            p = SkipSpaces(p, end);
+            p = p == end ? nullptr : ScanVertex(p, end, pts + size_t(npts + v) * 3);
+            stop = p == nullptr;
         }
-        if (!ok) break;
+        if (stop) break;
         uint32_t* f = fidx + size_t(facets) * 3;
         f[0] = static_cast<uint32_t>(npts + 2);
         f[1] = static_cast<uint32_t>(npts + 1);
@@ -292,11 +413,14 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
         nf[0] = nf[1] = nf[2] = static_cast<uint32_t>(facets);
         npts += 3;
         ++facets;
-        nextNonEmpty(line); // end loop
-        nextNonEmpty(line); // end facet
-        if (ShouldCancelThread(0)) { cancelled = true; break; }
+        next(); // end loop
+        next(); // end facet
+        if (cancelled()) {
+            m_scene = nullptr;
+            return nullptr;
+        }
     }
-    if (cancelled || facets == 0) {
+    if (facets == 0) {
         m_scene = nullptr;
         return nullptr;
     }

@@ -1,7 +1,10 @@
 #include <atomic>
+#include <cmath>
+#include <random>
 #include <gtest/gtest.h>
 
 #include "plugin/host/Cancel.h"
+#include "plugin/host/TextScanner.h"
 #include "tests/mesh/MeshTestUtil.h"
 
 using namespace meshtest;
@@ -311,4 +314,205 @@ TEST(StlOptions, DefaultOptionWords) {
     CSceneImportOptions i;
     p.LoadDefaultOptions(i);
     EXPECT_EQ(i.readerFlags, 2u);
+}
+
+namespace {
+
+// Everything an STL read produced, bit for bit: name, points, faces with flags, the
+// normal channel and the colour channel.
+std::string DescribeStl(C3DScene& s) {
+    std::string out;
+    char b[64];
+    auto list = [&](const char* tag, const CFaceList& fl) {
+        out += tag;
+        for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
+            std::snprintf(b, sizeof b, " [%u:", fl.GetFaceFlags(f));
+            out += b;
+            for (uint32_t i : fl.Face(f)) out += " " + std::to_string(i);
+            out += "]";
+        }
+        out += "\n";
+    };
+    auto points = [&](const char* tag, const C3DPointList& pl) {
+        out += tag;
+        for (float f : pl.Raw()) {
+            std::snprintf(b, sizeof b, " %a", static_cast<double>(f));
+            out += b;
+        }
+        out += "\n";
+    };
+    C3DSceneNode* node = nullptr;
+    C3DGeomObject* g = FirstMesh(s, &node);
+    if (!g) return "no mesh";
+    out += "node " + WideToUtf8(node->GetName().view()) + "\n";
+    points("points", *g->GetPointList());
+    list("faces", *g->GetFaceList());
+    if (auto* sn = static_cast<CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))) {
+        points("normals", *sn->GetNormalVectorList());
+        list("nfaces", *sn->GetNormalFaceList());
+    }
+    if (CVCChannel* vc = g->GetGlobalVCChannel()) {
+        list("colour faces", *vc->GetVCFaceList());
+        for (const CRGBColor& c : vc->GetVCPointList()->Raw()) out += " " + std::to_string(c.GetRGBA());
+    }
+    return out;
+}
+
+} // namespace
+
+// Vertex lines of plain decimals take a quick path, everything else the general scanner.
+// A vertical tab before a line's numbers is a space to the scanner but sends the line
+// down the general path, so each random file is read both ways and must give the same scene.
+TEST(StlRead, QuickAndGeneralPathsAgree) {
+    std::mt19937 rng(2024);
+    auto num = [&]() -> std::string {
+        char b[48];
+        switch (rng() % 9) {
+        case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
+        case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
+        case 2: std::snprintf(b, sizeof b, "%.6e", (static_cast<double>(rng()) - 2e9) * 1e-12); break;
+        case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
+        case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
+        case 5: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e30); break; // beyond float
+        case 6: std::snprintf(b, sizeof b, "%.9e", static_cast<double>(rng() % 1000) * 1e-41); break; // subnormal
+        default: std::snprintf(b, sizeof b, "%.6f", (static_cast<double>(rng()) - 2e9) * 1e-9); break;
+        }
+        return b;
+    };
+    int read = 0;
+    for (int round = 0; round < 60; ++round) {
+        std::vector<std::pair<std::string, std::string>> lines; // keyword, numbers
+        lines.push_back({"solid", "r" + std::to_string(round)});
+        const int facets = 1 + static_cast<int>(rng() % 12);
+        for (int f = 0; f < facets; ++f) {
+            lines.push_back({"facet", "normal " + num() + " " + num() + " " + num()});
+            lines.push_back({"outer", "loop"});
+            for (int v = 0; v < 3; ++v) {
+                std::string xyz = num() + (rng() % 2 ? " " : "\t") + num() + " " + num();
+                if (rng() % 25 == 0) xyz = num() + " " + num(); // too few numbers: the read ends here
+                if (rng() % 25 == 0) xyz += "x";                // text behind the numbers
+                if (rng() % 25 == 0) xyz = num() + "," + num() + " " + num();
+                lines.push_back({"vertex", xyz + (rng() % 6 == 0 ? " 1.0" : "")});
+            }
+            lines.push_back({"endloop", ""});
+            lines.push_back({"endfacet", ""});
+            if (rng() % 20 == 0) lines.push_back({"", ""});
+        }
+        lines.push_back({"endsolid", ""});
+        const char* ends[] = {"\n", "\r\n", "\r"};
+        const std::string eol = ends[round % 3];
+        std::string quick, general;
+        for (const auto& [key, rest] : lines) {
+            const std::string lead(rng() % 4, ' ');
+            quick += lead + key + (rest.empty() ? "" : " " + rest) + eol;
+            general += lead + key + (key == "vertex" ? " \v" : rest.empty() ? "" : " ") + rest + eol;
+        }
+        if (round % 5 == 4) { // the last facet's last line ends the data, without a line end
+            for (std::string* s : {&quick, &general}) {
+                size_t at = s->rfind("endsolid");
+                while (at > 0 && textscan::IsSpace((*s)[at - 1])) --at;
+                s->resize(at);
+            }
+        }
+        auto a = ReadBytes<CStlIo>(quick, "q.stl");
+        auto b = ReadBytes<CStlIo>(general, "g.stl");
+        ASSERT_EQ(a.scene != nullptr, b.scene != nullptr) << round << "\n" << quick;
+        if (!a.scene) continue;
+        ++read;
+        ASSERT_EQ(DescribeStl(*a.scene), DescribeStl(*b.scene)) << "round " << round << "\n" << quick;
+    }
+    EXPECT_GT(read, 30);
+}
+
+TEST(StlRead, AsciiLineEndsAndEndsolidForms) {
+    // Lone CR, blank lines of assorted spaces, no line end at all after the last facet.
+    std::string cr = kAscii;
+    for (char& c : cr)
+        if (c == '\n') c = '\r';
+    cr.insert(cr.find("  facet"), " \t\v\f\r\r\n\n");
+    cr.resize(cr.find("endsolid part") - 1);
+    auto r = ReadBytes<CStlIo>(cr, "cr.stl");
+    ASSERT_TRUE(r.scene);
+    EXPECT_EQ(FirstMesh(*r.scene)->GetFaceList()->GetNumberOfFaces(), 2);
+    EXPECT_EQ(DescribeStl(*r.scene), DescribeStl(*ReadBytes<CStlIo>(kAscii, "lf.stl").scene));
+
+    // A bare "endsolid" with trailing spaces ends the count even inside a facet, so the
+    // second facet is not read although its vertex lines are complete.
+    auto stopsAt = [](const std::string& replacement) {
+        std::string s = kAscii;
+        s.replace(s.rfind("endloop"), 7, replacement);
+        auto r2 = ReadBytes<CStlIo>(s, "e.stl");
+        return r2.scene ? FirstMesh(*r2.scene)->GetFaceList()->GetNumberOfFaces() : -1;
+    };
+    EXPECT_EQ(stopsAt("EndSolid \t\v\f"), 1);
+    EXPECT_EQ(stopsAt("endsolid"), 1);
+    EXPECT_EQ(stopsAt("endsolidx"), 2);
+    EXPECT_EQ(stopsAt("endsolid x"), 2);
+    EXPECT_EQ(stopsAt(std::string("endsolid\0", 9)), 2);
+    EXPECT_EQ(stopsAt("endsoli"), 2);
+
+    // A facet line that is "endsolid" stops the read at once; the last line may be it.
+    std::string early = kAscii;
+    early.replace(early.rfind("  facet normal 0 0 1"), 20, "endsolid");
+    auto e = ReadBytes<CStlIo>(early, "early.stl");
+    ASSERT_TRUE(e.scene);
+    EXPECT_EQ(FirstMesh(*e.scene)->GetFaceList()->GetNumberOfFaces(), 1);
+
+    // Numbers the quick path leaves to the scanner still read as "%f" reads them.
+    std::string odd = kAscii;
+    odd.replace(odd.find("vertex 1 0 0"), 12, "vertex 0x1p1 -inf 1e-50");
+    auto o = ReadBytes<CStlIo>(odd, "odd.stl");
+    ASSERT_TRUE(o.scene);
+    const C3DPoint p1 = FirstMesh(*o.scene)->GetPointList()->GetPoint(1);
+    EXPECT_EQ(p1.x, 2.0f);
+    EXPECT_TRUE(std::isinf(p1.y) && p1.y < 0);
+    EXPECT_EQ(p1.z, 0.0f);
+}
+
+// Binary records are converted in blocks: a file longer than a block, with the first
+// colour well inside a later block, must come out as if read one record at a time.
+TEST(StlRead, BinaryAcrossBlocksWithLateColours) {
+    const int n = 2500;
+    std::vector<Tri> tris(n);
+    for (int i = 0; i < n; ++i) {
+        Tri& t = tris[static_cast<size_t>(i)];
+        for (int k = 0; k < 3; ++k) t.n[k] = static_cast<float>(i) + 0.25f * static_cast<float>(k);
+        for (int k = 0; k < 9; ++k) t.v[k] = static_cast<float>(i * 9 + k);
+        t.attr = (i >= 1500 && i % 7 == 3) ? static_cast<uint16_t>(0x8000 | (i & 0x7FFF)) : static_cast<uint16_t>(i & 0x7FFF);
+    }
+    auto r = ReadBytes<CStlIo>(BinaryStl(tris), "blocks.stl");
+    ASSERT_TRUE(r.scene);
+    C3DGeomObject* obj = FirstMesh(*r.scene);
+    const C3DPointList& pts = *obj->GetPointList();
+    const C3DFaceList& fl = *obj->GetFaceList();
+    auto* sn = static_cast<CSpecNormalChannel*>(obj->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    CVCChannel* vc = obj->GetGlobalVCChannel();
+    ASSERT_TRUE(sn && vc);
+    ASSERT_EQ(pts.GetSize(), 3 * n);
+    ASSERT_EQ(fl.GetNumberOfFaces(), n);
+    ASSERT_EQ(sn->GetNormalVectorList()->GetSize(), 3 * n); // three per triangle, the rest zero
+    ASSERT_EQ(sn->GetNormalFaceList()->GetNumberOfFaces(), n);
+    ASSERT_EQ(vc->GetVCFaceList()->GetNumberOfFaces(), n);
+    uint32_t k = 0;
+    for (int i = 0; i < n; ++i) {
+        ASSERT_EQ(pts.GetData()[size_t(i) * 9 + 4], static_cast<float>(i * 9 + 4)) << i;
+        const uint32_t b3 = static_cast<uint32_t>(i) * 3;
+        ASSERT_EQ(FaceOf(fl, i), (std::vector<uint32_t>{b3, b3 + 1, b3 + 2})) << i;
+        ASSERT_EQ(fl.GetMaterialID(i), NO_MATERIAL);
+        ASSERT_EQ(sn->GetNormalVectorList()->GetPoint(i).z, static_cast<float>(i) + 0.5f) << i;
+        ASSERT_EQ(sn->GetNormalVectorList()->GetPoint(n + i).z, 0.0f) << i;
+        const uint32_t u = static_cast<uint32_t>(i);
+        ASSERT_EQ(FaceOf(*sn->GetNormalFaceList(), i), (std::vector<uint32_t>{u, u, u}));
+        const bool coloured = i >= 1500 && i % 7 == 3;
+        ASSERT_EQ(vc->GetVCFaceList()->IsFaceFlagSet(i, FACE_SKIP), !coloured) << i;
+        const uint32_t c = coloured ? k++ : 0;
+        ASSERT_EQ(FaceOf(*vc->GetVCFaceList(), i), (std::vector<uint32_t>{c, c, c})) << i;
+    }
+    ASSERT_EQ(vc->GetVCPointList()->GetSize(), static_cast<int>(k));
+    const CRGBColor last = (*vc->GetVCPointList())[static_cast<int>(k) - 1];
+    const int lastI = 2495; // the last i with i % 7 == 3
+    EXPECT_EQ(last.r, static_cast<uint8_t>(lastI * 8));
+    EXPECT_EQ(last.g, static_cast<uint8_t>((lastI >> 5) * 8));
+    EXPECT_EQ(last.b, static_cast<uint8_t>(((0x8000 | lastI) >> 7) & 0x1F8));
+    EXPECT_EQ(last.a, 255);
 }
