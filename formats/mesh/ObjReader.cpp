@@ -583,6 +583,9 @@ void CObjParser::OtherRecord(std::string_view line) {
 }
 
 bool CObjParser::FillPass() {
+    hostmem::ReserveLarge(m_v, static_cast<size_t>(m_nv + 1) * 3);
+    hostmem::ReserveLarge(m_t, static_cast<size_t>(m_nt + 1) * 2);
+    hostmem::ReserveLarge(m_n, static_cast<size_t>(m_nn + 1) * 3);
     m_v.assign(static_cast<size_t>(m_nv + 1) * 3, 0.0f);
     m_t.assign(static_cast<size_t>(m_nt + 1) * 2, 0.0f);
     m_n.assign(static_cast<size_t>(m_nn + 1) * 3, 0.0f);
