@@ -340,6 +340,13 @@ inline const char* ParsePlainFloat(const char* p, const char* end, float& v) {
         v = neg ? -0.0f : 0.0f;
         return p;
     }
+    if (m <= (uint64_t(1) << 24) && e10 >= -10 && e10 <= 10) {
+        // Both operands exact in float: one float operation rounds correctly by itself.
+        static constexpr float kPow10f[11] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
+        const float f = e10 < 0 ? static_cast<float>(m) / kPow10f[-e10] : static_cast<float>(m) * kPow10f[e10];
+        v = neg ? -f : f;
+        return p;
+    }
     if (m > (uint64_t(1) << 53) || e10 < -22 || e10 > 22) return nullptr;
     const double d = e10 < 0 ? static_cast<double>(m) / kPow10[-e10] : static_cast<double>(m) * kPow10[e10];
     const uint64_t bits = std::bit_cast<uint64_t>(d);
