@@ -50,29 +50,6 @@ inline float LoadF32le(const uint8_t* p) {
 // Spaces that do not end a line.
 inline bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == '\f'; }
 
-// Gives the mapped pages behind the reader back every megabyte. An ASCII file is
-// twice the size of its scene, so the part of it held resident decides the peak.
-class CReleaseBehind {
-public:
-    CReleaseBehind(const IoFile* file, std::span<const uint8_t> data)
-        : m_file(file && file->GetData().data() == data.data() ? file : nullptr),
-          m_base(reinterpret_cast<const char*>(data.data())) {}
-    void At(const char* p) {
-        const size_t off = static_cast<size_t>(p - m_base);
-        if (m_file && off >= m_last + kStep) {
-            m_file->ReleaseBefore(static_cast<int64_t>(off));
-            m_last = off;
-        }
-    }
-    void Reset() { m_last = 0; }
-
-private:
-    static constexpr size_t kStep = size_t(1) << 20;
-    const IoFile* m_file;
-    const char* m_base;
-    size_t m_last = 0;
-};
-
 // Skips spaces and line ends alike, sixteen bytes per step where SSE2 is there:
 // indentation and line ends are a third of a typical file.
 inline const char* SkipSpaces(const char* p, const char* end) {
@@ -316,7 +293,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
     const char* const begin = reinterpret_cast<const char*>(data.data());
     const char* const end = begin + data.size();
-    CReleaseBehind release(m_file, data);
+    meshio::CPageReleaser release(m_file, std::string_view(begin, data.size()));
 
     // Lines end at '\n' or '\r', and an empty line holds only spaces, so skipping
     // spaces and line ends together lands on the first byte of the next non-empty

@@ -147,8 +147,9 @@ private:
     bool m_ok = true;
 };
 
-// Gives the pages of a mapped input back as a reader moves through it, every few
-// megabytes, so a read does not hold the whole file resident next to the scene.
+// Gives the pages of a mapped input back as a reader moves through it, every
+// megabyte, so a read does not hold the whole file resident next to the scene (a text
+// file is often larger than what it describes, so the resident part decides the peak).
 class CPageReleaser {
 public:
     CPageReleaser() = default;
@@ -170,7 +171,7 @@ public:
     void Reset() { m_last = 0; }
 
 private:
-    static constexpr size_t kStep = size_t(4) << 20;
+    static constexpr size_t kStep = size_t(1) << 20;
     const IoFile* m_file = nullptr;
     const char* m_base = nullptr;
     size_t m_last = 0;

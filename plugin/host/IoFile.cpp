@@ -184,6 +184,7 @@ bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string*
     m_writing = false;
     m_pos = 0;
     m_nextReport = 0;
+    m_releasedTo = 0;
     return true;
 }
 
@@ -196,6 +197,7 @@ bool IoFile::OpenMemory(const void* data, size_t size) {
     m_writing = false;
     m_pos = 0;
     m_nextReport = 0;
+    m_releasedTo = 0;
     return true;
 }
 
@@ -236,7 +238,15 @@ void IoFile::ReleaseBefore(int64_t pos) const {
     if (!m_mapped || pos <= 0) return;
     const int64_t page = sysconf(_SC_PAGESIZE);
     const int64_t end = std::min(pos, m_size) / page * page;
-    if (end > 0) madvise(const_cast<uint8_t*>(m_data), static_cast<size_t>(end), MADV_DONTNEED);
+    // Only the stretch not given back yet: walking the whole prefix each time would make
+    // a read that releases as it goes quadratic in page-table work.
+    if (end > m_releasedTo) {
+        madvise(const_cast<uint8_t*>(m_data) + m_releasedTo, static_cast<size_t>(end - m_releasedTo), MADV_DONTNEED);
+        m_releasedTo = end;
+    } else if (end < m_releasedTo) {
+        m_releasedTo = end; // a new pass from the start: pages behind it were touched again
+        if (end > 0) madvise(const_cast<uint8_t*>(m_data), static_cast<size_t>(end), MADV_DONTNEED);
+    }
 }
 
 void IoFile::ReportProgress(int64_t pos) const {

@@ -93,6 +93,7 @@ private:
     int64_t m_written = 0;
     std::string m_decodeScratch;
     mutable int64_t m_nextReport = 0; // next position at which progress is reported
+    mutable int64_t m_releasedTo = 0; // mapped bytes before this were given back (ReleaseBefore)
     const char* m_nextLf = nullptr;   // line splitting cache (textscan::FindLineEnd)
     bool m_utf8Valid = true;          // TEXT_MODE_AUTO without BOM: whole content is UTF-8
 };
