@@ -17,52 +17,76 @@ for f in "$DATA"/big.obj "$DATA"/big.mtl "$DATA"/big_bin.stl "$DATA"/big_ascii.s
 
 TV=$(mktemp)
 trap 'rm -f "$TV"' EXIT
-# run LABEL FILE_FOR_MB CMD... -> prints one line, sets WALL CPU RSS MB
-run() {
-    local label=$1 sizefile=$2
-    shift 2
-    local out
-    out=$(/usr/bin/time -v "$@" 2>"$TV") || { echo "$label: failed"; cat "$TV" | head -3; return 1; }
-    local mb wall cpu rss
-    mb=$(python3 -c "import os,sys;print(os.path.getsize(sys.argv[1])/1e6)" "$sizefile")
-    wall=$(grep -o 'seconds=[0-9.]*\| in [0-9.]* s' <<<"$out" | grep -o '[0-9.]*' | head -1)
-    cpu=$(awk -F': ' '/User time|System time/ {s+=$2} END {print s}' "$TV")
-    rss=$(awk -F': ' '/Maximum resident/ {print $2}' "$TV")
-    printf '%-34s %8.1f MB  wall %7.3f s %8.1f MB/s   cpu %7.3f s %8.1f MB/s   peak %7.1f MB\n' \
-        "$label" "$mb" "$wall" "$(python3 -c "print($mb/max($wall,1e-9))")" "$cpu" \
-        "$(python3 -c "print($mb/max($cpu,1e-9))")" "$(python3 -c "print($rss/1024)")"
-    RESULT_WALL=$wall RESULT_CPU=$cpu RESULT_RSS=$rss
-    SCENE=$(grep -o 'scene_bytes=[0-9]*' <<<"$out" | cut -d= -f2 || true)
-}
 ratio() { python3 -c "import sys;print('%.2f' % (float(sys.argv[1])/max(float(sys.argv[2]),1e-9)))" "$1" "$2"; }
 memline() { python3 -c "import sys;r=int(sys.argv[1])*1024;s=int(sys.argv[2]);print('  peak / scene arrays: %.1f MB / %.1f MB = %.2fx' % (r/1e6, s/1e6, r/s))" "$1" "$2"; }
 
-echo "== reads ($(date -u +%H:%M:%S) UTC, $(nproc) cores, load $(cut -d' ' -f1 /proc/loadavg))"
-run "orbiscope OBJ" "$DATA/big.obj" "$BIN/bench_mesh" read "$DATA/big.obj"
-OW=$RESULT_WALL OC=$RESULT_CPU; memline "$RESULT_RSS" "$SCENE"
-if [ -x "$BIN/peer_tinyobj_read" ]; then
-    run "tinyobjloader OBJ" "$DATA/big.obj" "$BIN/peer_tinyobj_read" "$DATA/big.obj"
-    echo "  OBJ vs tinyobjloader: wall $(ratio "$RESULT_WALL" "$OW")x  cpu $(ratio "$RESULT_CPU" "$OC")x"
-fi
-if [ -x "$BIN/peer_assimp_read" ]; then
-    run "assimp OBJ" "$DATA/big.obj" "$BIN/peer_assimp_read" "$DATA/big.obj"
-    echo "  OBJ vs Assimp: wall $(ratio "$RESULT_WALL" "$OW")x  cpu $(ratio "$RESULT_CPU" "$OC")x"
-fi
-for kind in bin ascii; do
-    f="$DATA/big_$kind.stl"
-    run "orbiscope STL $kind" "$f" "$BIN/bench_mesh" read "$f"
-    SW=$RESULT_WALL SC=$RESULT_CPU; memline "$RESULT_RSS" "$SCENE"
-    if [ -x "$BIN/peer_assimp_read" ]; then
-        run "assimp STL $kind" "$f" "$BIN/peer_assimp_read" "$f"
-        echo "  STL $kind vs Assimp: wall $(ratio "$RESULT_WALL" "$SW")x  cpu $(ratio "$RESULT_CPU" "$SC")x"
+# The machine's speed drifts from one second to the next (shared hosts), so every read is
+# run REPEAT times, ours and the peers' interleaved, and the median and best are compared.
+REPEAT=${REPEAT:-5}
+declare -A TIMES
+# sample KEY CMD...: one timed run; appends the read's own wall time to TIMES[KEY]
+sample() {
+    local key=$1
+    shift
+    local out
+    out=$(/usr/bin/time -v "$@" 2>"$TV") || { echo "$key: failed"; head -3 "$TV"; return 1; }
+    local wall
+    wall=$(grep -o 'seconds=[0-9.]*\| in [0-9.]* s' <<<"$out" | grep -o '[0-9.]*' | head -1)
+    TIMES[$key]="${TIMES[$key]:-} $wall"
+    if [ "${key%%:*}" = ours ]; then
+        RSS[$key]=$(awk -F': ' '/Maximum resident/ {print $2}' "$TV")
+        SCN[$key]=$(grep -o 'scene_bytes=[0-9]*' <<<"$out" | cut -d= -f2 || true)
     fi
+}
+declare -A RSS SCN
+stats() { python3 -c "import sys,statistics as s;v=sorted(map(float,sys.argv[1].split()));print('%.3f %.3f' % (s.median(v), v[0]))" "$1"; }
+
+echo "== reads ($(date -u +%H:%M:%S) UTC, $(nproc) cores, load $(cut -d' ' -f1 /proc/loadavg), $REPEAT runs each, interleaved)"
+for ((i = 0; i < REPEAT; i++)); do
+    sample ours:obj "$BIN/bench_mesh" read "$DATA/big.obj"
+    [ -x "$BIN/peer_tinyobj_read" ] && sample tinyobj:obj "$BIN/peer_tinyobj_read" "$DATA/big.obj"
+    [ -x "$BIN/peer_assimp_read" ] && sample assimp:obj "$BIN/peer_assimp_read" "$DATA/big.obj"
+    for kind in bin ascii; do
+        sample "ours:stl $kind" "$BIN/bench_mesh" read "$DATA/big_$kind.stl"
+        [ -x "$BIN/peer_assimp_read" ] && sample "assimp:stl $kind" "$BIN/peer_assimp_read" "$DATA/big_$kind.stl"
+    done
+done
+report() { # report LABEL OURS_KEY PEER_KEY PEER_NAME FILE
+    local mb o p
+    mb=$(python3 -c "import os,sys;print('%.1f' % (os.path.getsize(sys.argv[1])/1e6))" "$5")
+    read -r om ob <<<"$(stats "${TIMES[$2]}")"
+    printf '%-14s %7s MB  orbiscope median %6.3f s (%6.1f MB/s) best %6.3f s' "$1" "$mb" "$om" \
+        "$(python3 -c "print($mb/$om)")" "$ob"
+    if [ -n "${TIMES[$3]:-}" ]; then
+        read -r pm pb <<<"$(stats "${TIMES[$3]}")"
+        printf ' | %s median %6.3f s best %6.3f s | ratio median %s best %s' "$4" "$pm" "$pb" \
+            "$(ratio "$pm" "$om")" "$(ratio "$pb" "$ob")"
+    fi
+    echo
+}
+report "OBJ" ours:obj tinyobj:obj tinyobjloader "$DATA/big.obj"
+report "OBJ" ours:obj assimp:obj Assimp "$DATA/big.obj"
+memline "${RSS[ours:obj]}" "${SCN[ours:obj]}"
+for kind in bin ascii; do
+    report "STL $kind" "ours:stl $kind" "assimp:stl $kind" Assimp "$DATA/big_$kind.stl"
+    memline "${RSS[ours:stl $kind]}" "${SCN[ours:stl $kind]}"
 done
 
-echo "== writes (MB/s of output; the time covers Save only)"
+echo "== writes (MB/s of output; the time covers Save only; median of $REPEAT into new files)"
 OUT=$(mktemp -d)
 for job in "big.obj out.obj" "big_bin.stl out.stl" "big.obj out.ply" "big.obj out.ma"; do
     set -- $job
-    line=$("$BIN/bench_mesh" write "$DATA/$1" "$OUT/$2")
-    echo "  $line"
+    lines=()
+    for ((i = 0; i < REPEAT; i++)); do
+        rm -f "$OUT"/*
+        lines+=("$("$BIN/bench_mesh" write "$DATA/$1" "$OUT/$2")")
+    done
+    printf '%s\n' "${lines[@]}" | python3 -c "
+import sys,re,statistics as s
+ls=[l for l in sys.stdin.read().splitlines() if l]
+w=[float(re.search(r'= ([0-9.]+) MB/s wall',l).group(1)) for l in ls]
+c=[float(re.search(r'cpu [0-9.]+ s = ([0-9.]+) MB/s',l).group(1)) for l in ls]
+name=ls[0].split(':')[0].split('/')[-1]
+print('  %-8s median %7.1f MB/s wall (best %7.1f), cpu median %7.1f MB/s' % (name, s.median(w), max(w), s.median(c)))"
 done
 rm -rf "$OUT"
