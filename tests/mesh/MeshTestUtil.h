@@ -1,6 +1,7 @@
 #pragma once
 // Helpers for the mesh format tests: reading through the parser classes from
 // files or bytes, building small scenes, and byte-level expectations.
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -96,5 +97,26 @@ inline void PutU16(std::string& s, uint16_t v) { s.push_back(char(v)); s.push_ba
 inline float GetF(const std::string& s, size_t at) { float f; std::memcpy(&f, s.data() + at, 4); return f; }
 inline uint32_t GetU32(const std::string& s, size_t at) { uint32_t v; std::memcpy(&v, s.data() + at, 4); return v; }
 inline uint16_t GetU16(const std::string& s, size_t at) { uint16_t v; std::memcpy(&v, s.data() + at, 2); return v; }
+
+// Text dumps for comparing two reads bit for bit: "<tag> [flags: i i i] ..." and
+// "<tag> x y z ..." with every float in hexadecimal.
+inline std::string DumpFaces(const char* tag, const CFaceList& fl) {
+    std::string out = tag;
+    for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
+        out += " [" + std::to_string(fl.GetFaceFlags(f)) + ":";
+        for (uint32_t i : fl.Face(f)) out += " " + std::to_string(i);
+        out += "]";
+    }
+    return out + "\n";
+}
+inline std::string DumpPoints(const char* tag, const C3DPointList& pl) {
+    std::string out = tag;
+    char b[32];
+    for (float f : pl.Raw()) {
+        std::snprintf(b, sizeof b, " %a", static_cast<double>(f));
+        out += b;
+    }
+    return out + "\n";
+}
 
 } // namespace meshtest

@@ -288,27 +288,8 @@ namespace {
 // flags and materials, and the UV and normal channels.
 std::string Describe(C3DScene& s) {
     std::string out;
-    char b[64];
-    auto list = [&](const char* tag, const CFaceList& fl) {
-        out += tag;
-        for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
-            std::snprintf(b, sizeof b, " [%u:", fl.GetFaceFlags(f));
-            out += b;
-            for (uint32_t i : fl.Face(f)) out += " " + std::to_string(i);
-            out += "]";
-        }
-        out += "\n";
-    };
-    auto points = [&](const char* tag, const C3DPointList& pl) {
-        out += tag;
-        for (int i = 0; i < pl.GetSize(); ++i) {
-            const C3DPoint p = pl.GetPoint(i);
-            std::snprintf(b, sizeof b, " %a,%a,%a", static_cast<double>(p.x), static_cast<double>(p.y),
-                          static_cast<double>(p.z));
-            out += b;
-        }
-        out += "\n";
-    };
+    auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
+    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     for (C3DSceneNode* n : Nodes(s)) {
         out += "node " + WideToUtf8(n->GetName().view()) + " id " + std::to_string(n->GetNodeID()) + "\n";
         auto* g = static_cast<C3DGeomObject*>(n->GetBaseObject());

@@ -322,25 +322,8 @@ namespace {
 // normal channel and the colour channel.
 std::string DescribeStl(C3DScene& s) {
     std::string out;
-    char b[64];
-    auto list = [&](const char* tag, const CFaceList& fl) {
-        out += tag;
-        for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
-            std::snprintf(b, sizeof b, " [%u:", fl.GetFaceFlags(f));
-            out += b;
-            for (uint32_t i : fl.Face(f)) out += " " + std::to_string(i);
-            out += "]";
-        }
-        out += "\n";
-    };
-    auto points = [&](const char* tag, const C3DPointList& pl) {
-        out += tag;
-        for (float f : pl.Raw()) {
-            std::snprintf(b, sizeof b, " %a", static_cast<double>(f));
-            out += b;
-        }
-        out += "\n";
-    };
+    auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
+    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     C3DSceneNode* node = nullptr;
     C3DGeomObject* g = FirstMesh(s, &node);
     if (!g) return "no mesh";
