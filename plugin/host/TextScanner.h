@@ -226,7 +226,7 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
 // value. A byte is a digit when its high nibble is 3 and adding 6 leaves it so; carries
 // only run upwards, so the bytes before the first non-digit are judged right. The digits
 // are then combined pairwise (2, 4, 8 digits) in three multiplies.
-inline uint64_t DigitRun8(const char* p, unsigned& n) {
+[[gnu::always_inline]] inline uint64_t DigitRun8(const char* p, unsigned& n) {
     constexpr uint64_t kZeros = 0x3030303030303030ull, kHighNibbles = 0xF0F0F0F0F0F0F0F0ull;
     uint64_t w;
     std::memcpy(&w, p, 8);
@@ -240,7 +240,7 @@ inline uint64_t DigitRun8(const char* p, unsigned& n) {
 }
 
 // "%d" on [sign] up to 9 digits.
-inline const char* ParsePlainInt(const char* p, const char* end, int& v) {
+[[gnu::always_inline]] inline const char* ParsePlainInt(const char* p, const char* end, int& v) {
     bool neg = false;
     if (p < end && (*p == '-' || *p == '+')) neg = *p++ == '-';
     uint32_t x = 0;
@@ -284,7 +284,7 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
 // 2^53, power of ten up to 22, both exact); the float taken from that double is exact
 // unless the double sits exactly between two floats or outside the normal float range,
 // and those cases are left to the caller.
-inline const char* ParsePlainFloat(const char* p, const char* end, float& v) {
+[[gnu::always_inline]] inline const char* ParsePlainFloat(const char* p, const char* end, float& v) {
     static constexpr double kPow10[23] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                           1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
     bool neg = false;
