@@ -640,6 +640,7 @@ bool CObjParser::FillPass() {
 std::vector<uint32_t> Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx,
                                const std::vector<uint8_t>* flags, std::vector<int32_t>& remap) {
     std::vector<uint32_t> used;
+    used.reserve(std::min(idx.size(), remap.size())); // one allocation, no regrowth copies
     const size_t nf = offsets.size() - 1;
     for (size_t f = 0; f < nf; ++f) {
         if (flags && ((*flags)[f] & FACE_SKIP)) continue;
