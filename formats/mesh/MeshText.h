@@ -1,7 +1,6 @@
 #pragma once
 // Small text helpers shared by the mesh writers and readers: the maker's address,
 // name cleaning for file syntax, a growable output chunk and byte/wide conversions.
-#include <charconv>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -17,40 +16,6 @@
 namespace meshio {
 
 inline constexpr const char* kMakerUrl = "https://orbiscope.org";
-
-// "%f" on a cursor, for vertex data. Plain decimal numbers (optional sign, digits, point,
-// exponent) ending at a space or the end go straight to from_chars, which rounds exactly
-// as scanf does; everything else (inf, nan, hex, trailing text) takes the scanner.
-inline bool ReadCoord(textscan::TextCursor& c, float& v) {
-    const std::string_view r = c.Remaining();
-    const size_t n = r.size();
-    size_t i = 0;
-    while (i < n && textscan::IsSpace(r[i])) ++i;
-    if (i < n && r[i] == '+') ++i;
-    const size_t start = i;
-    if (i < n && r[i] == '-') ++i;
-    auto digit = [&](size_t k) { return k < n && static_cast<unsigned>(r[k] - '0') < 10u; };
-    bool any = false;
-    while (digit(i)) { ++i; any = true; }
-    if (i < n && r[i] == '.') {
-        ++i;
-        while (digit(i)) { ++i; any = true; }
-    }
-    if (any && i < n && (r[i] == 'e' || r[i] == 'E')) {
-        size_t k = i + 1;
-        if (k < n && (r[k] == '-' || r[k] == '+')) ++k;
-        if (digit(k)) {
-            while (digit(k)) ++k;
-            i = k;
-        }
-    }
-    if (!any || (i < n && !textscan::IsSpace(r[i])) || (start > 0 && r[start - 1] == '+' && r[start] == '-'))
-        return c.ReadFloat(v);
-    const auto res = std::from_chars(r.data() + start, r.data() + i, v);
-    if (res.ec != std::errc() || res.ptr != r.data() + i) return c.ReadFloat(v);
-    c.Advance(i);
-    return true;
-}
 
 // Characters that would break a line-oriented or quoted syntax become '_'.
 inline CXStringW SanitizeName(const CXStringW& name) {

@@ -52,23 +52,9 @@ bool StartsWithNoCase(std::string_view s, std::string_view prefix) {
     return true;
 }
 
-// "%d" for face indices. Plain short decimal numbers are taken here without the generic
-// conversion (the result is the same); anything else goes to the scanner.
-inline bool ReadIndex(TextCursor& c, int& v) {
-    const std::string_view r = c.Remaining();
-    size_t i = 0;
-    while (i < r.size() && textscan::IsSpace(r[i])) ++i;
-    bool neg = false;
-    if (i < r.size() && (r[i] == '-' || r[i] == '+')) neg = r[i++] == '-';
-    const size_t first = i;
-    uint32_t x = 0;
-    while (i < r.size() && i - first < 9 && static_cast<unsigned>(r[i] - '0') < 10u)
-        x = x * 10 + static_cast<uint32_t>(r[i++] - '0');
-    if (i == first || (i < r.size() && static_cast<unsigned>(r[i] - '0') < 10u)) return c.ReadInt(v);
-    v = neg ? -static_cast<int>(x) : static_cast<int>(x);
-    c.Advance(i);
-    return true;
-}
+// "%d" for face indices. Plain face lines never get here (the quick path takes them),
+// so the scanner's exact rules are all this needs.
+inline bool ReadIndex(TextCursor& c, int& v) { return c.ReadInt(v); }
 
 // A literal '/' of the face patterns (no space skipping, as in scanf).
 inline bool Slash(TextCursor& c) {
@@ -80,7 +66,7 @@ inline bool Slash(TextCursor& c) {
 // Up to three floats, scanf style: the fields before the first mismatch are assigned.
 int ReadFloats(TextCursor& c, float* out, int n) {
     int got = 0;
-    while (got < n && ReadCoord(c, out[got])) ++got;
+    while (got < n && c.ReadFloat(out[got])) ++got;
     return got;
 }
 

@@ -160,35 +160,9 @@ inline unsigned PopCount16(unsigned x) {
     return (x + (x >> 8)) & 0x1Fu;
 }
 
-// Number of runs of non-space characters in [p, end) (C-locale spaces), as a
-// token count for sizing arrays. Sixteen bytes per step where SSE2 is there.
-inline size_t CountTokens(const char* p, const char* end) {
-    size_t n = 0;
-    bool prevSpace = true;
-#if defined(__SSE2__)
-    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), width = _mm_set1_epi8('\r' - '\t' + 1);
-    while (end - p >= 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        // \t..\r: (x - 8) as unsigned is 1..5; signed compare works since those bytes are small.
-        const __m128i d = _mm_sub_epi8(x, lo);
-        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, _mm_add_epi8(width, _mm_set1_epi8(1))));
-        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
-        const unsigned starts = ~s & ((s << 1) | (prevSpace ? 1u : 0u)) & 0xFFFFu;
-        n += PopCount16(starts);
-        prevSpace = (s >> 15) & 1u;
-        p += 16;
-    }
-#endif
-    for (; p < end; ++p) {
-        const bool s = IsSpace(*p);
-        n += static_cast<size_t>(!s && prevSpace);
-        prevSpace = s;
-    }
-    return n;
-}
-
-// CountTokens over [p, line break) in the same sweep that finds the break; `lineEnd`
-// gets FindLineBreak(p, end).
+// Number of runs of non-space characters (C-locale spaces) in [p, line break), found in
+// the same sweep that finds the break, as a token count for sizing arrays; `lineEnd` gets
+// FindLineBreak(p, end). Sixteen bytes per step where SSE2 is there.
 inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*& lineEnd) {
     size_t n = 0;
     bool prevSpace = true;
