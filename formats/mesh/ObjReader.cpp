@@ -4,6 +4,7 @@
 // Indices: i > 0 is i-1, i < 0 counts back from the records read so far, 0 is bad.
 #include "formats/mesh/ObjReader.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <unordered_map>
@@ -165,6 +166,11 @@ struct Group {
 
 // One face line as read: the form of its vertices and their raw (unresolved) numbers.
 enum class FaceForm { kNone, kPos, kPosUv, kPosUvN, kPosN };
+struct RawVertex {
+    int p, t, n; // as written: 1-based, negative relative, 0 bad
+};
+// Faces with more vertices than this take the general path (same result, slower).
+constexpr size_t kQuickFaceMax = 64;
 
 class CObjParser {
 public:
@@ -181,14 +187,24 @@ private:
     int GroupFor(std::string_view name);
     void ReadMtl(std::string_view name);
     void CreateMaterials();
-    bool ReadFloatsFast(const char* p, float* out, int n, const char*& lineEnd) const;
+    template <int N>
+    bool ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const;
+    const char* QuickVertex(const char* p, RawVertex& v, FaceForm& form) const;
     bool ReadFaceFast(const char* p, const char*& lineEnd);
     void ReadFaceSlow(std::string_view rest);
     void EmitFace(FaceForm form);
     void OtherRecord(std::string_view line);
     bool BuildScene();
     void Warn();
-    bool Poll(size_t lineNo, const char* at, bool second);
+    // Every kPollEvery lines: page release, progress, cancellation. The countdown is
+    // inline; the work behind it is not.
+    bool Poll(const char* at, bool second) { return --m_pollIn == 0 && PollNow(at, second); }
+public:
+    bool PollNow(const char* at, bool second);
+
+private:
+    template <bool kUv, bool kN>
+    bool EmitQuick(const RawVertex* raw, size_t cnt);
 
     std::string_view m_text;
     const char* m_end = nullptr;
@@ -212,17 +228,15 @@ private:
     uint64_t m_readV = 0, m_readT = 0, m_readN = 0;
     bool m_cancelled = false;
     bool m_warned = false;
+    int m_pollIn = kPollEvery;
 
-    struct RawVertex {
-        int p, t, n; // as written: 1-based, negative relative, 0 bad
-    };
     std::vector<RawVertex> m_raw; // the current face line's vertices
     std::unique_ptr<C3DScene> m_scene;
     CPageReleaser m_release;
 };
 
-bool CObjParser::Poll(size_t lineNo, const char* at, bool second) {
-    if (lineNo % kPollEvery != 0) return false;
+bool CObjParser::PollNow(const char* at, bool second) {
+    m_pollIn = kPollEvery;
     m_release.At(at);
     const int64_t total = static_cast<int64_t>(m_text.size()) * 2;
     const int64_t pos = static_cast<int64_t>(at - m_text.data());
@@ -260,16 +274,38 @@ void CObjParser::ReadMtl(std::string_view name) {
     ParseMtl(text, m_mtl);
 }
 
-inline bool IsBreak(char c) { return c == '\n' || c == '\r'; }
+inline bool IsBreak(char c) { return (c == '\n') | (c == '\r'); } // no branch: which one is random
 inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+// IsBlank or IsBreak, without branches (the byte after a face vertex is a space one time
+// and a line end the next).
+inline bool EndsIndex(char c) {
+    const unsigned u = static_cast<unsigned char>(c);
+    return (u <= 32u) & static_cast<bool>((0x100002600ull >> (u & 63u)) & 1u);
+}
 
 // Lines end at LF or CR; a CRLF pair leaves an empty line behind, and empty lines are
-// skipped, so every line-end convention gives the same records.
+// skipped, so every line-end convention gives the same records. Once a vertex has been
+// seen (the first-line limit no longer applies), the lines are counted in bulk and only
+// "g", "o" and "m" lines come back here one by one.
 bool CObjParser::CountPass() {
     m_current = GroupFor("default");
     const char* p = m_text.data();
-    size_t lineNo = 0;
     while (p < m_end) {
+        if (m_nv != 0) {
+            ObjLineCounts c;
+            p = CountObjLines(
+                p, m_end, c, [](void* self, const char* at) { return static_cast<CObjParser*>(self)->PollNow(at, false); },
+                this);
+            m_nv += c.v;
+            m_nt += c.vt;
+            m_nn += c.vn;
+            m_nf += c.faces;
+            Group& g = m_groups[static_cast<size_t>(m_current)];
+            g.countedFaces += c.faces;
+            g.countedIndices += c.faceTokens;
+            if (m_cancelled) return false;
+            if (p >= m_end) break;
+        }
         if (IsBreak(*p)) {
             ++p;
             continue;
@@ -319,10 +355,75 @@ bool CObjParser::CountPass() {
                 break;
             }
         }
-        if (Poll(++lineNo, p, false)) return false;
+        if (Poll(p, false)) return false;
     }
     return m_nv != 0 && m_nf != 0;
 }
+
+} // namespace
+
+// 64 bytes per step: line starts and token starts come out of two bit masks, so a line
+// costs a few instructions rather than a scan of its own.
+const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll, void* ctx) {
+    constexpr int kPollBlocks = 32;
+    uint64_t prevBreak = 1, prevSpace = 1; // p starts a line or is on a break
+    bool inFace = false;                   // the block starts inside an "f" line
+    int pollIn = kPollBlocks;
+    char pad[64];
+    while (p < end) {
+        const size_t avail = static_cast<size_t>(end - p);
+        const char* blk = p;
+        if (avail < 64) { // the tail, padded with line ends
+            std::memcpy(pad, p, avail);
+            std::memset(pad + avail, '\n', sizeof pad - avail);
+            blk = pad;
+        }
+        uint64_t brk, spc;
+        textscan::ClassifyBlock64(blk, brk, spc);
+        const uint64_t starts = ~brk & ((brk << 1) | prevBreak);
+        // Bits of "f" lines after their "f", up to the line end.
+        uint64_t region = inFace ? (brk ? (brk & (0 - brk)) - 1 : ~uint64_t(0)) : 0;
+        uint64_t fStarts = 0;
+        const char* stop = nullptr;
+        for (uint64_t m = starts; m; m &= m - 1) {
+            const unsigned i = static_cast<unsigned>(std::countr_zero(m));
+            const char c0 = Lower(blk[i]);
+            if (c0 == 'f') {
+                const uint64_t upTo = (uint64_t(2) << i) - 1; // bits 0..i (all when i is 63)
+                const uint64_t later = brk & ~upTo;
+                region |= (later ? (later & (0 - later)) - 1 : ~uint64_t(0)) & ~upTo;
+                fStarts |= uint64_t(1) << i;
+                ++c.faces;
+            } else if (c0 == 'v') {
+                const char c2 = Lower(i < 63 ? blk[i + 1] : (avail > 64 ? p[64] : '\n'));
+                if (c2 == ' ' || c2 == '\t') ++c.v;
+                else if (c2 == 'n') ++c.vn;
+                else if (c2 == 't') ++c.vt;
+            } else if (c0 == 'g' || c0 == 'o' || c0 == 'm') {
+                const uint64_t below = (uint64_t(1) << i) - 1;
+                region &= below;
+                fStarts &= below;
+                stop = p + i;
+                break;
+            }
+        }
+        // A token starts at a non-space after a space; the "f" itself counts as a space.
+        const uint64_t tokens = ~spc & (((spc | fStarts) << 1) | prevSpace);
+        c.faceTokens += textscan::PopCount64(tokens & region);
+        if (stop) return stop;
+        prevBreak = brk >> 63;
+        prevSpace = ((spc | fStarts) >> 63) & 1;
+        inFace = (((region | fStarts) >> 63) & 1) != 0;
+        p += avail < 64 ? avail : 64;
+        if (--pollIn == 0) {
+            pollIn = kPollBlocks;
+            if (poll && poll(ctx, p)) return end;
+        }
+    }
+    return end;
+}
+
+namespace {
 
 void CObjParser::CreateMaterials() {
     for (auto& r : m_mtl) {
@@ -368,8 +469,9 @@ inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
 // Up to `n` floats of a vertex line in the common plain form, straight from the text.
 // False sends the line to the general scanner (which gives the same values for what it
 // shares with this path). On success `lineEnd` is the end of the line.
-bool CObjParser::ReadFloatsFast(const char* p, float* out, int n, const char*& lineEnd) const {
-    for (int k = 0; k < n; ++k) {
+template <int N>
+bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const {
+    for (int k = 0; k < N; ++k) { // unrolled: a loop on a count that is 3 one line and 2 the next mispredicts
         while (p < m_end && IsBlank(*p)) ++p;
         if (p >= m_end || IsBreak(*p)) {
             lineEnd = p; // fewer numbers: the rest keep their zeros, as with scanf
@@ -388,38 +490,106 @@ bool CObjParser::ReadFloatsFast(const char* p, float* out, int n, const char*& l
 // is emitted, and the general path reads the line instead. A line read to its end
 // this way holds no "//" outside the "1//3" form, so the form chosen here is the one
 // the general rule (any "//" in the line means position//normal pairs) gives.
-bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
-    m_raw.clear();
-    FaceForm form = FaceForm::kNone;
-    for (;;) {
-        while (p < m_end && IsBlank(*p)) ++p;
-        if (p >= m_end || IsBreak(*p)) break;
-        int a = 0, b = 0, c = 0;
-        p = textscan::ParsePlainInt(p, m_end, a);
-        if (!p) return false;
-        FaceForm f = FaceForm::kPos;
+// One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
+[[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
+    int a = 0, b = 0, c = 0;
+    p = textscan::ParsePlainInt(p, m_end, a);
+    if (!p) return nullptr;
+    form = FaceForm::kPos;
+    if (p < m_end && *p == '/') {
+        ++p;
         if (p < m_end && *p == '/') {
-            ++p;
-            if (p < m_end && *p == '/') {
+            p = textscan::ParsePlainInt(p + 1, m_end, c);
+            form = FaceForm::kPosN;
+        } else {
+            p = textscan::ParsePlainInt(p, m_end, b);
+            form = FaceForm::kPosUv;
+            if (p && p < m_end && *p == '/') {
                 p = textscan::ParsePlainInt(p + 1, m_end, c);
-                f = FaceForm::kPosN;
-            } else {
-                p = textscan::ParsePlainInt(p, m_end, b);
-                f = FaceForm::kPosUv;
-                if (p && p < m_end && *p == '/') {
-                    p = textscan::ParsePlainInt(p + 1, m_end, c);
-                    f = FaceForm::kPosUvN;
-                }
+                form = FaceForm::kPosUvN;
             }
-            if (!p) return false;
         }
-        if (p < m_end && !IsBlank(*p) && !IsBreak(*p)) return false;
-        if (form == FaceForm::kNone) form = f;
-        else if (f != form) return false;
-        m_raw.push_back({a, b, c});
+        if (!p) return nullptr;
+    }
+    if (p < m_end && !EndsIndex(*p)) return nullptr;
+    v = {a, b, c};
+    return p;
+}
+
+bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
+    RawVertex raw[kQuickFaceMax];
+    size_t cnt = 0;
+    FaceForm form = FaceForm::kNone;
+    while (p < m_end && IsBlank(*p)) ++p;
+    if (p < m_end && !IsBreak(*p)) {
+        // The first vertex sets the form; the others must have it.
+        p = QuickVertex(p, raw[0], form);
+        if (!p) return false;
+        cnt = 1;
+        for (;;) {
+            while (p < m_end && IsBlank(*p)) ++p;
+            if (p >= m_end || IsBreak(*p)) break;
+            if (cnt == kQuickFaceMax) return false;
+            FaceForm f;
+            p = QuickVertex(p, raw[cnt], f);
+            if (!p || f != form) return false;
+            ++cnt;
+        }
     }
     lineEnd = p;
-    EmitFace(form);
+    bool done = false;
+    switch (form) {
+    case FaceForm::kPos: done = EmitQuick<false, false>(raw, cnt); break;
+    case FaceForm::kPosUv: done = EmitQuick<true, false>(raw, cnt); break;
+    case FaceForm::kPosUvN: done = EmitQuick<true, true>(raw, cnt); break;
+    case FaceForm::kPosN: done = EmitQuick<false, true>(raw, cnt); break;
+    default: break;
+    }
+    if (!done) {
+        m_raw.assign(raw, raw + cnt);
+        EmitFace(form);
+    }
+    return true;
+}
+
+// The usual face: every index in range, and the group's UV and normal channels already
+// in the state this face keeps them in (both present or both absent). Anything else is
+// left to EmitFace, which handles the group's first face, bad indices and channels that
+// start or stop part way.
+template <bool kUv, bool kN>
+bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
+    Group& g = m_groups[static_cast<size_t>(m_current)];
+    if (cnt == 0 || g.offsets.empty() || g.hasUv != kUv || g.hasN != kN || g.pos.size() + cnt >= UINT32_MAX)
+        return false;
+    // One loop for all channels (its exit is the one unpredictable branch per face); a bad
+    // index takes back what was appended.
+    const size_t before = g.pos.size();
+    bool ok = true;
+    for (size_t i = 0; i < cnt; ++i) {
+        const int64_t pi = Resolve(raw[i].p, m_readV, m_nv);
+        ok &= pi >= 0;
+        g.pos.push_back(static_cast<uint32_t>(pi));
+        if constexpr (kUv) {
+            const int64_t ti = Resolve(raw[i].t, m_readT, m_nt);
+            ok &= ti >= 0;
+            g.uv.push_back(static_cast<uint32_t>(ti));
+        }
+        if constexpr (kN) {
+            const int64_t ni = Resolve(raw[i].n, m_readN, m_nn);
+            ok &= ni >= 0;
+            g.nrm.push_back(static_cast<uint32_t>(ni));
+        }
+    }
+    if (!ok) {
+        g.pos.resize(before);
+        if constexpr (kUv) g.uv.resize(before);
+        if constexpr (kN) g.nrm.resize(before);
+        return false;
+    }
+    g.offsets.push_back(static_cast<uint32_t>(g.pos.size()));
+    g.materials.push_back(m_material);
+    if constexpr (kUv) g.uvFlags.push_back(0);
+    if constexpr (kN) g.nFlags.push_back(0);
     return true;
 }
 
@@ -578,7 +748,6 @@ bool CObjParser::FillPass() {
     m_current = GroupFor("default");
     m_release.Reset();
     const char* p = m_text.data();
-    size_t lineNo = 0;
     while (p < m_end) {
         if (IsBreak(*p)) {
             ++p;
@@ -600,7 +769,7 @@ bool CObjParser::FillPass() {
                 if (m_readT < m_nt) dst = &m_t[static_cast<size_t>(m_readT++) * 2];
                 n = 2;
             }
-            if (dst && !ReadFloatsFast(p + skip, dst, n, le)) {
+            if (dst && !(n == 3 ? ReadFloatsFast<3>(p + skip, dst, le) : ReadFloatsFast<2>(p + skip, dst, le))) {
                 le = textscan::FindLineBreak(p, m_end);
                 TextCursor c(std::string_view(p + skip, static_cast<size_t>(le - p - skip)));
                 ReadFloats(c, dst, n);
@@ -616,18 +785,40 @@ bool CObjParser::FillPass() {
             OtherRecord(std::string_view(ls, static_cast<size_t>(le - ls)));
         }
         p = le;
-        if (Poll(++lineNo, p, true)) return false;
+        if (Poll(p, true)) return false;
     }
     return true;
 }
 
 // Renumbers `idx` in place by order of first use of each file index (skipping the faces
-// flagged unusable when `flags` is given), and returns the file indices in local order.
-std::vector<uint32_t> Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx,
-                               const std::vector<uint8_t>* flags, std::vector<int32_t>& remap) {
-    std::vector<uint32_t> used;
-    used.reserve(std::min(idx.size(), remap.size())); // one allocation, no regrowth copies
+// flagged unusable when `flags` is given), and puts the file indices in local order into
+// `used`. One `used` serves all channels: fresh memory costs a page fault per 4 KiB.
+void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, const std::vector<uint8_t>* flags,
+              std::vector<int32_t>& remap, std::vector<uint32_t>& used) {
+    used.clear();
     const size_t nf = offsets.size() - 1;
+    if (!flags || std::none_of(flags->begin(), flags->end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; })) {
+        // No face is skipped: the faces' indices are the whole array, in order. Whether an
+        // index is new is random, so the loop has no branch on it: the slot at `n` is
+        // written every time and kept only when the index was new.
+        used.resize(std::min(idx.size(), remap.size()) + 1);
+        uint32_t* const out = used.data();
+        int32_t* const map = remap.data();
+        uint32_t n = 0;
+        for (uint32_t& x : idx) {
+            const int32_t r = map[x];
+            const int32_t fresh = r >> 31; // -1 when new (r is -1), else 0
+            const int32_t local = (static_cast<int32_t>(n) & fresh) | (r & ~fresh);
+            map[x] = local;
+            out[n] = x;
+            n -= static_cast<uint32_t>(fresh);
+            x = static_cast<uint32_t>(local);
+        }
+        used.resize(n);
+        for (uint32_t u : used) remap[u] = -1;
+        return;
+    }
+    used.reserve(std::min(idx.size(), remap.size())); // one allocation, no regrowth copies
     for (size_t f = 0; f < nf; ++f) {
         if (flags && ((*flags)[f] & FACE_SKIP)) continue;
         for (uint32_t i = offsets[f]; i < offsets[f + 1]; ++i) {
@@ -640,11 +831,11 @@ std::vector<uint32_t> Renumber(const std::vector<uint32_t>& offsets, std::vector
         }
     }
     for (uint32_t u : used) remap[u] = -1;
-    return used;
 }
 
 bool CObjParser::BuildScene() {
     std::vector<int32_t> remap(static_cast<size_t>(std::max({m_nv, m_nt, m_nn})) + 1, -1);
+    std::vector<uint32_t> used;
     for (Group& g : m_groups) {
         if (g.Faces() == 0) continue;
         auto* obj = new C3DObject();
@@ -653,7 +844,7 @@ bool CObjParser::BuildScene() {
         if (g.hasNodeId) node->SetNodeID(g.nodeId);
         m_scene->AddNode(nullptr, node);
 
-        std::vector<uint32_t> used = Renumber(g.offsets, g.pos, nullptr, remap);
+        Renumber(g.offsets, g.pos, nullptr, remap, used);
         auto* points = new C3DPointList();
         points->SetSize(static_cast<int>(used.size()));
         float* dst = points->GetData();
@@ -668,7 +859,7 @@ bool CObjParser::BuildScene() {
         if (g.hasN && (g.nrm.size() != g.pos.size() || g.nFlags.size() != nf)) g.hasN = false;
         if (g.hasUv) {
             auto* ch = new CUVWChannel();
-            used = Renumber(g.offsets, g.uv, &g.uvFlags, remap);
+            Renumber(g.offsets, g.uv, &g.uvFlags, remap, used);
             CUVWPointList* up = ch->GetUVWPointList();
             up->SetSize(static_cast<int>(used.size()));
             float* u = up->GetData();
@@ -686,7 +877,7 @@ bool CObjParser::BuildScene() {
         }
         if (g.hasN) {
             auto* ch = new CSpecNormalChannel();
-            used = Renumber(g.offsets, g.nrm, &g.nFlags, remap);
+            Renumber(g.offsets, g.nrm, &g.nFlags, remap, used);
             C3DVectorList* nv = ch->GetNormalVectorList();
             nv->SetSize(static_cast<int>(used.size()));
             float* d = nv->GetData();

@@ -35,6 +35,20 @@ struct ObjReadResult {
 ObjReadResult ReadObj(std::span<const uint8_t> data, int textMode, const MtlLoader& loadMtl, CFileIo& io,
                       CSceneImportOptions& options, const IoFile* file = nullptr);
 
+// What the counting pass gathers from the lines it can take in bulk.
+struct ObjLineCounts {
+    uint64_t v = 0, vt = 0, vn = 0; // lines starting "v " (or tab), "vt", "vn" (any case)
+    uint64_t faces = 0;             // lines starting "f" (any case)
+    uint64_t faceTokens = 0;        // runs of non-space characters after those "f"s
+};
+// Counts lines from p (at a line start, or on a line break) up to the first line that
+// starts with "g", "o" or "m" (any case), whose start is returned, or to `end`. Lines end
+// at '\n' or '\r'. `poll` is called every few KiB with the position reached; when it
+// returns true the count stops there and `end` is returned.
+using ObjCountPoll = bool (*)(void* ctx, const char* at);
+const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll = nullptr,
+                          void* ctx = nullptr);
+
 // Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
 // its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.
 std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::string& storage);

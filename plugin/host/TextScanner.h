@@ -28,6 +28,24 @@ namespace textscan {
 
 // isspace() of the C locale.
 constexpr bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+// The same test without branches, for hot loops where the byte after a number is a
+// space one time and a line break the next (a branch there is mispredicted often).
+constexpr bool IsSpaceNoBranch(char c) {
+    const unsigned u = static_cast<unsigned char>(c);
+    return (u <= 32u) & static_cast<bool>((0x100003E00ull >> (u & 63u)) & 1u);
+}
+// An optional sign at p (p < end not required): advances past it and returns true for '-'.
+// Branch-free, as signs in coordinate data are random.
+[[gnu::always_inline]] inline bool TakeSign(const char*& p, const char* end) {
+    const char c = p < end ? *p : '\0';
+    const bool neg = c == '-';
+    p += static_cast<int>(neg | (c == '+'));
+    return neg;
+}
+// f, negated when `neg`, by flipping the sign bit.
+[[gnu::always_inline]] inline float ApplySign(float f, bool neg) {
+    return std::bit_cast<float>(std::bit_cast<uint32_t>(f) ^ (static_cast<uint32_t>(neg) << 31));
+}
 
 std::string_view TrimLeft(std::string_view s);
 std::string_view TrimRight(std::string_view s);
@@ -160,6 +178,15 @@ inline unsigned PopCount16(unsigned x) {
     return (x + (x >> 8)) & 0x1Fu;
 }
 
+// Bits set in a 64-bit mask, inline (without a popcount instruction in the baseline
+// instruction set, std::popcount is a library call).
+inline unsigned PopCount64(uint64_t x) {
+    x = x - ((x >> 1) & 0x5555555555555555ull);
+    x = (x & 0x3333333333333333ull) + ((x >> 2) & 0x3333333333333333ull);
+    x = (x + (x >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+    return static_cast<unsigned>((x * 0x0101010101010101ull) >> 56);
+}
+
 // Number of runs of non-space characters (C-locale spaces) in [p, line break), found in
 // the same sweep that finds the break, as a token count for sizing arrays; `lineEnd` gets
 // FindLineBreak(p, end). Sixteen bytes per step where SSE2 is there.
@@ -196,6 +223,35 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
     return n;
 }
 
+// Bit i of `breaks` is set when p[i] is '\n' or '\r', bit i of `spaces` when p[i] is a
+// C-locale space (line breaks included), for the 64 bytes at p: the masks behind
+// block-wise line scans.
+inline void ClassifyBlock64(const char* p, uint64_t& breaks, uint64_t& spaces) {
+#if defined(__SSE2__)
+    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), six = _mm_set1_epi8(6);
+    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r');
+    uint64_t b = 0, s = 0;
+    for (int k = 0; k < 4; ++k) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+        const __m128i d = _mm_sub_epi8(x, lo);
+        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, six));
+        s |= uint64_t(static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)))) << (16 * k);
+        b |= uint64_t(static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, lf), _mm_cmpeq_epi8(x, cr)))))
+             << (16 * k);
+    }
+    breaks = b;
+    spaces = s;
+#else
+    uint64_t b = 0, s = 0;
+    for (int i = 0; i < 64; ++i) {
+        b |= uint64_t(p[i] == '\n' || p[i] == '\r') << i;
+        s |= uint64_t(IsSpace(p[i])) << i;
+    }
+    breaks = b;
+    spaces = s;
+#endif
+}
+
 // The leading run of ASCII digits in the eight bytes at p: its length n (0-8) and its
 // value. A byte is a digit when its high nibble is 3 and adding 6 leaves it so; carries
 // only run upwards, so the bytes before the first non-digit are judged right. The digits
@@ -215,8 +271,7 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
 
 // "%d" on [sign] up to 9 digits.
 [[gnu::always_inline]] inline const char* ParsePlainInt(const char* p, const char* end, int& v) {
-    bool neg = false;
-    if (p < end && (*p == '-' || *p == '+')) neg = *p++ == '-';
+    const bool neg = TakeSign(p, end);
     uint32_t x = 0;
     unsigned n = 8;
     if constexpr (std::endian::native == std::endian::little) {
@@ -233,7 +288,8 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
         while (p < lim && static_cast<unsigned>(*p - '0') < 10u) x = x * 10 + static_cast<uint32_t>(*p++ - '0');
         if (p == s || (p < end && static_cast<unsigned>(*p - '0') < 10u)) return nullptr;
     }
-    v = neg ? -static_cast<int>(x) : static_cast<int>(x);
+    const uint32_t mask = 0u - static_cast<uint32_t>(neg);
+    v = static_cast<int>((x ^ mask) + (mask & 1u)); // -x when negative, without a branch
     return p;
 }
 
@@ -261,19 +317,23 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
 [[gnu::always_inline]] inline const char* ParsePlainFloat(const char* p, const char* end, float& v) {
     static constexpr double kPow10[23] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,  1e10, 1e11,
                                           1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-    bool neg = false;
-    if (p < end && (*p == '-' || *p == '+')) neg = *p++ == '-';
+    const bool neg = TakeSign(p, end);
     uint64_t m = 0;
     long digits;
     int e10 = 0;
     if (end - p >= 40) {
-        // Far from the end: the integer digits one by one without end checks (they are few
-        // in practice), the fraction eight at a time. Longer runs go to the caller.
+        // Far from the end: integer and fraction digits eight at a time, so the number of
+        // integer digits (1 one time, 2 the next) costs no branch. Longer runs are rare.
         const char* s = p;
-        unsigned d;
-        while ((d = static_cast<unsigned>(*p - '0')) < 10u) {
-            m = m * 10 + d;
-            if (++p - s > 19) return nullptr;
+        unsigned n0;
+        m = DigitRun8(p, n0);
+        p += n0;
+        if (n0 == 8) {
+            unsigned d;
+            while ((d = static_cast<unsigned>(*p - '0')) < 10u) {
+                m = m * 10 + d;
+                if (++p - s > 19) return nullptr;
+            }
         }
         digits = p - s;
         if (*p == '.') {
@@ -309,16 +369,16 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
         if (p == es || (p < end && static_cast<unsigned>(*p - '0') < 10u)) return nullptr;
         e10 += eneg ? -x : x;
     }
-    if (p < end && !IsSpace(*p)) return nullptr;
+    if (p < end && !IsSpaceNoBranch(*p)) return nullptr;
     if (m == 0) {
-        v = neg ? -0.0f : 0.0f;
+        v = ApplySign(0.0f, neg);
         return p;
     }
     if (m <= (uint64_t(1) << 24) && e10 >= -10 && e10 <= 10) {
         // Both operands exact in float: one float operation rounds correctly by itself.
         static constexpr float kPow10f[11] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
         const float f = e10 < 0 ? static_cast<float>(m) / kPow10f[-e10] : static_cast<float>(m) * kPow10f[e10];
-        v = neg ? -f : f;
+        v = ApplySign(f, neg);
         return p;
     }
     if (m > (uint64_t(1) << 53) || e10 < -22 || e10 > 22) return nullptr;
@@ -328,7 +388,7 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
     if (exp < -126 || exp > 127 || (bits & 0x1FFFFFFFu) == 0x10000000u) return nullptr;
     const float f = static_cast<float>(d);
     if (std::isinf(f)) return nullptr;
-    v = neg ? -f : f;
+    v = ApplySign(f, neg);
     return p;
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 
+#include "formats/mesh/ObjReader.h"
 #include "plugin/host/Cancel.h"
 #include "tests/mesh/MeshTestUtil.h"
 
@@ -382,4 +383,87 @@ TEST(ObjRead, QuickAndGeneralPathsAgree) {
             ASSERT_EQ(Describe(*a.scene), Describe(*b.scene)) << "round " << round << "\n" << quick;
         }
     }
+}
+
+namespace {
+
+// Line counts the plain way: split into lines, look at each one's first bytes.
+const char* CountLinesByHand(const char* p, const char* end, meshio::ObjLineCounts& c) {
+    auto lower = [](char ch) { return (ch >= 'A' && ch <= 'Z') ? static_cast<char>(ch + 32) : ch; };
+    auto space = [](char ch) { return ch == ' ' || (ch >= '\t' && ch <= '\r'); };
+    while (p < end) {
+        if (*p == '\n' || *p == '\r') {
+            ++p;
+            continue;
+        }
+        const char* le = p;
+        while (le < end && *le != '\n' && *le != '\r') ++le;
+        const char c0 = lower(*p);
+        if (c0 == 'g' || c0 == 'o' || c0 == 'm') return p;
+        if (c0 == 'f') {
+            ++c.faces;
+            bool prev = true;
+            for (const char* q = p + 1; q < le; ++q) {
+                c.faceTokens += !space(*q) && prev;
+                prev = space(*q);
+            }
+        } else if (c0 == 'v' && le - p >= 2) {
+            const char c2 = lower(p[1]);
+            c.v += c2 == ' ' || c2 == '\t';
+            c.vn += c2 == 'n';
+            c.vt += c2 == 't';
+        }
+        p = le;
+    }
+    return end;
+}
+
+} // namespace
+
+// The bulk line counter works on 64-byte blocks with carries between them; lines and
+// tokens that straddle block edges, the padded tail and the stopping lines are where it
+// can go wrong, so random texts of short pieces put every piece at every offset.
+TEST(ObjRead, BulkLineCountsMatchCountingByHand) {
+    std::mt19937 rng(4242);
+    const char* pieces[] = {"v 1 2 3", "V\t1 2", "vt 0 0", "VN 1 0 0", "vT", "v", "vx 1", "f 1 2 3", "F1/2 3//4  5",
+                            "f", "f   ", " f 1 2", "\tv 1", "f\v1\f2 3", "ff 1", "g grp", "G", "o x", "mtllib a.mtl",
+                            "M", "usemtl m", "# v f", "s 1", "f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21",
+                            "v 0.000001 -2.5e+03 123456789.0 this line is long enough to cross a block edge", "\x80\xff f",
+                            std::string(70, 'f').c_str()};
+    const char* ends[] = {"\n", "\r\n", "\r", "\n\n", "\r\r\n"};
+    for (int round = 0; round < 3000; ++round) {
+        std::string text;
+        if (rng() % 4 == 0) text += ends[rng() % 5];
+        const int n = 1 + static_cast<int>(rng() % 40);
+        for (int i = 0; i < n; ++i) {
+            text += pieces[rng() % std::size(pieces)];
+            if (rng() % 3 == 0) text += std::string(rng() % 7, ' ');
+            if (i + 1 < n || rng() % 2) text += ends[rng() % 5];
+        }
+        // Resume after each stop the way the reader does: past the stopping line.
+        const char* p = text.data();
+        const char* const end = text.data() + text.size();
+        while (p < end) {
+            meshio::ObjLineCounts got, want;
+            const char* stopGot = meshio::CountObjLines(p, end, got);
+            const char* stopWant = CountLinesByHand(p, end, want);
+            ASSERT_EQ(stopGot - text.data(), stopWant - text.data()) << round << " [" << text << "]";
+            ASSERT_EQ(got.v, want.v) << round << " [" << text << "]";
+            ASSERT_EQ(got.vt, want.vt) << round;
+            ASSERT_EQ(got.vn, want.vn) << round;
+            ASSERT_EQ(got.faces, want.faces) << round << " [" << text << "]";
+            ASSERT_EQ(got.faceTokens, want.faceTokens) << round << " [" << text << "]";
+            p = stopGot;
+            while (p < end && *p != '\n' && *p != '\r') ++p;
+        }
+    }
+    // A poll that asks to stop ends the count at once.
+    const std::string big(100000, '\n');
+    meshio::ObjLineCounts c;
+    int calls = 0;
+    const char* r = meshio::CountObjLines(
+        big.data(), big.data() + big.size(), c, [](void* n, const char*) { return ++*static_cast<int*>(n) == 2; },
+        &calls);
+    EXPECT_EQ(r, big.data() + big.size());
+    EXPECT_EQ(calls, 2);
 }
