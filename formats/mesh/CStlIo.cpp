@@ -190,16 +190,30 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     // sizing the lists first would zero it all and then write it again.
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     std::vector<float> pts, nvec;
-    std::vector<uint32_t> offsets, fidx, nidx, materials, cidx;
-    std::vector<uint8_t> cflags;
+    std::vector<uint32_t> offsets, noffsets, fidx, nidx, materials, cidx;
+    std::vector<uint8_t> cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;
     hostmem::ReserveLarge(pts, count * 9);
     hostmem::ReserveLarge(nvec, count * 9);
     hostmem::ReserveLarge(offsets, count + 1);
+    hostmem::ReserveLarge(noffsets, count + 1);
     hostmem::ReserveLarge(fidx, count * 3);
     hostmem::ReserveLarge(nidx, count * 3);
     hostmem::ReserveLarge(materials, count);
+    hostmem::ReserveLarge(fflags, count);
+    hostmem::ReserveLarge(nflags, count);
     offsets.push_back(0);
+    noffsets.push_back(0);
+    // Most of this read is the first touch of these arrays; a helper thread takes part of
+    // it. Declared after the arrays, so it is stopped before they go.
+    hostmem::CPopulateAhead populate;
+    for (auto* v : {&pts, &nvec})
+        populate.Add(v->data(), v->capacity() * sizeof(float));
+    for (auto* v : {&offsets, &noffsets, &fidx, &nidx, &materials})
+        populate.Add(v->data(), v->capacity() * sizeof(uint32_t));
+    for (auto* v : {&fflags, &nflags})
+        populate.Add(v->data(), v->capacity());
+    populate.Start();
 
     struct Scratch {
         float pts[kBlock * 9], nvec[kBlock * 3];
@@ -245,6 +259,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         pts.insert(pts.end(), s->pts, s->pts + b * 9);
         nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
         offsets.insert(offsets.end(), s->offsets, s->offsets + b);
+        noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
         fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
         nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
         materials.insert(materials.end(), b, NO_MATERIAL);
@@ -260,7 +275,9 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
             cflags.insert(cflags.end(), s->cflags, s->cflags + b);
         }
         read += b;
+        populate.Progress(read, count);
     }
+    populate.Stop();
     if (read == 0 || ShouldCancelThread(0)) {
         m_scene = nullptr;
         return nullptr;
@@ -269,10 +286,11 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     nvec.resize(read * 9, 0.0f);
     obj->GetPointList()->Raw() = std::move(pts);
     normals->GetNormalVectorList()->Raw() = std::move(nvec);
-    std::vector<uint32_t> noffsets = offsets;
     std::vector<uint32_t> coffsets = cpts.empty() ? std::vector<uint32_t>() : offsets;
-    obj->GetFaceList()->Adopt(std::move(offsets), std::move(fidx), std::vector<uint8_t>(read, 0), std::move(materials));
-    normals->GetNormalFaceList()->Adopt(std::move(noffsets), std::move(nidx), std::vector<uint8_t>(read, 0));
+    fflags.assign(read, 0);
+    nflags.assign(read, 0);
+    obj->GetFaceList()->Adopt(std::move(offsets), std::move(fidx), std::move(fflags), std::move(materials));
+    normals->GetNormalFaceList()->Adopt(std::move(noffsets), std::move(nidx), std::move(nflags));
     obj->GetFaceList()->FreeExtra();
     normals->GetNormalFaceList()->FreeExtra();
     obj->GetPointList()->FreeExtra();

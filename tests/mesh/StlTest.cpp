@@ -454,9 +454,14 @@ TEST(StlRead, AsciiLineEndsAndEndsolidForms) {
 
 // Binary records are converted in blocks: a file longer than a block, with the first
 // colour well inside a later block, must come out as if read one record at a time.
-TEST(StlRead, BinaryAcrossBlocksWithLateColours) {
-    const int n = 2500;
-    std::vector<Tri> tris(n);
+// n = 400,000 gives arrays big enough for the helper thread that populates them (see
+// hostmem::CPopulateAhead) to run beside the reader: every value is checked.
+class StlBinaryBlocks : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Sizes, StlBinaryBlocks, testing::Values(2500, 400000));
+
+TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
+    const int n = GetParam();
+    std::vector<Tri> tris(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
         Tri& t = tris[static_cast<size_t>(i)];
         for (int k = 0; k < 3; ++k) t.n[k] = static_cast<float>(i) + 0.25f * static_cast<float>(k);
@@ -493,7 +498,7 @@ TEST(StlRead, BinaryAcrossBlocksWithLateColours) {
     }
     ASSERT_EQ(vc->GetVCPointList()->GetSize(), static_cast<int>(k));
     const CRGBColor last = (*vc->GetVCPointList())[static_cast<int>(k) - 1];
-    const int lastI = 2495; // the last i with i % 7 == 3
+    const int lastI = n - 1 - ((n - 1 - 3) % 7); // the last i with i % 7 == 3
     EXPECT_EQ(last.r, static_cast<uint8_t>(lastI * 8));
     EXPECT_EQ(last.g, static_cast<uint8_t>((lastI >> 5) * 8));
     EXPECT_EQ(last.b, static_cast<uint8_t>(((0x8000 | lastI) >> 7) & 0x1F8));
