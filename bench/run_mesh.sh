@@ -50,6 +50,8 @@ for ((i = 0; i < REPEAT; i++)); do
         sample "ours:stl $kind" "$BIN/bench_mesh" read "$DATA/big_$kind.stl"
         [ -x "$BIN/peer_assimp_read" ] && sample "assimp:stl $kind" "$BIN/peer_assimp_read" "$DATA/big_$kind.stl"
     done
+    # The binary STL reader's helper thread (hostmem::CPopulateAhead) switched off.
+    ORBISCOPE_PREFAULT=0 sample "ours1:stl bin" "$BIN/bench_mesh" read "$DATA/big_bin.stl"
 done
 report() { # report LABEL OURS_KEY PEER_KEY PEER_NAME FILE
     local mb o p
@@ -70,6 +72,24 @@ memline "${RSS[ours:obj]}" "${SCN[ours:obj]}"
 for kind in bin ascii; do
     report "STL $kind" "ours:stl $kind" "assimp:stl $kind" Assimp "$DATA/big_$kind.stl"
     memline "${RSS[ours:stl $kind]}" "${SCN[ours:stl $kind]}"
+done
+report "STL bin, 1 thr" "ours1:stl bin" "assimp:stl bin" Assimp "$DATA/big_bin.stl"
+
+# Warm reads: each program reads the file REPEAT times in one process, keeping its freed
+# memory (no first-touch faults), best time. This separates the readers' own work from
+# the cost of fresh memory, which on virtual machines can be most of a read.
+echo "== warm reads (best of $REPEAT in one process, allocator keeps its memory)"
+warm() { GLIBC_TUNABLES=glibc.malloc.mmap_max=0:glibc.malloc.trim_threshold=0xffffffffff "$@"; }
+for f in big.obj big_bin.stl big_ascii.stl; do
+    o=$(warm "$BIN/bench_mesh" reread "$DATA/$f" "$REPEAT" | grep -o 'best [0-9.]*' | cut -d' ' -f2)
+    line=$(printf '%-14s orbiscope %6.3f s' "$f" "$o")
+    a=$(warm "$BIN/peer_assimp_read" "$DATA/$f" "$REPEAT" | grep -o 'seconds=[0-9.]*' | cut -d= -f2)
+    line+=$(printf ' | Assimp %6.3f s (%sx)' "$a" "$(ratio "$a" "$o")")
+    if [ "$f" = big.obj ]; then
+        t=$(warm "$BIN/peer_tinyobj_read" "$DATA/$f" "$REPEAT" | grep -o 'seconds=[0-9.]*' | cut -d= -f2)
+        line+=$(printf ' | tinyobjloader %6.3f s (%sx)' "$t" "$(ratio "$t" "$o")")
+    fi
+    echo "$line"
 done
 
 echo "== writes (MB/s of output; the time covers Save only; median of $REPEAT into new files)"
