@@ -425,11 +425,11 @@ const char* CountLinesByHand(const char* p, const char* end, meshio::ObjLineCoun
 // can go wrong, so random texts of short pieces put every piece at every offset.
 TEST(ObjRead, BulkLineCountsMatchCountingByHand) {
     std::mt19937 rng(4242);
-    const char* pieces[] = {"v 1 2 3", "V\t1 2", "vt 0 0", "VN 1 0 0", "vT", "v", "vx 1", "f 1 2 3", "F1/2 3//4  5",
+    const std::string pieces[] = {"v 1 2 3", "V\t1 2", "vt 0 0", "VN 1 0 0", "vT", "v", "vx 1", "f 1 2 3", "F1/2 3//4  5",
                             "f", "f   ", " f 1 2", "\tv 1", "f\v1\f2 3", "ff 1", "g grp", "G", "o x", "mtllib a.mtl",
                             "M", "usemtl m", "# v f", "s 1", "f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21",
                             "v 0.000001 -2.5e+03 123456789.0 this line is long enough to cross a block edge", "\x80\xff f",
-                            std::string(70, 'f').c_str()};
+                            std::string(70, 'f')};
     const char* ends[] = {"\n", "\r\n", "\r", "\n\n", "\r\r\n"};
     for (int round = 0; round < 3000; ++round) {
         std::string text;
