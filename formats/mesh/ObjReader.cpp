@@ -199,10 +199,7 @@ private:
     // Every kPollEvery lines: page release, progress, cancellation. The countdown is
     // inline; the work behind it is not.
     bool Poll(const char* at, bool second) { return --m_pollIn == 0 && PollNow(at, second); }
-public:
     bool PollNow(const char* at, bool second);
-
-private:
     template <bool kUv, bool kN>
     bool EmitQuick(const RawVertex* raw, size_t cnt);
 
