@@ -9,9 +9,6 @@
 #include <cstring>
 #include <memory>
 #include <vector>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include "formats/mesh/MeshText.h"
 #include "plugin/host/BinaryCursor.h"
@@ -54,12 +51,8 @@ inline bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\v' || c == 
 // indentation and line ends are a third of a typical file.
 inline const char* SkipSpaces(const char* p, const char* end) {
 #if defined(__SSE2__)
-    const __m128i sp = _mm_set1_epi8(' '), below = _mm_set1_epi8('\t' - 1), above = _mm_set1_epi8('\r' + 1);
     while (end - p >= 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        // \t..\r by signed compares: bytes from 0x80 up are negative and fall outside.
-        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(x, below), _mm_cmplt_epi8(x, above));
-        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
+        const unsigned s = textscan::SpaceMask16(textscan::Load16(p));
         if (s != 0xFFFFu) return p + std::countr_zero(~s);
         p += 16;
     }

@@ -457,12 +457,12 @@ inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
     return (r >= 0 && static_cast<uint64_t>(r) < total) ? r : -1;
 }
 
-// Up to `n` floats of a vertex line in the common plain form, straight from the text.
+// Up to N floats of a vertex line in the common plain form, straight from the text.
 // False sends the line to the general scanner (which gives the same values for what it
 // shares with this path). On success `lineEnd` is the end of the line.
 template <int N>
 bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const {
-    for (int k = 0; k < N; ++k) { // unrolled: a loop on a count that is 3 one line and 2 the next mispredicts
+    for (int k = 0; k < N; ++k) {
         while (p < m_end && IsBlank(*p)) ++p;
         if (p >= m_end || IsBreak(*p)) {
             lineEnd = p; // fewer numbers: the rest keep their zeros, as with scanf
@@ -476,11 +476,6 @@ bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd)
     return true;
 }
 
-// A face line whose vertices all have the first vertex's plain form ("1", "1/2",
-// "1/2/3" or "1//3") and nothing else. Anything unusual returns false before a face
-// is emitted, and the general path reads the line instead. A line read to its end
-// this way holds no "//" outside the "1//3" form, so the form chosen here is the one
-// the general rule (any "//" in the line means position//normal pairs) gives.
 // One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
 [[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
     int a = 0, b = 0, c = 0;
@@ -507,6 +502,11 @@ bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd)
     return p;
 }
 
+// A face line whose vertices all have the first vertex's plain form and nothing else.
+// Anything unusual returns false before a face is emitted, and the general path reads
+// the line instead. A line read to its end this way holds no "//" outside the "1//3"
+// form, so the form chosen here is the one the general rule (any "//" in the line means
+// position//normal pairs) gives.
 bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
     RawVertex raw[kQuickFaceMax];
     size_t cnt = 0;

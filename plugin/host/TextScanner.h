@@ -131,14 +131,27 @@ size_t ParseDoubleField(const char* p, const char* end, size_t width, double& v)
 // when it cannot settle the exact result cheaply; the caller then uses the general
 // scanner above, so a result never differs from "%f" / "%d". No space skipping.
 
+#if defined(__SSE2__)
+// The sixteen bytes at p, and masks of them (bit i for p[i]): line breaks ('\n', '\r')
+// and C-locale spaces (line breaks included). The space test takes \t..\r by signed
+// compares, where bytes from 0x80 up are negative and fall outside.
+inline __m128i Load16(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+inline unsigned BreakMask16(__m128i x) {
+    return static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('\n')), _mm_cmpeq_epi8(x, _mm_set1_epi8('\r')))));
+}
+inline unsigned SpaceMask16(__m128i x) {
+    const __m128i ctl =
+        _mm_and_si128(_mm_cmpgt_epi8(x, _mm_set1_epi8('\t' - 1)), _mm_cmplt_epi8(x, _mm_set1_epi8('\r' + 1)));
+    return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8(' ')), ctl)));
+}
+#endif
+
 // First '\n' or '\r' in [p, end), or end. Sixteen bytes per step with SSE2, else eight.
 inline const char* FindLineBreak(const char* p, const char* end) {
 #if defined(__SSE2__)
-    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r');
     while (end - p >= 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const unsigned m =
-            static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, lf), _mm_cmpeq_epi8(x, cr))));
+        const unsigned m = BreakMask16(Load16(p));
         if (m) return p + std::countr_zero(m);
         p += 16;
     }
@@ -184,15 +197,10 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
     size_t n = 0;
     bool prevSpace = true;
 #if defined(__SSE2__)
-    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), six = _mm_set1_epi8(6);
-    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r');
     while (end - p >= 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        const __m128i d = _mm_sub_epi8(x, lo);
-        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, six));
-        const unsigned s = static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)));
-        const unsigned b =
-            static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, lf), _mm_cmpeq_epi8(x, cr))));
+        const __m128i x = Load16(p);
+        const unsigned s = SpaceMask16(x);
+        const unsigned b = BreakMask16(x);
         unsigned starts = ~s & ((s << 1) | (prevSpace ? 1u : 0u)) & 0xFFFFu;
         if (b) {
             starts &= (b & (0u - b)) - 1; // only what lies before the break
@@ -218,16 +226,11 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
 // block-wise line scans.
 inline void ClassifyBlock64(const char* p, uint64_t& breaks, uint64_t& spaces) {
 #if defined(__SSE2__)
-    const __m128i sp = _mm_set1_epi8(' '), lo = _mm_set1_epi8('\t' - 1), six = _mm_set1_epi8(6);
-    const __m128i lf = _mm_set1_epi8('\n'), cr = _mm_set1_epi8('\r');
     uint64_t b = 0, s = 0;
     for (int k = 0; k < 4; ++k) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
-        const __m128i d = _mm_sub_epi8(x, lo);
-        const __m128i ctl = _mm_and_si128(_mm_cmpgt_epi8(d, _mm_setzero_si128()), _mm_cmplt_epi8(d, six));
-        s |= uint64_t(static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, sp), ctl)))) << (16 * k);
-        b |= uint64_t(static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, lf), _mm_cmpeq_epi8(x, cr)))))
-             << (16 * k);
+        const __m128i x = Load16(p + 16 * k);
+        s |= uint64_t(SpaceMask16(x)) << (16 * k);
+        b |= uint64_t(BreakMask16(x)) << (16 * k);
     }
     breaks = b;
     spaces = s;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,24 @@
 namespace meshtest {
 
 inline CXStringW W(const std::filesystem::path& p) { return CXStringW(Utf8ToWide(p.string())); }
+
+// A decimal as files write them, in one of the forms a reader's quick number path must
+// either get exactly right or leave to the general scanner: integers, %g, exponents,
+// a leading '+', more digits than a float holds, values beyond float and subnormals.
+inline std::string RandomDecimal(std::mt19937& rng) {
+    char b[48];
+    switch (rng() % 9) {
+    case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
+    case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
+    case 2: std::snprintf(b, sizeof b, "%.6e", (static_cast<double>(rng()) - 2e9) * 1e-12); break;
+    case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
+    case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
+    case 5: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e30); break; // beyond float
+    case 6: std::snprintf(b, sizeof b, "%.9e", static_cast<double>(rng() % 1000) * 1e-41); break; // subnormal
+    default: std::snprintf(b, sizeof b, "%.6f", (static_cast<double>(rng()) - 2e9) * 1e-9); break;
+    }
+    return b;
+}
 
 struct ReadOutcome {
     std::unique_ptr<C3DScene> scene;

@@ -322,18 +322,7 @@ std::string Describe(C3DScene& s) {
 // general path, so each random file is read both ways and the scenes must be the same.
 TEST(ObjRead, QuickAndGeneralPathsAgree) {
     std::mt19937 rng(77);
-    auto num = [&]() -> std::string {
-        char b[48];
-        switch (rng() % 8) {
-        case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
-        case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
-        case 2: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e-3); break;
-        case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
-        case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
-        default: std::snprintf(b, sizeof b, "%.6f", (static_cast<double>(rng()) - 2e9) * 1e-9); break;
-        }
-        return b;
-    };
+    auto num = [&] { return RandomDecimal(rng); };
     for (int round = 0; round < 40; ++round) {
         std::vector<std::string> lines = {"mtllib m.mtl"};
         const int nv = 3 + static_cast<int>(rng() % 30);

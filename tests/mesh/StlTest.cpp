@@ -348,20 +348,7 @@ std::string DescribeStl(C3DScene& s) {
 // down the general path, so each random file is read both ways and must give the same scene.
 TEST(StlRead, QuickAndGeneralPathsAgree) {
     std::mt19937 rng(2024);
-    auto num = [&]() -> std::string {
-        char b[48];
-        switch (rng() % 9) {
-        case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
-        case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
-        case 2: std::snprintf(b, sizeof b, "%.6e", (static_cast<double>(rng()) - 2e9) * 1e-12); break;
-        case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
-        case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
-        case 5: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e30); break; // beyond float
-        case 6: std::snprintf(b, sizeof b, "%.9e", static_cast<double>(rng() % 1000) * 1e-41); break; // subnormal
-        default: std::snprintf(b, sizeof b, "%.6f", (static_cast<double>(rng()) - 2e9) * 1e-9); break;
-        }
-        return b;
-    };
+    auto num = [&] { return RandomDecimal(rng); };
     int read = 0;
     for (int round = 0; round < 60; ++round) {
         std::vector<std::pair<std::string, std::string>> lines; // keyword, numbers
