@@ -183,7 +183,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     // sizing the lists first would zero it all and then write it again.
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     std::vector<float> pts, nvec;
-    std::vector<uint32_t> offsets, noffsets, fidx, nidx, materials, cidx;
+    std::vector<uint32_t> offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
     std::vector<uint8_t> cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;
     hostmem::ReserveLarge(pts, count * 9);
@@ -198,15 +198,10 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     offsets.push_back(0);
     noffsets.push_back(0);
     // Most of this read is the first touch of these arrays; a helper thread takes part of
-    // it. Declared after the arrays, so it is stopped before they go.
+    // it. It starts after the first block, so that colour arrays begun there (files that
+    // have colours mostly have them from the start) are among its ranges. Declared after
+    // the arrays, so it is stopped before they go.
     hostmem::CPopulateAhead populate;
-    for (auto* v : {&pts, &nvec})
-        populate.Add(v->data(), v->capacity() * sizeof(float));
-    for (auto* v : {&offsets, &noffsets, &fidx, &nidx, &materials})
-        populate.Add(v->data(), v->capacity() * sizeof(uint32_t));
-    for (auto* v : {&fflags, &nflags})
-        populate.Add(v->data(), v->capacity());
-    populate.Start();
 
     struct Scratch {
         float pts[kBlock * 9], nvec[kBlock * 3];
@@ -219,6 +214,16 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     size_t read = 0;
     uint32_t k = 0;
     bool stop = false;
+    auto startPopulate = [&] {
+        for (auto* v : {&pts, &nvec})
+            populate.Add(v->data(), v->capacity() * sizeof(float));
+        for (auto* v : {&offsets, &noffsets, &fidx, &nidx, &materials, &coffsets, &cidx})
+            populate.Add(v->data(), v->capacity() * sizeof(uint32_t));
+        for (auto* v : {&fflags, &nflags, &cflags})
+            populate.Add(v->data(), v->capacity());
+        populate.Add(cpts.data(), cpts.capacity() * sizeof(CRGBColor));
+        populate.Start();
+    };
     while (read < count && !stop) {
         const size_t first = read;
         const size_t last = std::min(count, first + kBlock);
@@ -259,14 +264,18 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         if (!cpts.empty()) {
             // Faces before the first coloured one are uncoloured: indices 0, flagged.
             if (cflags.empty()) {
+                hostmem::ReserveLarge(coffsets, count + 1);
                 hostmem::ReserveLarge(cidx, count * 3);
                 hostmem::ReserveLarge(cflags, count);
+                coffsets.assign(offsets.begin(), offsets.end() - static_cast<ptrdiff_t>(b));
                 cidx.assign(first * 3, 0);
                 cflags.assign(first, FACE_SKIP);
             }
+            coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
             cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
             cflags.insert(cflags.end(), s->cflags, s->cflags + b);
         }
+        if (first == 0) startPopulate();
         read += b;
         populate.Progress(read, count);
     }
@@ -279,7 +288,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     nvec.resize(read * 9, 0.0f);
     obj->GetPointList()->Raw() = std::move(pts);
     normals->GetNormalVectorList()->Raw() = std::move(nvec);
-    std::vector<uint32_t> coffsets = cpts.empty() ? std::vector<uint32_t>() : offsets;
     fflags.assign(read, 0);
     nflags.assign(read, 0);
     obj->GetFaceList()->Adopt(std::move(offsets), std::move(fidx), std::move(fflags), std::move(materials));
