@@ -631,9 +631,9 @@ void CObjParser::EmitFace(FaceForm form) {
     // Offsets are 32-bit: a group never grows past that (only a file of many GB could try).
     if (g.pos.size() + cnt >= UINT32_MAX) return;
     if (g.offsets.empty()) {
-        hostmem::ReserveLarge(g.offsets, static_cast<size_t>(g.countedFaces) + 1);
-        hostmem::ReserveLarge(g.materials, static_cast<size_t>(g.countedFaces));
-        hostmem::ReserveLarge(g.pos, static_cast<size_t>(g.countedIndices));
+        hostmem::ReserveFilled(g.offsets, static_cast<size_t>(g.countedFaces) + 1);
+        hostmem::ReserveFilled(g.materials, static_cast<size_t>(g.countedFaces));
+        hostmem::ReserveFilled(g.pos, static_cast<size_t>(g.countedIndices));
         g.offsets.push_back(0);
     }
     const size_t before = g.pos.size();
@@ -671,8 +671,8 @@ void CObjParser::EmitFace(FaceForm form) {
         if (!has) {
             if (!ok) return;
             has = true;
-            hostmem::ReserveLarge(idx, static_cast<size_t>(g.countedIndices));
-            hostmem::ReserveLarge(flags, static_cast<size_t>(g.countedFaces));
+            hostmem::ReserveFilled(idx, static_cast<size_t>(g.countedIndices));
+            hostmem::ReserveFilled(flags, static_cast<size_t>(g.countedFaces));
             idx.assign(before, 0);
             flags.assign(facesBefore, FACE_SKIP);
         }
@@ -730,9 +730,9 @@ void CObjParser::OtherRecord(std::string_view line) {
 }
 
 bool CObjParser::FillPass() {
-    hostmem::ReserveLarge(m_v, static_cast<size_t>(m_nv + 1) * 3);
-    hostmem::ReserveLarge(m_t, static_cast<size_t>(m_nt + 1) * 2);
-    hostmem::ReserveLarge(m_n, static_cast<size_t>(m_nn + 1) * 3);
+    hostmem::ReserveFilled(m_v, static_cast<size_t>(m_nv + 1) * 3);
+    hostmem::ReserveFilled(m_t, static_cast<size_t>(m_nt + 1) * 2);
+    hostmem::ReserveFilled(m_n, static_cast<size_t>(m_nn + 1) * 3);
     m_v.assign(static_cast<size_t>(m_nv + 1) * 3, 0.0f);
     m_t.assign(static_cast<size_t>(m_nt + 1) * 2, 0.0f);
     m_n.assign(static_cast<size_t>(m_nn + 1) * 3, 0.0f);
@@ -792,6 +792,7 @@ void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, 
         // No face is skipped: the faces' indices are the whole array, in order. (A
         // branch-free form of this loop was measured slower: writing the map entry every
         // time makes each lookup wait on the store before it, as neighbours share indices.)
+        hostmem::ReserveFilled(used, std::min(idx.size(), remap.size()));
         used.resize(std::min(idx.size(), remap.size()));
         uint32_t* const out = used.data();
         int32_t* const map = remap.data();
@@ -824,7 +825,10 @@ void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, 
 }
 
 bool CObjParser::BuildScene() {
-    std::vector<int32_t> remap(static_cast<size_t>(std::max({m_nv, m_nt, m_nn})) + 1, -1);
+    const size_t mapSize = static_cast<size_t>(std::max({m_nv, m_nt, m_nn})) + 1;
+    std::vector<int32_t> remap;
+    hostmem::ReserveFilled(remap, mapSize);
+    remap.assign(mapSize, -1);
     std::vector<uint32_t> used;
     for (Group& g : m_groups) {
         if (g.Faces() == 0) continue;
@@ -842,7 +846,12 @@ bool CObjParser::BuildScene() {
         obj->SetPointList(points, true);
 
         const size_t nf = g.Faces();
-        auto offsetsCopy = [&]() { return std::vector<uint32_t>(g.offsets); };
+        auto offsetsCopy = [&]() {
+            std::vector<uint32_t> o;
+            hostmem::ReserveFilled(o, g.offsets.size());
+            o.assign(g.offsets.begin(), g.offsets.end());
+            return o;
+        };
         // Channels parallel the faces by construction; checked anyway, as a channel that did
         // not would be indexed out of range from here on.
         if (g.hasUv && (g.uv.size() != g.pos.size() || g.uvFlags.size() != nf)) g.hasUv = false;

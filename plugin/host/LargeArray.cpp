@@ -38,6 +38,19 @@ void AdviseLargeArray(void* p, size_t bytes) {
 #endif
 }
 
+void PopulateNow(void* p, size_t bytes) {
+#if defined(__linux__)
+    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    if (!p || bytes < (size_t(1) << 20)) return;
+    const uintptr_t b = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+    const uintptr_t e = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
+    if (e > b) madvise(reinterpret_cast<void*>(b), e - b, MADV_POPULATE_WRITE); // a failure just leaves the faults
+#else
+    (void)p;
+    (void)bytes;
+#endif
+}
+
 void CPopulateAhead::Add(const void* p, size_t bytes) {
     if (!p || bytes == 0 || Running()) return;
     const uintptr_t b = reinterpret_cast<uintptr_t>(p);

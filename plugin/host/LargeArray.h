@@ -20,12 +20,27 @@ namespace hostmem {
 // above). Small ranges (under 4 MiB) and systems without the facility are left alone.
 void AdviseLargeArray(void* p, size_t bytes);
 
+// Has the kernel back [p, p + bytes) with memory now, in one request (MADV_POPULATE_WRITE):
+// measured here a quarter cheaper than taking the same first-touch faults one page at a
+// time. Only for memory about to be written whole. Ranges under 1 MiB, and kernels without
+// the request, are left to the faults.
+void PopulateNow(void* p, size_t bytes);
+
 // reserve() plus the advice, for arrays about to be filled.
 template <class T>
 void ReserveLarge(std::vector<T>& v, size_t n) {
     if (n <= v.capacity()) return;
     v.reserve(n);
     AdviseLargeArray(v.data(), v.capacity() * sizeof(T));
+}
+
+// ReserveLarge for arrays that are then written whole straight away (sized with zeros, or
+// filled to an exact count): their pages are populated at once.
+template <class T>
+void ReserveFilled(std::vector<T>& v, size_t n) {
+    if (n <= v.capacity()) return;
+    ReserveLarge(v, n);
+    PopulateNow(v.data(), v.capacity() * sizeof(T));
 }
 
 // Faults in the pages of big, freshly reserved arrays on a second thread while a reader

@@ -29,7 +29,7 @@ public:
     int Add(const C3DPoint& p) { return Add(p.x, p.y, p.z); }
     void SetSize(int n) {
         const size_t k = static_cast<size_t>(n < 0 ? 0 : n) * 3;
-        hostmem::ReserveLarge(m_xyz, k);
+        hostmem::ReserveFilled(m_xyz, k);
         m_xyz.resize(k);
     }
     void Reserve(size_t n) { hostmem::ReserveLarge(m_xyz, n * 3); }
@@ -60,7 +60,7 @@ public:
     int Add(const CRGBColor& c) { m_c.push_back(c); return GetSize() - 1; }
     void SetSize(int n) {
         const size_t k = static_cast<size_t>(n < 0 ? 0 : n);
-        hostmem::ReserveLarge(m_c, k);
+        hostmem::ReserveFilled(m_c, k);
         m_c.resize(k);
     }
     void Reserve(size_t n) { hostmem::ReserveLarge(m_c, n); }

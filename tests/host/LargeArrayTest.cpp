@@ -59,3 +59,15 @@ TEST(PopulateAhead, SmallRangesStartNoThreadAndStopIsIdempotent) {
     populate.Stop();
     EXPECT_FALSE(populate.Running());
 }
+
+// Populating up front is only a request for pages: what the array already holds, and
+// its size, stay as they were.
+TEST(PopulateNow, LeavesContentsAndSizeAlone) {
+    std::vector<uint32_t> v(size_t(1) << 20);
+    for (size_t i = 0; i < v.size(); ++i) v[i] = Pattern(i);
+    hostmem::ReserveFilled(v, size_t(4) << 20);
+    EXPECT_EQ(v.size(), size_t(1) << 20);
+    EXPECT_GE(v.capacity(), size_t(4) << 20);
+    hostmem::PopulateNow(v.data(), v.capacity() * sizeof(uint32_t));
+    for (size_t i = 0; i < v.size(); ++i) ASSERT_EQ(v[i], Pattern(i)) << i;
+}
