@@ -58,6 +58,10 @@ void CPopulateAhead::Add(const void* p, size_t bytes) {
     m_bytes += bytes;
 }
 
+namespace {
+constexpr size_t kSlice = size_t(1) << 20; // of all ranges together
+}
+
 void CPopulateAhead::Start() {
 #if defined(__linux__)
     constexpr size_t kWorthIt = size_t(32) << 20; // below this a thread costs more than it saves
@@ -65,11 +69,14 @@ void CPopulateAhead::Start() {
         const char* v = std::getenv("ORBISCOPE_PREFAULT");
         return !(v && std::strcmp(v, "0") == 0) && std::thread::hardware_concurrency() >= 2;
     }();
-    if (Running() || !enabled || m_bytes < kWorthIt) return;
+    if (Running() || m_slices || m_bytes < kWorthIt) return;
+    m_slices = m_bytes / kSlice + 1;
+    m_ownNext = 0;
+    if (!enabled) return;
     m_stop.store(false);
     try {
         m_thread = std::thread([this] { Run(); });
-    } catch (...) { // no thread to be had: the reader just takes its own faults
+    } catch (...) { // no thread to be had: the reader populates its own slices
     }
 #endif
 }
@@ -77,32 +84,45 @@ void CPopulateAhead::Start() {
 void CPopulateAhead::Stop() {
     m_stop.store(true, std::memory_order_relaxed);
     if (m_thread.joinable()) m_thread.join();
+    m_ownNext = UINT32_MAX;
+}
+
+bool CPopulateAhead::PopulateSlice(size_t k) const {
+#if defined(__linux__)
+    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    for (const Range& r : m_ranges) {
+        const uintptr_t len = r.e - r.b;
+        uintptr_t a = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * k / m_slices);
+        uintptr_t z = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * (k + 1) / m_slices);
+        a = (a + page - 1) & ~(page - 1);
+        z &= ~(page - 1);
+        if (z <= a) continue;
+        if (madvise(reinterpret_cast<void*>(a), z - a, MADV_POPULATE_WRITE) != 0 && errno == EINVAL) return false;
+    }
+    return true;
+#else
+    (void)k;
+    return false;
+#endif
+}
+
+void CPopulateAhead::PopulateOwn(uint32_t at) {
+    const size_t s = static_cast<size_t>(static_cast<uint64_t>(at) * m_slices / kScale);
+    m_ownNext = s + 1 < m_slices ? static_cast<uint32_t>((static_cast<uint64_t>(s) + 1) * kScale / m_slices) : UINT32_MAX;
+    if (m_ownNext == UINT32_MAX || s + 1 >= m_helperLow.load(std::memory_order_relaxed)) return;
+    if (!PopulateSlice(s + 1)) m_ownNext = UINT32_MAX;
 }
 
 void CPopulateAhead::Run() {
-#if defined(__linux__)
-    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    constexpr size_t kSlice = size_t(1) << 20; // of all ranges together
-    const size_t slices = m_bytes / kSlice + 1;
-    // Leaves a slice of room in front of the reader, where it would fault the pages itself
-    // before the helper got there.
-    const uint64_t margin = kScale / slices + 1;
-    for (size_t k = slices; k-- > 0;) {
+    // Leaves a slice of room in front of the reader, which populates that one itself.
+    const uint64_t margin = kScale / m_slices + 1;
+    for (size_t k = m_slices; k-- > 0;) {
         if (m_stop.load(std::memory_order_relaxed)) return;
-        const uint64_t from = static_cast<uint64_t>(k) * kScale / slices;
+        const uint64_t from = static_cast<uint64_t>(k) * kScale / m_slices;
         if (from <= m_done.load(std::memory_order_relaxed) + margin) return;
-        for (const Range& r : m_ranges) {
-            const uintptr_t len = r.e - r.b;
-            uintptr_t a = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * k / slices);
-            uintptr_t z = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * (k + 1) / slices);
-            a = (a + page - 1) & ~(page - 1);
-            z &= ~(page - 1);
-            if (z <= a) continue;
-            if (madvise(reinterpret_cast<void*>(a), z - a, MADV_POPULATE_WRITE) != 0 && errno == EINVAL)
-                return; // the kernel does not know the request
-        }
+        if (!PopulateSlice(k)) return;
+        m_helperLow.store(k, std::memory_order_relaxed);
     }
-#endif
 }
 
 } // namespace hostmem

@@ -49,8 +49,10 @@ void ReserveFilled(std::vector<T>& v, size_t n) {
 // STL read), two threads take those faults about twice as fast as one. The helper walks
 // the ranges from their ends backwards, a slice at a time, and stops where the reader
 // has got to. It only asks the kernel to populate pages (MADV_POPULATE_WRITE), which
-// never changes their contents, so it does not race with the reader's writes; where the
-// kernel lacks that request, or with ORBISCOPE_PREFAULT=0, or on one core, it does nothing.
+// never changes their contents, so it does not race with the reader's writes. The reader
+// populates the slice in front of it itself, through Progress. With ORBISCOPE_PREFAULT=0,
+// or on one core, there is no helper and the reader populates every slice; where the
+// kernel lacks the request, nothing is done and the reader takes its own faults.
 class CPopulateAhead {
 public:
     CPopulateAhead() = default;
@@ -62,9 +64,14 @@ public:
     void Add(const void* p, size_t bytes);
     // Starts the helper when the ranges are big enough to be worth a thread.
     void Start();
-    // How far the reader has got, as a share of every range.
+    // How far the reader has got, as a share of every range. Entering a new slice, the
+    // reader also has the next one populated in one request, unless the helper has been
+    // there (one request costs less than the same faults taken one at a time).
     void Progress(size_t done, size_t total) {
-        if (total) m_done.store(static_cast<uint32_t>(static_cast<uint64_t>(done) * kScale / total), std::memory_order_relaxed);
+        if (!total) return;
+        const uint32_t at = static_cast<uint32_t>(static_cast<uint64_t>(done) * kScale / total);
+        m_done.store(at, std::memory_order_relaxed);
+        if (at >= m_ownNext) PopulateOwn(at);
     }
     // Joins the helper; after this the ranges may be moved or freed.
     void Stop();
@@ -73,12 +80,18 @@ public:
 private:
     static constexpr uint32_t kScale = 1u << 16;
     void Run();
+    void PopulateOwn(uint32_t at);
+    // Populates slice k of every range; false when the kernel does not know the request.
+    bool PopulateSlice(size_t k) const;
     struct Range {
         uintptr_t b, e;
     };
     std::vector<Range> m_ranges;
     size_t m_bytes = 0;
+    size_t m_slices = 0;
+    uint32_t m_ownNext = UINT32_MAX; // where the reader next populates a slice itself
     std::atomic<uint32_t> m_done{0};
+    std::atomic<size_t> m_helperLow{SIZE_MAX}; // lowest slice the helper has populated
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
