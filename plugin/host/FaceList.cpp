@@ -62,7 +62,10 @@ void CFaceList::SetSize(int count, int vertices, int mode, uint32_t material) {
     default: {
         RemoveAll();
         size_t total = static_cast<size_t>(count) * static_cast<size_t>(vertices);
-        Reserve(static_cast<size_t>(count), total);
+        // Written whole just below.
+        hostmem::ReserveFilled(m_offsets, static_cast<size_t>(count) + 1);
+        hostmem::ReserveFilled(m_flags, static_cast<size_t>(count));
+        hostmem::ReserveFilled(m_indices, total);
         m_indices.assign(total, 0);
         m_offsets.resize(static_cast<size_t>(count) + 1);
         for (size_t i = 0; i <= static_cast<size_t>(count); ++i)
@@ -198,6 +201,7 @@ void C3DFaceList::SetSize(int count, int vertices, int mode, uint32_t material) 
     } else if (mode == SETSIZE_TRUNCATE) {
         m_materials.resize(static_cast<size_t>(GetNumberOfFaces()));
     } else {
+        hostmem::ReserveFilled(m_materials, static_cast<size_t>(GetNumberOfFaces()));
         m_materials.assign(static_cast<size_t>(GetNumberOfFaces()), material);
     }
 }
