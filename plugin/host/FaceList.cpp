@@ -5,6 +5,33 @@
 
 #include "plugin/host/LargeArray.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace {
+// True when no entry is below the one before it. Adopted lists are big and almost always
+// valid, so this compares four at a time and looks at the result once.
+bool NonDecreasing(const std::vector<uint32_t>& v) {
+    const uint32_t* o = v.data();
+    const size_t n = v.size();
+    size_t i = 1;
+#if defined(__SSE2__)
+    const __m128i flip = _mm_set1_epi32(INT32_MIN); // unsigned order through signed compares
+    __m128i bad = _mm_setzero_si128();
+    for (; i + 4 <= n; i += 4) {
+        const __m128i cur = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(o + i)), flip);
+        const __m128i prev = _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i*>(o + i - 1)), flip);
+        bad = _mm_or_si128(bad, _mm_cmpgt_epi32(prev, cur));
+    }
+    if (_mm_movemask_epi8(bad) != 0) return false;
+#endif
+    for (; i < n; ++i)
+        if (o[i] < o[i - 1]) return false;
+    return true;
+}
+} // namespace
+
 int CFaceList::GetNumberOfFaces(uint32_t properties, bool set) const {
     int n = 0;
     for (uint8_t f : m_flags)
@@ -88,8 +115,7 @@ bool CFaceList::Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& i
     if (offsets.empty() || offsets.front() != 0 || offsets.back() != indices.size() ||
         flags.size() != offsets.size() - 1 || indices.size() > UINT32_MAX)
         return false;
-    for (size_t i = 1; i < offsets.size(); ++i)
-        if (offsets[i] < offsets[i - 1]) return false;
+    if (!NonDecreasing(offsets)) return false;
     m_offsets = std::move(offsets);
     m_indices = std::move(indices);
     m_flags = std::move(flags);

@@ -209,6 +209,19 @@ TEST(FaceList, AdoptTakesConsistentArraysOnly) {
         ASSERT_EQ(fl.GetNumberOfFaces(), 1);
         EXPECT_EQ(fl.Face(0)[0], 7u);
     }
+    // A single step down anywhere in a longer list (the check runs in blocks of four).
+    for (size_t at = 2; at + 1 < 40; ++at) {
+        std::vector<uint32_t> offsets(40);
+        for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = static_cast<uint32_t>(2 * i);
+        offsets[at] = offsets[at - 1] - 1;
+        EXPECT_FALSE(fl.Adopt(std::move(offsets), std::vector<uint32_t>(78), std::vector<uint8_t>(39),
+                              std::vector<uint32_t>(39)))
+            << at;
+    }
+    ASSERT_EQ(fl.GetNumberOfFaces(), 1);
+    std::vector<uint32_t> steady(40);
+    for (size_t i = 0; i < steady.size(); ++i) steady[i] = static_cast<uint32_t>(i / 3 * 3); // empty faces too
+    EXPECT_TRUE(fl.Adopt(std::move(steady), std::vector<uint32_t>(39), std::vector<uint8_t>(39), std::vector<uint32_t>(39)));
     EXPECT_TRUE(fl.Adopt({0, 3, 3, 7}, {0, 1, 2, 3, 4, 5, 6}, {0, FACE_SKIP, 0}, {1, 2, 3}));
     ASSERT_EQ(fl.GetNumberOfFaces(), 3);
     EXPECT_EQ(fl.GetFaceSize(1), 0);
