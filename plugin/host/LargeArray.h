@@ -45,7 +45,7 @@ void ReserveFilled(std::vector<T>& v, size_t n) {
 
 // Faults in the pages of big, freshly reserved arrays on a second thread while a reader
 // fills them from the front. Where the first touch of memory is dear (virtual machines
-// that hand free memory back to their host: about 4 us a page here, most of a binary
+// that hand free memory back to their host: 2-4 us a page here, most of a binary
 // STL read), two threads take those faults about twice as fast as one. The helper walks
 // the ranges from their ends backwards, a slice at a time, and stops where the reader
 // has got to. It only asks the kernel to populate pages (MADV_POPULATE_WRITE), which
@@ -62,7 +62,8 @@ public:
 
     // Before Start: a range the reader is about to fill front to back.
     void Add(const void* p, size_t bytes);
-    // Starts the helper when the ranges are big enough to be worth a thread.
+    // Starts the work when the ranges are big enough to be worth it: the helper thread,
+    // where there is one, and the reader's own slices.
     void Start();
     // How far the reader has got, as a share of every range. Entering a new slice, the
     // reader also has the next one populated in one request, unless the helper has been
