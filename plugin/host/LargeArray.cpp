@@ -23,15 +23,29 @@ bool HugePagesWanted() {
     }();
     return wanted;
 }
+
+#if defined(__linux__)
+uintptr_t PageSize() {
+    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    return page;
+}
+
+// madvise over the whole `unit`-aligned blocks inside [b, e) (nothing when there are
+// none). False when the kernel does not know the request; other failures are left alone,
+// as every advice here is only a hint.
+bool AdviseInside(uintptr_t b, uintptr_t e, uintptr_t unit, int advice) {
+    b = (b + unit - 1) & ~(unit - 1);
+    e &= ~(unit - 1);
+    return e <= b || madvise(reinterpret_cast<void*>(b), e - b, advice) == 0 || errno != EINVAL;
+}
+#endif
 } // namespace
 
 void AdviseLargeArray(void* p, size_t bytes) {
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
     constexpr uintptr_t kHuge = uintptr_t(2) << 20;
     if (!p || bytes < 2 * kHuge || !HugePagesWanted()) return;
-    const uintptr_t b = (reinterpret_cast<uintptr_t>(p) + kHuge - 1) & ~(kHuge - 1);
-    const uintptr_t e = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(kHuge - 1);
-    if (e > b) madvise(reinterpret_cast<void*>(b), e - b, MADV_HUGEPAGE);
+    AdviseInside(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + bytes, kHuge, MADV_HUGEPAGE);
 #else
     (void)p;
     (void)bytes;
@@ -40,11 +54,9 @@ void AdviseLargeArray(void* p, size_t bytes) {
 
 void PopulateNow(void* p, size_t bytes) {
 #if defined(__linux__)
-    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     if (!p || bytes < (size_t(1) << 20)) return;
-    const uintptr_t b = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
-    const uintptr_t e = (reinterpret_cast<uintptr_t>(p) + bytes) & ~(page - 1);
-    if (e > b) madvise(reinterpret_cast<void*>(b), e - b, MADV_POPULATE_WRITE); // a failure just leaves the faults
+    AdviseInside(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + bytes, PageSize(),
+                 MADV_POPULATE_WRITE); // a failure just leaves the faults
 #else
     (void)p;
     (void)bytes;
@@ -89,15 +101,11 @@ void CPopulateAhead::Stop() {
 
 bool CPopulateAhead::PopulateSlice(size_t k) const {
 #if defined(__linux__)
-    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     for (const Range& r : m_ranges) {
         const uintptr_t len = r.e - r.b;
-        uintptr_t a = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * k / m_slices);
-        uintptr_t z = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * (k + 1) / m_slices);
-        a = (a + page - 1) & ~(page - 1);
-        z &= ~(page - 1);
-        if (z <= a) continue;
-        if (madvise(reinterpret_cast<void*>(a), z - a, MADV_POPULATE_WRITE) != 0 && errno == EINVAL) return false;
+        const uintptr_t a = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * k / m_slices);
+        const uintptr_t z = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * (k + 1) / m_slices);
+        if (!AdviseInside(a, z, PageSize(), MADV_POPULATE_WRITE)) return false;
     }
     return true;
 #else

@@ -225,24 +225,21 @@ inline size_t CountTokensToLineBreak(const char* p, const char* end, const char*
 // C-locale space (line breaks included), for the 64 bytes at p: the masks behind
 // block-wise line scans.
 inline void ClassifyBlock64(const char* p, uint64_t& breaks, uint64_t& spaces) {
-#if defined(__SSE2__)
     uint64_t b = 0, s = 0;
+#if defined(__SSE2__)
     for (int k = 0; k < 4; ++k) {
         const __m128i x = Load16(p + 16 * k);
         s |= uint64_t(SpaceMask16(x)) << (16 * k);
         b |= uint64_t(BreakMask16(x)) << (16 * k);
     }
-    breaks = b;
-    spaces = s;
 #else
-    uint64_t b = 0, s = 0;
     for (int i = 0; i < 64; ++i) {
         b |= uint64_t(p[i] == '\n' || p[i] == '\r') << i;
         s |= uint64_t(IsSpace(p[i])) << i;
     }
+#endif
     breaks = b;
     spaces = s;
-#endif
 }
 
 // The leading run of ASCII digits in the eight bytes at p: its length n (0-8) and its
