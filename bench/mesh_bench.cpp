@@ -10,9 +10,14 @@
 //                                   best of N (use with the GLIBC_TUNABLES setting above)
 //   bench_mesh write IN OUT         read IN, prepare the scene the way OUT's writer asks
 //                                   (.obj .stl .ply .ma), time the Save, print output MB/s
+//   bench_mesh floor FILE BYTES     what any reader of FILE that builds BYTES of arrays
+//                                   pays before parsing anything, in a fresh process:
+//                                   mapping and reading FILE, getting BYTES of new pages
+//                                   (one thread, then two) and writing them once
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 #include <ctime>
 #include <cstdio>
@@ -21,6 +26,11 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "formats/mesh/CMayaAsciiIo.h"
 #include "formats/mesh/CPlyIo.h"
@@ -77,6 +87,54 @@ void Counts(const C3DScene& s, unsigned long long& nodes, unsigned long long& po
     }
 }
 
+double MsSince(Clock::time_point t0) { return std::chrono::duration<double, std::milli>(Clock::now() - t0).count(); }
+
+// The fixed costs behind a read, measured with the calls the readers use (a private
+// read-only mapping of the file; one MADV_POPULATE_WRITE request per range).
+int MemoryFloor(const char* file, size_t bytes) {
+#ifndef MADV_POPULATE_WRITE
+    constexpr int MADV_POPULATE_WRITE = 23;
+#endif
+    const int fd = open(file, O_RDONLY);
+    if (fd < 0) return 1;
+    const size_t len = static_cast<size_t>(std::filesystem::file_size(file));
+    auto t0 = Clock::now();
+    void* map = mmap(nullptr, len, PROT_READ, MAP_PRIVATE, fd, 0);
+    close(fd);
+    if (map == MAP_FAILED) return 1;
+    madvise(map, len, MADV_SEQUENTIAL);
+    unsigned sum = 0;
+    for (size_t o = 0; o < len; o += 64) sum += static_cast<const unsigned char*>(map)[o];
+    const double fileMs = MsSince(t0);
+    munmap(map, len);
+
+    auto fresh = [&] {
+        void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return p == MAP_FAILED ? nullptr : static_cast<char*>(p);
+    };
+    char* a = fresh();
+    char* b = fresh();
+    if (!a || !b) return 1;
+    const size_t half = bytes / 2 & ~size_t(4095);
+    t0 = Clock::now();
+    std::thread helper([&] { madvise(a + half, bytes - half, MADV_POPULATE_WRITE); });
+    madvise(a, half, MADV_POPULATE_WRITE);
+    helper.join();
+    const double twoMs = MsSince(t0);
+    t0 = Clock::now();
+    std::memset(a, static_cast<int>(sum & 1) + 1, bytes);
+    const double writeMs = MsSince(t0);
+    t0 = Clock::now();
+    madvise(b, bytes, MADV_POPULATE_WRITE);
+    const double oneMs = MsSince(t0);
+    munmap(a, bytes);
+    munmap(b, bytes);
+    std::printf("floor %s: file %.1f MB mapped and read %.1f ms; %.1f MB of new pages: one thread %.1f ms, "
+                "two threads %.1f ms; written once %.1f ms\n",
+                file, static_cast<double>(len) / 1e6, fileMs, static_cast<double>(bytes) / 1e6, oneMs, twoMs, writeMs);
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -86,6 +144,7 @@ int main(int argc, char** argv) {
     }
     const std::string mode = argv[1];
     double secs = 0;
+    if (mode == "floor") return argc > 3 ? MemoryFloor(argv[2], std::strtoull(argv[3], nullptr, 10)) : 2;
     if (mode == "memread") {
         const int n = argc > 3 ? std::max(1, std::atoi(argv[3])) : 20;
         std::ifstream in(argv[2], std::ios::binary);

@@ -8,6 +8,7 @@
 #include <bit>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "formats/mesh/MeshText.h"
@@ -39,6 +40,8 @@ bool EqualsNoCase(std::string_view a, std::string_view b) {
 }
 
 constexpr size_t kBlock = 1024; // binary records converted per step
+// From this many records a binary read is worth a second thread (about 8 MB of arrays).
+constexpr size_t kPairFrom = 65536;
 
 inline float LoadF32le(const uint8_t* p) {
     return std::bit_cast<float>(uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24);
@@ -180,116 +183,164 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 
     // The arrays are built here and handed to the lists whole: filling them block by
     // block from a small scratch area writes each byte of a 100 MB mesh once, where
-    // sizing the lists first would zero it all and then write it again.
+    // sizing the lists first would zero it all and then write it again. Most of the read
+    // is the kernel handing out the arrays' pages, so two threads share it: one builds the
+    // points and the mesh faces, the other the normals, the colours and the rest, each
+    // asking for its pages a slice at a time just before writing them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
+    const uint8_t* const records = c.current();
     std::vector<float> pts, nvec;
     std::vector<uint32_t> offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
     std::vector<uint8_t> cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;
+    // Everything is reserved here, before the second thread starts: taking address space
+    // while the other thread has pages populated would wait for it.
     hostmem::ReserveLarge(pts, count * 9);
-    hostmem::ReserveLarge(nvec, count * 9);
+    hostmem::ReserveLarge(fidx, count * 3);
     hostmem::ReserveLarge(offsets, count + 1);
     hostmem::ReserveLarge(noffsets, count + 1);
-    hostmem::ReserveLarge(fidx, count * 3);
-    hostmem::ReserveLarge(nidx, count * 3);
     hostmem::ReserveLarge(materials, count);
     hostmem::ReserveLarge(fflags, count);
     hostmem::ReserveLarge(nflags, count);
-    offsets.push_back(0);
-    noffsets.push_back(0);
-    // Most of this read is the first touch of these arrays; a helper thread takes part of
-    // it. It starts after the first block, so that colour arrays begun there (files that
-    // have colours mostly have them from the start) are among its ranges. Declared after
-    // the arrays, so it is stopped before they go.
-    hostmem::CPopulateAhead populate;
-
-    struct Scratch {
-        float pts[kBlock * 9], nvec[kBlock * 3];
-        uint32_t offsets[kBlock], fidx[kBlock * 3], nidx[kBlock * 3], cidx[kBlock * 3];
-        uint8_t cflags[kBlock];
-    };
-    auto s = std::make_unique<Scratch>();
+    hostmem::ReserveLarge(nvec, count * 9);
+    hostmem::ReserveLarge(nidx, count * 3);
+    hostmem::ReserveLarge(coffsets, count + 1);
+    hostmem::ReserveLarge(cidx, count * 3);
+    hostmem::ReserveLarge(cflags, count);
+    hostmem::ReserveLarge(cpts, count);
     std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
-    const uint8_t* rec = c.current();
-    size_t read = 0;
-    uint32_t k = 0;
-    bool stop = false;
-    auto startPopulate = [&] {
-        for (auto* v : {&pts, &nvec})
-            populate.Add(v->data(), v->capacity() * sizeof(float));
-        for (auto* v : {&offsets, &noffsets, &fidx, &nidx, &materials, &coffsets, &cidx})
-            populate.Add(v->data(), v->capacity() * sizeof(uint32_t));
-        for (auto* v : {&fflags, &nflags, &cflags})
-            populate.Add(v->data(), v->capacity());
-        populate.Add(cpts.data(), cpts.capacity() * sizeof(CRGBColor));
-        populate.Start();
+    std::atomic<bool> stop{false};
+    // Both sides read every record: the file's pages are given back behind the slower one.
+    std::atomic<size_t> doneA{0}, doneB{0};
+    std::mutex releaseLock;
+    auto releaseBehind = [&] {
+        const std::lock_guard<std::mutex> hold(releaseLock);
+        release.At(reinterpret_cast<const char*>(
+            records + std::min(doneA.load(std::memory_order_relaxed), doneB.load(std::memory_order_relaxed)) * kRecord));
     };
-    while (read < count && !stop) {
-        const size_t first = read;
-        const size_t last = std::min(count, first + kBlock);
-        release.At(reinterpret_cast<const char*>(rec));
-        size_t b = 0;
-        for (size_t i = first; i < last; ++i, ++b, rec += kRecord) {
-            if (cancel && cancel->load(std::memory_order_relaxed)) {
-                stop = true;
-                break;
+    float* const normalTail = nvec.data() + count * 3;  // zeroed at the end, populated by the other side
+    const size_t normalTailBytes = count * 6 * sizeof(float);
+    auto stopNow = [&] {
+        if (cancel && cancel->load(std::memory_order_relaxed)) stop.store(true, std::memory_order_relaxed);
+        return stop.load(std::memory_order_relaxed);
+    };
+    auto populate = [](auto& v, size_t from, size_t to) {
+        using T = typename std::decay_t<decltype(v)>::value_type;
+        to = std::min(to, v.capacity());
+        if (from < to) hostmem::PopulateNow(v.data() + from, (to - from) * sizeof(T));
+    };
+    constexpr size_t kSlice = 131072; // records whose pages are asked for at once (a few MB a side)
+
+    auto geometry = [&] {
+        // The other side zeroes the normal list's tail at its end; its pages are taken here,
+        // first, so that the two never work on the same pages at once.
+        hostmem::PopulateNow(normalTail, normalTailBytes);
+        offsets.push_back(0);
+        struct Scratch {
+            float pts[kBlock * 9];
+            uint32_t fidx[kBlock * 3], offsets[kBlock];
+        };
+        auto s = std::make_unique<Scratch>();
+        for (size_t first = 0; first < count; first += kBlock) {
+            if (stopNow()) return;
+            if (first % kSlice == 0) {
+                populate(pts, first * 9, (first + kSlice) * 9);
+                populate(fidx, first * 3, (first + kSlice) * 3);
+                populate(offsets, first, first + kSlice + 1);
             }
-            for (int j = 0; j < 3; ++j) s->nvec[b * 3 + j] = LoadF32le(rec + 4 * j);
-            for (int j = 0; j < 9; ++j) s->pts[b * 9 + j] = LoadF32le(rec + 12 + 4 * j);
-            const uint32_t base = static_cast<uint32_t>(i) * 3;
-            s->fidx[b * 3] = base;
-            s->fidx[b * 3 + 1] = base + 1;
-            s->fidx[b * 3 + 2] = base + 2;
-            s->offsets[b] = base + 3;
-            s->nidx[b * 3] = s->nidx[b * 3 + 1] = s->nidx[b * 3 + 2] = static_cast<uint32_t>(i);
-            const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
-            if (attr >= 0x8000) {
-                s->cidx[b * 3] = s->cidx[b * 3 + 1] = s->cidx[b * 3 + 2] = k++;
-                s->cflags[b] = 0;
-                if (cpts.empty()) hostmem::ReserveLarge(cpts, count);
-                cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
-                                  static_cast<uint8_t>((attr >> 7) & 0x1F8));
-            } else {
-                s->cidx[b * 3] = s->cidx[b * 3 + 1] = s->cidx[b * 3 + 2] = 0;
-                s->cflags[b] = FACE_SKIP;
+            const size_t b = std::min(kBlock, count - first);
+            const uint8_t* rec = records + first * kRecord;
+            for (size_t j = 0; j < b; ++j, rec += kRecord) {
+                for (int q = 0; q < 9; ++q) s->pts[j * 9 + q] = LoadF32le(rec + 12 + 4 * q);
+                const uint32_t base = static_cast<uint32_t>(first + j) * 3;
+                s->fidx[j * 3] = base;
+                s->fidx[j * 3 + 1] = base + 1;
+                s->fidx[j * 3 + 2] = base + 2;
+                s->offsets[j] = base + 3;
             }
+            pts.insert(pts.end(), s->pts, s->pts + b * 9);
+            fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
+            offsets.insert(offsets.end(), s->offsets, s->offsets + b);
+            doneA.store(first + b, std::memory_order_relaxed);
+            releaseBehind();
         }
-        pts.insert(pts.end(), s->pts, s->pts + b * 9);
-        nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
-        offsets.insert(offsets.end(), s->offsets, s->offsets + b);
-        noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
-        fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
-        nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
-        materials.insert(materials.end(), b, NO_MATERIAL);
-        if (!cpts.empty()) {
-            // Faces before the first coloured one are uncoloured: indices 0, flagged.
-            if (cflags.empty()) {
-                hostmem::ReserveLarge(coffsets, count + 1);
-                hostmem::ReserveLarge(cidx, count * 3);
-                hostmem::ReserveLarge(cflags, count);
-                coffsets.assign(offsets.begin(), offsets.end() - static_cast<ptrdiff_t>(b));
-                cidx.assign(first * 3, 0);
-                cflags.assign(first, FACE_SKIP);
+    };
+
+    auto normalsAndColours = [&] {
+        struct Scratch {
+            float nvec[kBlock * 3];
+            uint32_t nidx[kBlock * 3], cidx[kBlock * 3], offsets[kBlock];
+            uint8_t cflags[kBlock];
+        };
+        auto s = std::make_unique<Scratch>();
+        uint32_t k = 0;
+        noffsets.push_back(0);
+        for (size_t first = 0; first < count; first += kBlock) {
+            if (stopNow()) return;
+            if (first % kSlice == 0) {
+                populate(nvec, first * 3, (first + kSlice) * 3);
+                populate(nidx, first * 3, (first + kSlice) * 3);
+                populate(noffsets, first, first + kSlice + 1);
+                if (!cflags.empty()) {
+                    populate(coffsets, first, first + kSlice + 1);
+                    populate(cidx, first * 3, (first + kSlice) * 3);
+                    populate(cflags, first, first + kSlice);
+                }
             }
-            coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
-            cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
-            cflags.insert(cflags.end(), s->cflags, s->cflags + b);
+            const size_t b = std::min(kBlock, count - first);
+            const uint8_t* rec = records + first * kRecord;
+            for (size_t j = 0; j < b; ++j, rec += kRecord) {
+                for (int q = 0; q < 3; ++q) s->nvec[j * 3 + q] = LoadF32le(rec + 4 * q);
+                const uint32_t i = static_cast<uint32_t>(first + j);
+                s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
+                s->offsets[j] = i * 3 + 3;
+                const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
+                if (attr >= 0x8000) {
+                    s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
+                    s->cflags[j] = 0;
+                    cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
+                                      static_cast<uint8_t>((attr >> 7) & 0x1F8));
+                } else {
+                    s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = 0;
+                    s->cflags[j] = FACE_SKIP;
+                }
+            }
+            nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
+            nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
+            noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
+            if (!cpts.empty()) {
+                // Faces before the first coloured one are uncoloured: indices 0, flagged.
+                if (cflags.empty()) {
+                    populate(coffsets, 0, first + kSlice + 1);
+                    populate(cidx, 0, (first + kSlice) * 3);
+                    populate(cflags, 0, first + kSlice);
+                    for (size_t f = 0; f <= first; ++f) coffsets.push_back(static_cast<uint32_t>(f * 3));
+                    cidx.assign(first * 3, 0);
+                    cflags.assign(first, FACE_SKIP);
+                }
+                coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
+                cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
+                cflags.insert(cflags.end(), s->cflags, s->cflags + b);
+            }
+            doneB.store(first + b, std::memory_order_relaxed);
+            releaseBehind();
         }
-        if (first == 0) startPopulate();
-        read += b;
-        populate.Progress(read, count);
-    }
-    populate.Stop();
-    if (read == 0 || ShouldCancelThread(0)) {
+        populate(materials, 0, count);
+        materials.assign(count, NO_MATERIAL);
+        populate(fflags, 0, count);
+        fflags.assign(count, 0);
+        populate(nflags, 0, count);
+        nflags.assign(count, 0);
+        // The normal list holds three entries per triangle; those behind the normals stay zero.
+        nvec.resize(count * 9, 0.0f);
+    };
+    hostmem::RunPair(geometry, normalsAndColours, count >= kPairFrom);
+    if (stop.load() || ShouldCancelThread(0)) {
         m_scene = nullptr;
         return nullptr;
     }
-    // The normal list holds three entries per triangle; those behind the normals stay zero.
-    nvec.resize(read * 9, 0.0f);
     obj->GetPointList()->Raw() = std::move(pts);
     normals->GetNormalVectorList()->Raw() = std::move(nvec);
-    fflags.assign(read, 0);
-    nflags.assign(read, 0);
     obj->GetFaceList()->Adopt(std::move(offsets), std::move(fidx), std::move(fflags), std::move(materials));
     normals->GetNormalFaceList()->Adopt(std::move(noffsets), std::move(nidx), std::move(nflags));
     obj->GetFaceList()->FreeExtra();

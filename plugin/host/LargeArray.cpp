@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <thread>
 
 #if defined(__linux__)
 #include <sys/mman.h>
@@ -63,74 +65,41 @@ void PopulateNow(void* p, size_t bytes) {
 #endif
 }
 
-void CPopulateAhead::Add(const void* p, size_t bytes) {
-    if (!p || bytes == 0 || Running()) return;
-    const uintptr_t b = reinterpret_cast<uintptr_t>(p);
-    m_ranges.push_back({b, b + bytes});
-    m_bytes += bytes;
-}
-
 namespace {
-constexpr size_t kSlice = size_t(1) << 20; // of all ranges together
-}
-
-void CPopulateAhead::Start() {
-#if defined(__linux__)
-    constexpr size_t kWorthIt = size_t(32) << 20; // below this a thread costs more than it saves
-    static const bool enabled = [] {
-        const char* v = std::getenv("ORBISCOPE_PREFAULT");
-        return !(v && std::strcmp(v, "0") == 0) && std::thread::hardware_concurrency() >= 2;
+bool SecondThreadAllowed() {
+    static const bool allowed = [] {
+        const char* v = std::getenv("ORBISCOPE_THREADS");
+        return !(v && std::strcmp(v, "1") == 0) && std::thread::hardware_concurrency() >= 2;
     }();
-    if (Running() || m_slices || m_bytes < kWorthIt) return;
-    m_slices = m_bytes / kSlice + 1;
-    m_ownNext = 0;
-    if (!enabled) return;
-    m_stop.store(false);
+    return allowed;
+}
+} // namespace
+
+void RunPair(const std::function<void()>& a, const std::function<void()>& b, bool parallel) {
+    std::exception_ptr errA, errB;
+    auto runB = [&] {
+        try {
+            b();
+        } catch (...) {
+            errB = std::current_exception();
+        }
+    };
+    std::thread t;
+    if (parallel && SecondThreadAllowed()) {
+        try {
+            t = std::thread(runB);
+        } catch (...) { // no thread to be had: b runs after a
+        }
+    }
     try {
-        m_thread = std::thread([this] { Run(); });
-    } catch (...) { // no thread to be had: the reader populates its own slices
+        a();
+    } catch (...) {
+        errA = std::current_exception();
     }
-#endif
-}
-
-void CPopulateAhead::Stop() {
-    m_stop.store(true, std::memory_order_relaxed);
-    if (m_thread.joinable()) m_thread.join();
-    m_ownNext = UINT32_MAX;
-}
-
-bool CPopulateAhead::PopulateSlice(size_t k) const {
-#if defined(__linux__)
-    for (const Range& r : m_ranges) {
-        const uintptr_t len = r.e - r.b;
-        const uintptr_t a = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * k / m_slices);
-        const uintptr_t z = r.b + static_cast<uintptr_t>(static_cast<uint64_t>(len) * (k + 1) / m_slices);
-        if (!AdviseInside(a, z, PageSize(), MADV_POPULATE_WRITE)) return false;
-    }
-    return true;
-#else
-    (void)k;
-    return false;
-#endif
-}
-
-void CPopulateAhead::PopulateOwn(uint32_t at) {
-    const size_t s = static_cast<size_t>(static_cast<uint64_t>(at) * m_slices / kScale);
-    m_ownNext = s + 1 < m_slices ? static_cast<uint32_t>((static_cast<uint64_t>(s) + 1) * kScale / m_slices) : UINT32_MAX;
-    if (m_ownNext == UINT32_MAX || s + 1 >= m_helperLow.load(std::memory_order_relaxed)) return;
-    if (!PopulateSlice(s + 1)) m_ownNext = UINT32_MAX;
-}
-
-void CPopulateAhead::Run() {
-    // Leaves a slice of room in front of the reader, which populates that one itself.
-    const uint64_t margin = kScale / m_slices + 1;
-    for (size_t k = m_slices; k-- > 0;) {
-        if (m_stop.load(std::memory_order_relaxed)) return;
-        const uint64_t from = static_cast<uint64_t>(k) * kScale / m_slices;
-        if (from <= m_done.load(std::memory_order_relaxed) + margin) return;
-        if (!PopulateSlice(k)) return;
-        m_helperLow.store(k, std::memory_order_relaxed);
-    }
+    if (t.joinable()) t.join();
+    else if (!errA) runB();
+    if (errA) std::rethrow_exception(errA);
+    if (errB) std::rethrow_exception(errB);
 }
 
 } // namespace hostmem

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -14,50 +17,68 @@ uint32_t Pattern(size_t i) { return static_cast<uint32_t>(i * 2654435761u) ^ 0x5
 
 } // namespace
 
-// The helper may only ever bring pages in: data already in the ranges, and data the
-// reader writes while the helper runs, must come out unchanged.
-TEST(PopulateAhead, NeverChangesWhatIsInTheRanges) {
-    const size_t n = size_t(24) << 20; // 96 MB of uint32_t over two arrays: above the helper's threshold
-    std::vector<uint32_t> filled(n / 2), filling;
-    for (size_t i = 0; i < filled.size(); ++i) filled[i] = Pattern(i);
-    filling.reserve(n / 2);
-    {
-        hostmem::CPopulateAhead populate;
-        populate.Add(filled.data(), filled.size() * sizeof(uint32_t));
-        populate.Add(filling.data(), filling.capacity() * sizeof(uint32_t));
-        populate.Start();
-        if (std::thread::hardware_concurrency() >= 2 && !std::getenv("ORBISCOPE_PREFAULT")) {
-            EXPECT_TRUE(populate.Running()); // else this test would prove nothing
+// Both halves run and finish before RunPair returns; asked to, with a second core, they
+// run at the same time (the first waits, up to two seconds, to see the second start).
+TEST(RunPair, RunsBothAndWaitsForBoth) {
+    const bool twoCores = std::thread::hardware_concurrency() >= 2 && !std::getenv("ORBISCOPE_THREADS");
+    for (bool parallel : {false, true}) {
+        std::vector<uint32_t> x, y;
+        std::atomic<bool> bStarted{false};
+        bool sawB = false;
+        auto fill = [](std::vector<uint32_t>& v, uint32_t salt) {
+            for (size_t i = 0; i < (size_t(1) << 20); ++i) v.push_back(Pattern(i) ^ salt);
+        };
+        auto a = [&] {
+            const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+            while (parallel && twoCores && !bStarted && std::chrono::steady_clock::now() < until)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            sawB = bStarted;
+            fill(x, 1);
+        };
+        auto b = [&] {
+            bStarted = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            fill(y, 2);
+        };
+        hostmem::RunPair(a, b, parallel);
+        ASSERT_EQ(x.size(), size_t(1) << 20);
+        ASSERT_EQ(y.size(), size_t(1) << 20);
+        for (size_t i = 0; i < x.size(); i += 4099) {
+            ASSERT_EQ(x[i], Pattern(i) ^ 1);
+            ASSERT_EQ(y[i], Pattern(i) ^ 2);
         }
-        // Give the helper time to work through much of the ranges while nothing is
-        // reported done, then fill the second array front to back as a reader would.
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        const size_t block = 1 << 16;
-        for (size_t i = 0; i < n / 2; i += block) {
-            for (size_t j = i; j < i + block && j < n / 2; ++j) filling.push_back(Pattern(j) + 1);
-            populate.Progress(filling.size(), n / 2);
-        }
-        populate.Stop();
-        EXPECT_FALSE(populate.Running());
-    }
-    ASSERT_EQ(filling.size(), n / 2);
-    for (size_t i = 0; i < n / 2; ++i) {
-        ASSERT_EQ(filled[i], Pattern(i)) << i;
-        ASSERT_EQ(filling[i], Pattern(i) + 1) << i;
+        EXPECT_EQ(sawB, parallel && twoCores) << parallel;
     }
 }
 
-// Small ranges are not worth a thread; a stopped helper can be stopped again and ranges
-// added after the start are ignored rather than raced on.
-TEST(PopulateAhead, SmallRangesStartNoThreadAndStopIsIdempotent) {
-    std::vector<char> small(1 << 20);
-    hostmem::CPopulateAhead populate;
-    populate.Add(small.data(), small.size());
-    populate.Start();
-    EXPECT_FALSE(populate.Running());
-    populate.Stop();
-    populate.Stop();
-    EXPECT_FALSE(populate.Running());
+// An exception on either side reaches the caller, and only after the other side is done
+// with what it shares with the caller.
+TEST(RunPair, PassesExceptionsOnAfterBothFinish) {
+    for (bool parallel : {false, true}) {
+        bool otherDone = false;
+        EXPECT_THROW(hostmem::RunPair(
+                         [&] {
+                             std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                             otherDone = true;
+                         },
+                         [] { throw std::runtime_error("b"); }, parallel),
+                     std::runtime_error);
+        EXPECT_TRUE(otherDone);
+        otherDone = false;
+        EXPECT_THROW(hostmem::RunPair([] { throw std::bad_alloc(); },
+                                      [&] {
+                                          std::this_thread::sleep_for(std::chrono::milliseconds(30));
+                                          otherDone = true;
+                                      },
+                                      parallel),
+                     std::bad_alloc);
+        // Run beside a, b has finished; run after a, it is not started once a has failed.
+        if (!parallel) {
+            EXPECT_FALSE(otherDone);
+        } else if (std::thread::hardware_concurrency() >= 2 && !std::getenv("ORBISCOPE_THREADS")) {
+            EXPECT_TRUE(otherDone);
+        }
+    }
 }
 
 // Populating up front is only a request for pages: what the array already holds, and

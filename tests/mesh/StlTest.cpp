@@ -225,10 +225,14 @@ TEST(StlRead, CancelledReadReportsCancel) {
     SetThreadCancelToken(&cancel);
     auto r = ReadBytes<CStlIo>(BinaryStl({kT0, kT1}), "c.stl");
     auto a = ReadBytes<CStlIo>(kAscii, "c2.stl");
+    // Big enough to be read by two threads: both see the request and stop.
+    auto big = ReadBytes<CStlIo>(BinaryStl(std::vector<Tri>(200000, kT1)), "c3.stl");
     SetThreadCancelToken(nullptr);
     EXPECT_FALSE(r.scene);
     EXPECT_EQ(r.error, IO_ERR_CANCELLED);
     EXPECT_EQ(r.level, LOG_INFO);
+    EXPECT_FALSE(big.scene);
+    EXPECT_EQ(big.error, IO_ERR_CANCELLED);
     EXPECT_FALSE(a.scene);
     EXPECT_EQ(a.error, IO_ERR_CANCELLED);
 }
@@ -441,19 +445,22 @@ TEST(StlRead, AsciiLineEndsAndEndsolidForms) {
 
 // Binary records are converted in blocks: a file longer than a block, with the first
 // colour well inside a later block, must come out as if read one record at a time.
-// n = 400,000 gives arrays big enough for the helper thread that populates them (see
-// hostmem::CPopulateAhead) to run beside the reader: every value is checked.
-class StlBinaryBlocks : public testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Sizes, StlBinaryBlocks, testing::Values(2500, 400000));
+// From 65,536 records the read runs on two threads (points and faces on one, normals and
+// colours on the other), asking for pages 131,072 records at a time; the colours start
+// inside the first slice or well past it. Every value is checked.
+class StlBinaryBlocks : public testing::TestWithParam<std::pair<int, int>> {};
+INSTANTIATE_TEST_SUITE_P(Sizes, StlBinaryBlocks,
+                         testing::Values(std::pair(2500, 1500), std::pair(400000, 1500), std::pair(400000, 200000)));
 
 TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
-    const int n = GetParam();
+    const int n = GetParam().first;
+    const int firstColour = GetParam().second;
     std::vector<Tri> tris(static_cast<size_t>(n));
     for (int i = 0; i < n; ++i) {
         Tri& t = tris[static_cast<size_t>(i)];
         for (int k = 0; k < 3; ++k) t.n[k] = static_cast<float>(i) + 0.25f * static_cast<float>(k);
         for (int k = 0; k < 9; ++k) t.v[k] = static_cast<float>(i * 9 + k);
-        t.attr = (i >= 1500 && i % 7 == 3) ? static_cast<uint16_t>(0x8000 | (i & 0x7FFF)) : static_cast<uint16_t>(i & 0x7FFF);
+        t.attr = (i >= firstColour && i % 7 == 3) ? static_cast<uint16_t>(0x8000 | (i & 0x7FFF)) : static_cast<uint16_t>(i & 0x7FFF);
     }
     auto r = ReadBytes<CStlIo>(BinaryStl(tris), "blocks.stl");
     ASSERT_TRUE(r.scene);
@@ -478,7 +485,7 @@ TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
         ASSERT_EQ(sn->GetNormalVectorList()->GetPoint(n + i).z, 0.0f) << i;
         const uint32_t u = static_cast<uint32_t>(i);
         ASSERT_EQ(FaceOf(*sn->GetNormalFaceList(), i), (std::vector<uint32_t>{u, u, u}));
-        const bool coloured = i >= 1500 && i % 7 == 3;
+        const bool coloured = i >= firstColour && i % 7 == 3;
         ASSERT_EQ(vc->GetVCFaceList()->IsFaceFlagSet(i, FACE_SKIP), !coloured) << i;
         const uint32_t c = coloured ? k++ : 0;
         ASSERT_EQ(FaceOf(*vc->GetVCFaceList(), i), (std::vector<uint32_t>{c, c, c})) << i;
