@@ -230,6 +230,15 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         if (from < to) hostmem::PopulateNow(v.data() + from, (to - from) * sizeof(T));
     };
     constexpr size_t kSlice = 131072; // records whose pages are asked for at once (a few MB a side)
+    // Each side walks all records a block at a time, asking for the pages of a slice as it
+    // enters it, until the read is cancelled.
+    auto eachBlock = [&](auto&& onSlice, auto&& onBlock) {
+        for (size_t first = 0; first < count; first += kBlock) {
+            if (stopNow()) return;
+            if (first % kSlice == 0) onSlice(first);
+            onBlock(first, std::min(kBlock, count - first), records + first * kRecord);
+        }
+    };
 
     auto geometry = [&] {
         // The other side zeroes the normal list's tail at its end; its pages are taken here,
@@ -241,29 +250,27 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
             uint32_t fidx[kBlock * 3], offsets[kBlock];
         };
         auto s = std::make_unique<Scratch>();
-        for (size_t first = 0; first < count; first += kBlock) {
-            if (stopNow()) return;
-            if (first % kSlice == 0) {
+        eachBlock(
+            [&](size_t first) {
                 populate(pts, first * 9, (first + kSlice) * 9);
                 populate(fidx, first * 3, (first + kSlice) * 3);
                 populate(offsets, first, first + kSlice + 1);
-            }
-            const size_t b = std::min(kBlock, count - first);
-            const uint8_t* rec = records + first * kRecord;
-            for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                for (int q = 0; q < 9; ++q) s->pts[j * 9 + q] = LoadF32le(rec + 12 + 4 * q);
-                const uint32_t base = static_cast<uint32_t>(first + j) * 3;
-                s->fidx[j * 3] = base;
-                s->fidx[j * 3 + 1] = base + 1;
-                s->fidx[j * 3 + 2] = base + 2;
-                s->offsets[j] = base + 3;
-            }
-            pts.insert(pts.end(), s->pts, s->pts + b * 9);
-            fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
-            offsets.insert(offsets.end(), s->offsets, s->offsets + b);
-            doneA.store(first + b, std::memory_order_relaxed);
-            releaseBehind();
-        }
+            },
+            [&](size_t first, size_t b, const uint8_t* rec) {
+                for (size_t j = 0; j < b; ++j, rec += kRecord) {
+                    for (int q = 0; q < 9; ++q) s->pts[j * 9 + q] = LoadF32le(rec + 12 + 4 * q);
+                    const uint32_t base = static_cast<uint32_t>(first + j) * 3;
+                    s->fidx[j * 3] = base;
+                    s->fidx[j * 3 + 1] = base + 1;
+                    s->fidx[j * 3 + 2] = base + 2;
+                    s->offsets[j] = base + 3;
+                }
+                pts.insert(pts.end(), s->pts, s->pts + b * 9);
+                fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
+                offsets.insert(offsets.end(), s->offsets, s->offsets + b);
+                doneA.store(first + b, std::memory_order_relaxed);
+                releaseBehind();
+            });
     };
 
     auto normalsAndColours = [&] {
@@ -275,9 +282,8 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         auto s = std::make_unique<Scratch>();
         uint32_t k = 0;
         noffsets.push_back(0);
-        for (size_t first = 0; first < count; first += kBlock) {
-            if (stopNow()) return;
-            if (first % kSlice == 0) {
+        eachBlock(
+            [&](size_t first) {
                 populate(nvec, first * 3, (first + kSlice) * 3);
                 populate(nidx, first * 3, (first + kSlice) * 3);
                 populate(noffsets, first, first + kSlice + 1);
@@ -286,45 +292,45 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                     populate(cidx, first * 3, (first + kSlice) * 3);
                     populate(cflags, first, first + kSlice);
                 }
-            }
-            const size_t b = std::min(kBlock, count - first);
-            const uint8_t* rec = records + first * kRecord;
-            for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                for (int q = 0; q < 3; ++q) s->nvec[j * 3 + q] = LoadF32le(rec + 4 * q);
-                const uint32_t i = static_cast<uint32_t>(first + j);
-                s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
-                s->offsets[j] = i * 3 + 3;
-                const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
-                if (attr >= 0x8000) {
-                    s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
-                    s->cflags[j] = 0;
-                    cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
-                                      static_cast<uint8_t>((attr >> 7) & 0x1F8));
-                } else {
-                    s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = 0;
-                    s->cflags[j] = FACE_SKIP;
+            },
+            [&](size_t first, size_t b, const uint8_t* rec) {
+                for (size_t j = 0; j < b; ++j, rec += kRecord) {
+                    for (int q = 0; q < 3; ++q) s->nvec[j * 3 + q] = LoadF32le(rec + 4 * q);
+                    const uint32_t i = static_cast<uint32_t>(first + j);
+                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
+                    s->offsets[j] = i * 3 + 3;
+                    const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
+                    if (attr >= 0x8000) {
+                        s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
+                        s->cflags[j] = 0;
+                        cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
+                                          static_cast<uint8_t>((attr >> 7) & 0x1F8));
+                    } else {
+                        s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = 0;
+                        s->cflags[j] = FACE_SKIP;
+                    }
                 }
-            }
-            nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
-            nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
-            noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
-            if (!cpts.empty()) {
-                // Faces before the first coloured one are uncoloured: indices 0, flagged.
-                if (cflags.empty()) {
-                    populate(coffsets, 0, first + kSlice + 1);
-                    populate(cidx, 0, (first + kSlice) * 3);
-                    populate(cflags, 0, first + kSlice);
-                    for (size_t f = 0; f <= first; ++f) coffsets.push_back(static_cast<uint32_t>(f * 3));
-                    cidx.assign(first * 3, 0);
-                    cflags.assign(first, FACE_SKIP);
+                nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
+                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
+                noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
+                if (!cpts.empty()) {
+                    // Faces before the first coloured one are uncoloured: indices 0, flagged.
+                    if (cflags.empty()) {
+                        populate(coffsets, 0, first + kSlice + 1);
+                        populate(cidx, 0, (first + kSlice) * 3);
+                        populate(cflags, 0, first + kSlice);
+                        for (size_t f = 0; f <= first; ++f) coffsets.push_back(static_cast<uint32_t>(f * 3));
+                        cidx.assign(first * 3, 0);
+                        cflags.assign(first, FACE_SKIP);
+                    }
+                    coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
+                    cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
+                    cflags.insert(cflags.end(), s->cflags, s->cflags + b);
                 }
-                coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
-                cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
-                cflags.insert(cflags.end(), s->cflags, s->cflags + b);
-            }
-            doneB.store(first + b, std::memory_order_relaxed);
-            releaseBehind();
-        }
+                doneB.store(first + b, std::memory_order_relaxed);
+                releaseBehind();
+            });
+        if (stop.load(std::memory_order_relaxed)) return;
         populate(materials, 0, count);
         materials.assign(count, NO_MATERIAL);
         populate(fflags, 0, count);
