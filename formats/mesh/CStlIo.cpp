@@ -316,9 +316,11 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                 if (!cpts.empty()) {
                     // Faces before the first coloured one are uncoloured: indices 0, flagged.
                     if (cflags.empty()) {
-                        populate(coffsets, 0, first + kSlice + 1);
-                        populate(cidx, 0, (first + kSlice) * 3);
-                        populate(cflags, 0, first + kSlice);
+                        // Up to the next slice, whose pages come with the others' there.
+                        const size_t sliceEnd = (first / kSlice + 1) * kSlice;
+                        populate(coffsets, 0, sliceEnd + 1);
+                        populate(cidx, 0, sliceEnd * 3);
+                        populate(cflags, 0, sliceEnd);
                         for (size_t f = 0; f <= first; ++f) coffsets.push_back(static_cast<uint32_t>(f * 3));
                         cidx.assign(first * 3, 0);
                         cflags.assign(first, FACE_SKIP);
