@@ -142,7 +142,8 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
                 m.type = lxoid::NORM;
                 m.dim = 3;
                 m.name = Utf8Name(nc->GetName(), "Vertex Normal");
-                m.values = nc->GetNormalVectorList()->Raw();
+                const auto& raw = nc->GetNormalVectorList()->Raw();
+                m.values.assign(raw.begin(), raw.end());
                 break;
             }
             default:

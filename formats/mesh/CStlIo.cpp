@@ -185,11 +185,13 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     // block from a small scratch area writes each byte of a 100 MB mesh once, where
     // sizing the lists first would zero it all and then write it again. Most of the read
     // is the kernel handing out the arrays' pages, so two threads share it: one builds the
-    // points and the mesh faces, the other the normals, the colours and the rest, each
-    // asking for its pages a slice at a time just before writing them (still in cache).
+    // points and the mesh's vertex indices, the other the face offsets, the normals, the
+    // colours and the rest, each asking for its pages a slice at a time just before writing
+    // them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     const uint8_t* const records = c.current();
-    std::vector<float> pts, nvec;
+    std::vector<float> pts;
+    hostmem::ZeroedArray<float> nvec;
     std::vector<uint32_t> offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
     std::vector<uint8_t> cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;
@@ -208,6 +210,10 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     hostmem::ReserveLarge(cidx, count * 3);
     hostmem::ReserveLarge(cflags, count);
     hostmem::ReserveLarge(cpts, count);
+    // The normal list holds three entries per triangle. Those behind the first `count`
+    // stay zero, in pages nobody touches (a fifth of the read's memory); the others are
+    // written in place below.
+    nvec.resize(count * 9);
     std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
     std::atomic<bool> stop{false};
     // Both sides read every record: the file's pages are given back behind the slower one.
@@ -218,8 +224,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         release.At(reinterpret_cast<const char*>(
             records + std::min(doneA.load(std::memory_order_relaxed), doneB.load(std::memory_order_relaxed)) * kRecord));
     };
-    float* const normalTail = nvec.data() + count * 3;  // zeroed at the end, populated by the other side
-    const size_t normalTailBytes = count * 6 * sizeof(float);
     auto stopNow = [&] {
         if (cancel && cancel->load(std::memory_order_relaxed)) stop.store(true, std::memory_order_relaxed);
         return stop.load(std::memory_order_relaxed);
@@ -241,20 +245,15 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     };
 
     auto geometry = [&] {
-        // The other side zeroes the normal list's tail at its end; its pages are taken here,
-        // first, so that the two never work on the same pages at once.
-        hostmem::PopulateNow(normalTail, normalTailBytes);
-        offsets.push_back(0);
         struct Scratch {
             float pts[kBlock * 9];
-            uint32_t fidx[kBlock * 3], offsets[kBlock];
+            uint32_t fidx[kBlock * 3];
         };
         auto s = std::make_unique<Scratch>();
         eachBlock(
             [&](size_t first) {
                 populate(pts, first * 9, (first + kSlice) * 9);
                 populate(fidx, first * 3, (first + kSlice) * 3);
-                populate(offsets, first, first + kSlice + 1);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t j = 0; j < b; ++j, rec += kRecord) {
@@ -263,11 +262,9 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                     s->fidx[j * 3] = base;
                     s->fidx[j * 3 + 1] = base + 1;
                     s->fidx[j * 3 + 2] = base + 2;
-                    s->offsets[j] = base + 3;
                 }
                 pts.insert(pts.end(), s->pts, s->pts + b * 9);
                 fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
-                offsets.insert(offsets.end(), s->offsets, s->offsets + b);
                 doneA.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });
@@ -275,18 +272,20 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 
     auto normalsAndColours = [&] {
         struct Scratch {
-            float nvec[kBlock * 3];
-            uint32_t nidx[kBlock * 3], cidx[kBlock * 3], offsets[kBlock];
+            uint32_t cidx[kBlock * 3], offsets[kBlock], nidx[kBlock * 3];
             uint8_t cflags[kBlock];
         };
         auto s = std::make_unique<Scratch>();
+        float* const normalAt = nvec.data();
         uint32_t k = 0;
         noffsets.push_back(0);
+        offsets.push_back(0);
         eachBlock(
             [&](size_t first) {
                 populate(nvec, first * 3, (first + kSlice) * 3);
-                populate(nidx, first * 3, (first + kSlice) * 3);
                 populate(noffsets, first, first + kSlice + 1);
+                populate(offsets, first, first + kSlice + 1);
+                populate(nidx, first * 3, (first + kSlice) * 3);
                 if (!cflags.empty()) {
                     populate(coffsets, first, first + kSlice + 1);
                     populate(cidx, first * 3, (first + kSlice) * 3);
@@ -295,10 +294,10 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                    for (int q = 0; q < 3; ++q) s->nvec[j * 3 + q] = LoadF32le(rec + 4 * q);
+                    for (int q = 0; q < 3; ++q) normalAt[(first + j) * 3 + q] = LoadF32le(rec + 4 * q);
                     const uint32_t i = static_cast<uint32_t>(first + j);
-                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
                     s->offsets[j] = i * 3 + 3;
+                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
                     const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
                     if (attr >= 0x8000) {
                         s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
@@ -310,9 +309,9 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                         s->cflags[j] = FACE_SKIP;
                     }
                 }
-                nvec.insert(nvec.end(), s->nvec, s->nvec + b * 3);
-                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
                 noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
+                offsets.insert(offsets.end(), s->offsets, s->offsets + b);
+                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
                 if (!cpts.empty()) {
                     // Faces before the first coloured one are uncoloured: indices 0, flagged.
                     if (cflags.empty()) {
@@ -339,8 +338,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         fflags.assign(count, 0);
         populate(nflags, 0, count);
         nflags.assign(count, 0);
-        // The normal list holds three entries per triangle; those behind the normals stay zero.
-        nvec.resize(count * 9, 0.0f);
     };
     hostmem::RunPair(geometry, normalsAndColours, count >= kPairFrom);
     if (stop.load() || ShouldCancelThread(0)) {

@@ -7,8 +7,9 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/Math3D.h"
 
-// A list of 3-float points stored flat (x0 y0 z0 x1 ...).
-class C3DPointList {
+// A list of 3-float points stored flat (x0 y0 z0 x1 ...), in a std::vector-like `Store`.
+template <class Store>
+class CPointTriples {
 public:
     int GetSize() const { return static_cast<int>(m_xyz.size() / 3); }
     size_t size() const { return m_xyz.size() / 3; }
@@ -37,8 +38,8 @@ public:
     void FreeExtra() { m_xyz.shrink_to_fit(); }
     float* GetData() { return m_xyz.data(); }
     const float* GetData() const { return m_xyz.data(); }
-    std::vector<float>& Raw() { return m_xyz; }
-    const std::vector<float>& Raw() const { return m_xyz; }
+    Store& Raw() { return m_xyz; }
+    const Store& Raw() const { return m_xyz; }
     // Transforms every point as a position.
     void MatrixTransform(const C4x4Matrix& m);
     // Transforms every entry as a direction and renormalises (normal lists).
@@ -46,11 +47,14 @@ public:
     C3DBox GetBoundingBox() const;
     size_t MemoryBytes() const { return m_xyz.capacity() * sizeof(float); }
 private:
-    std::vector<float> m_xyz;
+    Store m_xyz;
 };
 
-using CUVWPointList = C3DPointList;   // u, v, w
-using C3DVectorList = C3DPointList;   // normals and other directions
+using C3DPointList = CPointTriples<std::vector<float>>;
+using CUVWPointList = C3DPointList; // u, v, w
+// Normals and other directions: a reader can size a list it fills only in part without
+// touching the pages of the rest (see hostmem::ZeroedArray).
+using C3DVectorList = CPointTriples<hostmem::ZeroedArray<float>>;
 
 class CVCPointList {
 public:

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -10,6 +11,11 @@
 #include <vector>
 
 #include "plugin/host/LargeArray.h"
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 namespace {
 
@@ -92,3 +98,60 @@ TEST(PopulateNow, LeavesContentsAndSizeAlone) {
     hostmem::PopulateNow(v.data(), v.capacity() * sizeof(uint32_t));
     for (size_t i = 0; i < v.size(); ++i) ASSERT_EQ(v[i], Pattern(i)) << i;
 }
+
+// Random edits applied to a ZeroedArray and to a std::vector side by side must leave the
+// same contents: in particular, elements that come back after a shrink are zero again.
+TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
+    hostmem::ZeroedArray<float> z;
+    std::vector<float> v;
+    uint32_t seed = 12345;
+    auto next = [&] { return seed = seed * 1103515245u + 12345u, seed >> 8; };
+    for (int step = 0; step < 4000; ++step) {
+        const uint32_t op = next() % 9, r = next();
+        const float x = static_cast<float>(r % 1000) + 0.5f;
+        switch (op) {
+        case 0:
+        case 1: z.push_back(x); v.push_back(x); break;
+        case 2: { const size_t n = r % 300; z.resize(n); v.resize(n); break; }
+        case 3: { // insert anywhere
+            const float src[3] = {x, x + 1, x + 2};
+            const size_t at = v.empty() ? 0 : r % (v.size() + 1), n = r % 4;
+            z.insert(z.begin() + at, src, src + n);
+            v.insert(v.begin() + static_cast<std::ptrdiff_t>(at), src, src + n);
+            break;
+        }
+        case 4: if (r % 8 == 0) { z.clear(); v.clear(); } break;
+        case 5: if (r % 4 == 0) { z.shrink_to_fit(); v.shrink_to_fit(); } break;
+        case 6: z.reserve(r % 600); break;
+        case 7: if (!v.empty()) { const size_t i = r % v.size(); z[i] = x; v[i] = x; } break;
+        case 8: { hostmem::ZeroedArray<float> c(z); z = r % 2 ? c : std::move(c); break; }
+        }
+        ASSERT_EQ(z.size(), v.size()) << "step " << step;
+        ASSERT_GE(z.capacity(), z.size());
+        ASSERT_TRUE(std::equal(v.begin(), v.end(), z.begin())) << "step " << step << " op " << op;
+    }
+}
+
+#if defined(__linux__)
+// Sizing up a freshly reserved array writes nothing: the pages behind what was written are
+// not even taken from the kernel, and they read as zero.
+TEST(ZeroedArray, GrowingOverFreshMemoryLeavesItsPagesUntouched) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE)), n = (size_t(64) << 20) / sizeof(float);
+    hostmem::ZeroedArray<float> z;
+    z.reserve(n);
+    auto resident = [&](size_t fromByte, size_t toByte) {
+        const uintptr_t b = (reinterpret_cast<uintptr_t>(z.data()) + fromByte + page - 1) / page * page;
+        const uintptr_t e = (reinterpret_cast<uintptr_t>(z.data()) + toByte) / page * page;
+        std::vector<unsigned char> in((e - b) / page);
+        EXPECT_EQ(mincore(reinterpret_cast<void*>(b), e - b, in.data()), 0);
+        return static_cast<size_t>(std::count_if(in.begin(), in.end(), [](unsigned char c) { return c & 1; }));
+    };
+    if (resident(0, n * sizeof(float)) != 0) GTEST_SKIP() << "the allocator handed out memory already in use";
+    z.resize(n / 4);
+    std::fill(z.begin(), z.end(), 1.0f);
+    z.resize(n);
+    EXPECT_EQ(resident(n * sizeof(float) / 4 + page, n * sizeof(float)), 0u);
+    EXPECT_TRUE(std::all_of(z.begin() + static_cast<std::ptrdiff_t>(n / 4), z.end(), [](float f) { return f == 0.0f; }));
+    EXPECT_EQ(z[n / 4 - 1], 1.0f);
+}
+#endif

@@ -128,7 +128,8 @@ inline std::string DumpFaces(const char* tag, const CFaceList& fl) {
     }
     return out + "\n";
 }
-inline std::string DumpPoints(const char* tag, const C3DPointList& pl) {
+template <class List> // C3DPointList or C3DVectorList
+std::string DumpPoints(const char* tag, const List& pl) {
     std::string out = tag;
     char b[32];
     for (float f : pl.Raw()) {
