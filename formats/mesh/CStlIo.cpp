@@ -190,8 +190,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     // them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     const uint8_t* const records = c.current();
-    std::vector<float> pts;
-    hostmem::ZeroedArray<float> nvec;
+    hostmem::ZeroedArray<float> pts, nvec;
     std::vector<uint32_t> offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
     std::vector<uint8_t> cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;

@@ -221,7 +221,7 @@ private:
     bool m_hasPendingNodeId = false;
 
     uint64_t m_nv = 0, m_nt = 0, m_nn = 0, m_nf = 0;
-    std::vector<float> m_v, m_t, m_n;
+    hostmem::ZeroedArray<float> m_v, m_t, m_n; // zero where a line gives fewer numbers
     uint64_t m_readV = 0, m_readT = 0, m_readN = 0;
     bool m_cancelled = false;
     bool m_warned = false;
@@ -733,9 +733,9 @@ bool CObjParser::FillPass() {
     hostmem::ReserveFilled(m_v, static_cast<size_t>(m_nv + 1) * 3);
     hostmem::ReserveFilled(m_t, static_cast<size_t>(m_nt + 1) * 2);
     hostmem::ReserveFilled(m_n, static_cast<size_t>(m_nn + 1) * 3);
-    m_v.assign(static_cast<size_t>(m_nv + 1) * 3, 0.0f);
-    m_t.assign(static_cast<size_t>(m_nt + 1) * 2, 0.0f);
-    m_n.assign(static_cast<size_t>(m_nn + 1) * 3, 0.0f);
+    m_v.resize(static_cast<size_t>(m_nv + 1) * 3);
+    m_t.resize(static_cast<size_t>(m_nt + 1) * 2);
+    m_n.resize(static_cast<size_t>(m_nn + 1) * 3);
     m_current = GroupFor("default");
     m_release.Reset();
     const char* p = m_text.data();

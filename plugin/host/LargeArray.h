@@ -127,12 +127,17 @@ public:
         m_written = std::max(m_written, m_size);
         return dst;
     }
+    template <class It>
+    void assign(It first, It last) {
+        clear();
+        insert(end(), first, last);
+    }
     friend bool operator==(const ZeroedArray& a, const ZeroedArray& b) {
         return a.m_size == b.m_size && std::equal(a.begin(), a.end(), b.begin());
     }
 
 private:
-    size_t Grown() const { return m_cap < 8 ? 8 : (m_cap > SIZE_MAX / 2 / sizeof(T) ? m_cap + 1 : m_cap * 2); }
+    size_t Grown() const { return m_cap < 8 ? 8 : (m_cap > PTRDIFF_MAX / 2 / sizeof(T) ? m_cap + 1 : m_cap * 2); }
     void Put(const T& v) {
         m_p[m_size++] = v;
         m_written = std::max(m_written, m_size);
@@ -144,7 +149,7 @@ private:
     void Reallocate(size_t cap) {
         T* p = nullptr;
         if (cap) {
-            if (cap > SIZE_MAX / sizeof(T)) throw std::bad_array_new_length();
+            if (cap > PTRDIFF_MAX / sizeof(T)) throw std::bad_array_new_length();
             p = static_cast<T*>(std::calloc(cap, sizeof(T)));
             if (!p) throw std::bad_alloc();
             if (m_size) std::memcpy(p, m_p, m_size * sizeof(T));

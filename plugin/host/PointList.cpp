@@ -1,7 +1,6 @@
 #include "plugin/host/PointList.h"
 
-template <class Store>
-void CPointTriples<Store>::MatrixTransform(const C4x4Matrix& m) {
+void C3DPointList::MatrixTransform(const C4x4Matrix& m) {
     const size_t n = size();
     for (size_t i = 0; i < n; ++i) {
         float* p = &m_xyz[i * 3];
@@ -10,8 +9,7 @@ void CPointTriples<Store>::MatrixTransform(const C4x4Matrix& m) {
     }
 }
 
-template <class Store>
-void CPointTriples<Store>::MatrixTransformNormals(const C4x4Matrix& m) {
+void C3DPointList::MatrixTransformNormals(const C4x4Matrix& m) {
     // Normals transform by the inverse transpose; with row vectors that is v * (M^-1)^T.
     C4x4Matrix inv;
     if (!m.Invert(inv)) return;
@@ -26,13 +24,9 @@ void CPointTriples<Store>::MatrixTransformNormals(const C4x4Matrix& m) {
     }
 }
 
-template <class Store>
-C3DBox CPointTriples<Store>::GetBoundingBox() const {
+C3DBox C3DPointList::GetBoundingBox() const {
     C3DBox b;
     const size_t n = size();
     for (size_t i = 0; i < n; ++i) b.Add({m_xyz[i * 3], m_xyz[i * 3 + 1], m_xyz[i * 3 + 2]});
     return b;
 }
-
-template class CPointTriples<std::vector<float>>;
-template class CPointTriples<hostmem::ZeroedArray<float>>;

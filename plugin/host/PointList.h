@@ -7,9 +7,8 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/Math3D.h"
 
-// A list of 3-float points stored flat (x0 y0 z0 x1 ...), in a std::vector-like `Store`.
-template <class Store>
-class CPointTriples {
+// A list of 3-float points stored flat (x0 y0 z0 x1 ...).
+class C3DPointList {
 public:
     int GetSize() const { return static_cast<int>(m_xyz.size() / 3); }
     size_t size() const { return m_xyz.size() / 3; }
@@ -38,8 +37,8 @@ public:
     void FreeExtra() { m_xyz.shrink_to_fit(); }
     float* GetData() { return m_xyz.data(); }
     const float* GetData() const { return m_xyz.data(); }
-    Store& Raw() { return m_xyz; }
-    const Store& Raw() const { return m_xyz; }
+    hostmem::ZeroedArray<float>& Raw() { return m_xyz; }
+    const hostmem::ZeroedArray<float>& Raw() const { return m_xyz; }
     // Transforms every point as a position.
     void MatrixTransform(const C4x4Matrix& m);
     // Transforms every entry as a direction and renormalises (normal lists).
@@ -47,14 +46,12 @@ public:
     C3DBox GetBoundingBox() const;
     size_t MemoryBytes() const { return m_xyz.capacity() * sizeof(float); }
 private:
-    Store m_xyz;
+    // Sizing a list writes zeros only where something was written before (see ZeroedArray).
+    hostmem::ZeroedArray<float> m_xyz;
 };
 
-using C3DPointList = CPointTriples<std::vector<float>>;
-using CUVWPointList = C3DPointList; // u, v, w
-// Normals and other directions: a reader can size a list it fills only in part without
-// touching the pages of the rest (see hostmem::ZeroedArray).
-using C3DVectorList = CPointTriples<hostmem::ZeroedArray<float>>;
+using CUVWPointList = C3DPointList;   // u, v, w
+using C3DVectorList = C3DPointList;   // normals and other directions
 
 class CVCPointList {
 public:

@@ -128,8 +128,7 @@ inline std::string DumpFaces(const char* tag, const CFaceList& fl) {
     }
     return out + "\n";
 }
-template <class List> // C3DPointList or C3DVectorList
-std::string DumpPoints(const char* tag, const List& pl) {
+inline std::string DumpPoints(const char* tag, const C3DPointList& pl) {
     std::string out = tag;
     char b[32];
     for (float f : pl.Raw()) {

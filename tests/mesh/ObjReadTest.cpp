@@ -290,7 +290,7 @@ namespace {
 std::string Describe(C3DScene& s) {
     std::string out;
     auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
-    auto points = [&](const char* tag, const auto& pl) { out += DumpPoints(tag, pl); };
+    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     for (C3DSceneNode* n : Nodes(s)) {
         out += "node " + WideToUtf8(n->GetName().view()) + " id " + std::to_string(n->GetNodeID()) + "\n";
         auto* g = static_cast<C3DGeomObject*>(n->GetBaseObject());

@@ -327,7 +327,7 @@ namespace {
 std::string DescribeStl(C3DScene& s) {
     std::string out;
     auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
-    auto points = [&](const char* tag, const auto& pl) { out += DumpPoints(tag, pl); };
+    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     C3DSceneNode* node = nullptr;
     C3DGeomObject* g = FirstMesh(s, &node);
     if (!g) return "no mesh";
