@@ -354,8 +354,11 @@ bool CObjParser::CountPass() {
 } // namespace
 
 // 64 bytes per step: line starts and token starts come out of two bit masks, so a line
-// costs a few instructions rather than a scan of its own.
-const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll, void* ctx) {
+// costs a few instructions rather than a scan of its own. K gives the masks and counts
+// their bits; the body is inlined into each caller so that it takes the caller's target.
+template <class K>
+[[gnu::always_inline]] inline const char* CountLinesWith(const char* p, const char* end, ObjLineCounts& c,
+                                                         ObjCountPoll poll, void* ctx) {
     constexpr int kPollBlocks = 32;
     uint64_t prevBreak = 1, prevSpace = 1; // p starts a line or is on a break
     bool inFace = false;                   // the block starts inside an "f" line
@@ -370,7 +373,7 @@ const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjC
             blk = pad;
         }
         uint64_t brk, spc;
-        textscan::ClassifyBlock64(blk, brk, spc);
+        K::Classify(blk, brk, spc);
         const uint64_t starts = ~brk & ((brk << 1) | prevBreak);
         // Bits of "f" lines after their "f", up to the line end.
         uint64_t region = inFace ? (brk ? (brk & (0 - brk)) - 1 : ~uint64_t(0)) : 0;
@@ -400,7 +403,7 @@ const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjC
         }
         // A token starts at a non-space after a space; the "f" itself counts as a space.
         const uint64_t tokens = ~spc & (((spc | fStarts) << 1) | prevSpace);
-        c.faceTokens += textscan::PopCount64(tokens & region);
+        c.faceTokens += K::Pop(tokens & region);
         if (stop) return stop;
         prevBreak = brk >> 63;
         prevSpace = ((spc | fStarts) >> 63) & 1;
@@ -412,6 +415,36 @@ const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjC
         }
     }
     return end;
+}
+
+namespace {
+struct PortableCount {
+    static void Classify(const char* p, uint64_t& b, uint64_t& s) { textscan::ClassifyBlock64(p, b, s); }
+    static unsigned Pop(uint64_t x) { return textscan::PopCount64(x); }
+};
+#if defined(TEXTSCAN_HAVE_AVX2_PATH)
+// Not always_inline: they inline once the body sits in CountAvx2, whose target covers theirs.
+struct Avx2Count {
+    [[gnu::target("avx2")]] static void Classify(const char* p, uint64_t& b, uint64_t& s) {
+        textscan::ClassifyBlock64Avx2(p, b, s);
+    }
+    [[gnu::target("popcnt")]] static unsigned Pop(uint64_t x) { return textscan::PopCount64Hw(x); }
+};
+[[gnu::target("avx2,popcnt,bmi")]] const char* CountAvx2(const char* p, const char* end, ObjLineCounts& c,
+                                                         ObjCountPoll poll, void* ctx) {
+    return CountLinesWith<Avx2Count>(p, end, c, poll, ctx);
+}
+#endif
+} // namespace
+
+const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll, void* ctx,
+                          bool portable) {
+#if defined(TEXTSCAN_HAVE_AVX2_PATH)
+    if (!portable && textscan::HaveAvx2()) return CountAvx2(p, end, c, poll, ctx);
+#else
+    (void)portable;
+#endif
+    return CountLinesWith<PortableCount>(p, end, c, poll, ctx);
 }
 
 namespace {

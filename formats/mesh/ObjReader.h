@@ -45,9 +45,11 @@ struct ObjLineCounts {
 // starts with "g", "o" or "m" (any case), whose start is returned, or to `end`. Lines end
 // at '\n' or '\r'. `poll` is called every few KiB with the position reached; when it
 // returns true the count stops there and `end` is returned.
+// The count runs on AVX2 where the processor has it; `portable` keeps it to SSE2 (tests
+// check that both give the same).
 using ObjCountPoll = bool (*)(void* ctx, const char* at);
 const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll = nullptr,
-                          void* ctx = nullptr);
+                          void* ctx = nullptr, bool portable = false);
 
 // Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
 // its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.

@@ -23,6 +23,10 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <immintrin.h>
+#define TEXTSCAN_HAVE_AVX2_PATH 1
+#endif
 
 namespace textscan {
 
@@ -241,6 +245,33 @@ inline void ClassifyBlock64(const char* p, uint64_t& breaks, uint64_t& spaces) {
     breaks = b;
     spaces = s;
 }
+
+#if defined(TEXTSCAN_HAVE_AVX2_PATH)
+// ClassifyBlock64 in two 32-byte steps, for callers built for AVX2 (a function with the
+// same target that has checked the processor: HaveAvx2()).
+[[gnu::target("avx2")]] inline void ClassifyBlock64Avx2(const char* p, uint64_t& breaks, uint64_t& spaces) {
+    uint64_t b = 0, s = 0;
+    for (int k = 0; k < 2; ++k) {
+        const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32 * k));
+        const __m256i br =
+            _mm256_or_si256(_mm256_cmpeq_epi8(x, _mm256_set1_epi8('\n')), _mm256_cmpeq_epi8(x, _mm256_set1_epi8('\r')));
+        const __m256i ctl = _mm256_and_si256(_mm256_cmpgt_epi8(x, _mm256_set1_epi8('\t' - 1)),
+                                             _mm256_cmpgt_epi8(_mm256_set1_epi8('\r' + 1), x));
+        const __m256i sp = _mm256_or_si256(_mm256_cmpeq_epi8(x, _mm256_set1_epi8(' ')), ctl);
+        b |= uint64_t(static_cast<uint32_t>(_mm256_movemask_epi8(br))) << (32 * k);
+        s |= uint64_t(static_cast<uint32_t>(_mm256_movemask_epi8(sp))) << (32 * k);
+    }
+    breaks = b;
+    spaces = s;
+}
+[[gnu::target("popcnt")]] inline unsigned PopCount64Hw(uint64_t x) { return static_cast<unsigned>(__builtin_popcountll(x)); }
+// True when the processor runs AVX2, POPCNT and BMI1 code.
+inline bool HaveAvx2() {
+    static const bool have =
+        __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt") && __builtin_cpu_supports("bmi");
+    return have;
+}
+#endif
 
 // The leading run of ASCII digits in the eight bytes at p: its length n (0-8) and its
 // value. A byte is a digit when its high nibble is 3 and adding 6 leaves it so; carries
