@@ -115,10 +115,17 @@ public:
             Put(v);
         }
     }
-    // Copies [first, last) in at pos; the range must not lie in this array.
+    // Copies [first, last) in at pos.
     template <class It>
     T* insert(const T* pos, It first, It last) {
         const size_t at = static_cast<size_t>(pos - m_p), n = static_cast<size_t>(std::distance(first, last));
+        if constexpr (std::is_pointer_v<It>) {
+            const std::less<const T*> before;
+            if (n && before(first, m_p + m_size) && before(m_p, last)) { // a range of this array: copied first
+                const std::vector<T> copy(first, last);
+                return insert(pos, copy.data(), copy.data() + n);
+            }
+        }
         if (n > m_cap - m_size) Reallocate(std::max(m_size + n, Grown()));
         T* const dst = m_p + at;
         if (at < m_size) std::memmove(dst + n, dst, (m_size - at) * sizeof(T));

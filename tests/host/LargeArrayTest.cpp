@@ -120,7 +120,18 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
             v.insert(v.begin() + static_cast<std::ptrdiff_t>(at), src, src + n);
             break;
         }
-        case 4: if (r % 8 == 0) { z.clear(); v.clear(); } break;
+        case 4:
+            if (r % 8 == 0) {
+                z.clear();
+                v.clear();
+            } else if (!v.empty()) { // a piece of itself, copied in (the array may move meanwhile)
+                const size_t from = r % v.size(), n = std::min<size_t>(v.size() - from, 1 + r % 5), at = r % (v.size() + 1);
+                const std::vector<float> piece(v.begin() + static_cast<std::ptrdiff_t>(from),
+                                               v.begin() + static_cast<std::ptrdiff_t>(from + n));
+                z.insert(z.begin() + at, z.begin() + from, z.begin() + from + n);
+                v.insert(v.begin() + static_cast<std::ptrdiff_t>(at), piece.begin(), piece.end());
+            }
+            break;
         case 5: if (r % 4 == 0) { z.shrink_to_fit(); v.shrink_to_fit(); } break;
         case 6: z.reserve(r % 600); break;
         case 7: if (!v.empty()) { const size_t i = r % v.size(); z[i] = x; v[i] = x; } break;
