@@ -181,11 +181,12 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     obj->SetPointList(new C3DPointList(), true);
     obj->SetFaceList(new C3DFaceList(), true);
 
-    // The arrays are built here and handed to the lists whole: filling them block by
-    // block from a small scratch area writes each byte of a 100 MB mesh once, where
-    // sizing the lists first would zero it all and then write it again. Most of the read
-    // is the kernel handing out the arrays' pages, so two threads share it: one builds the
-    // points and the mesh's vertex indices, the other the face offsets, the normals, the
+    // The arrays are built here and handed to the lists whole, each byte written once: the
+    // point and normal lists are sized up front (which writes nothing, see ZeroedArray) and
+    // filled in place, the others filled block by block from a small scratch area, where
+    // sizing them first would zero them and then write them again. Most of the read is the
+    // kernel handing out the arrays' pages, so two threads share it: one builds the points
+    // and the vertex and normal indices, the other the face offsets, the normals, the
     // colours and the rest, each asking for its pages a slice at a time just before writing
     // them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
@@ -209,9 +210,11 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     hostmem::ReserveLarge(cidx, count * 3);
     hostmem::ReserveLarge(cflags, count);
     hostmem::ReserveLarge(cpts, count);
-    // The normal list holds three entries per triangle. Those behind the first `count`
-    // stay zero, in pages nobody touches (a fifth of the read's memory); the others are
-    // written in place below.
+    // Sized without writing anything (see ZeroedArray): the points and the first `count`
+    // normals are written in place below. The normal list holds three entries per triangle;
+    // those behind the first `count` stay zero, in pages nobody touches (a fifth of the
+    // read's memory).
+    pts.resize(count * 9);
     nvec.resize(count * 9);
     std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
     std::atomic<bool> stop{false};
@@ -245,25 +248,28 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 
     auto geometry = [&] {
         struct Scratch {
-            float pts[kBlock * 9];
-            uint32_t fidx[kBlock * 3];
+            uint32_t fidx[kBlock * 3], nidx[kBlock * 3];
         };
         auto s = std::make_unique<Scratch>();
+        float* const pointAt = pts.data();
         eachBlock(
             [&](size_t first) {
                 populate(pts, first * 9, (first + kSlice) * 9);
                 populate(fidx, first * 3, (first + kSlice) * 3);
+                populate(nidx, first * 3, (first + kSlice) * 3);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                    for (int q = 0; q < 9; ++q) s->pts[j * 9 + q] = LoadF32le(rec + 12 + 4 * q);
+                    for (int q = 0; q < 9; ++q) pointAt[(first + j) * 9 + q] = LoadF32le(rec + 12 + 4 * q);
                     const uint32_t base = static_cast<uint32_t>(first + j) * 3;
                     s->fidx[j * 3] = base;
                     s->fidx[j * 3 + 1] = base + 1;
                     s->fidx[j * 3 + 2] = base + 2;
+                    const uint32_t i = static_cast<uint32_t>(first + j);
+                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
                 }
-                pts.insert(pts.end(), s->pts, s->pts + b * 9);
                 fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
+                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
                 doneA.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });
@@ -271,7 +277,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
 
     auto normalsAndColours = [&] {
         struct Scratch {
-            uint32_t cidx[kBlock * 3], offsets[kBlock], nidx[kBlock * 3];
+            uint32_t cidx[kBlock * 3], offsets[kBlock];
             uint8_t cflags[kBlock];
         };
         auto s = std::make_unique<Scratch>();
@@ -284,7 +290,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                 populate(nvec, first * 3, (first + kSlice) * 3);
                 populate(noffsets, first, first + kSlice + 1);
                 populate(offsets, first, first + kSlice + 1);
-                populate(nidx, first * 3, (first + kSlice) * 3);
                 if (!cflags.empty()) {
                     populate(coffsets, first, first + kSlice + 1);
                     populate(cidx, first * 3, (first + kSlice) * 3);
@@ -296,7 +301,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                     for (int q = 0; q < 3; ++q) normalAt[(first + j) * 3 + q] = LoadF32le(rec + 4 * q);
                     const uint32_t i = static_cast<uint32_t>(first + j);
                     s->offsets[j] = i * 3 + 3;
-                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
                     const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
                     if (attr >= 0x8000) {
                         s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
@@ -310,7 +314,6 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                 }
                 noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
                 offsets.insert(offsets.end(), s->offsets, s->offsets + b);
-                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
                 if (!cpts.empty()) {
                     // Faces before the first coloured one are uncoloured: indices 0, flagged.
                     if (cflags.empty()) {
