@@ -65,13 +65,10 @@ public:
     using const_iterator = const T*;
 
     ZeroedArray() = default;
-    ZeroedArray(const ZeroedArray& o) { Append(o.begin(), o.end()); }
+    ZeroedArray(const ZeroedArray& o) { assign(o.begin(), o.end()); }
     ZeroedArray(ZeroedArray&& o) noexcept { Swap(o); }
     ZeroedArray& operator=(const ZeroedArray& o) {
-        if (this != &o) {
-            clear();
-            Append(o.begin(), o.end());
-        }
+        if (this != &o) assign(o.begin(), o.end());
         return *this;
     }
     ZeroedArray& operator=(ZeroedArray&& o) noexcept {
@@ -148,10 +145,6 @@ private:
     void Put(const T& v) {
         m_p[m_size++] = v;
         m_written = std::max(m_written, m_size);
-    }
-    template <class It>
-    void Append(It first, It last) {
-        insert(end(), first, last);
     }
     void Reallocate(size_t cap) {
         T* p = nullptr;
