@@ -148,6 +148,29 @@ CXStringW NameFromBytes(std::string_view bytes, int textMode) {
     return DecodeName(bytes, textMode);
 }
 
+// An array filled front to back into room made ahead: `v` is sized to what the first
+// pass counted, and `n` says how much of it holds data. A face writes its indices with no
+// capacity check each, and a face given up part way is dropped by not counting it.
+template <class T>
+struct Filling {
+    std::vector<T> v;
+    size_t n = 0;
+    void SizeFor(size_t count) {
+        hostmem::ReserveFilled(v, count);
+        if (v.size() < count) v.resize(count);
+    }
+    // Room for k more; only a file whose passes disagree makes it grow here.
+    T* Room(size_t k) {
+        if (v.size() - n < k) v.resize(n + k);
+        return v.data() + n;
+    }
+    void Push(T x) {
+        *Room(1) = x;
+        ++n;
+    }
+    void Trim() { v.resize(n); }
+};
+
 // A group's faces as flat arrays, filled in file order and handed to the face lists
 // whole. The UV and normal lists share the mesh's offsets; a face without usable data
 // there is flagged and its indices are zero.
@@ -157,11 +180,11 @@ struct Group {
     uint64_t countedIndices = 0;
     uint64_t nodeId = 0;
     bool hasNodeId = false;
-    std::vector<uint32_t> offsets, pos, materials;
-    std::vector<uint32_t> uv, nrm;
-    std::vector<uint8_t> uvFlags, nFlags;
+    Filling<uint32_t> offsets, pos, materials;
+    Filling<uint32_t> uv, nrm;
+    Filling<uint8_t> uvFlags, nFlags;
     bool hasUv = false, hasN = false;
-    size_t Faces() const { return offsets.empty() ? 0 : offsets.size() - 1; }
+    size_t Faces() const { return offsets.n == 0 ? 0 : offsets.n - 1; }
 };
 
 // One face line as read: the form of its vertices and their raw (unresolved) numbers.
@@ -490,11 +513,22 @@ inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
     return (r >= 0 && static_cast<uint64_t>(r) < total) ? r : -1;
 }
 
+// Resolve without branches, for the quick path: stores the 0-based index (anything when
+// out of range) and says whether it is in range.
+inline bool ResolveInto(int i, uint64_t readSoFar, uint64_t total, uint32_t& out) {
+    const int64_t r = i > 0 ? static_cast<int64_t>(i) - 1 : static_cast<int64_t>(readSoFar) + i;
+    out = static_cast<uint32_t>(r);
+    return (i != 0) & (static_cast<uint64_t>(r) < total);
+}
+
 // Up to N floats of a vertex line in the common plain form, straight from the text.
 // False sends the line to the general scanner (which gives the same values for what it
 // shares with this path). On success `lineEnd` is the end of the line.
 template <int N>
-bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const {
+[[gnu::always_inline]] inline bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const {
+    // Unrolled, each number's branches get their own history (one coordinate's sign or
+    // digit count follows a pattern that the three together do not).
+#pragma GCC unroll 3
     for (int k = 0; k < N; ++k) {
         while (p < m_end && IsBlank(*p)) ++p;
         if (p >= m_end || IsBreak(*p)) {
@@ -509,8 +543,44 @@ bool CObjParser::ReadFloatsFast(const char* p, float* out, const char*& lineEnd)
     return true;
 }
 
+// QuickVertex far from the end of the text (no end checks) for indices of 1-7 digits
+// without a sign; nullptr for anything else, which the general path then decides on.
+[[gnu::always_inline]] inline const char* FarVertex(const char* p, RawVertex& v, FaceForm& form) {
+    unsigned n;
+    auto index = [&](int& out) {
+        out = static_cast<int>(textscan::DigitRun8(p, n));
+        p += n;
+        return n - 1u < 7u;
+    };
+    int a, b = 0, c = 0;
+    if (!index(a)) return nullptr;
+    form = FaceForm::kPos;
+    if (*p == '/') {
+        if (p[1] == '/') {
+            p += 2;
+            if (!index(c)) return nullptr;
+            form = FaceForm::kPosN;
+        } else {
+            ++p;
+            if (!index(b)) return nullptr;
+            form = FaceForm::kPosUv;
+            if (*p == '/') {
+                ++p;
+                if (!index(c)) return nullptr;
+                form = FaceForm::kPosUvN;
+            }
+        }
+    }
+    if (!IsBlank(*p) && !IsBreak(*p)) return nullptr;
+    v = {a, b, c};
+    return p;
+}
+
 // One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
 [[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
+    if (m_end - p >= 64) { // a vertex this path takes spans at most 27 bytes, and reads 8 past one
+        if (const char* e = FarVertex(p, v, form)) return e;
+    }
     int a = 0, b = 0, c = 0;
     p = textscan::ParsePlainInt(p, m_end, a);
     if (!p) return nullptr;
@@ -583,37 +653,26 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
 template <bool kUv, bool kN>
 bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
     Group& g = m_groups[static_cast<size_t>(m_current)];
-    if (cnt == 0 || g.offsets.empty() || g.hasUv != kUv || g.hasN != kN || g.pos.size() + cnt >= UINT32_MAX)
-        return false;
-    // One loop for all channels (its exit is the one unpredictable branch per face); a bad
-    // index takes back what was appended.
-    const size_t before = g.pos.size();
+    if (cnt == 0 || g.offsets.n == 0 || g.hasUv != kUv || g.hasN != kN || g.pos.n + cnt >= UINT32_MAX) return false;
+    // One loop for all channels (its exit is the one unpredictable branch per face). The
+    // indices go into the room past the filled part and count only when all are good.
+    uint32_t* const pos = g.pos.Room(cnt);
+    uint32_t* const uv = kUv ? g.uv.Room(cnt) : nullptr;
+    uint32_t* const nrm = kN ? g.nrm.Room(cnt) : nullptr;
     bool ok = true;
     for (size_t i = 0; i < cnt; ++i) {
-        const int64_t pi = Resolve(raw[i].p, m_readV, m_nv);
-        ok &= pi >= 0;
-        g.pos.push_back(static_cast<uint32_t>(pi));
-        if constexpr (kUv) {
-            const int64_t ti = Resolve(raw[i].t, m_readT, m_nt);
-            ok &= ti >= 0;
-            g.uv.push_back(static_cast<uint32_t>(ti));
-        }
-        if constexpr (kN) {
-            const int64_t ni = Resolve(raw[i].n, m_readN, m_nn);
-            ok &= ni >= 0;
-            g.nrm.push_back(static_cast<uint32_t>(ni));
-        }
+        ok &= ResolveInto(raw[i].p, m_readV, m_nv, pos[i]);
+        if constexpr (kUv) ok &= ResolveInto(raw[i].t, m_readT, m_nt, uv[i]);
+        if constexpr (kN) ok &= ResolveInto(raw[i].n, m_readN, m_nn, nrm[i]);
     }
-    if (!ok) {
-        g.pos.resize(before);
-        if constexpr (kUv) g.uv.resize(before);
-        if constexpr (kN) g.nrm.resize(before);
-        return false;
-    }
-    g.offsets.push_back(static_cast<uint32_t>(g.pos.size()));
-    g.materials.push_back(m_material);
-    if constexpr (kUv) g.uvFlags.push_back(0);
-    if constexpr (kN) g.nFlags.push_back(0);
+    if (!ok) return false;
+    g.pos.n += cnt;
+    if constexpr (kUv) g.uv.n += cnt;
+    if constexpr (kN) g.nrm.n += cnt;
+    g.offsets.Push(static_cast<uint32_t>(g.pos.n));
+    g.materials.Push(m_material);
+    if constexpr (kUv) g.uvFlags.Push(0);
+    if constexpr (kN) g.nFlags.Push(0);
     return true;
 }
 
@@ -662,14 +721,14 @@ void CObjParser::EmitFace(FaceForm form) {
     Group& g = m_groups[static_cast<size_t>(m_current)];
     const size_t cnt = m_raw.size();
     // Offsets are 32-bit: a group never grows past that (only a file of many GB could try).
-    if (g.pos.size() + cnt >= UINT32_MAX) return;
-    if (g.offsets.empty()) {
-        hostmem::ReserveFilled(g.offsets, static_cast<size_t>(g.countedFaces) + 1);
-        hostmem::ReserveFilled(g.materials, static_cast<size_t>(g.countedFaces));
-        hostmem::ReserveFilled(g.pos, static_cast<size_t>(g.countedIndices));
-        g.offsets.push_back(0);
+    if (g.pos.n + cnt >= UINT32_MAX) return;
+    if (g.offsets.n == 0) {
+        g.offsets.SizeFor(static_cast<size_t>(g.countedFaces) + 1);
+        g.materials.SizeFor(static_cast<size_t>(g.countedFaces));
+        g.pos.SizeFor(static_cast<size_t>(g.countedIndices));
+        g.offsets.Push(0);
     }
-    const size_t before = g.pos.size();
+    const size_t before = g.pos.n;
     bool uvOk = wantUv, nOk = wantN;
     size_t kept = 0;
     for (RawVertex& r : m_raw) {
@@ -679,7 +738,7 @@ void CObjParser::EmitFace(FaceForm form) {
             r.p = 0; // dropped (0 is never a valid raw index)
             continue;
         }
-        g.pos.push_back(static_cast<uint32_t>(pi));
+        g.pos.Push(static_cast<uint32_t>(pi));
         ++kept;
         if (wantUv) {
             const int64_t ti = Resolve(r.t, m_readT, m_nt);
@@ -694,24 +753,25 @@ void CObjParser::EmitFace(FaceForm form) {
     }
     if (kept == 0) return;
     const size_t facesBefore = g.Faces();
-    g.offsets.push_back(static_cast<uint32_t>(g.pos.size()));
-    g.materials.push_back(m_material);
+    g.offsets.Push(static_cast<uint32_t>(g.pos.n));
+    g.materials.Push(m_material);
 
     // Channel faces stay parallel to the mesh faces: a channel starts at its group's first
     // face with data, and the faces before it are filled in as unusable.
-    auto channel = [&](bool ok, bool& has, std::vector<uint32_t>& idx, std::vector<uint8_t>& flags,
-                       int RawVertex::*field) {
+    auto channel = [&](bool ok, bool& has, Filling<uint32_t>& idx, Filling<uint8_t>& flags, int RawVertex::*field) {
         if (!has) {
             if (!ok) return;
             has = true;
-            hostmem::ReserveFilled(idx, static_cast<size_t>(g.countedIndices));
-            hostmem::ReserveFilled(flags, static_cast<size_t>(g.countedFaces));
-            idx.assign(before, 0);
-            flags.assign(facesBefore, FACE_SKIP);
+            idx.SizeFor(static_cast<size_t>(g.countedIndices));
+            flags.SizeFor(static_cast<size_t>(g.countedFaces));
+            std::fill_n(idx.Room(before), before, 0u);
+            idx.n = before;
+            std::fill_n(flags.Room(facesBefore), facesBefore, static_cast<uint8_t>(FACE_SKIP));
+            flags.n = facesBefore;
         }
-        flags.push_back(static_cast<uint8_t>(ok ? 0u : static_cast<uint32_t>(FACE_SKIP)));
+        flags.Push(static_cast<uint8_t>(ok ? 0u : static_cast<uint32_t>(FACE_SKIP)));
         for (const RawVertex& r : m_raw)
-            if (r.p != 0) idx.push_back(ok ? static_cast<uint32_t>(r.*field) : 0u);
+            if (r.p != 0) idx.Push(ok ? static_cast<uint32_t>(r.*field) : 0u);
     };
     channel(uvOk, g.hasUv, g.uv, g.uvFlags, &RawVertex::t);
     channel(nOk, g.hasN, g.nrm, g.nFlags, &RawVertex::n);
@@ -865,13 +925,16 @@ bool CObjParser::BuildScene() {
     std::vector<uint32_t> used;
     for (Group& g : m_groups) {
         if (g.Faces() == 0) continue;
+        for (auto* f : {&g.offsets, &g.pos, &g.materials, &g.uv, &g.nrm}) f->Trim();
+        g.uvFlags.Trim();
+        g.nFlags.Trim();
         auto* obj = new C3DObject();
         auto* node = new C3DSceneNode(obj);
         node->SetName(NameFromBytes(g.name, m_mode));
         if (g.hasNodeId) node->SetNodeID(g.nodeId);
         m_scene->AddNode(nullptr, node);
 
-        Renumber(g.offsets, g.pos, nullptr, remap, used);
+        Renumber(g.offsets.v, g.pos.v, nullptr, remap, used);
         auto* points = new C3DPointList();
         points->SetSize(static_cast<int>(used.size()));
         float* dst = points->GetData();
@@ -881,17 +944,17 @@ bool CObjParser::BuildScene() {
         const size_t nf = g.Faces();
         auto offsetsCopy = [&]() {
             std::vector<uint32_t> o;
-            hostmem::ReserveFilled(o, g.offsets.size());
-            o.assign(g.offsets.begin(), g.offsets.end());
+            hostmem::ReserveFilled(o, g.offsets.v.size());
+            o.assign(g.offsets.v.begin(), g.offsets.v.end());
             return o;
         };
         // Channels parallel the faces by construction; checked anyway, as a channel that did
         // not would be indexed out of range from here on.
-        if (g.hasUv && (g.uv.size() != g.pos.size() || g.uvFlags.size() != nf)) g.hasUv = false;
-        if (g.hasN && (g.nrm.size() != g.pos.size() || g.nFlags.size() != nf)) g.hasN = false;
+        if (g.hasUv && (g.uv.v.size() != g.pos.v.size() || g.uvFlags.v.size() != nf)) g.hasUv = false;
+        if (g.hasN && (g.nrm.v.size() != g.pos.v.size() || g.nFlags.v.size() != nf)) g.hasN = false;
         if (g.hasUv) {
             auto* ch = new CUVWChannel();
-            Renumber(g.offsets, g.uv, &g.uvFlags, remap, used);
+            Renumber(g.offsets.v, g.uv.v, &g.uvFlags.v, remap, used);
             CUVWPointList* up = ch->GetUVWPointList();
             up->SetSize(static_cast<int>(used.size()));
             float* u = up->GetData();
@@ -899,8 +962,8 @@ bool CObjParser::BuildScene() {
                 u[i * 3] = m_t[size_t(used[i]) * 2];
                 u[i * 3 + 1] = m_t[size_t(used[i]) * 2 + 1];
             }
-            g.uv.shrink_to_fit();
-            if (ch->GetUVWFaceList()->Adopt(offsetsCopy(), std::move(g.uv), std::move(g.uvFlags))) {
+            g.uv.v.shrink_to_fit();
+            if (ch->GetUVWFaceList()->Adopt(offsetsCopy(), std::move(g.uv.v), std::move(g.uvFlags.v))) {
                 const int32_t id = obj->AddChannel(ch, -1);
                 obj->SetGlobalUVWChannel(id);
             } else {
@@ -909,22 +972,22 @@ bool CObjParser::BuildScene() {
         }
         if (g.hasN) {
             auto* ch = new CSpecNormalChannel();
-            Renumber(g.offsets, g.nrm, &g.nFlags, remap, used);
+            Renumber(g.offsets.v, g.nrm.v, &g.nFlags.v, remap, used);
             C3DVectorList* nv = ch->GetNormalVectorList();
             nv->SetSize(static_cast<int>(used.size()));
             float* d = nv->GetData();
             for (size_t i = 0; i < used.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(used[i]) * 3], 12);
-            g.nrm.shrink_to_fit();
-            if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm), std::move(g.nFlags)))
+            g.nrm.v.shrink_to_fit();
+            if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm.v), std::move(g.nFlags.v)))
                 obj->AddChannel(ch, -1);
             else
                 delete ch;
         }
         auto* faces = new C3DFaceList();
-        g.pos.shrink_to_fit();
-        g.offsets.shrink_to_fit();
-        g.materials.shrink_to_fit();
-        faces->Adopt(std::move(g.offsets), std::move(g.pos), std::vector<uint8_t>(nf, 0), std::move(g.materials));
+        g.pos.v.shrink_to_fit();
+        g.offsets.v.shrink_to_fit();
+        g.materials.v.shrink_to_fit();
+        faces->Adopt(std::move(g.offsets.v), std::move(g.pos.v), std::vector<uint8_t>(nf, 0), std::move(g.materials.v));
         obj->SetFaceList(faces, true);
     }
     return m_scene->GetNodeCount() > 0;

@@ -274,20 +274,21 @@ inline bool HaveAvx2() {
 #endif
 
 // The leading run of ASCII digits in the eight bytes at p: its length n (0-8) and its
-// value. A byte is a digit when its high nibble is 3 and adding 6 leaves it so; carries
-// only run upwards, so the bytes before the first non-digit are judged right. The digits
-// are then combined pairwise (2, 4, 8 digits) in three multiplies.
+// value. A byte b is a digit when neither b - '0' nor b + 0x46 sets its top bit; carries
+// and borrows only run towards later bytes, and none starts in a digit, so the bytes up
+// to the first non-digit are judged right. The digits are then combined pairwise (2, 4,
+// 8 digits), each step one multiply that adds the pair's high part times its weight.
 [[gnu::always_inline]] inline uint64_t DigitRun8(const char* p, unsigned& n) {
-    constexpr uint64_t kZeros = 0x3030303030303030ull, kHighNibbles = 0xF0F0F0F0F0F0F0F0ull;
     uint64_t w;
     std::memcpy(&w, p, 8);
-    const uint64_t nd = ((w & kHighNibbles) ^ kZeros) | (((w + 0x0606060606060606ull) & kHighNibbles) ^ kZeros);
+    const uint64_t d = w - 0x3030303030303030ull;
+    const uint64_t nd = (d | (w + 0x4646464646464646ull)) & 0x8080808080808080ull;
     n = nd ? static_cast<unsigned>(std::countr_zero(nd)) >> 3 : 8u;
     if (n == 0) return 0;
-    uint64_t v = (w - kZeros) << (8 * (8 - n)); // the run's digits, led by zeros
-    v = (v * 10 + (v >> 8)) & 0x00FF00FF00FF00FFull;
-    v = (v * 100 + (v >> 16)) & 0x0000FFFF0000FFFFull;
-    return (v * 10000 + (v >> 32)) & 0xFFFFFFFFull;
+    uint64_t v = d << (8 * (8 - n)); // the run's digits, led by zeros
+    v = ((v * (1 + (10 << 8))) >> 8) & 0x00FF00FF00FF00FFull;
+    v = ((v * (1 + (100 << 16))) >> 16) & 0x0000FFFF0000FFFFull;
+    return (v * (1 + (uint64_t(10000) << 32))) >> 32;
 }
 
 // "%d" on [sign] up to 9 digits.
@@ -378,7 +379,8 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
         }
     }
     if (digits == 0 || digits > 19) return nullptr; // beyond 19 digits m has wrapped
-    if (p < end && (*p == 'e' || *p == 'E')) {
+    if (p < end && !IsSpaceNoBranch(*p)) { // most numbers end here, without an exponent
+        if (*p != 'e' && *p != 'E') return nullptr;
         ++p;
         bool eneg = false;
         if (p < end && (*p == '-' || *p == '+')) eneg = *p++ == '-';
@@ -387,8 +389,8 @@ inline const char* AccumulateDigits(const char* p, const char* end, uint64_t& m)
         while (p < end && p - es < 4 && static_cast<unsigned>(*p - '0') < 10u) x = x * 10 + (*p++ - '0');
         if (p == es || (p < end && static_cast<unsigned>(*p - '0') < 10u)) return nullptr;
         e10 += eneg ? -x : x;
+        if (p < end && !IsSpaceNoBranch(*p)) return nullptr;
     }
-    if (p < end && !IsSpaceNoBranch(*p)) return nullptr;
     if (m == 0) {
         v = neg ? -0.0f : 0.0f;
         return p;

@@ -404,6 +404,21 @@ TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
     for (const char* s : {"", "-", "/1", "1234567890", "+-3", "1234567890         ", "-/2         ", ":9        "})
         EXPECT_EQ(ParsePlainInt(s, s + std::strlen(s), v), nullptr) << s;
 
+    // The eight-byte digit run under every byte that can follow or break it: bytes next to
+    // '0' and '9', the top-bit bytes and NUL, in every position.
+    std::mt19937 bytes(11);
+    const unsigned char edges[] = {'/', ':', ' ', '.', '-', 0x00, 0x7f, 0x80, 0xaf, 0xb0, 0xb9, 0xba, 0xc6, 0xff};
+    for (int round = 0; round < 200000; ++round) {
+        char w[8];
+        for (char& c : w)
+            c = static_cast<char>(bytes() % 3 ? '0' + bytes() % 10 : edges[bytes() % sizeof edges]);
+        unsigned n = 99, want = 0;
+        uint64_t value = 0;
+        while (want < 8 && w[want] >= '0' && w[want] <= '9') value = value * 10 + static_cast<unsigned>(w[want++] - '0');
+        ASSERT_EQ(DigitRun8(w, n), value) << std::string(w, 8);
+        ASSERT_EQ(n, want) << std::string(w, 8);
+    }
+
     // Line breaks and token counts over every offset and length of texts longer than one
     // 8- or 16-byte step, against plain loops.
     std::mt19937 rng(5);

@@ -342,6 +342,7 @@ TEST(ObjRead, QuickAndGeneralPathsAgree) {
             for (int k = 0; k < n; ++k) {
                 auto idx = [&]() {
                     const int r = static_cast<int>(rng() % 40);
+                    if (r == 4) return std::string(6 + rng() % 3, '0') + std::to_string(1 + r % nv); // 8-10 digits
                     return std::to_string(r < 2 ? -1 - r : r == 2 ? 0 : r == 3 ? nv + 5 : 1 + r % nv);
                 };
                 std::string v = idx();
