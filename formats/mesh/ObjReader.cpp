@@ -516,9 +516,11 @@ inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
 // Resolve without branches, for the quick path: stores the 0-based index (anything when
 // out of range) and says whether it is in range.
 inline bool ResolveInto(int i, uint64_t readSoFar, uint64_t total, uint32_t& out) {
-    const int64_t r = i > 0 ? static_cast<int64_t>(i) - 1 : static_cast<int64_t>(readSoFar) + i;
+    uint64_t r = readSoFar + static_cast<uint64_t>(static_cast<int64_t>(i)); // i < 0 counts back
+    r = i == 0 ? ~uint64_t(0) : r;
+    r = i > 0 ? static_cast<uint64_t>(i) - 1 : r;
     out = static_cast<uint32_t>(r);
-    return (i != 0) & (static_cast<uint64_t>(r) < total);
+    return r < total;
 }
 
 // Up to N floats of a vertex line in the common plain form, straight from the text.
@@ -839,17 +841,19 @@ bool CObjParser::FillPass() {
         }
         const char* const ls = p;
         const char* le = nullptr;
-        const char c0 = Lower(*p);
+        // Setting bit 5 lower-cases a letter; only letters compare equal to 'v', 'f', 'n'
+        // or 't' after it (the blanks are compared as they stand).
+        const char c0 = static_cast<char>(*p | 0x20);
         if (c0 == 'v' && m_end - p >= 2) {
-            const char c2 = Lower(p[1]);
+            const char c2 = p[1];
             float* dst = nullptr;
             int n = 3, skip = 2;
             if (c2 == ' ' || c2 == '\t') {
                 if (m_readV < m_nv) dst = &m_v[static_cast<size_t>(m_readV++) * 3];
                 skip = 1;
-            } else if (c2 == 'n') {
+            } else if ((c2 | 0x20) == 'n') {
                 if (m_readN < m_nn) dst = &m_n[static_cast<size_t>(m_readN++) * 3];
-            } else if (c2 == 't') {
+            } else if ((c2 | 0x20) == 't') {
                 if (m_readT < m_nt) dst = &m_t[static_cast<size_t>(m_readT++) * 2];
                 n = 2;
             }
