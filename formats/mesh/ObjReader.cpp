@@ -872,7 +872,7 @@ bool CObjParser::FillPass() {
             le = textscan::FindLineBreak(p, m_end);
             OtherRecord(std::string_view(ls, static_cast<size_t>(le - ls)));
         }
-        p = le;
+        p = le + (le < m_end && *le == '\n'); // the usual line end, without a turn of the loop
         if (Poll(p, true)) return false;
     }
     return true;
