@@ -504,23 +504,20 @@ void CObjParser::Warn() {
                     LOG_INFO);
 }
 
-// One index of a face: 0-based file index, or -1 when out of range.
-inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
-    int64_t r;
-    if (i > 0) r = static_cast<int64_t>(i) - 1;
-    else if (i < 0) r = static_cast<int64_t>(readSoFar) + i;
-    else return -1;
-    return (r >= 0 && static_cast<uint64_t>(r) < total) ? r : -1;
-}
-
-// Resolve without branches, for the quick path: stores the 0-based index (anything when
-// out of range) and says whether it is in range.
+// One index of a face as a 0-based file index: true when it is in range (`out` is
+// anything otherwise). Selects rather than branches, for the quick path's sake.
 inline bool ResolveInto(int i, uint64_t readSoFar, uint64_t total, uint32_t& out) {
     uint64_t r = readSoFar + static_cast<uint64_t>(static_cast<int64_t>(i)); // i < 0 counts back
     r = i == 0 ? ~uint64_t(0) : r;
     r = i > 0 ? static_cast<uint64_t>(i) - 1 : r;
     out = static_cast<uint32_t>(r);
     return r < total;
+}
+
+// The same as a file index, or -1 when out of range.
+inline int64_t Resolve(int i, uint64_t readSoFar, uint64_t total) {
+    uint32_t r;
+    return ResolveInto(i, readSoFar, total, r) ? int64_t(r) : -1;
 }
 
 // Up to N floats of a vertex line in the common plain form, straight from the text.
