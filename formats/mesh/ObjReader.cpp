@@ -577,7 +577,7 @@ template <int N>
 
 // One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
 [[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
-    if (m_end - p >= 64) { // a vertex this path takes spans at most 27 bytes, and reads 8 past one
+    if (m_end - p >= 64) { // that path reads at most 24 bytes from p
         if (const char* e = FarVertex(p, v, form)) return e;
     }
     int a = 0, b = 0, c = 0;
