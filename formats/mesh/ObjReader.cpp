@@ -763,7 +763,7 @@ void CObjParser::EmitFace(FaceForm form) {
             has = true;
             idx.SizeFor(static_cast<size_t>(g.countedIndices));
             flags.SizeFor(static_cast<size_t>(g.countedFaces));
-            std::fill_n(idx.Room(before), before, 0u);
+            idx.Room(before); // never written so far: its first `before` entries are the zeros wanted
             idx.n = before;
             std::fill_n(flags.Room(facesBefore), facesBefore, static_cast<uint8_t>(FACE_SKIP));
             flags.n = facesBefore;
