@@ -5,6 +5,7 @@
 #include "formats/mesh/ObjReader.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <memory>
 #include <unordered_map>
@@ -296,6 +297,12 @@ void CObjParser::ReadMtl(std::string_view name) {
 
 inline bool IsBreak(char c) { return c == '\n' || c == '\r'; }
 inline bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+// IsBlank or IsBreak as one test: where a face vertex ends, the line ends one time in
+// three or four, which a pair of branches would mispredict.
+inline bool IsBlankOrBreak(char c) {
+    const unsigned u = static_cast<unsigned char>(c);
+    return (u <= 32u) & static_cast<bool>((0x100002600ull >> (u & 63u)) & 1u);
+}
 
 // Lines end at LF or CR; a CRLF pair leaves an empty line behind, and empty lines are
 // skipped, so every line-end convention gives the same records. Once a vertex has been
@@ -542,6 +549,20 @@ template <int N>
     return true;
 }
 
+// Whether the n digits (1-7) just before p, with the "/" at p, come twice more as
+// "/<digits>/<digits>": the form of exporters that give positions, UVs and normals one
+// shared index. A longer third number is left to the caller's check of the byte after
+// it. Reads at most 24 bytes from p - n.
+[[gnu::always_inline]] inline bool SameDigitsTwiceMore(const char* p, unsigned n) {
+    uint64_t a, b, c;
+    std::memcpy(&a, p - n, 8); // the digits and the "/"
+    std::memcpy(&b, p + 1, 8);
+    const uint64_t digitsAndSlash = ~uint64_t(0) >> (56 - 8 * n);
+    if ((a ^ b) & digitsAndSlash) return false; // files with separate indices leave here
+    std::memcpy(&c, p + n + 2, 8);
+    return ((a ^ c) & (digitsAndSlash >> 8)) == 0;
+}
+
 // QuickVertex far from the end of the text (no end checks) for indices of 1-7 digits
 // without a sign; nullptr for anything else, which the general path then decides on.
 [[gnu::always_inline]] inline const char* FarVertex(const char* p, RawVertex& v, FaceForm& form) {
@@ -559,6 +580,10 @@ template <int N>
             p += 2;
             if (!index(c)) return nullptr;
             form = FaceForm::kPosN;
+        } else if (SameDigitsTwiceMore(p, n)) { // "a/a/a": compared, not read again
+            b = c = a;
+            p += 2 * n + 2;
+            form = FaceForm::kPosUvN;
         } else {
             ++p;
             if (!index(b)) return nullptr;
@@ -570,14 +595,15 @@ template <int N>
             }
         }
     }
-    if (!IsBlank(*p) && !IsBreak(*p)) return nullptr;
+    if (!IsBlankOrBreak(*p)) return nullptr;
     v = {a, b, c};
     return p;
 }
 
 // One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
 [[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
-    if (m_end - p >= 64) { // that path reads at most 24 bytes from p
+    // That path reads at most 24 bytes from p, in little-endian words.
+    if (std::endian::native == std::endian::little && m_end - p >= 64) {
         if (const char* e = FarVertex(p, v, form)) return e;
     }
     int a = 0, b = 0, c = 0;
@@ -918,12 +944,27 @@ void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, 
     for (uint32_t u : used) remap[u] = -1;
 }
 
+// A channel's indices renumbered, and its file indices in local order. A channel whose
+// index stream was the positions' takes their renumbered indices and order.
+const std::vector<uint32_t>& Renumbered(bool shared, const Group& g, std::vector<uint32_t>& idx,
+                                        const std::vector<uint8_t>& flags, std::vector<int32_t>& remap,
+                                        const std::vector<uint32_t>& positionsOrder, std::vector<uint32_t>& own) {
+    if (shared) {
+        std::copy(g.pos.v.begin(), g.pos.v.end(), idx.begin());
+        return positionsOrder;
+    }
+    Renumber(g.offsets.v, idx, &flags, remap, own);
+    return own;
+}
+
 bool CObjParser::BuildScene() {
     const size_t mapSize = static_cast<size_t>(std::max({m_nv, m_nt, m_nn})) + 1;
     std::vector<int32_t> remap;
     hostmem::ReserveFilled(remap, mapSize);
     remap.assign(mapSize, -1);
-    std::vector<uint32_t> used;
+    // The positions' file indices in local order; `other` holds the UVs' only while the
+    // normals still need the positions'.
+    std::vector<uint32_t> used, other;
     for (Group& g : m_groups) {
         if (g.Faces() == 0) continue;
         for (auto* f : {&g.offsets, &g.pos, &g.materials, &g.uv, &g.nrm}) f->Trim();
@@ -935,6 +976,15 @@ bool CObjParser::BuildScene() {
         if (g.hasNodeId) node->SetNodeID(g.nodeId);
         m_scene->AddNode(nullptr, node);
 
+        // Exporters that give all three lists one shared index write the same index
+        // streams; the positions' renumbering then serves the channel as it is.
+        auto sameAsPositions = [&](bool has, const Filling<uint32_t>& idx, const Filling<uint8_t>& flags) {
+            return has && idx.v.size() == g.pos.v.size() &&
+                   std::none_of(flags.v.begin(), flags.v.end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
+                   std::equal(idx.v.begin(), idx.v.end(), g.pos.v.begin());
+        };
+        const bool uvShared = sameAsPositions(g.hasUv, g.uv, g.uvFlags);
+        const bool nShared = sameAsPositions(g.hasN, g.nrm, g.nFlags);
         Renumber(g.offsets.v, g.pos.v, nullptr, remap, used);
         auto* points = new C3DPointList();
         points->SetSize(static_cast<int>(used.size()));
@@ -955,13 +1005,13 @@ bool CObjParser::BuildScene() {
         if (g.hasN && (g.nrm.v.size() != g.pos.v.size() || g.nFlags.v.size() != nf)) g.hasN = false;
         if (g.hasUv) {
             auto* ch = new CUVWChannel();
-            Renumber(g.offsets.v, g.uv.v, &g.uvFlags.v, remap, used);
+            const std::vector<uint32_t>& order = Renumbered(uvShared, g, g.uv.v, g.uvFlags.v, remap, used, nShared ? other : used);
             CUVWPointList* up = ch->GetUVWPointList();
-            up->SetSize(static_cast<int>(used.size()));
+            up->SetSize(static_cast<int>(order.size()));
             float* u = up->GetData();
-            for (size_t i = 0; i < used.size(); ++i) {
-                u[i * 3] = m_t[size_t(used[i]) * 2];
-                u[i * 3 + 1] = m_t[size_t(used[i]) * 2 + 1];
+            for (size_t i = 0; i < order.size(); ++i) {
+                u[i * 3] = m_t[size_t(order[i]) * 2];
+                u[i * 3 + 1] = m_t[size_t(order[i]) * 2 + 1];
             }
             g.uv.v.shrink_to_fit();
             if (ch->GetUVWFaceList()->Adopt(offsetsCopy(), std::move(g.uv.v), std::move(g.uvFlags.v))) {
@@ -973,11 +1023,11 @@ bool CObjParser::BuildScene() {
         }
         if (g.hasN) {
             auto* ch = new CSpecNormalChannel();
-            Renumber(g.offsets.v, g.nrm.v, &g.nFlags.v, remap, used);
+            const std::vector<uint32_t>& order = Renumbered(nShared, g, g.nrm.v, g.nFlags.v, remap, used, used);
             C3DVectorList* nv = ch->GetNormalVectorList();
-            nv->SetSize(static_cast<int>(used.size()));
+            nv->SetSize(static_cast<int>(order.size()));
             float* d = nv->GetData();
-            for (size_t i = 0; i < used.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(used[i]) * 3], 12);
+            for (size_t i = 0; i < order.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(order[i]) * 3], 12);
             g.nrm.v.shrink_to_fit();
             if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm.v), std::move(g.nFlags.v)))
                 obj->AddChannel(ch, -1);

@@ -375,6 +375,72 @@ TEST(ObjRead, QuickAndGeneralPathsAgree) {
     }
 }
 
+// Files whose faces give positions, UVs and normals one shared index ("7/7/7") are read
+// with fewer steps: the index text is compared rather than read again, and the positions'
+// renumbering serves the channels. Each random file is read against a twin whose UV and
+// normal lists are stored in another order (so no index stream is shared), with the
+// faces' indices mapped to match: the two scenes must be the same. Near misses
+// ("12/12/123", "12/1/12", "12/12/1") and faces with a bad UV or normal index are mixed in.
+TEST(ObjRead, SharedIndexStreamsReadLikeSeparateOnes) {
+    std::mt19937 rng(2026);
+    for (int round = 0; round < 30; ++round) {
+        const int nv = 5 + static_cast<int>(rng() % (round < 10 ? 40 : 3000));
+        std::string head, twinHead, faces, twinFaces;
+        // The twin's UV list is reversed, and its normal list turned by one: position p
+        // holds normal p % nv + 1. Indices out of range stay as they are.
+        auto twinUv = [&](int j) { return j < 1 || j > nv ? j : nv + 1 - j; };
+        auto twinNormalAt = [&](int j) { return j < 1 || j > nv ? j : (j == 1 ? nv : j - 1); };
+        std::vector<std::string> vt(static_cast<size_t>(nv) + 1), vn(static_cast<size_t>(nv) + 1);
+        for (int i = 1; i <= nv; ++i) {
+            vt[static_cast<size_t>(i)] = "vt " + std::to_string(i) + " " + std::to_string(-i) + "\n";
+            vn[static_cast<size_t>(i)] = "vn 0 " + std::to_string(i) + " 1\n";
+        }
+        for (int i = 1; i <= nv; ++i) {
+            const std::string v = "v " + std::to_string(i) + " " + std::to_string(i % 7) + " 0\n";
+            head += v + vt[static_cast<size_t>(i)] + vn[static_cast<size_t>(i)];
+            twinHead += v + vt[static_cast<size_t>(twinUv(i))] + vn[static_cast<size_t>(i % nv + 1)];
+        }
+        auto near = [&](int i) { // an index whose text shares a prefix with i's; 0 and too large are bad
+            switch (rng() % 4) {
+            case 0: return i * 10 + static_cast<int>(rng() % 10);
+            case 1: return i / 10;
+            case 2: return 0;
+            default: return 1 + static_cast<int>(rng() % nv);
+            }
+        };
+        const int groups = 1 + static_cast<int>(rng() % 3);
+        for (int g = 0; g < groups; ++g) {
+            const std::string gl = "g part" + std::to_string(g) + "\n";
+            faces += gl;
+            twinFaces += gl;
+            // Styles: all shared, UVs apart, normals apart, mixed; and a bad UV on a face
+            // whose positions are all the first one, so the flagged face's zeros still equal
+            // the position stream (a flagged face must not decide the UVs' order).
+            const int style = static_cast<int>(rng() % 5);
+            const int nf = 1 + static_cast<int>(rng() % 40);
+            for (int f = 0; f < nf; ++f) {
+                std::string line = "f", twin = "f";
+                const int n = 3 + static_cast<int>(rng() % 3);
+                for (int k = 0; k < n; ++k) {
+                    const int i = style == 4 && f == 0 ? 1 : 1 + static_cast<int>(rng() % nv);
+                    int t = i, m = i;
+                    if ((style == 1 || style == 3) && rng() % 4 == 0) t = near(i);
+                    if ((style == 2 || style == 3) && rng() % 4 == 0) m = near(i);
+                    if (style == 4 && f == 0 && k == 0) t = 0;
+                    line += " " + std::to_string(i) + "/" + std::to_string(t) + "/" + std::to_string(m);
+                    twin += " " + std::to_string(i) + "/" + std::to_string(twinUv(t)) + "/" + std::to_string(twinNormalAt(m));
+                }
+                faces += line + "\n";
+                twinFaces += twin + "\n";
+            }
+        }
+        auto a = ReadObjText(head + faces);
+        auto b = ReadObjText(twinHead + twinFaces);
+        ASSERT_TRUE(a.scene && b.scene) << round;
+        ASSERT_EQ(Describe(*a.scene), Describe(*b.scene)) << "round " << round << "\n" << faces;
+    }
+}
+
 namespace {
 
 // Line counts the plain way: split into lines, look at each one's first bytes.
