@@ -1,4 +1,6 @@
 #include <atomic>
+#include <cstring>
+#include <memory>
 #include <cstdio>
 #include <random>
 #include <cmath>
@@ -487,6 +489,28 @@ TEST(ObjRead, BulkLineCountsMatchCountingByHand) {
                             "M", "usemtl m", "# v f", "s 1", "f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21",
                             "v 0.000001 -2.5e+03 123456789.0 this line is long enough to cross a block edge", "\x80\xff f",
                             std::string(70, 'f')};
+    // The text sits in a block of its own size, so that a read past its end shows under
+    // the address sanitizer.
+    auto check = [&](const std::string& text, bool portable, int round) {
+        const auto copy = std::make_unique<char[]>(text.size());
+        std::memcpy(copy.get(), text.data(), text.size());
+        // Resume after each stop the way the reader does: past the stopping line.
+        const char* p = copy.get();
+        const char* const end = p + text.size();
+        while (p < end) {
+            meshio::ObjLineCounts got, want;
+            const char* stopGot = meshio::CountObjLines(p, end, got, nullptr, nullptr, portable);
+            const char* stopWant = CountLinesByHand(p, end, want);
+            ASSERT_EQ(stopGot - copy.get(), stopWant - copy.get()) << round << " [" << text << "]";
+            ASSERT_EQ(got.v, want.v) << round << " [" << text << "]";
+            ASSERT_EQ(got.vt, want.vt) << round;
+            ASSERT_EQ(got.vn, want.vn) << round;
+            ASSERT_EQ(got.faces, want.faces) << round << " [" << text << "]";
+            ASSERT_EQ(got.faceTokens, want.faceTokens) << round << " [" << text << "]";
+            p = stopGot;
+            while (p < end && *p != '\n' && *p != '\r') ++p;
+        }
+    };
     const char* ends[] = {"\n", "\r\n", "\r", "\n\n", "\r\r\n"};
     for (int round = 0; round < 6000; ++round) {
         std::string text;
@@ -497,22 +521,16 @@ TEST(ObjRead, BulkLineCountsMatchCountingByHand) {
             if (rng() % 3 == 0) text += std::string(rng() % 7, ' ');
             if (i + 1 < n || rng() % 2) text += ends[rng() % 5];
         }
-        // Resume after each stop the way the reader does: past the stopping line.
-        const char* p = text.data();
-        const char* const end = text.data() + text.size();
-        const bool portable = round % 2 == 1; // the AVX2 path (where there is one) and the SSE2 one
-        while (p < end) {
-            meshio::ObjLineCounts got, want;
-            const char* stopGot = meshio::CountObjLines(p, end, got, nullptr, nullptr, portable);
-            const char* stopWant = CountLinesByHand(p, end, want);
-            ASSERT_EQ(stopGot - text.data(), stopWant - text.data()) << round << " [" << text << "]";
-            ASSERT_EQ(got.v, want.v) << round << " [" << text << "]";
-            ASSERT_EQ(got.vt, want.vt) << round;
-            ASSERT_EQ(got.vn, want.vn) << round;
-            ASSERT_EQ(got.faces, want.faces) << round << " [" << text << "]";
-            ASSERT_EQ(got.faceTokens, want.faceTokens) << round << " [" << text << "]";
-            p = stopGot;
-            while (p < end && *p != '\n' && *p != '\r') ++p;
+        // The AVX2 path (where there is one) and the SSE2 one.
+        ASSERT_NO_FATAL_FAILURE(check(text, round % 2 == 1, round));
+    }
+    // A line that starts on the last byte of a block, with nothing or more text after it.
+    for (size_t blocks = 1; blocks <= 3; ++blocks) {
+        for (const char* last : {"v", "f", "vn", "v "}) {
+            for (const char* tail : {"", "\n", "t 1 2\nf 1 2"}) {
+                std::string text = std::string(64 * blocks - 1, '\n') + last + tail;
+                for (bool portable : {false, true}) ASSERT_NO_FATAL_FAILURE(check(text, portable, -1));
+            }
         }
     }
     // A poll that asks to stop ends the count at once.
