@@ -384,9 +384,6 @@ bool CObjParser::CountPass() {
 
 } // namespace
 
-// 64 bytes per step: line starts and token starts come out of two bit masks, so a line
-// costs a few instructions rather than a scan of its own. K gives the masks and counts
-// their bits; the body is inlined into each caller so that it takes the caller's target.
 // What the byte after a "v" makes of the line: 1 a position, 2 a normal, 3 a UV, 0 none.
 constexpr std::array<uint8_t, 256> kVertexKind = [] {
     std::array<uint8_t, 256> t{};
@@ -396,6 +393,9 @@ constexpr std::array<uint8_t, 256> kVertexKind = [] {
     return t;
 }();
 
+// 64 bytes per step: line starts and token starts come out of two bit masks, so a line
+// costs a few instructions rather than a scan of its own. K gives the masks and counts
+// their bits; the body is inlined into each caller so that it takes the caller's target.
 template <class K>
 [[gnu::always_inline]] inline const char* CountLinesWith(const char* p, const char* end, ObjLineCounts& c,
                                                          ObjCountPoll poll, void* ctx) {
@@ -958,7 +958,8 @@ void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, 
 // index stream was the positions' takes their renumbered indices and order.
 const std::vector<uint32_t>& Renumbered(bool shared, const Group& g, std::vector<uint32_t>& idx,
                                         const std::vector<uint8_t>& flags, std::vector<int32_t>& remap,
-                                        const std::vector<uint32_t>& positionsOrder, std::vector<uint32_t>& own) {
+                                        const std::vector<uint32_t>& positionsOrder,
+                                        std::vector<uint32_t>& own) {
     if (shared) {
         std::copy(g.pos.v.begin(), g.pos.v.end(), idx.begin());
         return positionsOrder;
@@ -990,7 +991,8 @@ bool CObjParser::BuildScene() {
         // streams; the positions' renumbering then serves the channel as it is.
         auto sameAsPositions = [&](bool has, const Filling<uint32_t>& idx, const Filling<uint8_t>& flags) {
             return has && idx.v.size() == g.pos.v.size() &&
-                   std::none_of(flags.v.begin(), flags.v.end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
+                   std::none_of(flags.v.begin(), flags.v.end(),
+                                [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
                    std::equal(idx.v.begin(), idx.v.end(), g.pos.v.begin());
         };
         const bool uvShared = sameAsPositions(g.hasUv, g.uv, g.uvFlags);
@@ -1015,7 +1017,8 @@ bool CObjParser::BuildScene() {
         if (g.hasN && (g.nrm.v.size() != g.pos.v.size() || g.nFlags.v.size() != nf)) g.hasN = false;
         if (g.hasUv) {
             auto* ch = new CUVWChannel();
-            const std::vector<uint32_t>& order = Renumbered(uvShared, g, g.uv.v, g.uvFlags.v, remap, used, nShared ? other : used);
+            const std::vector<uint32_t>& order =
+                Renumbered(uvShared, g, g.uv.v, g.uvFlags.v, remap, used, nShared ? other : used);
             CUVWPointList* up = ch->GetUVWPointList();
             up->SetSize(static_cast<int>(order.size()));
             float* u = up->GetData();
@@ -1033,11 +1036,13 @@ bool CObjParser::BuildScene() {
         }
         if (g.hasN) {
             auto* ch = new CSpecNormalChannel();
-            const std::vector<uint32_t>& order = Renumbered(nShared, g, g.nrm.v, g.nFlags.v, remap, used, used);
+            const std::vector<uint32_t>& order =
+                Renumbered(nShared, g, g.nrm.v, g.nFlags.v, remap, used, used);
             C3DVectorList* nv = ch->GetNormalVectorList();
             nv->SetSize(static_cast<int>(order.size()));
             float* d = nv->GetData();
-            for (size_t i = 0; i < order.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(order[i]) * 3], 12);
+            for (size_t i = 0; i < order.size(); ++i)
+                std::memcpy(d + i * 3, &m_n[size_t(order[i]) * 3], 12);
             g.nrm.v.shrink_to_fit();
             if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm.v), std::move(g.nFlags.v)))
                 obj->AddChannel(ch, -1);

@@ -1,9 +1,10 @@
 #include <atomic>
+#include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <cstdio>
 #include <random>
-#include <cmath>
+
 #include <gtest/gtest.h>
 
 #include "formats/mesh/ObjReader.h"
@@ -430,7 +431,8 @@ TEST(ObjRead, SharedIndexStreamsReadLikeSeparateOnes) {
                     if ((style == 2 || style == 3) && rng() % 4 == 0) m = near(i);
                     if (style == 4 && f == 0 && k == 0) t = 0;
                     line += " " + std::to_string(i) + "/" + std::to_string(t) + "/" + std::to_string(m);
-                    twin += " " + std::to_string(i) + "/" + std::to_string(twinUv(t)) + "/" + std::to_string(twinNormalAt(m));
+                    twin += " " + std::to_string(i) + "/" + std::to_string(twinUv(t)) + "/" +
+                            std::to_string(twinNormalAt(m));
                 }
                 faces += line + "\n";
                 twinFaces += twin + "\n";
