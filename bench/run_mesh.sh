@@ -2,6 +2,7 @@
 # Mesh benchmark: orbiscope reads and writes against Assimp and tinyobjloader on the
 # same generated files, in one run. Prints MB/s (wall and CPU), ratios and peak memory.
 #   bench/run_mesh.sh [BUILD_DIR] [DATA_DIR]
+# REPEAT=N runs each read N times (default 5); SAMPLES_OUT=FILE appends every read's time.
 # Wall time suffers on a shared machine; CPU time (user + system) is the steadier
 # figure, so ratios are given for both.
 set -euo pipefail
@@ -33,6 +34,8 @@ sample() {
     local wall
     wall=$(grep -o 'seconds=[0-9.]*\| in [0-9.]* s' <<<"$out" | grep -o '[0-9.]*' | head -1)
     TIMES[$key]="${TIMES[$key]:-} $wall"
+    # SAMPLES_OUT=FILE keeps every sample, so that several runs can be pooled.
+    [ -z "${SAMPLES_OUT:-}" ] || echo "$key $wall" >>"$SAMPLES_OUT"
     if [ "${key%%:*}" = ours ]; then
         RSS[$key]=$(awk -F': ' '/Maximum resident/ {print $2}' "$TV")
         SCN[$key]=$(grep -o 'scene_bytes=[0-9]*' <<<"$out" | cut -d= -f2 || true)
