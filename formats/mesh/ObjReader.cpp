@@ -214,7 +214,7 @@ private:
     void CreateMaterials();
     template <int N>
     bool ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const;
-    const char* QuickVertex(const char* p, RawVertex& v, FaceForm& form) const;
+    const char* QuickVertex(const char* p, RawVertex& v, FaceForm& form, bool& same) const;
     bool ReadFaceFast(const char* p, const char*& lineEnd);
     void ReadFaceSlow(std::string_view rest);
     void EmitFace(FaceForm form);
@@ -225,7 +225,7 @@ private:
     // inline; the work behind it is not.
     bool Poll(const char* at, bool second) { return --m_pollIn == 0 && PollNow(at, second); }
     bool PollNow(const char* at, bool second);
-    template <bool kUv, bool kN>
+    template <bool kUv, bool kN, bool kSame = false>
     bool EmitQuick(const RawVertex* raw, size_t cnt);
 
     std::string_view m_text;
@@ -575,7 +575,8 @@ template <int N>
 
 // QuickVertex far from the end of the text (no end checks) for indices of 1-7 digits
 // without a sign; nullptr for anything else, which the general path then decides on.
-[[gnu::always_inline]] inline const char* FarVertex(const char* p, RawVertex& v, FaceForm& form) {
+// `same` tells an "a/a/a" vertex.
+[[gnu::always_inline]] inline const char* FarVertex(const char* p, RawVertex& v, FaceForm& form, bool& same) {
     unsigned n;
     auto index = [&](int& out) {
         out = static_cast<int>(textscan::DigitRun8(p, n));
@@ -585,6 +586,7 @@ template <int N>
     int a, b = 0, c = 0;
     if (!index(a)) return nullptr;
     form = FaceForm::kPos;
+    same = false;
     if (*p == '/') {
         if (p[1] == '/') {
             p += 2;
@@ -594,6 +596,7 @@ template <int N>
             b = c = a;
             p += 2 * n + 2;
             form = FaceForm::kPosUvN;
+            same = true;
         } else {
             ++p;
             if (!index(b)) return nullptr;
@@ -611,11 +614,14 @@ template <int N>
 }
 
 // One face vertex in a plain form ("1", "1/2", "1/2/3" or "1//3") and its form, or nullptr.
-[[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form) const {
+// `same` is set for an "a/a/a" vertex with an unsigned a (and may be left clear for one).
+[[gnu::always_inline]] inline const char* CObjParser::QuickVertex(const char* p, RawVertex& v, FaceForm& form,
+                                                                  bool& same) const {
     // That path reads at most 24 bytes from p, in little-endian words.
     if (std::endian::native == std::endian::little && m_end - p >= 64) {
-        if (const char* e = FarVertex(p, v, form)) return e;
+        if (const char* e = FarVertex(p, v, form, same)) return e;
     }
+    same = false;
     int a = 0, b = 0, c = 0;
     p = textscan::ParsePlainInt(p, m_end, a);
     if (!p) return nullptr;
@@ -649,10 +655,11 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
     RawVertex raw[kQuickFaceMax];
     size_t cnt = 0;
     FaceForm form = FaceForm::kNone;
+    bool allSame = false; // every vertex "a/a/a"
     while (p < m_end && IsBlank(*p)) ++p;
     if (p < m_end && !IsBreak(*p)) {
         // The first vertex sets the form; the others must have it.
-        p = QuickVertex(p, raw[0], form);
+        p = QuickVertex(p, raw[0], form, allSame);
         if (!p) return false;
         cnt = 1;
         for (;;) {
@@ -660,8 +667,10 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
             if (p >= m_end || IsBreak(*p)) break;
             if (cnt == kQuickFaceMax) return false;
             FaceForm f;
-            p = QuickVertex(p, raw[cnt], f);
+            bool same;
+            p = QuickVertex(p, raw[cnt], f, same);
             if (!p || f != form) return false;
+            allSame &= same;
             ++cnt;
         }
     }
@@ -670,7 +679,9 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
     switch (form) {
     case FaceForm::kPos: done = EmitQuick<false, false>(raw, cnt); break;
     case FaceForm::kPosUv: done = EmitQuick<true, false>(raw, cnt); break;
-    case FaceForm::kPosUvN: done = EmitQuick<true, true>(raw, cnt); break;
+    case FaceForm::kPosUvN:
+        done = allSame ? EmitQuick<true, true, true>(raw, cnt) : EmitQuick<true, true>(raw, cnt);
+        break;
     case FaceForm::kPosN: done = EmitQuick<false, true>(raw, cnt); break;
     default: break;
     }
@@ -684,8 +695,9 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
 // The usual face: every index in range, and the group's UV and normal channels already
 // in the state this face keeps them in (both present or both absent). Anything else is
 // left to EmitFace, which handles the group's first face, bad indices and channels that
-// start or stop part way.
-template <bool kUv, bool kN>
+// start or stop part way. `kSame`: every vertex is "a/a/a" with an unsigned a, so its
+// three indices resolve alike (a - 1, in range when below all three counts).
+template <bool kUv, bool kN, bool kSame>
 bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
     Group& g = m_groups[static_cast<size_t>(m_current)];
     if (cnt == 0 || g.offsets.n == 0 || g.hasUv != kUv || g.hasN != kN || g.pos.n + cnt >= UINT32_MAX) return false;
@@ -695,10 +707,20 @@ bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
     uint32_t* const uv = kUv ? g.uv.Room(cnt) : nullptr;
     uint32_t* const nrm = kN ? g.nrm.Room(cnt) : nullptr;
     bool ok = true;
-    for (size_t i = 0; i < cnt; ++i) {
-        ok &= ResolveInto(raw[i].p, m_readV, m_nv, pos[i]);
-        if constexpr (kUv) ok &= ResolveInto(raw[i].t, m_readT, m_nt, uv[i]);
-        if constexpr (kN) ok &= ResolveInto(raw[i].n, m_readN, m_nn, nrm[i]);
+    if constexpr (kSame) {
+        static_assert(kUv && kN);
+        const uint64_t total = std::min({m_nv, m_nt, m_nn});
+        for (size_t i = 0; i < cnt; ++i) {
+            const uint64_t r = static_cast<uint64_t>(raw[i].p) - 1; // 0 wraps round: out of range
+            pos[i] = uv[i] = nrm[i] = static_cast<uint32_t>(r);
+            ok &= r < total;
+        }
+    } else {
+        for (size_t i = 0; i < cnt; ++i) {
+            ok &= ResolveInto(raw[i].p, m_readV, m_nv, pos[i]);
+            if constexpr (kUv) ok &= ResolveInto(raw[i].t, m_readT, m_nt, uv[i]);
+            if constexpr (kN) ok &= ResolveInto(raw[i].n, m_readN, m_nn, nrm[i]);
+        }
     }
     if (!ok) return false;
     g.pos.n += cnt;
