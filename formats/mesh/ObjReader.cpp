@@ -186,6 +186,9 @@ struct Group {
     Filling<uint32_t> uv, nrm;
     Filling<uint8_t> uvFlags, nFlags;
     bool hasUv = false, hasN = false;
+    // Every face so far gave its UV and normal the position's index: the three index
+    // streams are one and the same.
+    bool oneStream = true;
     size_t Faces() const { return offsets.n == 0 ? 0 : offsets.n - 1; }
 };
 
@@ -723,6 +726,7 @@ bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
         }
     }
     if (!ok) return false;
+    if constexpr (!kSame) g.oneStream = false;
     g.pos.n += cnt;
     if constexpr (kUv) g.uv.n += cnt;
     if constexpr (kN) g.nrm.n += cnt;
@@ -787,12 +791,13 @@ void CObjParser::EmitFace(FaceForm form) {
     }
     const size_t before = g.pos.n;
     bool uvOk = wantUv, nOk = wantN;
+    bool oneIndex = wantUv && wantN; // each vertex's three indices resolve alike
     size_t kept = 0;
     for (RawVertex& r : m_raw) {
         const int64_t pi = Resolve(r.p, m_readV, m_nv);
         if (pi < 0) {
             Warn();
-            r.p = 0; // dropped (0 is never a valid raw index)
+            r.p = 0; // dropped, from every stream alike (0 is never a valid raw index)
             continue;
         }
         g.pos.Push(static_cast<uint32_t>(pi));
@@ -801,14 +806,17 @@ void CObjParser::EmitFace(FaceForm form) {
             const int64_t ti = Resolve(r.t, m_readT, m_nt);
             if (ti < 0) { uvOk = false; Warn(); }
             r.t = static_cast<int>(ti < 0 ? 0 : ti);
+            oneIndex &= ti == pi;
         }
         if (wantN) {
             const int64_t ni = Resolve(r.n, m_readN, m_nn);
             if (ni < 0) { nOk = false; Warn(); }
             r.n = static_cast<int>(ni < 0 ? 0 : ni);
+            oneIndex &= ni == pi;
         }
     }
     if (kept == 0) return;
+    g.oneStream &= oneIndex;
     const size_t facesBefore = g.Faces();
     g.offsets.Push(static_cast<uint32_t>(g.pos.n));
     g.materials.Push(m_material);
@@ -1010,8 +1018,10 @@ bool CObjParser::BuildScene() {
         m_scene->AddNode(nullptr, node);
 
         // Exporters that give all three lists one shared index write the same index
-        // streams; the positions' renumbering then serves the channel as it is.
+        // streams; the positions' renumbering then serves the channel as it is. When every
+        // face said so while it was read, there is nothing to compare.
         auto sameAsPositions = [&](bool has, const Filling<uint32_t>& idx, const Filling<uint8_t>& flags) {
+            if (has && g.oneStream) return true;
             return has && idx.v.size() == g.pos.v.size() &&
                    std::none_of(flags.v.begin(), flags.v.end(),
                                 [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&

@@ -427,17 +427,22 @@ TEST(ObjRead, SharedIndexStreamsReadLikeSeparateOnes) {
             const std::string gl = "g part" + std::to_string(g) + "\n";
             faces += gl;
             twinFaces += gl;
-            // Styles: all shared, UVs apart, normals apart, mixed; and a bad UV on a face
-            // whose positions are all the first one, so the flagged face's zeros still equal
-            // the position stream (a flagged face must not decide the UVs' order).
-            const int style = static_cast<int>(rng() % 5);
+            // Styles: all shared, UVs apart, normals apart, mixed; a bad UV on a face whose
+            // positions are all the first one, so the flagged face's zeros still equal the
+            // position stream (a flagged face must not decide the UVs' order); and UVs or
+            // normals apart now and then with every index in range, so that no face falls
+            // back to the general rules.
+            const int style = static_cast<int>(rng() % 7);
             const int nf = 1 + static_cast<int>(rng() % 40);
             for (int f = 0; f < nf; ++f) {
                 std::string line = "f", twin = "f";
                 const int n = 3 + static_cast<int>(rng() % 3);
                 for (int k = 0; k < n; ++k) {
-                    const int i = style == 4 && f == 0 ? 1 : 1 + static_cast<int>(rng() % nv);
+                    const int range = style >= 5 ? std::min(nt, nn) : nv;
+                    const int i = style == 4 && f == 0 ? 1 : 1 + static_cast<int>(rng() % range);
                     int t = i, m = i;
+                    if (style == 5 && rng() % 8 == 0) t = 1 + static_cast<int>(rng() % nt);
+                    if (style == 6 && rng() % 8 == 0) m = 1 + static_cast<int>(rng() % nn);
                     if ((style == 1 || style == 3) && rng() % 4 == 0) t = near(i);
                     if ((style == 2 || style == 3) && rng() % 4 == 0) m = near(i);
                     if (style == 4 && f == 0 && k == 0) t = 0;
