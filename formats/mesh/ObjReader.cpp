@@ -249,6 +249,7 @@ private:
     bool m_hasPendingNodeId = false;
 
     uint64_t m_nv = 0, m_nt = 0, m_nn = 0, m_nf = 0;
+    uint64_t m_nAll = 0; // the least of m_nv, m_nt and m_nn: "a/a/a" indices below it are in range
     hostmem::ZeroedArray<float> m_v, m_t, m_n; // zero where a line gives fewer numbers
     uint64_t m_readV = 0, m_readT = 0, m_readN = 0;
     bool m_cancelled = false;
@@ -712,11 +713,10 @@ bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
     bool ok = true;
     if constexpr (kSame) {
         static_assert(kUv && kN);
-        const uint64_t total = std::min({m_nv, m_nt, m_nn});
         for (size_t i = 0; i < cnt; ++i) {
             const uint64_t r = static_cast<uint64_t>(raw[i].p) - 1; // 0 wraps round: out of range
             pos[i] = uv[i] = nrm[i] = static_cast<uint32_t>(r);
-            ok &= r < total;
+            ok &= r < m_nAll;
         }
     } else {
         for (size_t i = 0; i < cnt; ++i) {
@@ -888,6 +888,7 @@ void CObjParser::OtherRecord(std::string_view line) {
 }
 
 bool CObjParser::FillPass() {
+    m_nAll = std::min({m_nv, m_nt, m_nn});
     hostmem::ReserveFilled(m_v, static_cast<size_t>(m_nv + 1) * 3);
     hostmem::ReserveFilled(m_t, static_cast<size_t>(m_nt + 1) * 2);
     hostmem::ReserveFilled(m_n, static_cast<size_t>(m_nn + 1) * 3);
@@ -1021,8 +1022,9 @@ bool CObjParser::BuildScene() {
         // streams; the positions' renumbering then serves the channel as it is. When every
         // face said so while it was read, there is nothing to compare.
         auto sameAsPositions = [&](bool has, const Filling<uint32_t>& idx, const Filling<uint8_t>& flags) {
-            if (has && g.oneStream) return true;
-            return has && idx.v.size() == g.pos.v.size() &&
+            if (!has) return false;
+            if (g.oneStream) return true;
+            return idx.v.size() == g.pos.v.size() &&
                    std::none_of(flags.v.begin(), flags.v.end(),
                                 [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
                    std::equal(idx.v.begin(), idx.v.end(), g.pos.v.begin());
