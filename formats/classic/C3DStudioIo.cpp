@@ -323,7 +323,7 @@ bool C3DStudioIo::ReadFaceMaterial(CBinaryCursor& p) {
     if (!p.ok() || !p.canRead(n, 2)) return false;
     uint32_t id = 0;
     if (const uint32_t* found = m_materialsByName.Find(Wide(name))) id = *found;
-    std::vector<uint32_t>& mats = m_faces->GetMaterialIDs();
+    auto& mats = m_faces->GetMaterialIDs();
     const size_t count = mats.size();
     std::span<const uint8_t> b = p.bytes(size_t(n) * 2);
     for (size_t i = 0; i < n; ++i) {
@@ -378,7 +378,7 @@ void C3DStudioIo::BuildTriObject() {
         }
         if (m_faces) {
             // Faces pointing past the point list cannot be drawn; they are dropped.
-            const std::vector<uint32_t>& idx = m_faces->GetIndexes();
+            const auto& idx = m_faces->GetIndexes();
             const uint32_t limit = static_cast<uint32_t>(np);
             if (std::any_of(idx.begin(), idx.end(), [&](uint32_t i) { return i >= limit; })) {
                 const int nf = m_faces->GetNumberOfFaces();

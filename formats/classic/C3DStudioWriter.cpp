@@ -58,7 +58,7 @@ C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene) : m_file(file), 
 }
 
 uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
-    const std::vector<uint32_t>& off = faces.GetOffsets();
+    const auto& off = faces.GetOffsets();
     uint64_t n = 0;
     for (size_t f = 0; f + 1 < off.size(); ++f) n += off[f + 1] - off[f] == 4 ? 2 : 1;
     return n;

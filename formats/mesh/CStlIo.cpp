@@ -181,41 +181,41 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     obj->SetPointList(new C3DPointList(), true);
     obj->SetFaceList(new C3DFaceList(), true);
 
-    // The arrays are built here and handed to the lists whole, each byte written once: the
-    // point and normal lists are sized up front (which writes nothing, see ZeroedArray) and
-    // filled in place, the others filled block by block from a small scratch area, where
-    // sizing them first would zero them and then write them again. Most of the read is the
-    // kernel handing out the arrays' pages, so two threads share it: one builds the points
-    // and the vertex and normal indices, the other the face offsets, the normals, the
-    // colours and the rest, each asking for its pages a slice at a time just before writing
-    // them (still in cache).
+    // The arrays are built here and handed to the lists whole. They are sized up front,
+    // which writes nothing (see ZeroedArray), and every entry that is not zero is written
+    // once, in place; the face flags stay zero and their pages are never touched. Most of
+    // the read is the kernel handing out the arrays' pages, so two threads share it: one
+    // builds the points and the vertex and normal indices, the other the normals, the face
+    // offsets, the colours and the materials, each asking for its pages a slice at a time
+    // just before writing them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     const uint8_t* const records = c.current();
     hostmem::ZeroedArray<float> pts, nvec;
-    std::vector<uint32_t> offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
-    std::vector<uint8_t> cflags, fflags, nflags;
+    CFaceList::IndexArray offsets, noffsets, coffsets, fidx, nidx, materials, cidx;
+    CFaceList::FlagArray cflags, fflags, nflags;
     std::vector<CRGBColor> cpts;
-    // Everything is reserved here, before the second thread starts: taking address space
-    // while the other thread has pages populated would wait for it.
-    hostmem::ReserveLarge(pts, count * 9);
-    hostmem::ReserveLarge(fidx, count * 3);
-    hostmem::ReserveLarge(offsets, count + 1);
-    hostmem::ReserveLarge(noffsets, count + 1);
-    hostmem::ReserveLarge(materials, count);
-    hostmem::ReserveLarge(fflags, count);
-    hostmem::ReserveLarge(nflags, count);
-    hostmem::ReserveLarge(nvec, count * 9);
-    hostmem::ReserveLarge(nidx, count * 3);
-    hostmem::ReserveLarge(coffsets, count + 1);
-    hostmem::ReserveLarge(cidx, count * 3);
-    hostmem::ReserveLarge(cflags, count);
+    // Everything is sized here, before the second thread starts: taking address space
+    // while the other thread has pages populated would wait for it. The normal list holds
+    // three entries per triangle; those behind the first `count` stay zero, in pages nobody
+    // touches (a fifth of the read's memory). The colour arrays are used from the first
+    // coloured face on, and dropped when there is none.
+    auto sized = [](auto& v, size_t size) {
+        hostmem::ReserveLarge(v, size);
+        v.resize(size);
+    };
+    sized(pts, count * 9);
+    sized(fidx, count * 3);
+    sized(nidx, count * 3);
+    sized(offsets, count + 1);
+    sized(noffsets, count + 1);
+    sized(materials, count);
+    sized(fflags, count);
+    sized(nflags, count);
+    sized(nvec, count * 9);
+    sized(coffsets, count + 1);
+    sized(cidx, count * 3);
+    sized(cflags, count);
     hostmem::ReserveLarge(cpts, count);
-    // Sized without writing anything (see ZeroedArray): the points and the first `count`
-    // normals are written in place below. The normal list holds three entries per triangle;
-    // those behind the first `count` stay zero, in pages nobody touches (a fifth of the
-    // read's memory).
-    pts.resize(count * 9);
-    nvec.resize(count * 9);
     std::atomic<bool>* cancel = GetThreadCancelToken(); // ShouldCancelThread, minus the lookup
     std::atomic<bool> stop{false};
     // Both sides read every record: the file's pages are given back behind the slower one.
@@ -232,7 +232,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     };
     auto populate = [](auto& v, size_t from, size_t to) {
         using T = typename std::decay_t<decltype(v)>::value_type;
-        to = std::min(to, v.capacity());
+        to = std::min(to, v.size());
         if (from < to) hostmem::PopulateNow(v.data() + from, (to - from) * sizeof(T));
     };
     constexpr size_t kSlice = 131072; // records whose pages are asked for at once (a few MB a side)
@@ -247,11 +247,9 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     };
 
     auto geometry = [&] {
-        struct Scratch {
-            uint32_t fidx[kBlock * 3], nidx[kBlock * 3];
-        };
-        auto s = std::make_unique<Scratch>();
         float* const pointAt = pts.data();
+        uint32_t* const vertexAt = fidx.data();
+        uint32_t* const normalIndexAt = nidx.data();
         eachBlock(
             [&](size_t first) {
                 populate(pts, first * 9, (first + kSlice) * 9);
@@ -259,87 +257,73 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                 populate(nidx, first * 3, (first + kSlice) * 3);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
-                for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                    for (int q = 0; q < 9; ++q) pointAt[(first + j) * 9 + q] = LoadF32le(rec + 12 + 4 * q);
-                    const uint32_t base = static_cast<uint32_t>(first + j) * 3;
-                    s->fidx[j * 3] = base;
-                    s->fidx[j * 3 + 1] = base + 1;
-                    s->fidx[j * 3 + 2] = base + 2;
-                    const uint32_t i = static_cast<uint32_t>(first + j);
-                    s->nidx[j * 3] = s->nidx[j * 3 + 1] = s->nidx[j * 3 + 2] = i;
+                for (size_t i = first; i < first + b; ++i, rec += kRecord) {
+                    for (int q = 0; q < 9; ++q)
+                        pointAt[i * 9 + q] = LoadF32le(rec + 12 + 4 * q);
+                    const uint32_t base = static_cast<uint32_t>(i) * 3;
+                    vertexAt[base] = base;
+                    vertexAt[base + 1] = base + 1;
+                    vertexAt[base + 2] = base + 2;
+                    normalIndexAt[base] = normalIndexAt[base + 1] = normalIndexAt[base + 2] =
+                        static_cast<uint32_t>(i);
                 }
-                fidx.insert(fidx.end(), s->fidx, s->fidx + b * 3);
-                nidx.insert(nidx.end(), s->nidx, s->nidx + b * 3);
                 doneA.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });
     };
 
     auto normalsAndColours = [&] {
-        struct Scratch {
-            uint32_t cidx[kBlock * 3], offsets[kBlock];
-            uint8_t cflags[kBlock];
-        };
-        auto s = std::make_unique<Scratch>();
         float* const normalAt = nvec.data();
+        uint32_t* const offsetAt = offsets.data();
+        uint32_t* const normalOffsetAt = noffsets.data();
         uint32_t k = 0;
-        noffsets.push_back(0);
-        offsets.push_back(0);
+        bool coloured = false;
+        auto populateColours = [&](size_t from, size_t to) {
+            populate(coffsets, from, to + 1);
+            populate(cidx, from * 3, to * 3);
+            populate(cflags, from, to);
+        };
+        // Faces before the first coloured one are uncoloured: indices 0 (as sized), flagged.
+        auto startColours = [&](size_t face) {
+            populateColours(0, (face / kSlice + 1) * kSlice); // up to the slice the others are in
+            for (size_t f = 0; f < face; ++f) {
+                coffsets[f + 1] = static_cast<uint32_t>(f * 3 + 3);
+                cflags[f] = FACE_SKIP;
+            }
+            coloured = true;
+        };
         eachBlock(
             [&](size_t first) {
                 populate(nvec, first * 3, (first + kSlice) * 3);
                 populate(noffsets, first, first + kSlice + 1);
                 populate(offsets, first, first + kSlice + 1);
-                if (!cflags.empty()) {
-                    populate(coffsets, first, first + kSlice + 1);
-                    populate(cidx, first * 3, (first + kSlice) * 3);
-                    populate(cflags, first, first + kSlice);
-                }
+                if (coloured) populateColours(first, first + kSlice);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
-                for (size_t j = 0; j < b; ++j, rec += kRecord) {
-                    for (int q = 0; q < 3; ++q) normalAt[(first + j) * 3 + q] = LoadF32le(rec + 4 * q);
-                    const uint32_t i = static_cast<uint32_t>(first + j);
-                    s->offsets[j] = i * 3 + 3;
+                for (size_t i = first; i < first + b; ++i, rec += kRecord) {
+                    for (int q = 0; q < 3; ++q)
+                        normalAt[i * 3 + q] = LoadF32le(rec + 4 * q);
+                    const uint32_t end = static_cast<uint32_t>(i) * 3 + 3;
+                    offsetAt[i + 1] = end;
+                    normalOffsetAt[i + 1] = end;
                     const uint16_t attr = static_cast<uint16_t>(rec[48] | (rec[49] << 8));
+                    if (attr >= 0x8000 && !coloured) startColours(i);
+                    if (!coloured) continue;
+                    coffsets[i + 1] = end;
                     if (attr >= 0x8000) {
-                        s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = k++;
-                        s->cflags[j] = 0;
+                        cidx[i * 3] = cidx[i * 3 + 1] = cidx[i * 3 + 2] = k++;
                         cpts.emplace_back(static_cast<uint8_t>(attr * 8), static_cast<uint8_t>((attr >> 5) * 8),
                                           static_cast<uint8_t>((attr >> 7) & 0x1F8));
                     } else {
-                        s->cidx[j * 3] = s->cidx[j * 3 + 1] = s->cidx[j * 3 + 2] = 0;
-                        s->cflags[j] = FACE_SKIP;
+                        cflags[i] = FACE_SKIP;
                     }
-                }
-                noffsets.insert(noffsets.end(), s->offsets, s->offsets + b);
-                offsets.insert(offsets.end(), s->offsets, s->offsets + b);
-                if (!cpts.empty()) {
-                    // Faces before the first coloured one are uncoloured: indices 0, flagged.
-                    if (cflags.empty()) {
-                        // Up to the next slice, whose pages come with the others' there.
-                        const size_t sliceEnd = (first / kSlice + 1) * kSlice;
-                        populate(coffsets, 0, sliceEnd + 1);
-                        populate(cidx, 0, sliceEnd * 3);
-                        populate(cflags, 0, sliceEnd);
-                        for (size_t f = 0; f <= first; ++f) coffsets.push_back(static_cast<uint32_t>(f * 3));
-                        cidx.assign(first * 3, 0);
-                        cflags.assign(first, FACE_SKIP);
-                    }
-                    coffsets.insert(coffsets.end(), s->offsets, s->offsets + b);
-                    cidx.insert(cidx.end(), s->cidx, s->cidx + b * 3);
-                    cflags.insert(cflags.end(), s->cflags, s->cflags + b);
                 }
                 doneB.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });
         if (stop.load(std::memory_order_relaxed)) return;
         populate(materials, 0, count);
-        materials.assign(count, NO_MATERIAL);
-        populate(fflags, 0, count);
-        fflags.assign(count, 0);
-        populate(nflags, 0, count);
-        nflags.assign(count, 0);
+        std::fill(materials.begin(), materials.end(), NO_MATERIAL);
     };
     hostmem::RunPair(geometry, normalsAndColours, count >= kPairFrom);
     if (stop.load() || ShouldCancelThread(0)) {

@@ -155,7 +155,7 @@ CXStringW NameFromBytes(std::string_view bytes, int textMode) {
 // capacity check each, and a face given up part way is dropped by not counting it.
 template <class T>
 struct Filling {
-    std::vector<T> v;
+    hostmem::ZeroedArray<T> v; // sizing it writes nothing: each entry is written once, by the fill
     size_t n = 0;
     void SizeFor(size_t count) {
         hostmem::ReserveFilled(v, count);
@@ -945,8 +945,8 @@ bool CObjParser::FillPass() {
 // Renumbers `idx` in place by order of first use of each file index (skipping the faces
 // flagged unusable when `flags` is given), and puts the file indices in local order into
 // `used`. One `used` serves all channels: fresh memory costs a page fault per 4 KiB.
-void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, const std::vector<uint8_t>* flags,
-              std::vector<int32_t>& remap, std::vector<uint32_t>& used) {
+void Renumber(const CFaceList::IndexArray& offsets, CFaceList::IndexArray& idx,
+              const CFaceList::FlagArray* flags, std::vector<int32_t>& remap, std::vector<uint32_t>& used) {
     used.clear();
     const size_t nf = offsets.size() - 1;
     if (!flags || std::none_of(flags->begin(), flags->end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; })) {
@@ -987,8 +987,8 @@ void Renumber(const std::vector<uint32_t>& offsets, std::vector<uint32_t>& idx, 
 
 // A channel's indices renumbered, and its file indices in local order. A channel whose
 // index stream was the positions' takes their renumbered indices and order.
-const std::vector<uint32_t>& Renumbered(bool shared, const Group& g, std::vector<uint32_t>& idx,
-                                        const std::vector<uint8_t>& flags, std::vector<int32_t>& remap,
+const std::vector<uint32_t>& Renumbered(bool shared, const Group& g, CFaceList::IndexArray& idx,
+                                        const CFaceList::FlagArray& flags, std::vector<int32_t>& remap,
                                         const std::vector<uint32_t>& positionsOrder,
                                         std::vector<uint32_t>& own) {
     if (shared) {
@@ -1040,7 +1040,7 @@ bool CObjParser::BuildScene() {
 
         const size_t nf = g.Faces();
         auto offsetsCopy = [&]() {
-            std::vector<uint32_t> o;
+            CFaceList::IndexArray o;
             hostmem::ReserveFilled(o, g.offsets.v.size());
             o.assign(g.offsets.v.begin(), g.offsets.v.end());
             return o;
@@ -1087,7 +1087,8 @@ bool CObjParser::BuildScene() {
         g.pos.v.shrink_to_fit();
         g.offsets.v.shrink_to_fit();
         g.materials.v.shrink_to_fit();
-        faces->Adopt(std::move(g.offsets.v), std::move(g.pos.v), std::vector<uint8_t>(nf, 0), std::move(g.materials.v));
+        faces->Adopt(std::move(g.offsets.v), std::move(g.pos.v), CFaceList::FlagArray(nf),
+                     std::move(g.materials.v));
         obj->SetFaceList(faces, true);
     }
     return m_scene->GetNodeCount() > 0;

@@ -12,7 +12,7 @@
 namespace {
 // True when no entry is below the one before it. Adopted lists are big and almost always
 // valid, so this compares four at a time and looks at the result once.
-bool NonDecreasing(const std::vector<uint32_t>& v) {
+bool NonDecreasing(const CFaceList::IndexArray& v) {
     const uint32_t* o = v.data();
     const size_t n = v.size();
     size_t i = 1;
@@ -46,7 +46,7 @@ void CFaceList::SetFacesFlags(uint32_t flag, bool on) {
 uint32_t* CFaceList::AddFace(int count, uint32_t flags) {
     if (count < 0) count = 0;
     size_t at = m_indices.size();
-    m_indices.resize(at + static_cast<size_t>(count), 0);
+    m_indices.resize(at + static_cast<size_t>(count));
     m_offsets.push_back(static_cast<uint32_t>(m_indices.size()));
     m_flags.push_back(static_cast<uint8_t>(flags));
     OnFaceAdded(NO_MATERIAL);
@@ -89,9 +89,10 @@ void CFaceList::SetSize(int count, int vertices, int mode, uint32_t material) {
     default: {
         RemoveAll();
         size_t total = static_cast<size_t>(count) * static_cast<size_t>(vertices);
-        // Written whole just below.
+        // The offsets are written just below and the indices by the caller, who sizes a
+        // list this way to fill it; the zero flags need no writing.
         hostmem::ReserveFilled(m_offsets, static_cast<size_t>(count) + 1);
-        hostmem::ReserveFilled(m_flags, static_cast<size_t>(count));
+        hostmem::ReserveLarge(m_flags, static_cast<size_t>(count));
         hostmem::ReserveFilled(m_indices, total);
         m_indices.assign(total, 0);
         m_offsets.resize(static_cast<size_t>(count) + 1);
@@ -110,8 +111,7 @@ void CFaceList::Reserve(size_t faces, size_t indices) {
     hostmem::ReserveLarge(m_indices, indices);
 }
 
-bool CFaceList::Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices,
-                      std::vector<uint8_t>&& flags) {
+bool CFaceList::Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags) {
     if (offsets.empty() || offsets.front() != 0 || offsets.back() != indices.size() ||
         flags.size() != offsets.size() - 1 || indices.size() > UINT32_MAX)
         return false;
@@ -232,8 +232,8 @@ void C3DFaceList::SetSize(int count, int vertices, int mode, uint32_t material) 
     }
 }
 
-bool C3DFaceList::Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices,
-                        std::vector<uint8_t>&& flags, std::vector<uint32_t>&& materials) {
+bool C3DFaceList::Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags,
+                        IndexArray&& materials) {
     if (materials.size() + 1 != offsets.size()) return false;
     if (!CFaceList::Adopt(std::move(offsets), std::move(indices), std::move(flags))) return false;
     m_materials = std::move(materials);

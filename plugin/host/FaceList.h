@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "plugin/host/HostTypes.h"
+#include "plugin/host/LargeArray.h"
 
 // A detached face: its vertex indices and flags (GetFace/CopyFace carry these).
 class CFace {
@@ -49,9 +50,14 @@ struct CEdgeGraph {
     std::vector<uint32_t> edgeFaces;
 };
 
+// The arrays are ZeroedArrays so that a reader can size them and write each entry once,
+// in place: sizing writes nothing over fresh memory.
 class CFaceList {
 public:
-    CFaceList() : m_offsets(1, 0) {}
+    using IndexArray = hostmem::ZeroedArray<uint32_t>;
+    using FlagArray = hostmem::ZeroedArray<uint8_t>;
+
+    CFaceList() : m_offsets(1) {}
     virtual ~CFaceList() = default;
     CFaceList(const CFaceList&) = default;
     CFaceList& operator=(const CFaceList&) = default;
@@ -96,7 +102,7 @@ public:
     // Takes over flat arrays a reader built itself: `offsets` has faces + 1 entries, starts
     // at 0, never decreases and ends at indices.size(); `flags` has one entry per face.
     // When they do not fit together nothing is taken and false is returned.
-    bool Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices, std::vector<uint8_t>&& flags);
+    bool Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags);
     virtual void RemoveAll();
     virtual void FreeExtra();
     // Removes the faces for which keep[f] is false.
@@ -106,9 +112,9 @@ public:
     void InvertFaceWinding();
     uint32_t GetMaxIndex() const; // largest index + 1, 0 when empty
 
-    const std::vector<uint32_t>& GetIndexes() const { return m_indices; }
-    std::vector<uint32_t>& GetIndexes() { return m_indices; }
-    const std::vector<uint32_t>& GetOffsets() const { return m_offsets; }
+    const IndexArray& GetIndexes() const { return m_indices; }
+    IndexArray& GetIndexes() { return m_indices; }
+    const IndexArray& GetOffsets() const { return m_offsets; }
 
     void InitEdgeToFaceGraph();
     const CEdgeGraph* GetEdgeGraph() const { return m_graph.get(); }
@@ -118,9 +124,9 @@ public:
 
 protected:
     virtual void OnFaceAdded(uint32_t /*material*/) {}
-    std::vector<uint32_t> m_offsets; // faces + 1 entries
-    std::vector<uint32_t> m_indices;
-    std::vector<uint8_t> m_flags;
+    IndexArray m_offsets; // faces + 1 entries
+    IndexArray m_indices;
+    FlagArray m_flags;
     std::shared_ptr<CEdgeGraph> m_graph;
 };
 
@@ -145,15 +151,14 @@ public:
     void Compact(const std::vector<bool>& keep) override;
     size_t MemoryBytes() const override { return CFaceList::MemoryBytes() + m_materials.capacity() * 4; }
     // As CFaceList::Adopt, plus one material ID per face.
-    bool Adopt(std::vector<uint32_t>&& offsets, std::vector<uint32_t>&& indices, std::vector<uint8_t>&& flags,
-               std::vector<uint32_t>&& materials);
-    const std::vector<uint32_t>& GetMaterialIDs() const { return m_materials; }
-    std::vector<uint32_t>& GetMaterialIDs() { return m_materials; }
+    bool Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags, IndexArray&& materials);
+    const IndexArray& GetMaterialIDs() const { return m_materials; }
+    IndexArray& GetMaterialIDs() { return m_materials; }
 
 protected:
     void OnFaceAdded(uint32_t) override { m_materials.push_back(m_current); }
 private:
-    std::vector<uint32_t> m_materials;
+    IndexArray m_materials;
     uint32_t m_current = NO_MATERIAL;
 };
 

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <iterator>
 #include <new>
 #include <type_traits>
@@ -65,6 +66,9 @@ public:
     using const_iterator = const T*;
 
     ZeroedArray() = default;
+    explicit ZeroedArray(size_t n) { resize(n); }
+    ZeroedArray(size_t n, const T& v) { assign(n, v); }
+    ZeroedArray(std::initializer_list<T> l) { assign(l.begin(), l.end()); }
     ZeroedArray(const ZeroedArray& o) { assign(o.begin(), o.end()); }
     ZeroedArray(ZeroedArray&& o) noexcept { Swap(o); }
     ZeroedArray& operator=(const ZeroedArray& o) {
@@ -88,6 +92,10 @@ public:
     const T* end() const { return m_p + m_size; }
     T& operator[](size_t i) { return m_p[i]; }
     const T& operator[](size_t i) const { return m_p[i]; }
+    T& front() { return m_p[0]; }
+    const T& front() const { return m_p[0]; }
+    T& back() { return m_p[m_size - 1]; }
+    const T& back() const { return m_p[m_size - 1]; }
 
     void reserve(size_t n) {
         if (n > m_cap) Reallocate(n);
@@ -113,7 +121,7 @@ public:
         }
     }
     // Copies [first, last) in at pos.
-    template <class It>
+    template <std::input_iterator It>
     T* insert(const T* pos, It first, It last) {
         const size_t at = static_cast<size_t>(pos - m_p), n = static_cast<size_t>(std::distance(first, last));
         if constexpr (std::is_pointer_v<It>) {
@@ -131,16 +139,35 @@ public:
         m_written = std::max(m_written, m_size);
         return dst;
     }
-    template <class It>
+    template <std::input_iterator It>
     void assign(It first, It last) {
         clear();
         insert(end(), first, last);
     }
+    // n copies of v; zeros cost nothing over memory never written.
+    void assign(size_t n, const T& v) {
+        clear();
+        if (IsZero(v)) {
+            resize(n);
+            return;
+        }
+        reserve(n);
+        std::fill_n(m_p, n, v);
+        m_size = n;
+        m_written = std::max(m_written, n);
+    }
     friend bool operator==(const ZeroedArray& a, const ZeroedArray& b) {
         return a.m_size == b.m_size && std::equal(a.begin(), a.end(), b.begin());
     }
+    friend bool operator==(const ZeroedArray& a, const std::vector<T>& b) {
+        return a.m_size == b.size() && std::equal(a.begin(), a.end(), b.begin());
+    }
 
 private:
+    static bool IsZero(const T& v) {
+        const T zero{};
+        return std::memcmp(&v, &zero, sizeof(T)) == 0;
+    }
     size_t Grown() const { return m_cap < 8 ? 8 : (m_cap > PTRDIFF_MAX / 2 / sizeof(T) ? m_cap + 1 : m_cap * 2); }
     void Put(const T& v) {
         m_p[m_size++] = v;

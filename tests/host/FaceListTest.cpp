@@ -192,10 +192,12 @@ TEST(Primitives, ClosedOutwardMeshesOfTheRequestedSize) {
 TEST(FaceList, AdoptTakesConsistentArraysOnly) {
     C3DFaceList fl;
     fl.AddTriangle(7, 8, 9);
+    using Index = CFaceList::IndexArray;
+    using Flags = CFaceList::FlagArray;
     struct Bad {
-        std::vector<uint32_t> offsets, indices;
-        std::vector<uint8_t> flags;
-        std::vector<uint32_t> mats;
+        Index offsets, indices;
+        Flags flags;
+        Index mats;
     } bad[] = {
         {{}, {}, {}, {}},                    // no leading zero
         {{1, 3}, {0, 1, 2}, {0}, {5}},       // does not start at 0
@@ -211,17 +213,15 @@ TEST(FaceList, AdoptTakesConsistentArraysOnly) {
     }
     // A single step down anywhere in a longer list (the check runs in blocks of four).
     for (size_t at = 2; at + 1 < 40; ++at) {
-        std::vector<uint32_t> offsets(40);
+        Index offsets(40);
         for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = static_cast<uint32_t>(2 * i);
         offsets[at] = offsets[at - 1] - 1;
-        EXPECT_FALSE(fl.Adopt(std::move(offsets), std::vector<uint32_t>(78), std::vector<uint8_t>(39),
-                              std::vector<uint32_t>(39)))
-            << at;
+        EXPECT_FALSE(fl.Adopt(std::move(offsets), Index(78), Flags(39), Index(39))) << at;
     }
     ASSERT_EQ(fl.GetNumberOfFaces(), 1);
-    std::vector<uint32_t> steady(40);
+    Index steady(40);
     for (size_t i = 0; i < steady.size(); ++i) steady[i] = static_cast<uint32_t>(i / 3 * 3); // empty faces too
-    EXPECT_TRUE(fl.Adopt(std::move(steady), std::vector<uint32_t>(39), std::vector<uint8_t>(39), std::vector<uint32_t>(39)));
+    EXPECT_TRUE(fl.Adopt(std::move(steady), Index(39), Flags(39), Index(39)));
     EXPECT_TRUE(fl.Adopt({0, 3, 3, 7}, {0, 1, 2, 3, 4, 5, 6}, {0, FACE_SKIP, 0}, {1, 2, 3}));
     ASSERT_EQ(fl.GetNumberOfFaces(), 3);
     EXPECT_EQ(fl.GetFaceSize(1), 0);

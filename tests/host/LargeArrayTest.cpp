@@ -100,14 +100,15 @@ TEST(PopulateNow, LeavesContentsAndSizeAlone) {
 }
 
 // Random edits applied to a ZeroedArray and to a std::vector side by side must leave the
-// same contents: in particular, elements that come back after a shrink are zero again.
+// same contents: in particular, elements that come back after a shrink, or after a clear and
+// an assign of zeros, are zero again.
 TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
     hostmem::ZeroedArray<float> z;
     std::vector<float> v;
     uint32_t seed = 12345;
     auto next = [&] { return seed = seed * 1103515245u + 12345u, seed >> 8; };
     for (int step = 0; step < 4000; ++step) {
-        const uint32_t op = next() % 9, r = next();
+        const uint32_t op = next() % 11, r = next();
         const float x = static_cast<float>(r % 1000) + 0.5f;
         switch (op) {
         case 0:
@@ -136,8 +137,27 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
         case 6: z.reserve(r % 600); break;
         case 7: if (!v.empty()) { const size_t i = r % v.size(); z[i] = x; v[i] = x; } break;
         case 8: { hostmem::ZeroedArray<float> c(z); z = r % 2 ? c : std::move(c); break; }
+        case 9: { // n copies, zeros half the time
+            const size_t n = r % 400;
+            const float fill = r % 2 ? 0.0f : x;
+            if (r % 3 == 0)
+                z = hostmem::ZeroedArray<float>(n, fill);
+            else
+                z.assign(n, fill);
+            v.assign(n, fill);
+            break;
+        }
+        case 10:
+            if (r % 4 == 0) {
+                z = hostmem::ZeroedArray<float>(r % 50);
+                v.assign(r % 50, 0.0f);
+            }
+            break;
         }
         ASSERT_EQ(z.size(), v.size()) << "step " << step;
+        if (!v.empty()) {
+            ASSERT_EQ(z.back(), v.back()) << "step " << step;
+        }
         ASSERT_GE(z.capacity(), z.size());
         ASSERT_TRUE(std::equal(v.begin(), v.end(), z.begin())) << "step " << step << " op " << op;
     }
