@@ -185,9 +185,9 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     // which writes nothing (see ZeroedArray), and every entry that is not zero is written
     // once, in place; the face flags stay zero and their pages are never touched. Most of
     // the read is the kernel handing out the arrays' pages, so two threads share it: one
-    // builds the points and the vertex and normal indices, the other the normals, the face
-    // offsets, the colours and the materials, each asking for its pages a slice at a time
-    // just before writing them (still in cache).
+    // builds the points and the vertex indices, the other the normals, the face offsets, the
+    // colours and the materials, and they take turns at the normal indices; each asks for
+    // its pages a slice at a time just before writing them (still in cache).
     const size_t count = n > INT32_MAX / 3 ? INT32_MAX / 3 : n;
     const uint8_t* const records = c.current();
     hostmem::ZeroedArray<float> pts, nvec;
@@ -246,15 +246,24 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         }
     };
 
+    // The normal indices (i, i, i) need no record: each side writes them for every other
+    // slice, which evens out the two sides' pages.
+    uint32_t* const normalIndexAt = nidx.data();
+    auto ownsNormalIndices = [](size_t first, size_t side) { return first / kSlice % 2 == side; };
+    auto normalIndices = [&](size_t first, size_t b) {
+        for (size_t i = first; i < first + b; ++i)
+            normalIndexAt[i * 3] = normalIndexAt[i * 3 + 1] = normalIndexAt[i * 3 + 2] =
+                static_cast<uint32_t>(i);
+    };
+
     auto geometry = [&] {
         float* const pointAt = pts.data();
         uint32_t* const vertexAt = fidx.data();
-        uint32_t* const normalIndexAt = nidx.data();
         eachBlock(
             [&](size_t first) {
                 populate(pts, first * 9, (first + kSlice) * 9);
                 populate(fidx, first * 3, (first + kSlice) * 3);
-                populate(nidx, first * 3, (first + kSlice) * 3);
+                if (ownsNormalIndices(first, 0)) populate(nidx, first * 3, (first + kSlice) * 3);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t i = first; i < first + b; ++i, rec += kRecord) {
@@ -264,9 +273,8 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                     vertexAt[base] = base;
                     vertexAt[base + 1] = base + 1;
                     vertexAt[base + 2] = base + 2;
-                    normalIndexAt[base] = normalIndexAt[base + 1] = normalIndexAt[base + 2] =
-                        static_cast<uint32_t>(i);
                 }
+                if (ownsNormalIndices(first, 0)) normalIndices(first, b);
                 doneA.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });
@@ -298,6 +306,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                 populate(noffsets, first, first + kSlice + 1);
                 populate(offsets, first, first + kSlice + 1);
                 if (coloured) populateColours(first, first + kSlice);
+                if (ownsNormalIndices(first, 1)) populate(nidx, first * 3, (first + kSlice) * 3);
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t i = first; i < first + b; ++i, rec += kRecord) {
@@ -318,6 +327,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
                         cflags[i] = FACE_SKIP;
                     }
                 }
+                if (ownsNormalIndices(first, 1)) normalIndices(first, b);
                 doneB.store(first + b, std::memory_order_relaxed);
                 releaseBehind();
             });

@@ -446,8 +446,8 @@ TEST(StlRead, AsciiLineEndsAndEndsolidForms) {
 // Binary records are converted in blocks: a file longer than a block, with the first
 // colour well inside a later block, must come out as if read one record at a time.
 // From 65,536 records the read runs on two threads (points and faces on one, normals and
-// colours on the other), asking for pages 131,072 records at a time; the colours start
-// inside the first slice or well past it. Every value is checked.
+// colours on the other, the normals' indices by turns), asking for pages 131,072 records at
+// a time; the colours start inside the first slice or well past it. Every value is checked.
 class StlBinaryBlocks : public testing::TestWithParam<std::pair<int, int>> {};
 INSTANTIATE_TEST_SUITE_P(Sizes, StlBinaryBlocks,
                          testing::Values(std::pair(2500, 1500), std::pair(400000, 1500), std::pair(400000, 200000)));
@@ -481,10 +481,11 @@ TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
         const uint32_t b3 = static_cast<uint32_t>(i) * 3;
         ASSERT_EQ(FaceOf(fl, i), (std::vector<uint32_t>{b3, b3 + 1, b3 + 2})) << i;
         ASSERT_EQ(fl.GetMaterialID(i), NO_MATERIAL);
+        ASSERT_EQ(fl.GetFaceFlags(i) | sn->GetNormalFaceList()->GetFaceFlags(i), 0u) << i;
         ASSERT_EQ(sn->GetNormalVectorList()->GetPoint(i).z, static_cast<float>(i) + 0.5f) << i;
         ASSERT_EQ(sn->GetNormalVectorList()->GetPoint(n + i).z, 0.0f) << i;
         const uint32_t u = static_cast<uint32_t>(i);
-        ASSERT_EQ(FaceOf(*sn->GetNormalFaceList(), i), (std::vector<uint32_t>{u, u, u}));
+        ASSERT_EQ(FaceOf(*sn->GetNormalFaceList(), i), (std::vector<uint32_t>{u, u, u})) << i;
         const bool coloured = i >= firstColour && i % 7 == 3;
         ASSERT_EQ(vc->GetVCFaceList()->IsFaceFlagSet(i, FACE_SKIP), !coloured) << i;
         const uint32_t c = coloured ? k++ : 0;
