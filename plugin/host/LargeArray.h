@@ -146,13 +146,14 @@ public:
     }
     // n copies of v; zeros cost nothing over memory never written.
     void assign(size_t n, const T& v) {
+        const T value = v; // v may live in the block that reserve() frees
         clear();
-        if (IsZero(v)) {
+        if (IsZero(value)) {
             resize(n);
             return;
         }
         reserve(n);
-        std::fill_n(m_p, n, v);
+        std::fill_n(m_p, n, value);
         m_size = n;
         m_written = std::max(m_written, n);
     }

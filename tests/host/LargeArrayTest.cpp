@@ -137,10 +137,13 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
         case 6: z.reserve(r % 600); break;
         case 7: if (!v.empty()) { const size_t i = r % v.size(); z[i] = x; v[i] = x; } break;
         case 8: { hostmem::ZeroedArray<float> c(z); z = r % 2 ? c : std::move(c); break; }
-        case 9: { // n copies, zeros half the time
+        case 9: { // n copies, zeros half the time, or copies of its own first element
             const size_t n = r % 400;
-            const float fill = r % 2 ? 0.0f : x;
-            if (r % 3 == 0)
+            const bool own = r % 5 == 1 && !v.empty();
+            const float fill = own ? v[0] : r % 2 ? 0.0f : x;
+            if (own)
+                z.assign(n, z[0]);
+            else if (r % 3 == 0)
                 z = hostmem::ZeroedArray<float>(n, fill);
             else
                 z.assign(n, fill);
