@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <system_error>
 #include <pthread.h>
 #include <thread>
 #include <unistd.h>
@@ -50,7 +51,12 @@ void InstallSignalHandling(std::atomic<bool>* cancel) {
     sigemptyset(&g_caught);
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&g_caught, sig);
     pthread_sigmask(SIG_BLOCK, &g_caught, nullptr);
-    std::thread(Watch).detach();
+    try {
+        std::thread(Watch).detach();
+    } catch (const std::system_error&) {
+        // No thread to take them: the signals keep their default action.
+        pthread_sigmask(SIG_UNBLOCK, &g_caught, nullptr);
+    }
 }
 
 CommitSection::CommitSection() { g_commit.lock(); }
