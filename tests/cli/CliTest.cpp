@@ -337,6 +337,34 @@ TEST(CliSignals, TerminationDuringAWriteLeavesNothingBehind) {
     }
 }
 
+// Ctrl-C during a write: the first cancels (the finished file is not moved into place,
+// status 7), a second ends the run at once like SIGTERM. Nothing is left either way.
+TEST(CliSignals, CtrlCDuringAWrite) {
+    TempDir d;
+    WriteBigObj(d / "big.obj", 1500000);
+    for (int presses : {1, 2}) {
+        TempDir io;
+        fs::path outDir = d / ("out" + std::to_string(presses));
+        fs::create_directory(outDir);
+        Running r({"convert", (d / "big.obj").string(), (outDir / "big.ma").string()}, d.path(), io.path());
+        if (!r.Until([&] { return WriteUnderWay(outDir); })) GTEST_SKIP() << "the write ended before it could be caught";
+        for (int i = 0; i < presses; ++i) {
+            kill(r.pid, SIGINT);
+            usleep(20000);
+        }
+        r.Wait();
+        if (presses == 1) {
+            ASSERT_TRUE(WIFEXITED(r.status)) << "killed by signal " << WTERMSIG(r.status);
+            EXPECT_EQ(WEXITSTATUS(r.status), 7);
+            EXPECT_EQ(ReadFile(r.err), "orbiscope: cancelled while writing " + (outDir / "big.ma").string() + ".\n");
+        } else {
+            ASSERT_TRUE(WIFSIGNALED(r.status)) << "status " << r.status;
+            EXPECT_EQ(WTERMSIG(r.status), SIGINT);
+        }
+        EXPECT_TRUE(fs::is_empty(outDir)) << presses;
+    }
+}
+
 // The unpacked copy of a gzip world is removed when the read is ended by a signal; SIGPIPE
 // from outside is ignored (the read goes on and cleans up as usual).
 TEST(CliSignals, GzipWorldTemporaryIsRemovedOnTermination) {
