@@ -10,9 +10,11 @@
 #include <string>
 #include <system_error>
 
+#include "cli/Signals.h"
 #include "cli/ToolCommands.h"
 #include "formats/lxo/LxoCopy.h"
 #include "formats/lxo/LxoDump.h"
+#include "plugin/host/FileHelpers.h"
 #include "plugin/host/FileIo.h"
 #include "plugin/host/GenericIo.h"
 #include "plugin/host/HostTypes.h"
@@ -91,7 +93,21 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         std::fprintf(stderr, "orbiscope: cannot open '%s': %s.\n", src, std::strerror(errno));
         return EXIT_CANNOT_OPEN;
     }
-    const std::string tmp = std::string(dst) + ".orbiscope-tmp";
+    // Named after this process (see fileCreateTmpName), so a run killed outright leaves
+    // nothing the next run in that folder cannot remove.
+    const CXStringW dstW(Utf8ToWide(dst));
+    CXStringW folder = fileStripName(dstW);
+    if (folder.IsEmpty()) folder = L"./";
+    const CXStringW tmpW = fileCreateTmpName(folder, L".orbiscope-lxo-", L".lxo");
+    if (tmpW.IsEmpty()) {
+        std::fprintf(stderr, "orbiscope: cannot create '%s': %s.\n", dst, std::strerror(errno));
+        return EXIT_WRITE;
+    }
+    struct Cleanup {
+        CXStringW p;
+        ~Cleanup() { fileDelete(p); }
+    } cleanup{tmpW};
+    const std::string tmp = PathToUtf8(tmpW);
     uint32_t r = 0, w = 0;
     int replaced = 0;
     {
@@ -105,9 +121,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         replaced = up.ReplacedCount();
         w = up.Writer()->Finish();
     }
-    std::error_code ec;
     if (r || w) {
-        std::filesystem::remove(tmp, ec);
         if (w && (!r || r == LXO_ERR_WRITE)) {
             std::fprintf(stderr, "orbiscope: cannot write '%s': the disk refused the data.\n", dst);
             return EXIT_WRITE;
@@ -115,15 +129,13 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         return ReadFailure("read", src, r);
     }
     if (mesh && replaced == 0) {
-        std::filesystem::remove(tmp, ec);
         std::fprintf(stderr, "orbiscope: cannot replace a layer of '%s': it has no mesh layer with reference ID %u.\n",
                      src, layerRef);
         return EXIT_NOTHING;
     }
-    std::filesystem::rename(tmp, dst, ec);
-    if (ec) {
-        std::filesystem::remove(tmp, ec);
-        std::fprintf(stderr, "orbiscope: cannot write '%s': %s.\n", dst, ec.message().c_str());
+    CommitSection commit;
+    if (!fileRename(tmpW, dstW)) {
+        std::fprintf(stderr, "orbiscope: cannot write '%s': %s.\n", dst, std::strerror(errno));
         return EXIT_WRITE;
     }
     return 0;

@@ -15,11 +15,13 @@
 #include "cli/ExitCodes.h"
 #include "cli/Module.h"
 #include "cli/SceneSummary.h"
+#include "cli/Signals.h"
 #include "cli/ToolCommands.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/GenericIo.h"
+#include "plugin/host/IoFile.h"
 #include "plugin/host/Scene.h"
 
 namespace fs = std::filesystem;
@@ -27,11 +29,6 @@ namespace fs = std::filesystem;
 namespace {
 int g_verbosity = 1; // 0 quiet, 1 normal, 2 verbose
 std::atomic<bool> g_cancel{false};
-
-void OnSigint(int) {
-    g_cancel.store(true);
-    std::signal(SIGINT, SIG_DFL); // a second Ctrl-C ends the process at once
-}
 
 const char* kUsage =
     "usage: orbiscope [-q|-v] COMMAND ...\n"
@@ -211,6 +208,12 @@ int ReadScene(const std::string& path, const std::string& fromID, std::unique_pt
     return EXIT_OK;
 }
 
+// What really failed in a write that a writer reported as "cannot open".
+std::string WriteFailureSentence(const IoWriteFailure& f, const std::string& out) {
+    if (f.atOpen) return "cannot open " + out + " for writing: " + std::strerror(f.error) + ".";
+    return "cannot write " + out + ": " + std::strerror(f.error) + ".";
+}
+
 bool SameFile(const std::string& a, const std::string& b) {
     struct stat sa, sb;
     if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return false;
@@ -226,16 +229,16 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
     if (!fs::is_directory(dir, ec))
         return Fail(EXIT_CANNOT_WRITE, "cannot write " + out + ": the folder " + dir.string() + " does not exist.");
     if (fs::is_directory(target, ec)) return Fail(EXIT_CANNOT_WRITE, "cannot write " + out + ": it is a folder.");
-    std::string tmpl = (dir / ".orbiscope-XXXXXX").string();
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back(0);
-    if (!mkdtemp(buf.data()))
+    // Named after this process, so that a run killed outright leaves a folder the next
+    // run here recognises as stale and removes.
+    const CXStringW tmpName = fileCreateTmpFolder(Wide(dir.string()), L".orbiscope-");
+    if (tmpName.IsEmpty())
         return Fail(EXIT_CANNOT_WRITE, "cannot write " + out + ": " + std::strerror(errno) + ".");
-    fs::path tmpDir(buf.data());
+    fs::path tmpDir(Narrow(tmpName));
     struct Cleanup {
-        fs::path p;
-        ~Cleanup() { std::error_code e; fs::remove_all(p, e); }
-    } cleanup{tmpDir};
+        CXStringW p;
+        ~Cleanup() { fileRemoveDirectory(p); }
+    } cleanup{tmpName};
 
     CFileIo io(Wide(target.string()));
     io.SetSilentMode(true);
@@ -250,15 +253,21 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
         return Fail(EXIT_NOTHING_TO_WRITE, "there is nothing in the scene that can be written to " + out + ".");
     }
     fs::path tmpTarget = tmpDir / target.filename();
+    IoFileClearWriteFailure();
     bool ok = parser->Save(Wide(tmpTarget.string()), prepared.get(), options);
+    const IoWriteFailure failure = IoFileLastWriteFailure();
     parser->ReleaseParser(false, nullptr);
     if (g_verbosity >= 2)
         for (auto& l : options.GetLog()) std::fprintf(stderr, "orbiscope: note: %s\n", Narrow(l.text).c_str());
     if (!ok) {
         int r = io.GetIoError();
         if (r == 0) r = -1;
+        if (r == -1 && failure.error) return Fail(EXIT_CANNOT_WRITE, WriteFailureSentence(failure, out));
         return Fail(r == -1 ? EXIT_CANNOT_WRITE : ResultExitCode(r), ResultSentence(r, out, false));
     }
+    // A Ctrl-C during the write: the writers do not poll, so the finished file is dropped here.
+    if (g_cancel.load()) return Fail(EXIT_CANCELLED, "cancelled while writing " + out + ".");
+    CommitSection commit;
     for (auto& e : fs::directory_iterator(tmpDir, ec)) {
         fs::path dest = dir / e.path().filename();
         if (std::rename(e.path().c_str(), dest.c_str()) != 0)
@@ -330,7 +339,8 @@ int CmdConvert(const std::vector<std::string>& args) {
 }
 } // namespace
 
-int main(int argc, char** argv) {
+namespace {
+int Run(int argc, char** argv) {
     std::vector<std::string> args;
     for (int i = 1; i < argc; ++i) args.emplace_back(argv[i]);
     while (!args.empty() && (args[0] == "-q" || args[0] == "-v")) {
@@ -349,7 +359,6 @@ int main(int argc, char** argv) {
         std::printf("orbiscope 0.5.0 (format module interface %u.%u, %s)\n", v >> 16, v & 0xFFFF, module.path.c_str());
         return EXIT_OK;
     }
-    std::signal(SIGINT, OnSigint);
     std::vector<std::string> rest(args.begin() + 1, args.end());
     const std::string& cmd = args[0];
     if (cmd == "formats") return CmdFormats();
@@ -367,4 +376,10 @@ int main(int argc, char** argv) {
         return cmd == "lxo" ? RunLxoCommand(n, sub.data()) : RunVrml97Command(n, sub.data());
     }
     return Fail(EXIT_USAGE, "unknown command \"" + cmd + "\" (see --help).");
+}
+} // namespace
+
+int main(int argc, char** argv) {
+    InstallSignalHandling(&g_cancel);
+    return FinishStandardOutput(Run(argc, argv));
 }

@@ -73,6 +73,8 @@ uint32_t LxoCopy::CopyChunk() {
     // Channel names are registered again, and item headers rewritten, by the base decoders.
     if (ChunkID() == lxoid::CHNM || ChunkID() == lxoid::ITEM) return DispatchChunk();
     if (!m_writer) return Result(LXO_ERR_WRITE);
+    // The payload is copied whole or not at all: a chunk cut by the end of the file is a short read.
+    if (ChunkMissing()) return Result(LXO_ERR_READ);
     LxoChunk chunk(*m_writer, ChunkID());
     if (uint32_t r = CopyBytes(ChunkUnread())) return r;
     return Result(chunk.Close() ? LXO_ERR_WRITE : LXO_OK);
@@ -116,8 +118,9 @@ int LxoUpdater::NestingContext() {
     case GRP3:
         return 0;
     case TAGS: case PART: case SRF3: case PNTS: case POLS: case PTAG: case VMAP: case TRIS:
-    case TTGS: case VMAD: case VMED: case VRTS: case VVEC: case VMPA: case BBOX:
+    case TTGS: case VMAD: case VMED: case VRTS: case VVEC:
         return m_replacedID != -2 ? 1 : 2;
+    // BBOX and VMPA are not geometry data here: they stay, even after a replaced layer.
     default:
         return 2;
     }

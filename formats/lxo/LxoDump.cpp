@@ -200,7 +200,7 @@ uint32_t LxoDump::OnTags(const LxoStringList& tags) {
 uint32_t LxoDump::OnLayer(const LxoLayerInfo& l) {
     Print("Mesh: Reference ID: %d, Index %d, Flags 0x%x, Pivot (%f,%f,%f), Name: <%s> Parent %d\n",
           int(l.referenceID), int(l.index), unsigned(l.flags), double(l.pivot[0]), double(l.pivot[1]),
-          double(l.pivot[2]), l.name.c_str(), int(int16_t(l.parent)));
+          double(l.pivot[2]), l.name.c_str(), int(l.parent));
     Print("Spline Level %d, Subdivision Level %f, Curve Angle: %f, Scale Pivot (%f,%f,%f)\n", int(l.SplineLevel()),
           double(l.SubdivisionLevel()), double(l.CurveAngle()), double(l.ScalePivot(0)), double(l.ScalePivot(1)),
           double(l.ScalePivot(2)));

@@ -57,6 +57,7 @@ uint32_t LxoReader::Read() {
         m_loaded = false;
         m_inSub = false;
         m_unread = 0;
+        m_missing = 0;
         m_chunkStart = pos;
         uint8_t hdr[8];
         const size_t got = std::fread(hdr, 1, 4, m_file);
@@ -72,12 +73,18 @@ uint32_t LxoReader::Read() {
 
         uint32_t r = OnChunkHeader(m_chunkID, m_chunkSize);
         if (r) return r == LXO_END_OF_DATA ? LXO_OK : r;
-        if (m_unread > m_fileSize - pos) return LXO_ERR_READ;
+        // A chunk that claims more than the file still holds is decoded from what is
+        // there (reads beyond it fail as at end of file); the skip then lands past the
+        // end, where the walk stops as after the last chunk.
+        const uint64_t left = pos < m_fileSize ? m_fileSize - pos : 0;
+        m_missing = m_unread > left ? m_unread - left : 0;
+        m_unread -= m_missing;
         const uint64_t next = pos + m_unread;
         if (!isForm) {
             r = ParseChunk(NestingContext());
             if (r) return r == LXO_END_OF_DATA ? LXO_OK : r;
         }
+        if (m_missing) return LXO_OK;
         if (!m_loaded && m_unread > 0) {
             if (fseeko(m_file, static_cast<off_t>(m_unread), SEEK_CUR) != 0) return LXO_ERR_READ;
         }
@@ -334,7 +341,7 @@ uint32_t LxoReader::SubChunkLoop(int which) {
         m_subUnread = 0;
         if (r) return r;
     }
-    return LXO_OK;
+    return ReadToChunkEnd();
 }
 
 uint32_t LxoReader::DispatchChunk() {
@@ -394,6 +401,7 @@ uint32_t LxoReader::DispatchChunk() {
             m_words.push_back(poly);
             m_words.push_back(tag);
         }
+        LXO_TRY(ReadToChunkEnd());
         return OnPolyTags(w[0], static_cast<uint32_t>(m_words.size() / 2), m_words.data());
     }
     case TAGS:
@@ -402,6 +410,7 @@ uint32_t LxoReader::DispatchChunk() {
             LXO_TRY(ReadS0(s1));
             m_tags.push_back(s1);
         }
+        LXO_TRY(ReadToChunkEnd());
         return OnTags(m_tags);
     case LAYR:
         return DecodeLayer();
@@ -413,12 +422,14 @@ uint32_t LxoReader::DispatchChunk() {
         return OnGroup(w[0], w[1], w[2]);
     case PNTS:
     case VRTS: {
+        LXO_TRY(ReadToChunkEnd());
         const uint64_t count = m_unread / 12;
         m_floats.resize(static_cast<size_t>(count) * 3);
         LXO_TRY(ReadF4(m_floats.data(), static_cast<size_t>(count) * 3));
         return OnPoints(static_cast<uint32_t>(count), m_floats.data());
     }
     case TRIS: {
+        LXO_TRY(ReadToChunkEnd());
         const uint64_t count = m_unread / 12;
         m_words.resize(static_cast<size_t>(count) * 3);
         LXO_TRY(ReadU4(m_words.data(), static_cast<size_t>(count) * 3));
@@ -429,6 +440,7 @@ uint32_t LxoReader::DispatchChunk() {
     case VVEC: {
         LXO_TRY(ReadU4(w, 2));
         LXO_TRY(ReadS0(s1));
+        LXO_TRY(ReadToChunkEnd());
         const uint64_t count = w[1] ? m_unread / (uint64_t(w[1]) * 4) : 0;
         m_floats.resize(static_cast<size_t>(count * w[1]));
         LXO_TRY(ReadF4(m_floats.data(), m_floats.size()));
@@ -445,6 +457,7 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU2(wd));
         LXO_TRY(ReadU2(ht));
         LXO_TRY(ReadU4(w, 2));
+        LXO_TRY(ReadToChunkEnd());
         const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(m_unread, UINT32_MAX));
         return OnPreview(wd, ht, w[0], w[1], n, PeekLoaded(n));
     }
@@ -455,6 +468,7 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU2(ht));
         LXO_TRY(ReadU1(ch));
         LXO_TRY(ReadU1(fl));
+        LXO_TRY(ReadToChunkEnd());
         const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(m_unread, UINT32_MAX));
         return OnThumbnail(wd, ht, ch, fl, n, PeekLoaded(n));
     }
@@ -539,7 +553,7 @@ uint32_t LxoReader::DecodePolygons() {
         LXO_TRY(ReadVXs(m_words.data(), count));
         LXO_TRY(OnPolygon(type, count, m_words.data(), flags));
     }
-    return LXO_OK;
+    return ReadToChunkEnd();
 }
 
 uint32_t LxoReader::DecodeVertexMap(bool disc) {
@@ -568,7 +582,7 @@ uint32_t LxoReader::DecodeVertexMap(bool disc) {
     counted:;
     }
     LXO_TRY(OnVertexMap(type, name.c_str(), count, dim));
-    if (m_unread == 0) return LXO_OK;
+    if (m_unread == 0) return ReadToChunkEnd();
     if (m_floats.size() < dim) m_floats.resize(dim);
     while (m_unread > 0) {
         uint32_t vertex = 0, poly = 0;
@@ -578,7 +592,7 @@ uint32_t LxoReader::DecodeVertexMap(bool disc) {
         LXO_TRY(disc ? OnVertexMapDiscValue(vertex, poly, dim, m_floats.data())
                      : OnVertexMapValue(vertex, dim, m_floats.data()));
     }
-    return LXO_OK;
+    return ReadToChunkEnd();
 }
 
 uint32_t LxoReader::ReadGradient(std::string& channel, uint32_t& env, uint32_t& flags, std::string& in,

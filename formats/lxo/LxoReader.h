@@ -142,6 +142,8 @@ protected:
     uint32_t ChunkSize() const { return m_chunkSize; }
     uint64_t ChunkStart() const { return m_chunkStart; }
     uint64_t ChunkUnread() const { return m_unread; }
+    // Bytes the chunk's size claims beyond the end of the file (not part of ChunkUnread).
+    uint64_t ChunkMissing() const { return m_missing; }
     uint32_t SubChunkID() const { return m_subID; }
     uint32_t SubChunkSize() const { return m_subSize; }
     uint64_t SubChunkUnread() const { return m_subUnread; }
@@ -186,6 +188,9 @@ private:
     }
     uint64_t Available() const { return m_inSub && m_subUnread < m_unread ? m_subUnread : m_unread; }
     void InitFile();
+    // Decoders that read "to the chunk end" reach the end of the file first when the chunk
+    // claims more than the file holds: the read error a short read gives.
+    uint32_t ReadToChunkEnd() const { return m_missing ? LXO_ERR_READ : LXO_OK; }
     uint32_t SubChunkLoop(int which);
     uint32_t DispatchEnvelopeSubChunk();
     uint32_t DispatchActionSubChunk();
@@ -201,6 +206,7 @@ private:
     uint32_t m_chunkSize = 0;
     uint64_t m_chunkStart = 0;
     uint64_t m_unread = 0;
+    uint64_t m_missing = 0;
     uint32_t m_subID = 0;
     uint32_t m_subSize = 0;
     uint64_t m_subUnread = 0;

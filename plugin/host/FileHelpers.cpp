@@ -1,13 +1,22 @@
 // Path helpers and temporary files. Paths are wide at the interface and UTF-8 on
 // disk. Names taken from files written on Windows carry backslashes, so the
 // splitting helpers treat '\' as a separator too; temporary names are created with
-// O_EXCL semantics (mkstemps / mkdtemp), never guessed and then opened.
+// O_EXCL semantics (mkstemps / mkdtemp), never guessed and then opened. A temporary
+// name carries its owner ("p<pid>h<host hash>-"), so a process killed outright leaves
+// nothing that the next one in that folder cannot recognise and remove; names still in
+// use are remembered so that a host ending on a signal can remove them.
 #include "plugin/host/FileHelpers.h"
 
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <mutex>
+#include <set>
+#include <signal.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,6 +70,92 @@ std::string FolderOrTemp(const CXStringW& folder) {
     if (f.empty() || f.back() != '/') f += '/';
     return f;
 }
+
+// Temporary names made by this process and not deleted yet. Never destroyed: a signal
+// watcher may still use them while the process runs its exit handlers.
+std::mutex& LiveLock() {
+    static auto* m = new std::mutex;
+    return *m;
+}
+std::set<std::string>& Live() {
+    static auto* s = new std::set<std::string>;
+    return *s;
+}
+void Remember(const std::string& path) {
+    std::lock_guard<std::mutex> lock(LiveLock());
+    Live().insert(path);
+}
+void Forget(const std::string& path) {
+    std::lock_guard<std::mutex> lock(LiveLock());
+    Live().erase(path);
+}
+
+// The host part of the owner tag: one folder may be shared between machines, where a
+// pid says nothing.
+uint32_t HostHash() {
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0) name[0] = 0;
+    uint32_t h = 2166136261u;
+    for (const char* c = name; *c; ++c) h = (h ^ static_cast<unsigned char>(*c)) * 16777619u;
+    return h;
+}
+
+std::string OwnerTag(long pid) {
+    char tag[48];
+    std::snprintf(tag, sizeof tag, "p%ldh%08x-", pid, HostHash());
+    return tag;
+}
+
+// Parses `name` as prefix + owner tag + six characters + ext; the owner's pid, or 0.
+long StaleOwner(const std::string& name, const std::string& prefix, const std::string& ext, uint32_t host) {
+    if (name.size() < prefix.size() + ext.size() || name.compare(0, prefix.size(), prefix) != 0) return 0;
+    if (name.compare(name.size() - ext.size(), ext.size(), ext) != 0) return 0;
+    const std::string mid = name.substr(prefix.size(), name.size() - prefix.size() - ext.size());
+    size_t i = 0;
+    if (mid.size() < 2 || mid[i++] != 'p') return 0;
+    long pid = 0;
+    const size_t digits = i;
+    while (i < mid.size() && mid[i] >= '0' && mid[i] <= '9' && i - digits < 9) pid = pid * 10 + (mid[i++] - '0');
+    if (i == digits || i >= mid.size() || mid[i++] != 'h') return 0;
+    uint32_t h = 0;
+    for (int k = 0; k < 8; ++k, ++i) {
+        if (i >= mid.size()) return 0;
+        const char c = mid[i];
+        const int v = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+        if (v < 0) return 0;
+        h = (h << 4) | uint32_t(v);
+    }
+    if (i >= mid.size() || mid[i++] != '-' || mid.size() - i != 6 || h != host) return 0;
+    for (; i < mid.size(); ++i)
+        if (!std::isalnum(static_cast<unsigned char>(mid[i]))) return 0;
+    return pid;
+}
+
+// Removes this user's leftovers named like ours (same prefix and ext) whose process has ended.
+void RemoveStale(const std::string& folder, const std::string& prefix, const std::string& ext, bool folders) {
+    if (prefix.empty()) return; // without a prefix the names would not be ours to judge
+    DIR* d = ::opendir(folder.c_str());
+    if (!d) return;
+    const uint32_t host = HostHash();
+    std::vector<std::string> gone;
+    while (const dirent* e = ::readdir(d)) {
+        const long pid = StaleOwner(e->d_name, prefix, ext, host);
+        if (pid <= 0 || pid == static_cast<long>(::getpid())) continue;
+        if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) continue; // alive, or not ours to ask
+        gone.push_back(folder + e->d_name);
+    }
+    ::closedir(d);
+    for (const auto& path : gone) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0 || st.st_uid != ::geteuid()) continue;
+        if (folders && S_ISDIR(st.st_mode)) {
+            std::error_code ec;
+            std::filesystem::remove_all(path, ec);
+        } else if (!folders && S_ISREG(st.st_mode)) {
+            ::unlink(path.c_str());
+        }
+    }
+}
 } // namespace
 
 std::string PathToUtf8(const CXStringW& p) { return WideToUtf8(p.view()); }
@@ -75,18 +170,28 @@ bool fileIsDirectory(const CXStringW& path) {
     return !path.IsEmpty() && ::stat(PathToUtf8(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool fileDelete(const CXStringW& path) { return !path.IsEmpty() && ::unlink(PathToUtf8(path).c_str()) == 0; }
+bool fileDelete(const CXStringW& path) {
+    if (path.IsEmpty()) return false;
+    const std::string p = PathToUtf8(path);
+    const bool ok = ::unlink(p.c_str()) == 0;
+    if (ok || errno == ENOENT) Forget(p);
+    return ok;
+}
 
 bool fileRename(const CXStringW& from, const CXStringW& to) {
     if (from.IsEmpty() || to.IsEmpty()) return false;
     std::string f = PathToUtf8(from), t = PathToUtf8(to);
-    if (::rename(f.c_str(), t.c_str()) == 0) return true;
+    if (::rename(f.c_str(), t.c_str()) == 0) {
+        Forget(f);
+        return true;
+    }
     // Across file systems rename cannot work: copy, then remove the source.
     if (errno != EXDEV) return false;
     struct stat st;
     if (::stat(f.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
     if (!CopyFileBytes(f, t)) return false;
     ::unlink(f.c_str());
+    Forget(f);
     return true;
 }
 
@@ -168,17 +273,22 @@ CXStringW fileGetTempDirectory() {
 }
 
 CXStringW fileCreateTmpName(const CXStringW& folder, const CXStringW& prefix, const CXStringW& ext) {
-    std::string suffix = PathToUtf8(ext);
-    std::string tmpl = FolderOrTemp(folder) + PathToUtf8(prefix) + "XXXXXX" + suffix;
+    const std::string suffix = PathToUtf8(ext), dir = FolderOrTemp(folder), pre = PathToUtf8(prefix);
+    RemoveStale(dir, pre, suffix, false);
+    std::string tmpl = dir + pre + OwnerTag(::getpid()) + "XXXXXX" + suffix;
     int fd = mkostemps(tmpl.data(), static_cast<int>(suffix.size()), O_CLOEXEC);
     if (fd < 0) return CXStringW();
     ::close(fd);
+    Remember(tmpl);
     return CXStringW(Utf8ToWide(tmpl));
 }
 
 CXStringW fileCreateTmpFolder(const CXStringW& parent, const CXStringW& prefix) {
-    std::string tmpl = FolderOrTemp(parent) + PathToUtf8(prefix) + "XXXXXX";
+    const std::string dir = FolderOrTemp(parent), pre = PathToUtf8(prefix);
+    RemoveStale(dir, pre, "", true);
+    std::string tmpl = dir + pre + OwnerTag(::getpid()) + "XXXXXX";
     if (!mkdtemp(tmpl.data())) return CXStringW();
+    Remember(tmpl);
     return CXStringW(Utf8ToWide(tmpl));
 }
 
@@ -187,9 +297,30 @@ bool fileRemoveDirectory(const CXStringW& path) {
     std::filesystem::path p(PathToUtf8(path));
     std::error_code ec;
     // symlink_status: a link to a folder is removed as a link, its target untouched.
-    if (!std::filesystem::is_directory(std::filesystem::symlink_status(p, ec))) return false;
+    const auto st = std::filesystem::symlink_status(p, ec);
+    if (st.type() == std::filesystem::file_type::not_found) Forget(p.string());
+    if (!std::filesystem::is_directory(st)) return false;
     std::filesystem::remove_all(p, ec);
+    if (!ec) Forget(p.string());
     return !ec;
+}
+
+void fileRemoveTmpOfThisProcess() {
+    std::lock_guard<std::mutex> lock(LiveLock());
+    for (const auto& path : Live()) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0) continue;
+        if (S_ISDIR(st.st_mode)) {
+            // A writer may still be adding files: retry until the folder itself is gone,
+            // after which nothing can be created in it.
+            std::error_code ec;
+            for (int tries = 0; tries < 20 && std::filesystem::remove_all(path, ec) == static_cast<std::uintmax_t>(-1);)
+                ++tries;
+        } else {
+            ::unlink(path.c_str());
+        }
+    }
+    Live().clear();
 }
 
 CXStringW GetUniqueName(CHashTable<CXStringW>& taken, const CXStringW& base, int maxLen) {

@@ -15,10 +15,17 @@ CXStringW fileStripPath(const CXStringW& path);   // "a/b/c.obj" -> "c.obj"
 CXStringW fileStripName(const CXStringW& path);   // "a/b/c.obj" -> "a/b/"
 CXStringW fileRemoveExtension(const CXStringW& path);
 CXStringW fileGetExtension(const CXStringW& path); // with its dot, "" when none
-// A new empty file in `folder` (empty: the system's temporary folder) named prefix + unique part + ext.
+// A new empty file in `folder` (empty: the system's temporary folder) named prefix + owner
+// + unique part + ext; the owner part names this process and host. Leftovers of the same
+// prefix and ext in that folder whose process is gone (killed outright) are removed first.
 CXStringW fileCreateTmpName(const CXStringW& folder, const CXStringW& prefix, const CXStringW& ext = L"");
-// A new empty folder; empty string on failure.
+// A new empty folder named the same way (stale folders of dead processes go first); empty
+// string on failure.
 CXStringW fileCreateTmpFolder(const CXStringW& parent, const CXStringW& prefix);
+// Removes every temporary file and folder this process made and has not deleted (through
+// fileDelete, fileRemoveDirectory or fileRename) yet: for a host that ends on a signal.
+// Takes a lock, so it is for a normal thread, not for a signal handler.
+void fileRemoveTmpOfThisProcess();
 // Removes a folder and everything in it.
 bool fileRemoveDirectory(const CXStringW& path);
 CXStringW fileGetTempDirectory();

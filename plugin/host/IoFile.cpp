@@ -32,6 +32,10 @@ bool WriteAll(int fd, const uint8_t* p, size_t n, int64_t& written) {
             if (errno == EINTR) continue;
             return false;
         }
+        if (w == 0) { // nothing taken and no reason given: do not spin
+            errno = EIO;
+            return false;
+        }
         p += w;
         n -= static_cast<size_t>(w);
         written += w;
@@ -42,6 +46,8 @@ bool WriteAll(int fd, const uint8_t* p, size_t n, int64_t& written) {
 void SetError(std::string* error, int err) {
     if (error) *error = std::generic_category().message(err);
 }
+
+thread_local IoWriteFailure t_writeFailure;
 
 bool ReadAllFd(int fd, std::vector<uint8_t>& out, size_t expect) {
     out.clear();
@@ -101,7 +107,18 @@ bool IsValidUtf8(const uint8_t* p, size_t n) {
 }
 } // namespace
 
+IoWriteFailure IoFileLastWriteFailure() { return t_writeFailure; }
+void IoFileClearWriteFailure() { t_writeFailure = IoWriteFailure(); }
+
 IoFile::IoFile(bool silent) : m_silent(silent) {}
+
+void IoFile::NoteWriteError(int err) {
+    m_writeError = true;
+    if (m_writeErrno == 0) {
+        m_writeErrno = err ? err : EIO;
+        t_writeFailure = {m_writeErrno, false};
+    }
+}
 
 IoFile::IoFile(bool silent, int textMode) : m_silent(silent), m_textMode(textMode) {}
 
@@ -114,6 +131,7 @@ bool IoFile::OpenFile(const CXStringW& path, bool forReading, std::string* error
 bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string* error) {
     CloseFile();
     m_writeError = false;
+    m_writeErrno = 0;
     if (utf8Path.empty() || utf8Path.find('\0') != std::string::npos) {
         SetError(error, ENOENT);
         return false;
@@ -121,6 +139,7 @@ bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string*
     if (!forReading) {
         int fd = ::open(utf8Path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
         if (fd < 0) {
+            t_writeFailure = {errno, true};
             SetError(error, errno);
             return false;
         }
@@ -206,8 +225,9 @@ bool IoFile::CloseFile() {
     bool ok = true;
     if (m_writing) {
         ok = FlushWrite();
+        // Some file systems report a full disk or a lost connection only here.
         if (::close(m_fd) != 0) {
-            m_writeError = true;
+            NoteWriteError(errno);
             ok = false;
         }
         m_fd = -1;
@@ -277,7 +297,7 @@ bool IoFile::FileReverseRead(void* buffer, size_t bytes) {
 
 bool IoFile::FlushWrite() {
     if (!m_writing || m_wbuf.empty()) return !m_writeError;
-    if (!m_writeError && !WriteAll(m_fd, m_wbuf.data(), m_wbuf.size(), m_written)) m_writeError = true;
+    if (!m_writeError && !WriteAll(m_fd, m_wbuf.data(), m_wbuf.size(), m_written)) NoteWriteError(errno);
     m_wbuf.clear();
     return !m_writeError;
 }
@@ -289,7 +309,7 @@ bool IoFile::FileWrite(const void* buffer, size_t bytes) {
     // buffer first would only cost a second pass over the bytes.
     if (bytes >= kDirectWrite) {
         if (!FlushWrite()) return false;
-        if (!WriteAll(m_fd, b, bytes, m_written)) m_writeError = true;
+        if (!WriteAll(m_fd, b, bytes, m_written)) NoteWriteError(errno);
         return !m_writeError;
     }
     if (m_wbuf.size() + bytes > kWriteBuffer && !FlushWrite()) return false;

@@ -15,6 +15,17 @@
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/XString.h"
 
+// The last failure of a file opened for writing through IoFile on this thread: the
+// system's error number (0 when none since the last clear) and whether the open failed
+// (else a write or the close did). Writers report such failures as "cannot open"; the
+// host reads this to say what really happened ("No space left on device").
+struct IoWriteFailure {
+    int error = 0;
+    bool atOpen = false;
+};
+IoWriteFailure IoFileLastWriteFailure();
+void IoFileClearWriteFailure();
+
 class IoFile {
 public:
     explicit IoFile(bool silent = true);
@@ -73,14 +84,18 @@ public:
     bool WriteUChar(uint8_t v) { return FileWrite(&v, 1); }
     bool WriteUShort(uint16_t v) { return FileWrite(&v, 2); }
     bool HasWriteError() const { return m_writeError; }
+    // The system's error number of the failed write or close (0 when none).
+    int GetWriteErrno() const { return m_writeErrno; }
 
 private:
     bool FlushWrite();
+    void NoteWriteError(int err);
     bool m_silent;
     int m_textMode = TEXT_MODE_BINARY;
     bool m_open = false;
     bool m_writing = false;
     bool m_writeError = false;
+    int m_writeErrno = 0;
     bool m_mapped = false;
     bool m_bomChecked = false;
     int m_encoding = 0; // resolved text encoding for reads: 0 utf8, 1 latin1, 2 utf16le, 3 utf16be

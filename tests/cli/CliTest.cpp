@@ -7,9 +7,12 @@
 #include <filesystem>
 #include <string>
 #include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/support/TestSupport.h"
 
@@ -220,4 +223,269 @@ TEST(Cli, CtrlCCancelsAReadCleanly) {
     std::string err = ReadFile(errPath);
     EXPECT_NE(err.find("cancelled while reading"), std::string::npos) << err;
     EXPECT_EQ(Lines(err), 1);
+}
+
+// ---------------------------------------------------------------------------
+// Signals, temporary files and failed writes
+
+namespace {
+// A large OBJ: the read and the write both take long enough to be caught in the act.
+void WriteBigObj(const fs::path& path, int vertices) {
+    std::string obj;
+    obj.reserve(static_cast<size_t>(vertices) * 40);
+    char line[96];
+    for (int i = 0; i < vertices; ++i) {
+        int n = std::snprintf(line, sizeof line, "v %d.125 %d.5 -%d.25\n", i, i % 977, i % 13);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    for (int i = 1; i + 2 <= vertices; i += 3) {
+        int n = std::snprintf(line, sizeof line, "f %d %d %d\n", i, i + 1, i + 2);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    WriteFile(path, obj);
+}
+
+// A running orbiscope with its output in files.
+struct Running {
+    pid_t pid = -1;
+    int status = 0;
+    bool ended = false;
+    fs::path out, err;
+
+    // `fileSizeLimit` > 0 runs it under that RLIMIT_FSIZE.
+    Running(const std::vector<std::string>& args, const fs::path& cwd, const fs::path& io, rlim_t fileSizeLimit = 0)
+        : out(io / "out"), err(io / "err") {
+        const std::string bin = (testsupport::BinaryDir() / "bin" / "orbiscope").string();
+        pid = fork();
+        if (pid != 0) return;
+        if (chdir(cwd.c_str()) != 0) _exit(126);
+        int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (o < 0 || e < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0) _exit(126);
+        if (fileSizeLimit) {
+            struct rlimit lim = {fileSizeLimit, fileSizeLimit};
+            setrlimit(RLIMIT_FSIZE, &lim);
+        }
+        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
+        _exit(127);
+    }
+    ~Running() {
+        if (!ended && pid > 0) {
+            kill(pid, SIGKILL);
+            Wait();
+        }
+    }
+    bool Poll() {
+        if (!ended && waitpid(pid, &status, WNOHANG) == pid) ended = true;
+        return ended;
+    }
+    void Wait() {
+        if (!ended && waitpid(pid, &status, 0) == pid) ended = true;
+    }
+    // Polls `ready` every millisecond for up to 20 s; false when the process ended first.
+    template <class F> bool Until(F ready) {
+        for (int i = 0; i < 20000; ++i) {
+            if (ready()) return true;
+            if (Poll()) return false;
+            usleep(1000);
+        }
+        return false;
+    }
+};
+
+// Entries of `dir` whose names start with `prefix`.
+std::vector<fs::path> Entries(const fs::path& dir, const std::string& prefix) {
+    std::vector<fs::path> v;
+    std::error_code ec;
+    for (auto& e : fs::directory_iterator(dir, ec))
+        if (e.path().filename().string().rfind(prefix, 0) == 0) v.push_back(e.path());
+    return v;
+}
+
+// True while a temporary output folder in `dir` holds a file that is being written.
+bool WriteUnderWay(const fs::path& dir) {
+    for (const auto& t : Entries(dir, ".orbiscope-")) {
+        std::error_code ec;
+        for (auto& f : fs::directory_iterator(t, ec))
+            if (fs::file_size(f.path(), ec) > 0) return true;
+    }
+    return false;
+}
+} // namespace
+
+// SIGTERM and SIGHUP in the middle of a write end the process by that signal (the parent
+// sees the usual 128+N), and nothing is left beside the target: no temporary folder, no
+// partial file, no target.
+TEST(CliSignals, TerminationDuringAWriteLeavesNothingBehind) {
+    TempDir d;
+    WriteBigObj(d / "big.obj", 1500000);
+    for (int sig : {SIGTERM, SIGHUP}) {
+        TempDir io;
+        fs::path outDir = d / ("out" + std::to_string(sig));
+        fs::create_directory(outDir);
+        Running r({"convert", (d / "big.obj").string(), (outDir / "big.ma").string()}, d.path(), io.path());
+        if (!r.Until([&] { return WriteUnderWay(outDir); }))
+            GTEST_SKIP() << "the write ended before it could be caught: " << ReadFile(r.err);
+        kill(r.pid, sig);
+        r.Wait();
+        ASSERT_TRUE(WIFSIGNALED(r.status)) << "status " << r.status << ": " << ReadFile(r.err);
+        EXPECT_EQ(WTERMSIG(r.status), sig);
+        EXPECT_TRUE(fs::is_empty(outDir)) << Entries(outDir, "").front();
+    }
+}
+
+// Ctrl-C during a write: the first cancels (the finished file is not moved into place,
+// status 7), a second ends the run at once like SIGTERM. Nothing is left either way.
+TEST(CliSignals, CtrlCDuringAWrite) {
+    TempDir d;
+    WriteBigObj(d / "big.obj", 1500000);
+    for (int presses : {1, 2}) {
+        TempDir io;
+        fs::path outDir = d / ("out" + std::to_string(presses));
+        fs::create_directory(outDir);
+        Running r({"convert", (d / "big.obj").string(), (outDir / "big.ma").string()}, d.path(), io.path());
+        if (!r.Until([&] { return WriteUnderWay(outDir); })) GTEST_SKIP() << "the write ended before it could be caught";
+        for (int i = 0; i < presses; ++i) {
+            kill(r.pid, SIGINT);
+            usleep(20000);
+        }
+        r.Wait();
+        if (presses == 1) {
+            ASSERT_TRUE(WIFEXITED(r.status)) << "killed by signal " << WTERMSIG(r.status);
+            EXPECT_EQ(WEXITSTATUS(r.status), 7);
+            EXPECT_EQ(ReadFile(r.err), "orbiscope: cancelled while writing " + (outDir / "big.ma").string() + ".\n");
+        } else {
+            ASSERT_TRUE(WIFSIGNALED(r.status)) << "status " << r.status;
+            EXPECT_EQ(WTERMSIG(r.status), SIGINT);
+        }
+        EXPECT_TRUE(fs::is_empty(outDir)) << presses;
+    }
+}
+
+// The unpacked copy of a gzip world is removed when the read is ended by a signal; SIGPIPE
+// from outside is ignored (the read goes on and cleans up as usual).
+TEST(CliSignals, GzipWorldTemporaryIsRemovedOnTermination) {
+    TempDir d;
+    std::string world = "#VRML V2.0 utf8\nShape { geometry IndexedFaceSet { coord Coordinate { point [\n";
+    char line[96];
+    for (int i = 0; i < 900000; ++i) {
+        int n = std::snprintf(line, sizeof line, "%d.5 %d.25 %d,\n", i, i % 101, i % 7);
+        world.append(line, static_cast<size_t>(n));
+    }
+    world += "] } coordIndex [ 0 1 2 -1 ] } }\n";
+    WriteFile(d / "big.wrl", world);
+    ASSERT_EQ(std::system(("gzip -1 -c " + Quote((d / "big.wrl").string()) + " > " + Quote((d / "big.wrl.gz").string())).c_str()), 0);
+    fs::remove(d / "big.wrl");
+    for (int sig : {SIGTERM, SIGPIPE}) {
+        TempDir io;
+        Running r({"info", "big.wrl.gz"}, d.path(), io.path());
+        if (!r.Until([&] { return !Entries(d.path(), "~vrml97").empty(); }))
+            GTEST_SKIP() << "the read ended before it could be caught: " << ReadFile(r.err);
+        kill(r.pid, sig);
+        r.Wait();
+        if (sig == SIGPIPE) {
+            ASSERT_TRUE(WIFEXITED(r.status)) << "died of SIGPIPE";
+            EXPECT_EQ(WEXITSTATUS(r.status), 0) << ReadFile(r.err);
+        } else {
+            ASSERT_TRUE(WIFSIGNALED(r.status)) << ReadFile(r.err);
+            EXPECT_EQ(WTERMSIG(r.status), sig);
+        }
+        EXPECT_TRUE(Entries(d.path(), "~vrml97").empty());
+    }
+}
+
+// A run killed outright leaves its temporary folder; the next run writing into that folder
+// removes it, while the folder of a run that is still alive (here: stopped) stays.
+TEST(CliSignals, NextRunRemovesTheLeftoversOfKilledRuns) {
+    TempDir d;
+    WriteBigObj(d / "big.obj", 1500000);
+    fs::path outDir = d / "out";
+    fs::create_directory(outDir);
+    TempDir io1, io2;
+    // The live run first: a run's start sweeps the folders of dead runs, so the live run
+    // must not start after the kill.
+    Running alive({"convert", (d / "big.obj").string(), (outDir / "b.ma").string()}, d.path(), io1.path());
+    if (!alive.Until([&] { return !Entries(outDir, ".orbiscope-").empty(); })) GTEST_SKIP() << "ended too soon";
+    kill(alive.pid, SIGSTOP);
+    const fs::path aliveTmp = Entries(outDir, ".orbiscope-").front();
+
+    Running killed({"convert", (d / "big.obj").string(), (outDir / "a.ma").string()}, d.path(), io2.path());
+    fs::path killedTmp;
+    auto underWay = [&] {
+        for (const auto& t : Entries(outDir, ".orbiscope-")) {
+            std::error_code ec;
+            if (t != aliveTmp && fs::file_size(t / "a.ma", ec) > 0 && !ec) {
+                killedTmp = t;
+                return true;
+            }
+        }
+        return false;
+    };
+    if (!killed.Until(underWay)) GTEST_SKIP() << "the write ended too soon";
+    kill(killed.pid, SIGKILL);
+    killed.Wait();
+    ASSERT_TRUE(fs::exists(killedTmp)); // a kill leaves it: nothing runs in the process
+
+    CliRun small = Orbiscope("convert " + Quote(House().string()) + " " + Quote((outDir / "h.stl").string()));
+    EXPECT_EQ(small.status, 0) << small.err;
+    EXPECT_FALSE(fs::exists(killedTmp));
+    EXPECT_TRUE(fs::exists(aliveTmp));
+    EXPECT_TRUE(fs::exists(outDir / "h.stl"));
+    kill(alive.pid, SIGTERM);
+    kill(alive.pid, SIGCONT);
+    alive.Wait();
+    EXPECT_TRUE(WIFSIGNALED(alive.status));
+    EXPECT_FALSE(fs::exists(aliveTmp));
+}
+
+// A write cut short by the file-size limit names the real reason, and leaves nothing.
+TEST(CliWriteFailures, FileSizeLimitIsReportedAsSuch) {
+    TempDir d, io;
+    WriteBigObj(d / "mid.obj", 60000);
+    fs::path outDir = d / "out";
+    fs::create_directory(outDir);
+    Running r({"convert", "mid.obj", "out/mid.stl"}, d.path(), io.path(), 200000);
+    r.Wait();
+    ASSERT_TRUE(WIFEXITED(r.status)) << "killed by signal " << WTERMSIG(r.status);
+    EXPECT_EQ(WEXITSTATUS(r.status), 9);
+    const std::string err = ReadFile(r.err);
+    EXPECT_EQ(err, "orbiscope: cannot write out/mid.stl: File too large.\n");
+    EXPECT_TRUE(fs::is_empty(outDir));
+}
+
+// Standard output that cannot take the listing: a full disk is an error with its reason;
+// a reader that went away ends the run quietly with 128 + SIGPIPE instead of killing it.
+TEST(CliWriteFailures, StandardOutputFailures) {
+    TempDir d;
+    if (access("/dev/full", W_OK) == 0) {
+        std::string cmd = Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " info " +
+                          Quote(House().string()) + " >/dev/full 2>" + Quote((d / "err").string());
+        int rc = std::system(cmd.c_str());
+        EXPECT_EQ(WEXITSTATUS(rc), 9);
+        EXPECT_EQ(ReadFile(d / "err"), "orbiscope: cannot write the standard output: No space left on device.\n");
+    }
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[0]); // nobody will read
+    const std::string bin = (testsupport::BinaryDir() / "bin" / "orbiscope").string();
+    const std::string house = House().string();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        signal(SIGPIPE, SIG_DFL);
+        dup2(fds[1], 1);
+        int e = open((d / "err2").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(e, 2);
+        execl(bin.c_str(), bin.c_str(), "info", house.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    ASSERT_TRUE(WIFEXITED(st)) << "killed by signal " << WTERMSIG(st);
+    EXPECT_EQ(WEXITSTATUS(st), 128 + SIGPIPE);
+    EXPECT_EQ(ReadFile(d / "err2"), "");
 }

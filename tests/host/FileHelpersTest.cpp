@@ -3,10 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
+#include <functional>
 #include <set>
+#include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "tests/support/TestSupport.h"
 
@@ -134,4 +139,101 @@ TEST(FileHelpers, UniqueNames) {
     EXPECT_EQ(L"Cy10", S(GetUniqueName(t2, L"Cylinder", 4)));
     EXPECT_EQ(L"", S(GetUniqueName(t2, L"")));
     EXPECT_EQ(L"1", S(GetUniqueName(t2, L"")));
+}
+
+namespace {
+// Runs `make` in a child process, which reports the names it returns and then either ends
+// at once without cleaning up (a process killed outright) or, with `stay`, waits to be
+// killed. Returns the child's pid and the names.
+pid_t ChildMaking(bool stay, const std::function<std::vector<CXStringW>()>& make, std::vector<std::string>& names) {
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        std::string text;
+        for (const auto& n : make()) text += PathToUtf8(n) + "\n";
+        if (write(fds[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) _exit(2);
+        close(fds[1]);
+        if (stay) pause();
+        _exit(0);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[512];
+    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    names.clear();
+    for (size_t a = 0, b; (b = text.find('\n', a)) != std::string::npos; a = b + 1) names.push_back(text.substr(a, b - a));
+    return pid;
+}
+} // namespace
+
+// Names left by a process that is gone are removed by the next one that makes a name of
+// the same kind in that folder; those of a live process and the user's own files stay.
+TEST(FileHelpers, LeftoversOfDeadProcessesAreRemovedByTheNextRun) {
+    testsupport::TempDir dir;
+    const CXStringW base = W(dir.path());
+    auto make = [&] {
+        std::vector<CXStringW> v{fileCreateTmpName(base, L"~w", L".wrl"), fileCreateTmpFolder(base, L".o-")};
+        testsupport::WriteFile(std::filesystem::path(PathToUtf8(v[1])) / "partial.stl", "solid");
+        return v;
+    };
+    // The live one first: making its names would sweep the dead one's.
+    std::vector<std::string> dead, live;
+    pid_t l = ChildMaking(true, make, live);
+    ASSERT_GT(l, 0);
+    pid_t d = ChildMaking(false, make, dead);
+    ASSERT_GT(d, 0);
+    int st = 0;
+    waitpid(d, &st, 0);
+    ASSERT_EQ(dead.size(), 2u);
+    ASSERT_EQ(live.size(), 2u);
+    for (const auto& n : dead) EXPECT_TRUE(std::filesystem::exists(n)) << n;
+    // Names the user chose, some of them close to ours.
+    const std::string own = PathToUtf8(fileStripPath(W(dead[0])));
+    const std::vector<std::string> users = {"~w1.wrl", "~wp1h00000000-abcdef.wrl", own + ".bak", "~wx" + own.substr(2)};
+    for (const auto& u : users) testsupport::WriteFile(dir / u, "mine");
+
+    const CXStringW mine = fileCreateTmpName(base, L"~w", L".wrl");
+    EXPECT_FALSE(std::filesystem::exists(dead[0]));
+    EXPECT_TRUE(std::filesystem::exists(dead[1])); // folders are swept by folder creation
+    const CXStringW folder = fileCreateTmpFolder(base, L".o-");
+    EXPECT_FALSE(std::filesystem::exists(dead[1]));
+    for (const auto& n : live) EXPECT_TRUE(std::filesystem::exists(n)) << n;
+    for (const auto& u : users) EXPECT_EQ(testsupport::ReadFile(dir / u), "mine") << u;
+    // Our own names are never taken for leftovers.
+    EXPECT_TRUE(fileExists(fileCreateTmpName(base, L"~w", L".wrl")));
+    EXPECT_TRUE(fileExists(mine));
+    EXPECT_TRUE(fileIsDirectory(folder));
+    kill(l, SIGKILL);
+    waitpid(l, &st, 0);
+    fileCreateTmpFolder(base, L".o-");
+    EXPECT_FALSE(std::filesystem::exists(live[1]));
+}
+
+// What a process still holds is removed on request; what it deleted (or moved) is forgotten,
+// so a file later made at that path by someone else survives.
+TEST(FileHelpers, RemovesTheTemporariesOfThisProcessOnRequest) {
+    testsupport::TempDir dir;
+    const CXStringW base = W(dir.path());
+    std::vector<std::string> names;
+    pid_t pid = ChildMaking(false, [&] {
+        CXStringW a = fileCreateTmpName(base, L"a", L".tmp"), b = fileCreateTmpName(base, L"b");
+        CXStringW c = fileCreateTmpName(base, L"c"), f = fileCreateTmpFolder(base, L"f");
+        testsupport::WriteFile(std::filesystem::path(PathToUtf8(f)) / "sub" / "x", "1");
+        fileDelete(b);
+        fileRename(c, base + L"/moved");
+        testsupport::WriteFile(PathToUtf8(b), "someone else's");
+        fileRemoveTmpOfThisProcess();
+        return std::vector<CXStringW>{a, b, c, f};
+    }, names);
+    ASSERT_GT(pid, 0);
+    int st = 0;
+    waitpid(pid, &st, 0);
+    ASSERT_EQ(names.size(), 4u);
+    EXPECT_FALSE(std::filesystem::exists(names[0]));
+    EXPECT_EQ(testsupport::ReadFile(names[1]), "someone else's");
+    EXPECT_TRUE(std::filesystem::exists(dir / "moved"));
+    EXPECT_FALSE(std::filesystem::exists(names[3]));
 }

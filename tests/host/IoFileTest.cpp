@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <thread>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "plugin/host/Cancel.h"
@@ -179,6 +182,57 @@ TEST(IoFile, WriteFailureIsReportedAtClose) {
     EXPECT_TRUE(w.WriteString(std::string_view("hello")));
     EXPECT_FALSE(w.CloseFile());
     EXPECT_TRUE(w.HasWriteError());
+}
+
+// The reason of a failed write travels with the file and with the thread, so that the
+// host can say "No space left on device" or "File too large" rather than "cannot open".
+TEST(IoFile, WriteFailuresKeepTheSystemsReason) {
+    IoFileClearWriteFailure();
+    EXPECT_EQ(IoFileLastWriteFailure().error, 0);
+    testsupport::TempDir dir;
+    IoFile missing(true);
+    EXPECT_FALSE(missing.OpenFile((dir / "no" / "x.stl").string(), false));
+    EXPECT_EQ(IoFileLastWriteFailure().error, ENOENT);
+    EXPECT_TRUE(IoFileLastWriteFailure().atOpen);
+
+    if (access("/dev/full", W_OK) == 0) {
+        IoFile w(true);
+        ASSERT_TRUE(w.OpenFile(std::string("/dev/full"), false));
+        EXPECT_TRUE(w.WriteString(std::string_view("hello")));
+        EXPECT_FALSE(w.CloseFile());
+        EXPECT_EQ(w.GetWriteErrno(), ENOSPC);
+        EXPECT_EQ(IoFileLastWriteFailure().error, ENOSPC);
+        EXPECT_FALSE(IoFileLastWriteFailure().atOpen);
+        // A large piece goes straight to the file and fails at once.
+        IoFileClearWriteFailure();
+        ASSERT_TRUE(w.OpenFile(std::string("/dev/full"), false));
+        EXPECT_EQ(w.GetWriteErrno(), 0);
+        const std::vector<uint8_t> big(1 << 20);
+        EXPECT_FALSE(w.FileWrite(big.data(), big.size()));
+        EXPECT_EQ(IoFileLastWriteFailure().error, ENOSPC);
+    }
+
+    // The file-size limit, in a child so the limit stays there.
+    const std::string path = (dir / "limited.bin").string();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit lim = {100000, 100000};
+        setrlimit(RLIMIT_FSIZE, &lim);
+        IoFile w(true);
+        if (!w.OpenFile(path, false)) _exit(10);
+        const std::vector<uint8_t> piece(4096);
+        bool ok = true;
+        for (int i = 0; i < 100 && ok; ++i) ok = w.FileWrite(piece.data(), piece.size());
+        ok = w.CloseFile() && ok;
+        const IoWriteFailure f = IoFileLastWriteFailure();
+        _exit(ok ? 11 : f.atOpen ? 12 : f.error == EFBIG ? 0 : 13);
+    }
+    int st = 0;
+    waitpid(pid, &st, 0);
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 0);
 }
 
 namespace {

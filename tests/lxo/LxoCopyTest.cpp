@@ -163,9 +163,12 @@ TEST(LxoUpdater, ReplacedLayerLosesItsDataChunksOnly) {
     EXPECT_EQ(replaced, 1);
     const auto in = ListChunks(testsupport::ReadFile(src));
     const auto out = ListChunks(testsupport::ReadFile(dst));
+    // The old layer's BBOX and VMPA are not geometry to replace: they follow the new data.
     EXPECT_EQ(Ids(out), (std::vector<std::string>{"VRSN", "TAGS", "LAYR", "PNTS", "BBOX", "VMPA", "VMAP", "POLS",
-                                                  "VMAD", "PTAG", "LAYR", "PNTS", "BBOX", "VMPA", "VMAP", "POLS",
-                                                  "PTAG", "CHNM", "ITEM", "ITEM"}));
+                                                  "VMAD", "PTAG", "BBOX", "VMPA", "LAYR", "PNTS", "BBOX", "VMPA",
+                                                  "VMAP", "POLS", "PTAG", "CHNM", "ITEM", "ITEM"}));
+    EXPECT_EQ(out[10].payload, in[4].payload);
+    EXPECT_EQ(out[11].payload, in[5].payload);
     // The LAYR chunk itself is kept.
     EXPECT_EQ(out[2].payload, in[2].payload);
     // New geometry for layer 7.
@@ -178,10 +181,10 @@ TEST(LxoUpdater, ReplacedLayerLosesItsDataChunksOnly) {
               U4(lxoid::TXUV) + U2(2) + std::string("Texture\0", 8) + U2(2) + U2(1) + F4(0.5f) + F4(0.5f));
     EXPECT_EQ(out[9].payload, U4(lxoid::MATR) + U2(0) + U2(0) + U2(1) + U2(3));
     // Layer 9 and everything after it is untouched.
-    for (size_t i = 10; i < out.size(); ++i) {
-        EXPECT_EQ(out[i].id, in[i - 1].id);
+    for (size_t i = 12; i < out.size(); ++i) {
+        EXPECT_EQ(out[i].id, in[i - 3].id);
         if (out[i].id != lxoid::CHNM && out[i].id != lxoid::ITEM) {
-            EXPECT_EQ(out[i].payload, in[i - 1].payload) << i;
+            EXPECT_EQ(out[i].payload, in[i - 3].payload) << i;
         }
     }
     // And the result reads back through the dump.
@@ -256,4 +259,16 @@ TEST(LxoUpdater, LargeChunksCopyExactly) {
                                                   "ZZZZ"}));
     ASSERT_EQ(out.size(), 9u);
     EXPECT_TRUE(out[8].payload == big.substr(0, 70001));
+}
+
+// A raw copy takes a chunk whole: one cut by the end of the file is a short read, not a
+// shorter chunk in the copy.
+TEST(LxoCopy, ChunkCutByTheEndOfTheFileIsAShortRead) {
+    TempDir tmp;
+    const std::string src = (tmp / "s.lxo").string(), dst = (tmp / "d.lxo").string();
+    testsupport::WriteFile(src, Form(Chunk("ZZZZ", "ab")) + "YYYY" + U4(100) + "abcd");
+    LxoCopy copy(src.c_str(), dst.c_str());
+    ASSERT_NE(copy.Writer(), nullptr);
+    EXPECT_EQ(copy.Read(), LXO_ERR_READ);
+    EXPECT_EQ(copy.LastResult(), LXO_ERR_READ);
 }

@@ -217,3 +217,52 @@ TEST(LxoDump, BakedAndItemChunkObjects) {
          })
         EXPECT_NE(text.find(line), std::string::npos) << line;
 }
+
+// A LAYR parent index is a U2: "no parent" (0xFFFF) and anything above 0x7FFF print unsigned.
+TEST(LxoDump, LayerParentIndexPrintsUnsigned) {
+    using lxotest::Chunk;
+    using lxotest::F4;
+    using lxotest::U2;
+    using lxotest::U4;
+    auto layr = [](uint16_t parent) {
+        std::string p = U2(3) + U2(0) + F4(0) + F4(0) + F4(0) + std::string("L\0", 2) + U2(parent);
+        for (int i = 0; i < 12; ++i) p += U4(0);
+        return Chunk("LAYR", p + U2(0) + U2(0) + U2(0) + U2(0));
+    };
+    uint32_t r = 1;
+    const std::string text = DumpBytes(lxotest::Form(layr(0xFFFF) + layr(0x8001) + layr(2)), false, &r);
+    EXPECT_EQ(r, 0u);
+    EXPECT_NE(text.find("Name: <L> Parent 65535\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Name: <L> Parent 32769\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("Name: <L> Parent 2\n"), std::string::npos) << text;
+}
+
+// A chunk whose size runs past the end of the file is decoded from the bytes that are
+// there; the walk then ends as at the end of the file, without reserving the claimed size.
+TEST(LxoDump, ChunkLongerThanTheFileIsDecodedThenTheWalkEnds) {
+    using lxotest::F4;
+    using lxotest::U4;
+    const std::string vrsn = std::string("VRSN") + U4(1000) + U4(2) + U4(1) + std::string("x\0", 2);
+    uint32_t r = 1;
+    std::string text = DumpBytes(lxotest::Form(lxotest::Chunk("ENCO", U4(1))) + vrsn, false, &r);
+    EXPECT_EQ(r, 0u);
+    EXPECT_NE(text.find("Chunk ID: 'VRSN'  Size: 1000\n\tMajor: 2  Minor: 1 <x>\n"), std::string::npos) << text;
+
+    // Fields that are not there fail as a short read, after the header was printed; so
+    // does a chunk read to its end (here one claiming 4 GB that holds two points).
+    text = DumpBytes(lxotest::Form(std::string("VRSN") + U4(1000) + U4(2)), false, &r);
+    EXPECT_EQ(r, LXO_ERR_READ);
+    EXPECT_NE(text.find("Chunk ID: 'VRSN'  Size: 1000\n"), std::string::npos);
+    EXPECT_EQ(text.find("Major"), std::string::npos);
+    const std::string pnts = std::string("PNTS") + U4(0xFFFFFFF0u) + F4(1) + F4(2) + F4(3) + F4(4) + F4(5) + F4(6);
+    text = DumpBytes(lxotest::Form(lxotest::Chunk("ENCO", U4(1)) + pnts), true, &r);
+    EXPECT_EQ(r, LXO_ERR_READ);
+    EXPECT_NE(text.find("\tEncoding: 1\n\nChunk ID: 'PNTS'  Size: -16\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("#Points"), std::string::npos);
+    // Polygons are reported one by one: those before the cut are listed.
+    const std::string pols = std::string("POLS") + U4(100) + U4(lxoid::FACE) + lxotest::U2(2) + lxotest::U2(0) +
+                             lxotest::U2(1) + lxotest::U2(2);
+    text = DumpBytes(lxotest::Form(pols), true, &r);
+    EXPECT_EQ(r, LXO_ERR_READ);
+    EXPECT_NE(text.find("Poly Type: 'FACE', #Vertices: 2  Flags: 0x00\n\t 0 1"), std::string::npos) << text;
+}
