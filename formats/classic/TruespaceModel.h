@@ -20,6 +20,12 @@ namespace tsio {
 inline constexpr std::string_view kSignature = "Caligari ";
 inline constexpr size_t kHeaderBytes = 32;
 
+// Material custom data: the mat# a material was read with (the writer keeps it), the
+// shader letter (f, p, m) and the index of refraction in thousandths.
+inline constexpr uint32_t kMaterialNumberKey = 0x4D41544E; // 'MATN'
+inline constexpr uint32_t kShaderKey = 0x53484144;         // 'SHAD'
+inline constexpr uint32_t kIorKey = 0x494F5220;            // 'IOR '
+
 // Face flag of a hole: it belongs to the face before it and has no material.
 inline constexpr uint8_t kFaceHole = 0x08;
 

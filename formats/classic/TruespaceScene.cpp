@@ -1,6 +1,7 @@
 #include "formats/classic/TruespaceScene.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <unordered_map>
 
@@ -222,8 +223,9 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         const float angle = m.facet == 'f' ? 0.0f : m.facet == 's' ? 180.0f : float(m.angle);
         mat->smoothAngle = angle;
         mat->SetFlag(MATF_FACETED, m.facet == 'f');
-        mat->GetCustomData().SetInt(FourCC("SHAD"), m.shader);
-        mat->GetCustomData().SetInt(FourCC("IOR "), static_cast<int32_t>(m.ior * 1000.0f));
+        mat->GetCustomData().SetInt(kMaterialNumberKey, m.number);
+        mat->GetCustomData().SetInt(kShaderKey, m.shader);
+        mat->GetCustomData().SetInt(kIorKey, static_cast<int32_t>(std::lround((std::isfinite(m.ior) ? std::clamp(m.ior, -1e6f, 1e6f) : 1.0f) * 1000.0f)));
         TextureRef texture = m.texture;
         auto box = boxes.find(m.id);
         if (box != boxes.end()) {

@@ -74,7 +74,12 @@ void EmitChunk(std::string& out, bool ascii, const char type[4], int major, int 
                const std::string& body) {
     if (ascii) {
         out.append(type, 4);
-        numfmt::AppendFormat(out, " V%d.%02d Id %d Parent %d Size %08zu\n", major, minor, id, parent, body.size() + 1);
+        // trueSpace counts one byte more than the body, except on END, whose size is a padded 0.
+        if (std::memcmp(type, "END ", 4) == 0)
+            numfmt::AppendFormat(out, " V%d.%02d Id %d Parent %d Size %8d\n", major, minor, id, parent, 0);
+        else
+            numfmt::AppendFormat(out, " V%d.%02d Id %d Parent %d Size %08zu\n", major, minor, id, parent,
+                                 body.size() + 1);
     } else {
         uint8_t h[20];
         std::memcpy(h, type, 4);
@@ -88,7 +93,25 @@ void EmitChunk(std::string& out, bool ascii, const char type[4], int major, int 
     out += body;
 }
 
-void ObjectBlockOut(Body& b, const std::string& name, const C4x4Matrix& m) {
+// A node name read from trueSpace carries the duplicate counter as ",<n>": it goes back there.
+void SplitDuplicate(std::string& name, uint16_t& dup) {
+    dup = 0;
+    const size_t comma = name.rfind(',');
+    if (comma == std::string::npos || comma + 1 >= name.size() || name.size() - comma > 6) return;
+    uint32_t v = 0;
+    for (size_t i = comma + 1; i < name.size(); ++i) {
+        if (name[i] < '0' || name[i] > '9') return;
+        v = v * 10 + static_cast<uint32_t>(name[i] - '0');
+    }
+    if (v == 0 || v > 0xFFFF || name[comma + 1] == '0') return;
+    dup = static_cast<uint16_t>(v);
+    name.resize(comma);
+    if (name == "NoName") name.clear();
+}
+
+void ObjectBlockOut(Body& b, std::string name, const C4x4Matrix& m) {
+    uint16_t dup = 0;
+    SplitDuplicate(name, dup);
     // Centre and axes repeat the frame of the matrix.
     float centre[3] = {m.m[3][0], m.m[3][1], m.m[3][2]};
     float axes[3][3];
@@ -102,7 +125,9 @@ void ObjectBlockOut(Body& b, const std::string& name, const C4x4Matrix& m) {
     for (int r = 0; r < 3; ++r)
         for (int c = 0; c < 4; ++c) rows[r][c] = m.m[c][r];
     if (b.ascii()) {
-        b.T("Name ").T(name.empty() ? "NoName" : name).T("\n");
+        b.T("Name ").T(name.empty() ? "NoName" : name);
+        if (dup) b.T(",").I(dup);
+        b.T("\n");
         b.T("center ").Gs(centre, 3).T("\n");
         const char* labels[3] = {"x axis ", "y axis ", "z axis "};
         for (int a = 0; a < 3; ++a) b.T(labels[a]).Gs(axes[a], 3).T("\n");
@@ -110,7 +135,7 @@ void ObjectBlockOut(Body& b, const std::string& name, const C4x4Matrix& m) {
         for (auto& row : rows) b.Gs(row, 4).T("\n");
         b.T("0 0 0 1\n");
     } else {
-        b.U16(0);
+        b.U16(dup);
         b.Str(name);
         for (float v : centre) b.F32(v);
         for (auto& axis : axes)
@@ -153,9 +178,9 @@ MaterialOut DescribeMaterial(const C3DMaterial* m, uint16_t number) {
         o.angle = static_cast<uint8_t>(std::lround(m->smoothAngle));
     }
     const CCustomData& cd = const_cast<C3DMaterial*>(m)->GetCustomData();
-    const int shader = cd.GetInt(FourCC("SHAD"), 'p');
+    const int shader = cd.GetInt(kShaderKey, 'p');
     o.shader = shader == 'f' || shader == 'm' ? static_cast<char>(shader) : 'p';
-    o.ior = static_cast<float>(cd.GetInt(FourCC("IOR "), 1000)) / 1000.0f;
+    o.ior = static_cast<float>(cd.GetInt(kIorKey, 1000)) / 1000.0f;
     if (const CMaterialMap* map = m->GetMaterialMap(MAP_DIFFUSE)) {
         o.texture.file = WideToUtf8(map->file.str());
         o.texture.repeat[0] = map->tileU;
@@ -349,9 +374,22 @@ private:
         std::sort(used.begin(), used.end());
         used.erase(std::unique(used.begin(), used.end()), used.end());
         if (used.size() > 0xFFFF) used.resize(0xFFFF);
+        // mat# per material: the one it was read with when those stay distinct, else its rank.
+        std::vector<uint16_t> numbers(used.size());
+        bool keep = true;
+        for (size_t k = 0; k < used.size(); ++k) {
+            const C3DMaterial* m = used[k] == NO_MATERIAL ? nullptr : m_scene.GetMaterialByID(used[k]);
+            const int n = m ? const_cast<C3DMaterial*>(m)->GetCustomData().GetInt(kMaterialNumberKey, -1) : -1;
+            if (n < 0 || n > 0xFFFF) keep = false;
+            numbers[k] = static_cast<uint16_t>(n < 0 ? 0 : n);
+        }
+        std::vector<uint16_t> sorted(numbers);
+        std::sort(sorted.begin(), sorted.end());
+        if (!keep || std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end())
+            for (size_t k = 0; k < used.size(); ++k) numbers[k] = static_cast<uint16_t>(k);
         auto number = [&](uint32_t id) {
             auto it = std::lower_bound(used.begin(), used.end(), id);
-            return static_cast<uint16_t>(it == used.end() ? 0 : it - used.begin());
+            return numbers[it == used.end() ? 0 : static_cast<size_t>(it - used.begin())];
         };
 
         const int32_t id = m_next;
@@ -417,7 +455,7 @@ private:
         UnitChunk(id + 1);
         for (size_t k = 0; k < used.size(); ++k) {
             const C3DMaterial* m = used[k] == NO_MATERIAL ? nullptr : m_scene.GetMaterialByID(used[k]);
-            const MaterialOut mo = DescribeMaterial(m, static_cast<uint16_t>(k));
+            const MaterialOut mo = DescribeMaterial(m, numbers[k]);
             const int32_t matId = id + 2 + 2 * static_cast<int32_t>(k);
             Body mb(m_ascii);
             MaterialBody(mb, mo);
