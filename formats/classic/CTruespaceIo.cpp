@@ -47,15 +47,24 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
     const auto body = data.subspan(tsio::kHeaderBytes);
     const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
     // The body decides: a header that names the other encoding is noted and overruled.
-    const bool ascii = tsio::LooksLikeAsciiChunk(text);
+    const bool ascii = tsio::LooksLikeAsciiChunk(text) ||
+                       (encoding == 'A' && !tsio::LooksLikeBinaryChunk(body, bigEndian));
     if (ascii != (encoding == 'A'))
         options.AddLogInfo(LOG_INFO, CXStringW(ascii ? L"header says binary, body is ASCII"
                                                      : L"header says ASCII, body is binary"));
     tsio::File parsed;
     parsed.ascii = ascii;
     const tsio::CancelQuery cancel = [this] { return IsCancelled(); };
-    if (ascii) tsio::ParseAscii(text, parsed, cancel);
-    else tsio::ParseBinary(body, bigEndian, parsed, cancel);
+    // A mapped file's pages are handed back behind the walk, so the file and the scene
+    // it becomes are not both held in memory.
+    const tsio::ProgressSink progress = [this](size_t pos) {
+        if (!m_file) return;
+        const auto at = static_cast<int64_t>(pos + tsio::kHeaderBytes);
+        m_file->ReportProgress(at);
+        m_file->ReleaseBefore(at);
+    };
+    if (ascii) tsio::ParseAscii(text, parsed, cancel, progress);
+    else tsio::ParseBinary(body, bigEndian, parsed, cancel, progress);
     if (m_file) m_file->ReportProgress(static_cast<int64_t>(data.size()));
     if (IsCancelled()) {
         m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);

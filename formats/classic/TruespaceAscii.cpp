@@ -335,7 +335,7 @@ bool LooksLikeAsciiChunk(std::string_view body) {
     return lines.Next(line) && ParseAsciiChunkHeader(line, h);
 }
 
-void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel) {
+void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel, const ProgressSink& progress) {
     textscan::LineSplitter lines(body);
     std::string_view line;
     ChunkHeader cur, next;
@@ -349,6 +349,7 @@ void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel) {
         if (more && !isHeader) continue;
         if (have) {
             if (cancel && cancel()) return;
+            if (progress) progress(bodyStart);
             const std::string_view chunk = body.substr(bodyStart, lineStart - bodyStart);
             const std::string_view t(cur.type, 4);
             ++out.chunks;

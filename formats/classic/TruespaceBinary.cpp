@@ -1,6 +1,7 @@
 // trueSpace binary bodies: 20-byte chunk headers (type, major, minor, id, parent,
 // size) in the byte order the file header names. Sizes are trusted only as far as
 // the file goes; an object chunk whose fields run past its size is dropped whole.
+#include <bit>
 #include <cstring>
 #include <string>
 
@@ -28,6 +29,19 @@ void AddFace(Mesh& mesh, const uint32_t* verts, const uint32_t* uvs, uint32_t n,
     }
 }
 
+bool LooksLikeBinaryChunk(std::span<const uint8_t> body, bool bigEndian) {
+    if (body.size() < 20) return false;
+    for (int i = 0; i < 4; ++i) {
+        const uint8_t c = body[static_cast<size_t>(i)];
+        const bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+        if (!letter && !(i > 0 && c == ' ')) return false;
+    }
+    CBinaryCursor c(body.subspan(4, 4));
+    const uint16_t major = bigEndian ? c.u16be() : c.u16le();
+    const uint16_t minor = bigEndian ? c.u16be() : c.u16le();
+    return major < 100 && minor < 100;
+}
+
 namespace {
 
 // Little- or big-endian reads over one chunk.
@@ -40,6 +54,7 @@ public:
     int32_t i32() { return static_cast<int32_t>(u32()); }
     float f32() { return m_be ? m_c.f32be() : m_c.f32le(); }
     bool ok() const { return m_c.ok(); }
+    bool bigEndian() const { return m_be; }
     size_t remaining() const { return m_c.remaining(); }
     bool canRead(uint64_t n, uint64_t size) const { return m_c.canRead(n, size); }
     // U2 length + that many characters.
@@ -78,7 +93,11 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
     if (!r.ok() || !r.canRead(nv, 12)) return false;
     m.points->SetSize(static_cast<int>(nv));
     float* p = m.points->GetData();
-    for (uint64_t i = 0; i < uint64_t(nv) * 3; ++i) p[i] = r.f32();
+    if (!r.bigEndian() && std::endian::native == std::endian::little) {
+        r.cursor().read(p, size_t(nv) * 12);
+    } else {
+        for (uint64_t i = 0; i < uint64_t(nv) * 3; ++i) p[i] = r.f32();
+    }
     const uint32_t nuv = r.u32();
     if (!r.ok() || !r.canRead(nuv, 8)) return false;
     if (nuv > 0) {
@@ -94,10 +113,21 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
     const uint32_t nf = r.u32();
     // The smallest face is its flags and count: three bytes.
     if (!r.ok() || !r.canRead(nf, 3)) return false;
-    // Indices: at most one per eight bytes left.
-    const size_t indexGuess = r.remaining() / 8;
-    m.faces->Reserve(nf, indexGuess);
-    if (m.uv) m.uv->GetUVWFaceList()->Reserve(nf, indexGuess);
+    // A first pass over the faces counts the corners, so the lists are reserved exactly.
+    uint64_t corners = 0;
+    {
+        Reader scan = r;
+        for (uint32_t f = 0; f < nf && scan.ok(); ++f) {
+            const uint8_t flags = scan.u8();
+            const uint16_t n = scan.u16();
+            if (!(flags & kFaceHole)) scan.u16();
+            scan.skip(size_t(n) * 8);
+            corners += n;
+        }
+        if (!scan.ok()) return false;
+    }
+    m.faces->Reserve(nf, corners);
+    if (m.uv) m.uv->GetUVWFaceList()->Reserve(nf, corners);
     std::vector<uint32_t> verts, uvs;
     uint32_t badFaces = 0, badUvs = 0;
     for (uint32_t f = 0; f < nf; ++f) {
@@ -225,10 +255,12 @@ void ReadShaderBox(Reader& r, ShaderBox& box, int minor) {
 
 } // namespace
 
-void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel) {
+void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel,
+                 const ProgressSink& progress) {
     CBinaryCursor cur(body);
     while (cur.remaining() >= 20) {
         if (cancel && cancel()) return;
+        if (progress) progress(cur.pos());
         char type[4];
         cur.read(type, 4);
         Reader h(cur.sub(16), bigEndian);

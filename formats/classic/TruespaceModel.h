@@ -109,14 +109,20 @@ struct File {
 
 // Polled between chunks; true stops the walk.
 using CancelQuery = std::function<bool()>;
+// Told between chunks how far into the body the walk is (bytes before it are done with).
+using ProgressSink = std::function<void(size_t)>;
 
 // What the 32-byte header says: 'A' or 'B' for the body, false when the signature is wrong.
 bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian);
 // The body (everything after the header). Binary uses `bigEndian` for every number.
-void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel);
-void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel);
+void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel,
+                 const ProgressSink& progress = {});
+void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel, const ProgressSink& progress = {});
 // True when the body starts with a line shaped like an ASCII chunk header.
 bool LooksLikeAsciiChunk(std::string_view body);
+// True when the body starts with a plausible binary chunk header (a letter-and-space
+// type, small version numbers).
+bool LooksLikeBinaryChunk(std::span<const uint8_t> body, bool bigEndian);
 // Parses an ASCII chunk header line; false when the line is not one.
 struct ChunkHeader {
     char type[4] = {0, 0, 0, 0};

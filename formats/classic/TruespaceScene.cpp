@@ -32,7 +32,7 @@ CRGBColor Colour(const float rgb[3]) {
 void BridgeEnds(const C3DPointList& pts, const std::vector<uint32_t>& outer, const std::vector<uint32_t>& hole,
                 size_t& bi, size_t& bj) {
     bi = bj = 0;
-    if (uint64_t(outer.size()) * hole.size() > 1000000) return;
+    if (uint64_t(outer.size()) * hole.size() > 65536) return;
     float best = 3.4e38f;
     for (size_t i = 0; i < outer.size(); ++i)
         for (size_t j = 0; j < hole.size(); ++j) {
@@ -56,10 +56,14 @@ template <typename V> V Splice(const V& outer, const V& hole, size_t i, size_t j
     return out;
 }
 
+constexpr int kMaxHolesPerFace = 256;
+
 // Rebuilds the face lists with every hole bridged into the face it cuts. Holes arrive
-// in file order; a hole winds against its face (reversed when it does not).
-void BridgeHoles(Mesh& m) {
-    if (m.holes.empty()) return;
+// in file order; a hole winds against its face (reversed when it does not). Returns the
+// number of holes left out.
+size_t BridgeHoles(Mesh& m) {
+    size_t dropped = 0;
+    if (m.holes.empty()) return dropped;
     std::stable_sort(m.holes.begin(), m.holes.end(), [](const Hole& a, const Hole& b) { return a.outer < b.outer; });
     auto faces = std::make_unique<C3DFaceList>();
     CUVWFaceList uvFaces;
@@ -76,7 +80,13 @@ void BridgeHoles(Mesh& m) {
             auto fu = oldUv->Face(f);
             uvs.assign(fu.begin(), fu.end());
         }
-        for (; h < m.holes.size() && m.holes[h].outer == static_cast<uint32_t>(f); ++h) {
+        for (int bridged = 0; h < m.holes.size() && m.holes[h].outer == static_cast<uint32_t>(f); ++h) {
+            // Each bridge copies the face: past a few hundred holes the work would grow
+            // with the square of the face, so the rest are left out.
+            if (++bridged > kMaxHolesPerFace) {
+                ++dropped;
+                continue;
+            }
             Hole& hole = m.holes[h];
             const C3DVector no = FaceNormal(*m.points, verts), nh = FaceNormal(*m.points, hole.verts);
             if (no.Dot(nh) > 0) {
@@ -94,14 +104,15 @@ void BridgeHoles(Mesh& m) {
     m.faces = std::move(faces);
     if (m.uv) *m.uv->GetUVWFaceList() = std::move(uvFaces);
     m.holes.clear();
+    return dropped;
 }
 
-C3DSceneNode* MakeNode(Object& o, File& file) {
+C3DSceneNode* MakeNode(Object& o, File& file, CSceneImportOptions& options) {
     std::unique_ptr<C3DBaseObject> obj;
     switch (o.kind) {
     case ObjectKind::Mesh: {
         Mesh& m = file.meshes[static_cast<size_t>(o.mesh)];
-        BridgeHoles(m);
+        if (BridgeHoles(m)) options.AddLogInfo(LOG_INFO, CXStringW(L"holes beyond 256 in one face left out"));
         auto mesh = std::make_unique<C3DObject>();
         mesh->SetPointList(m.points.release(), true);
         mesh->SetFaceList(m.faces.release(), true);
@@ -305,7 +316,7 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
                 id = it == matIds.end() ? NO_MATERIAL : it->second;
             }
         }
-        C3DSceneNode* node = MakeNode(o, file);
+        C3DSceneNode* node = MakeNode(o, file, options);
         if (o.kind == ObjectKind::Mesh) {
             auto a = smoothAngle.find(i);
             static_cast<C3DGeomObject*>(node->GetBaseObject())->SetSmoothAngle(a == smoothAngle.end() ? 40.0f : a->second);

@@ -155,6 +155,27 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
     }
 }
 
+TEST(TruespaceRead, HolesPastTheCapAreLeftOut) {
+    // 300 triangular holes in one face: bridging copies the face each time, so only the
+    // first 256 are bridged and the rest are reported.
+    Object m;
+    m.id = 1;
+    m.points = {0, 0, 0, 100, 0, 0, 100, 100, 0, 0, 100, 0};
+    m.faces = {Face{{{0, 0}, {1, 0}, {2, 0}, {3, 0}}, 0, false}};
+    for (int h = 0; h < 300; ++h) {
+        const uint32_t base = static_cast<uint32_t>(m.points.size() / 3);
+        const float x = 1 + float(h % 20) * 4, y = 1 + float(h / 20) * 4;
+        m.points.insert(m.points.end(), {x, y, 0, x + 1, y, 0, x, y + 1, 0});
+        m.faces.push_back(Face{{{base, 0}, {base + 2, 0}, {base + 1, 0}}, 0, true});
+    }
+    auto r = cobtest::Read(Builder(false).Add(m).End().Bytes());
+    ASSERT_TRUE(r.scene);
+    const C3DFaceList* f = cobtest::Nodes(*r.scene)[0]->GetGeomObject()->GetFaceList();
+    ASSERT_EQ(f->GetNumberOfFaces(), 1);
+    EXPECT_EQ(f->Face(0).size(), 4u + 256u * 5u);
+    EXPECT_TRUE(r.Logged(L"holes beyond 256"));
+}
+
 TEST(TruespaceRead, ParentCyclesAndDanglingParentsEndAtTheTop) {
     Builder b(false);
     Object a, c, d;
