@@ -107,6 +107,13 @@ size_t BridgeHoles(Mesh& m) {
     return dropped;
 }
 
+// Names as trueSpace shows them: "NoName" for none, ",<n>" for a duplicate.
+std::string DisplayName(const ObjectBlock& b) {
+    std::string name = b.name.empty() ? "NoName" : b.name;
+    if (b.dup) name += "," + std::to_string(b.dup);
+    return name;
+}
+
 C3DSceneNode* MakeNode(Object& o, File& file, CSceneImportOptions& options) {
     std::unique_ptr<C3DBaseObject> obj;
     switch (o.kind) {
@@ -125,9 +132,7 @@ C3DSceneNode* MakeNode(Object& o, File& file, CSceneImportOptions& options) {
     case ObjectKind::Camera: obj = std::make_unique<C3DCamera>(CAMERA_FREE); break;
     }
     auto* node = new C3DSceneNode(obj.release());
-    std::string name = o.block.name.empty() ? "NoName" : o.block.name;
-    if (o.block.dup) name += "," + std::to_string(o.block.dup);
-    node->SetName(CXStringW(WidenBytes(name)));
+    node->SetName(CXStringW(WidenBytes(DisplayName(o.block))));
     node->SetNodeID(static_cast<uint32_t>(o.id));
     return node;
 }
@@ -219,9 +224,7 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         const auto key = std::make_pair(owner->second, m.number);
         if (matIds.count(key)) continue;
         auto* mat = static_cast<C3DStandardMaterial*>(scene->CreateNewMaterial(MATERIAL_STANDARD));
-        const Object& o = file.objects[owner->second];
-        std::string name = (o.block.name.empty() ? std::string("NoName") : o.block.name) + " mat " +
-                           std::to_string(m.number);
+        std::string name = DisplayName(file.objects[owner->second].block) + " mat " + std::to_string(m.number);
         mat->SetName(CXStringW(WidenBytes(name)));
         mat->diffuse = Colour(m.rgb);
         mat->diffuseFactor = m.kd;

@@ -197,9 +197,19 @@ void MaterialBody(Body& b, const MaterialOut& m) {
         b.T("shader: ").T(m.shader == 'f' ? "flat" : m.shader == 'm' ? "metal" : "phong").T("  facet: ");
         if (m.facet == 'a') b.T("auto").I(m.angle);
         else b.T(m.facet == 'f' ? "faceted" : "smooth");
-        b.T("\nrgb ").Gs(m.rgb, 3, ',').T("\n");
-        b.T("alpha ").G(m.alpha).T("  ka ").G(m.ka).T("  ks ").G(m.ks).T("  exp ").G(m.exp);
-        b.T("  ior ").G(m.ior).T("  kd ").G(m.kd).T("\n");
+        // trueSpace prints colour components with a decimal point ("1.0"), and readers
+        // that follow it reject a bare "1".
+        b.T("\nrgb ");
+        for (int k = 0; k < 3; ++k) {
+            if (k) b.T(",");
+            const size_t at = b.s.size();
+            b.G(m.rgb[k]);
+            if (b.s.find_first_of(".ein", at) == std::string::npos) b.T(".0");
+        }
+        b.T("\nalpha ").G(m.alpha).T("  ka ").G(m.ka).T("  ks ").G(m.ks).T("  exp ").G(m.exp).T("  ior ").G(m.ior);
+        if (!m.texture.IsSet()) b.T("  kd ").G(m.kd);
+        // The texture goes in the ShBx only, as trueSpace's own ASCII files have it.
+        b.T("\n");
         return;
     }
     b.U16(m.number);
@@ -212,7 +222,9 @@ void MaterialBody(Body& b, const MaterialOut& m) {
     b.F32(m.ks);
     b.F32(m.exp);
     b.F32(m.ior);
-    b.F32(m.kd);
+    // The diffuse factor and a texture record never come together in known files; readers
+    // that expect the record right after ior lose the texture otherwise.
+    if (!m.texture.IsSet()) b.F32(m.kd);
     if (m.texture.IsSet()) {
         b.T("t:");
         b.U8(2);

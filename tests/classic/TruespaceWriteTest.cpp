@@ -103,7 +103,7 @@ TEST(TruespaceWrite, AsciiTriangleExactBytes) {
                       "DrawFlags 0\n");
     expected += Chunk("Unit V0.01 Id 101 Parent 100", "Units 2\n");
     expected += Chunk("Mat1 V0.08 Id 102 Parent 100",
-                      "mat# 0\nshader: phong  facet: auto40\nrgb 1,0,0\n"
+                      "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
                       "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
     expected += Chunk("ShBx V0.04 Id 103 Parent 102",
                       "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
@@ -139,6 +139,16 @@ TEST(TruespaceWrite, BinaryTriangleLayout) {
     // Name block 4 + 3, frame 96, points 4 + 36, one UV 4 + 8, faces 4 + (1 + 2 + 2 + 3 * 8), draw flags 4.
     EXPECT_EQ(polhSize, 7u + 96 + 40 + 12 + 4 + 29 + 4);
     EXPECT_EQ(mat1Size, 41u); // with the diffuse factor, no texture record
+    // With a texture: the record follows ior directly (no diffuse factor), as in trueSpace's files.
+    C3DMaterial* m = s->GetMaterialByID(cobtest::Nodes(*s)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    m->AddMaterialMap(CXStringW(L"wood.jpg"), -1, MAP_DIFFUSE);
+    const std::string t = Write(*s, false);
+    const size_t mat1 = t.find("Mat1");
+    ASSERT_NE(mat1, std::string::npos);
+    uint32_t texturedSize;
+    std::memcpy(&texturedSize, &t[mat1 + 16], 4);
+    EXPECT_EQ(texturedSize, 37u + 2 + 1 + 2 + 8 + 16);
+    EXPECT_EQ(t.substr(mat1 + 20 + 37, 2), "t:");
     // The face: flags 0, three corners, mat 0, corners reversed to clockwise.
     const size_t face = 52 + 7 + 96 + 40 + 12 + 4;
     EXPECT_EQ(b[face], 0);
