@@ -93,7 +93,9 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
     if (!r.ok() || !r.canRead(nv, 12)) return false;
     m.points->SetSize(static_cast<int>(nv));
     float* p = m.points->GetData();
-    if (!r.bigEndian() && std::endian::native == std::endian::little) {
+    if (nv == 0) {
+        // nothing to copy (and no array to copy into)
+    } else if (!r.bigEndian() && std::endian::native == std::endian::little) {
         r.cursor().read(p, size_t(nv) * 12);
     } else {
         for (uint64_t i = 0; i < uint64_t(nv) * 3; ++i) p[i] = r.f32();

@@ -115,6 +115,19 @@ TEST(TruespaceRead, AsciiTwinGivesTheSameScene) {
     EXPECT_EQ(Describe(*bin.scene), Describe(*txt.scene));
 }
 
+TEST(TruespaceRead, AsciiWithCrLfLineEnds) {
+    // The header's own line end becomes "\r\n", so the body starts with an empty line.
+    std::string crlf;
+    for (char c : Sample(true)) {
+        if (c == '\n') crlf += '\r';
+        crlf += c;
+    }
+    auto a = cobtest::Read(crlf);
+    auto b = cobtest::Read(Sample(false));
+    ASSERT_TRUE(a.scene && b.scene) << a.error;
+    EXPECT_EQ(Describe(*a.scene), Describe(*b.scene));
+}
+
 TEST(TruespaceRead, HeaderNamingTheWrongEncodingIsOverruledByTheBody) {
     std::string bin = Sample(false), txt = Sample(true);
     bin[15] = 'A';
@@ -174,6 +187,28 @@ TEST(TruespaceRead, HolesPastTheCapAreLeftOut) {
     ASSERT_EQ(f->GetNumberOfFaces(), 1);
     EXPECT_EQ(f->Face(0).size(), 4u + 256u * 5u);
     EXPECT_TRUE(r.Logged(L"holes beyond 256"));
+}
+
+TEST(TruespaceRead, LightsAndCamerasBecomeNodesFromTheirObjectBlock) {
+    // No sample exists: only the common object block is read, whatever follows it.
+    for (bool ascii : {false, true}) {
+        Builder b(ascii);
+        Object light, camera;
+        light.type = "Lght";
+        light.id = 1, light.name = "Sun";
+        light.tm[3] = 7;
+        camera.type = "Came";
+        camera.id = 2, camera.name = "View";
+        b.Add(light).Add(camera).End();
+        auto r = cobtest::Read(b.Bytes());
+        ASSERT_TRUE(r.scene) << ascii;
+        const C3DSceneNode* sun = r.scene->FindNodeByName(CXStringW(L"Sun"));
+        const C3DSceneNode* view = r.scene->FindNodeByName(CXStringW(L"View"));
+        ASSERT_TRUE(sun && view);
+        EXPECT_EQ(sun->GetKindOf(), uint32_t(KINDOF_LIGHT));
+        EXPECT_EQ(view->GetKindOf(), uint32_t(KINDOF_CAMERA));
+        EXPECT_FLOAT_EQ(sun->GetStaticLocalTM().m[3][0], 7);
+    }
 }
 
 TEST(TruespaceRead, ParentCyclesAndDanglingParentsEndAtTheTop) {
