@@ -54,8 +54,8 @@ int ReadChild(const char* path) {
         points += g->GetPointList()->size();
         ++meshes;
     }
-    std::printf("orbiscope meshes=%zu vertices=%zu faces=%zu seconds=%.4f arrays=%zu peak_delta=%ld\n", meshes,
-                points, faces, secs, scene->MemoryBytes(), (peak - base) * 1024);
+    std::printf("orbiscope meshes=%zu vertices=%zu faces=%zu seconds=%.4f arrays=%zu peak_delta=%ld\n",
+                meshes, points, faces, secs, scene->MemoryBytes(), (peak - base) * 1024);
     return 0;
 }
 
@@ -63,7 +63,8 @@ std::string Run(const std::string& cmd) {
     std::string out;
     if (FILE* p = popen(cmd.c_str(), "r")) {
         char buf[512];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
+        while (std::fgets(buf, sizeof buf, p))
+            out += buf;
         pclose(p);
     }
     return out;
@@ -87,7 +88,12 @@ int main(int argc, char** argv) {
     for (int i = 2; i + 1 < argc; ++i)
         if (std::strcmp(argv[i], "--runs") == 0) runs = std::max(1, std::atoi(argv[++i]));
     const double mb = double(fs::file_size(file)) / 1e6;
-    { std::ifstream warm(file, std::ios::binary); std::vector<char> b(1 << 20); while (warm.read(b.data(), b.size())) {} }
+    {
+        std::ifstream warm(file, std::ios::binary);
+        std::vector<char> b(1 << 20);
+        while (warm.read(b.data(), b.size())) {
+        }
+    }
     const std::string self = fs::read_symlink("/proc/self/exe").string();
     const std::string peer = (fs::path(self).parent_path() / "peer_assimp_read").string();
     double ours = 1e30, theirs = 1e30;
@@ -95,20 +101,28 @@ int main(int argc, char** argv) {
     for (int r = 0; r < runs; ++r) {
         const std::string o = Run("'" + self + "' read '" + file.string() + "'");
         const double s = Field(o, "seconds=");
-        if (s > 0 && s < ours) { ours = s; ourLine = o; }
+        if (s > 0 && s < ours) {
+            ours = s;
+            ourLine = o;
+        }
         if (fs::exists(peer)) {
             const std::string p = Run("'" + peer + "' '" + file.string() + "'");
             const double ps = Field(p, "seconds=");
-            if (ps > 0 && ps < theirs) { theirs = ps; peerLine = p; }
+            if (ps > 0 && ps < theirs) {
+                theirs = ps;
+                peerLine = p;
+            }
         }
     }
     std::printf("file: %.1f MB\n%s", mb, ourLine.c_str());
     std::printf("read: %.0f MB/s (orbiscope)\n", mb / ours);
     const double arrays = Field(ourLine, "arrays="), peak = Field(ourLine, "peak_delta=");
-    if (arrays > 0) std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays, arrays / 1e6);
+    if (arrays > 0)
+        std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays,
+                    arrays / 1e6);
     if (theirs < 1e30) {
-        std::printf("%sread: %.0f MB/s (assimp); orbiscope / assimp speed ratio = %.2f\n", peerLine.c_str(), mb / theirs,
-                    theirs / ours);
+        std::printf("%sread: %.0f MB/s (assimp); orbiscope / assimp speed ratio = %.2f\n", peerLine.c_str(),
+                    mb / theirs, theirs / ours);
     } else {
         std::printf("assimp peer not built (peer_assimp_read); no ratio\n");
     }

@@ -47,8 +47,8 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
     const auto body = data.subspan(tsio::kHeaderBytes);
     const std::string_view text(reinterpret_cast<const char*>(body.data()), body.size());
     // The body decides: a header that names the other encoding is noted and overruled.
-    const bool ascii = tsio::LooksLikeAsciiChunk(text) ||
-                       (encoding == 'A' && !tsio::LooksLikeBinaryChunk(body, bigEndian));
+    const bool ascii =
+        tsio::LooksLikeAsciiChunk(text) || (encoding == 'A' && !tsio::LooksLikeBinaryChunk(body, bigEndian));
     if (ascii != (encoding == 'A'))
         options.AddLogInfo(LOG_INFO, CXStringW(ascii ? L"header says binary, body is ASCII"
                                                      : L"header says ASCII, body is binary"));
@@ -63,8 +63,10 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
         m_file->ReportProgress(at);
         m_file->ReleaseBefore(at);
     };
-    if (ascii) tsio::ParseAscii(text, parsed, cancel, progress);
-    else tsio::ParseBinary(body, bigEndian, parsed, cancel, progress);
+    if (ascii)
+        tsio::ParseAscii(text, parsed, cancel, progress);
+    else
+        tsio::ParseBinary(body, bigEndian, parsed, cancel, progress);
     if (m_file) m_file->ReportProgress(static_cast<int64_t>(data.size()));
     if (IsCancelled()) {
         m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
@@ -73,7 +75,8 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
     if (parsed.objects.empty()) {
         // Chunks but no object at all: a file of this format with nothing to show;
         // no chunk at all: not a body we can read.
-        m_fileIo.SetIoError(parsed.chunks ? IO_ERR_EMPTY : IO_ERR_FORMAT, &options, parsed.chunks ? LOG_INFO : LOG_ERROR);
+        m_fileIo.SetIoError(parsed.chunks ? IO_ERR_EMPTY : IO_ERR_FORMAT, &options,
+                            parsed.chunks ? LOG_INFO : LOG_ERROR);
         return nullptr;
     }
     std::unique_ptr<C3DScene> scene = tsio::BuildScene(parsed, folder, options);

@@ -72,10 +72,10 @@ struct TextureRef {
 
 struct Material {
     int32_t id = 0, parent = 0;
-    uint16_t number = 0;        // the mat# faces refer to
-    char shader = 'p';          // f flat, p phong, m metal
-    char facet = 'a';           // a auto, f faceted, s smooth
-    uint8_t angle = 40;         // auto-facet angle, degrees
+    uint16_t number = 0; // the mat# faces refer to
+    char shader = 'p';   // f flat, p phong, m metal
+    char facet = 'a';    // a auto, f faceted, s smooth
+    uint8_t angle = 40;  // auto-facet angle, degrees
     float rgb[3] = {0.8f, 0.8f, 0.8f};
     float alpha = 1, ka = 0.1f, ks = 0.5f, exp = 0.1f, ior = 1, kd = 1;
     bool hasKd = false;
@@ -117,7 +117,8 @@ bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian);
 // The body (everything after the header). Binary uses `bigEndian` for every number.
 void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel,
                  const ProgressSink& progress = {});
-void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel, const ProgressSink& progress = {});
+void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel,
+                const ProgressSink& progress = {});
 // True when the body starts with a line shaped like an ASCII chunk header.
 bool LooksLikeAsciiChunk(std::string_view body);
 // True when the body starts with a plausible binary chunk header (a letter-and-space

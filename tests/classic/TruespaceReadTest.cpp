@@ -88,7 +88,8 @@ TEST(TruespaceRead, BinarySampleBuildsHierarchyMeshAndMaterials) {
     const C3DFaceList* f = g->GetFaceList();
     ASSERT_EQ(f->GetNumberOfFaces(), 2);
     // Clockwise in the file, counter-clockwise in the scene.
-    EXPECT_EQ(std::vector<uint32_t>(f->Face(0).begin(), f->Face(0).end()), (std::vector<uint32_t>{3, 2, 1, 0}));
+    EXPECT_EQ(std::vector<uint32_t>(f->Face(0).begin(), f->Face(0).end()),
+              (std::vector<uint32_t>{3, 2, 1, 0}));
     EXPECT_EQ(std::vector<uint32_t>(f->Face(1).begin(), f->Face(1).end()), (std::vector<uint32_t>{4, 1, 0}));
     const CUVWChannel* uv = g->GetGlobalUVWChannel();
     ASSERT_TRUE(uv);
@@ -150,7 +151,8 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
         m.uvs = {0, 0};
         // Outer and hole listed the same way round: the outer face is turned for the host,
         // the hole must end up winding against it.
-        m.faces = {Face{{{0, 0}, {1, 0}, {2, 0}, {3, 0}}, 0, false}, Face{{{4, 0}, {5, 0}, {6, 0}, {7, 0}}, 0, true}};
+        m.faces = {Face{{{0, 0}, {1, 0}, {2, 0}, {3, 0}}, 0, false},
+                   Face{{{4, 0}, {5, 0}, {6, 0}, {7, 0}}, 0, true}};
         b.Add(m).End();
         auto r = cobtest::Read(b.Bytes());
         ASSERT_TRUE(r.scene) << ascii;
@@ -163,7 +165,12 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
         const std::vector<uint32_t> got(face.begin(), face.end());
         EXPECT_EQ(got, (std::vector<uint32_t>{3, 7, 4, 5, 6, 7, 3, 2, 1, 0})) << ascii;
         // The UV face follows the same corners.
-        EXPECT_EQ(cobtest::Nodes(*r.scene)[0]->GetGeomObject()->GetGlobalUVWChannel()->GetUVWFaceList()->Face(0).size(),
+        EXPECT_EQ(cobtest::Nodes(*r.scene)[0]
+                      ->GetGeomObject()
+                      ->GetGlobalUVWChannel()
+                      ->GetUVWFaceList()
+                      ->Face(0)
+                      .size(),
                   10u);
     }
 }
@@ -227,7 +234,8 @@ TEST(TruespaceRead, ParentCyclesAndDanglingParentsEndAtTheTop) {
     auto nodes = cobtest::Nodes(*r.scene);
     ASSERT_EQ(nodes.size(), 4u);
     int roots = 0;
-    for (C3DSceneNode* n : nodes) roots += n->GetParent() == r.scene->GetRoot();
+    for (C3DSceneNode* n : nodes)
+        roots += n->GetParent() == r.scene->GetRoot();
     EXPECT_EQ(roots, 3); // one of A and C, D, Self
     EXPECT_EQ(r.scene->FindNodeByName(CXStringW(L"D"))->GetParent(), r.scene->GetRoot());
     EXPECT_TRUE(r.Logged(L"cycles"));
@@ -285,9 +293,11 @@ TEST(TruespaceRead, CountsBeyondTheChunkDropTheChunkOnly) {
         for (const char* what : {"points", "faces"}) {
             std::string bad = bytes;
             if (ascii) {
-                const std::string from = std::string(what) == std::string("points") ? "World Vertices 3" : "Faces 1";
-                const std::string to =
-                    std::string(what) == std::string("points") ? "World Vertices 1000000000" : "Faces 1000000000";
+                const std::string from =
+                    std::string(what) == std::string("points") ? "World Vertices 3" : "Faces 1";
+                const std::string to = std::string(what) == std::string("points")
+                                           ? "World Vertices 1000000000"
+                                           : "Faces 1000000000";
                 bad.replace(bad.find(from), from.size(), to);
             } else {
                 // Header 32 + chunk 20 + dup 2 + len 2 + name 3 + 24 floats.
@@ -370,7 +380,8 @@ TEST(TruespaceRead, EveryPrefixReadsOrFailsCleanly) {
             auto r = cobtest::Read(full.substr(0, n));
             if (r.scene) {
                 C4x4Matrix tm;
-                for (C3DSceneNode* node : cobtest::Nodes(*r.scene)) node->GetNodeTM(0, tm);
+                for (C3DSceneNode* node : cobtest::Nodes(*r.scene))
+                    node->GetNodeTM(0, tm);
             } else {
                 EXPECT_TRUE(r.error == IO_ERR_FORMAT || r.error == IO_ERR_EMPTY) << n << " " << r.error;
             }
@@ -403,7 +414,8 @@ TEST(TruespaceRead, TexturesAreFoundBesideTheModelOrReportedMissing) {
     EXPECT_EQ(std::filesystem::path(WideToUtf8(found->file.str())), dir / "wood.jpg");
     EXPECT_EQ(missing->file.str(), L"missing.jpg");
     bool logged = false;
-    for (const IoLogInfo& l : opt.GetLog()) logged |= l.text.str() == L"texture not found: missing.jpg";
+    for (const IoLogInfo& l : opt.GetLog())
+        logged |= l.text.str() == L"texture not found: missing.jpg";
     EXPECT_TRUE(logged);
 }
 
@@ -417,7 +429,8 @@ TEST(TruespaceRead, KeptRegressionInputsReadWithoutACrash) {
         auto r = cobtest::Read(testsupport::ReadFile(e.path()));
         if (r.scene) {
             C4x4Matrix tm;
-            for (C3DSceneNode* n : cobtest::Nodes(*r.scene)) n->GetNodeTM(0, tm);
+            for (C3DSceneNode* n : cobtest::Nodes(*r.scene))
+                n->GetNodeTM(0, tm);
         } else {
             EXPECT_TRUE(r.error == IO_ERR_FORMAT || r.error == IO_ERR_EMPTY) << e.path();
         }

@@ -102,18 +102,19 @@ TEST(TruespaceWrite, AsciiTriangleExactBytes) {
                       "Faces 1\nFace verts 3 flags 0 mat 0\n<2,0> <1,0> <0,0> \n"
                       "DrawFlags 0\n");
     expected += Chunk("Unit V0.01 Id 101 Parent 100", "Units 2\n");
-    expected += Chunk("Mat1 V0.08 Id 102 Parent 100",
-                      "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
-                      "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
-    expected += Chunk("ShBx V0.04 Id 103 Parent 102",
-                      "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
-                      "colour: color (255, 0, 0)\nFlags: 3\n"
-                      "Shader class: transparency\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n"
-                      "Shader class: reflectance\nShader name: \"caligari phong\" (caligari phong)\n"
-                      "Number of parameters: 8\nambient factor: float 1\ndiffuse factor: float 1\n"
-                      "specular factor: float 0\nexponent: float 3\nspecular colour: color (255, 255, 255)\n"
-                      "transmission factor: float 0\nmirror factor: float 0\nrefraction: float 1\nFlags: 3\n"
-                      "Shader class: displacement\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n");
+    expected +=
+        Chunk("Mat1 V0.08 Id 102 Parent 100", "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
+                                              "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
+    expected += Chunk(
+        "ShBx V0.04 Id 103 Parent 102",
+        "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
+        "colour: color (255, 0, 0)\nFlags: 3\n"
+        "Shader class: transparency\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n"
+        "Shader class: reflectance\nShader name: \"caligari phong\" (caligari phong)\n"
+        "Number of parameters: 8\nambient factor: float 1\ndiffuse factor: float 1\n"
+        "specular factor: float 0\nexponent: float 3\nspecular colour: color (255, 255, 255)\n"
+        "transmission factor: float 0\nmirror factor: float 0\nrefraction: float 1\nFlags: 3\n"
+        "Shader class: displacement\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n");
     expected += "END  V1.00 Id 0 Parent 0 Size        0\n";
     EXPECT_EQ(Write(*s, true), expected);
 }
@@ -140,7 +141,8 @@ TEST(TruespaceWrite, BinaryTriangleLayout) {
     EXPECT_EQ(polhSize, 7u + 96 + 40 + 12 + 4 + 29 + 4);
     EXPECT_EQ(mat1Size, 41u); // with the diffuse factor, no texture record
     // With a texture: the record follows ior directly (no diffuse factor), as in trueSpace's files.
-    C3DMaterial* m = s->GetMaterialByID(cobtest::Nodes(*s)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    C3DMaterial* m =
+        s->GetMaterialByID(cobtest::Nodes(*s)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
     m->AddMaterialMap(CXStringW(L"wood.jpg"), -1, MAP_DIFFUSE);
     const std::string t = Write(*s, false);
     const size_t mat1 = t.find("Mat1");
@@ -200,9 +202,9 @@ TEST(TruespaceWrite, SaveThroughTheParserWithItsPreparation) {
 TEST(TruespaceWrite, LeavesOutWhatItCannotWrite) {
     auto s = Triangle();
     C3DGeomObject* g = cobtest::Nodes(*s)[0]->GetGeomObject();
-    g->GetFaceList()->AddFace(std::vector<uint32_t>{0, 1}.data(), 2);   // a line
-    g->GetFaceList()->AddTriangle(0, 2, 1, FACE_SKIP);                 // flagged to skip
-    g->GetFaceList()->AddTriangle(0, 1, 7);                            // past the points
+    g->GetFaceList()->AddFace(std::vector<uint32_t>{0, 1}.data(), 2); // a line
+    g->GetFaceList()->AddTriangle(0, 2, 1, FACE_SKIP);                // flagged to skip
+    g->GetFaceList()->AddTriangle(0, 1, 7);                           // past the points
     auto back = cobtest::Read(Write(*s, false));
     ASSERT_TRUE(back.scene);
     EXPECT_EQ(cobtest::Nodes(*back.scene)[0]->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
