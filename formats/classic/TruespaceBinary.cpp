@@ -147,9 +147,16 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
         verts.resize(n);
         uvs.resize(n);
         bool good = n >= 1;
-        for (uint32_t i = 0; i < n; ++i) {
-            verts[i] = r.u32();
-            uvs[i] = r.u32();
+        // The corners were checked to be there: read them without a check each.
+        const uint8_t* src = r.cursor().current();
+        r.skip(size_t(n) * 8);
+        for (uint32_t i = 0; i < n; ++i, src += 8) {
+            std::memcpy(&verts[i], src, 4);
+            std::memcpy(&uvs[i], src + 4, 4);
+            if (r.bigEndian() != (std::endian::native == std::endian::big)) {
+                verts[i] = __builtin_bswap32(verts[i]);
+                uvs[i] = __builtin_bswap32(uvs[i]);
+            }
             if (verts[i] >= nv) good = false;
             if (uvs[i] >= nuv) {
                 if (nuv) ++badUvs;

@@ -19,8 +19,8 @@ namespace {
 
 // A group (scaled by 2, moved to x = 10) holding a mesh: a quad with material 1 and a
 // triangle with material 0, two UVs; the mesh's matrix is absolute (scale 2, x = 12).
-std::string Sample(bool ascii) {
-    Builder b(ascii);
+std::string Sample(bool ascii, bool bigEndian = false) {
+    Builder b(ascii, bigEndian);
     Object g;
     g.type = "Grou";
     g.id = 500;
@@ -114,6 +114,13 @@ TEST(TruespaceRead, AsciiTwinGivesTheSameScene) {
     auto txt = cobtest::Read(Sample(true));
     ASSERT_TRUE(bin.scene && txt.scene) << txt.error;
     EXPECT_EQ(Describe(*bin.scene), Describe(*txt.scene));
+}
+
+TEST(TruespaceRead, BigEndianBinaryGivesTheSameScene) {
+    auto le = cobtest::Read(Sample(false));
+    auto be = cobtest::Read(Sample(false, true));
+    ASSERT_TRUE(le.scene && be.scene) << be.error;
+    EXPECT_EQ(Describe(*le.scene), Describe(*be.scene));
 }
 
 TEST(TruespaceRead, AsciiWithCrLfLineEnds) {

@@ -49,10 +49,11 @@ struct Mat {
 // Builds one file, binary or ASCII, from chunks added in order.
 class Builder {
   public:
-    explicit Builder(bool ascii) : m_ascii(ascii) {
+    // `bigEndian`: an "HL" binary file, every number byte-swapped.
+    explicit Builder(bool ascii, bool bigEndian = false) : m_ascii(ascii), m_be(bigEndian && !ascii) {
         m_out = "Caligari V00.01";
         m_out += ascii ? 'A' : 'B';
-        m_out += "LH             \n";
+        m_out += m_be ? "HL             \n" : "LH             \n";
     }
     bool ascii() const { return m_ascii; }
 
@@ -186,9 +187,19 @@ class Builder {
     }
     const std::string& Bytes() const { return m_out; }
 
-    static void U16(std::string& s, uint16_t v) { s.append(reinterpret_cast<const char*>(&v), 2); }
-    static void U32(std::string& s, uint32_t v) { s.append(reinterpret_cast<const char*>(&v), 4); }
-    static void F32(std::string& s, float v) { s.append(reinterpret_cast<const char*>(&v), 4); }
+    void U16(std::string& s, uint16_t v) const {
+        if (m_be) v = __builtin_bswap16(v);
+        s.append(reinterpret_cast<const char*>(&v), 2);
+    }
+    void U32(std::string& s, uint32_t v) const {
+        if (m_be) v = __builtin_bswap32(v);
+        s.append(reinterpret_cast<const char*>(&v), 4);
+    }
+    void F32(std::string& s, float v) const {
+        uint32_t u;
+        std::memcpy(&u, &v, 4);
+        U32(s, u);
+    }
     // Shortest text that reads back as the same float.
     static std::string N(float v) {
         char buf[32];
@@ -201,6 +212,7 @@ class Builder {
 
   private:
     bool m_ascii;
+    bool m_be;
     std::string m_out;
 };
 
