@@ -368,9 +368,15 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         if (o.kind == ObjectKind::Mesh) {
             C3DFaceList& faces = *file.meshes[static_cast<size_t>(o.mesh)].faces;
             auto& ids = faces.GetMaterialIDs();
+            // Faces come in runs of one material: look each run up once.
+            uint32_t lastIn = NO_MATERIAL, lastOut = NO_MATERIAL;
             for (uint32_t& id : ids) {
-                auto it = matIds.find({i, static_cast<uint16_t>(id)});
-                id = it == matIds.end() ? NO_MATERIAL : it->second;
+                if (id != lastIn) {
+                    lastIn = id;
+                    auto it = matIds.find({i, static_cast<uint16_t>(id)});
+                    lastOut = it == matIds.end() ? NO_MATERIAL : it->second;
+                }
+                id = lastOut;
             }
         }
         C3DSceneNode* node = MakeNode(o, file, options);
