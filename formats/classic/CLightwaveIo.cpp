@@ -1,6 +1,40 @@
 #include "formats/classic/CLightwaveIo.h"
 
+#include <clocale>
+#include <memory>
 #include <new>
+
+#include "formats/classic/LightwaveObject.h"
+#include "plugin/host/Cancel.h"
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/HostTypes.h"
+#include "plugin/host/IoFile.h"
+#include "plugin/host/SwitchLocale.h"
 
 CLightwaveIo::CLightwaveIo(CFileIo& io) : C3DParser(io) {}
 CLightwaveIo::~CLightwaveIo() {}
+
+C3DScene* CLightwaveIo::Read(const CXStringW& path, CSceneImportOptions& options) {
+    IoFile file(IsSilentMode());
+    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+        return nullptr;
+    }
+    m_file = &file;
+    C3DScene* scene = ReadMemory(file.GetData(), options, fileStripName(path));
+    m_file = nullptr;
+    file.CloseFile();
+    return scene;
+}
+
+C3DScene* CLightwaveIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options,
+                                   const CXStringW& folder) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    std::unique_ptr<C3DScene> scene;
+    const int rc = lightwave::ReadObject(data, folder, options, [this] { return IsCancelled(); }, scene);
+    if (rc != IO_OK) {
+        m_fileIo.SetIoError(rc, &options, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
+        return nullptr;
+    }
+    return scene.release();
+}
