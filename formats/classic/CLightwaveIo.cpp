@@ -21,7 +21,7 @@ C3DScene* CLightwaveIo::Read(const CXStringW& path, CSceneImportOptions& options
         return nullptr;
     }
     m_file = &file;
-    C3DScene* scene = ReadMemory(file.GetData(), options, fileStripName(path));
+    C3DScene* scene = ReadMemory(file.GetData(), options, fileStripName(fileMakeAbsolutePath(L"", path)));
     m_file = nullptr;
     file.CloseFile();
     return scene;
