@@ -2,9 +2,11 @@
 
 #include <clocale>
 #include <memory>
+#include <vector>
 #include <new>
 
 #include "formats/classic/LightwaveObject.h"
+#include "formats/classic/LightwaveWriter.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
@@ -37,4 +39,28 @@ C3DScene* CLightwaveIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOp
         return nullptr;
     }
     return scene.release();
+}
+
+void CLightwaveIo::SaveDefaultOptions(CSceneExportOptions& options) const {
+    // Patches as meshes, the material table kept; hierarchy and transforms stay as they are
+    // (the writer bakes each mesh's world transform into its points and keeps the pivot).
+    options.prepFlags = PREP_MESHES | PREP_MATERIALS;
+    options.prepFlags2 = 0;
+}
+
+bool CLightwaveIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    std::vector<uint8_t> bytes;
+    if (!scene || !lightwave::WriteObject(*scene, bytes)) {
+        m_fileIo.SetIoError(IO_ERR_NOTHING_TO_WRITE, &options, LOG_ERROR);
+        return false;
+    }
+    IoFile file(IsSilentMode());
+    if (!file.OpenFile(path, false)) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+        return false;
+    }
+    const bool ok = file.FileWrite(bytes.data(), bytes.size()) && file.CloseFile();
+    if (!ok) m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+    return ok;
 }

@@ -15,6 +15,8 @@ public:
     ~CLightwaveIo() override;
 
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    void SaveDefaultOptions(CSceneExportOptions& options) const override;
+    bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
     // Reads object bytes held in memory; textures are looked for next to `folder` (may be empty).
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder = {});
 
