@@ -33,7 +33,7 @@ C3DScene* CLightwaveIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOp
                                    const CXStringW& folder) {
     CSwitchLocale locale(LC_NUMERIC, "English");
     std::unique_ptr<C3DScene> scene;
-    const int rc = lightwave::ReadObject(data, folder, options, [this] { return IsCancelled(); }, scene);
+    const int rc = lightwave::ReadObject(data, folder, options, [this] { return IsCancelled(); }, scene, m_file);
     if (rc != IO_OK) {
         m_fileIo.SetIoError(rc, &options, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
         return nullptr;

@@ -143,8 +143,9 @@ struct Layer {
 
 class Reader {
 public:
-    Reader(const CXStringW& folder, CSceneImportOptions& options, const std::function<bool()>& cancelled)
-        : m_folder(folder), m_options(options), m_cancelled(cancelled) {}
+    Reader(const CXStringW& folder, CSceneImportOptions& options, const std::function<bool()>& cancelled,
+           const IoFile* file)
+        : m_folder(folder), m_options(options), m_cancelled(cancelled), m_file(file) {}
 
     int Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& out);
 
@@ -189,6 +190,7 @@ private:
     CXStringW m_folder;
     CSceneImportOptions& m_options;
     const std::function<bool()>& m_cancelled;
+    const IoFile* m_file;
     bool m_cancel = false;
     bool m_lwob = false;
     std::vector<Layer> m_layers;
@@ -239,10 +241,19 @@ int Reader::Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& out) {
     // A FORM size beyond the file is clamped: truncated files keep what they have.
     const uint64_t body = formSize >= 4 ? std::min<uint64_t>(formSize - 4, file.remaining()) : 0;
     CBinaryCursor c = file.sub(body);
+    // Pages of the mapping behind the chunks read so far go back to the system.
+    std::span<const uint8_t> mapped = m_file ? m_file->GetData() : std::span<const uint8_t>();
+    const bool ours = !mapped.empty() && data.data() == mapped.data();
+    size_t released = 0;
     Walk(c, kChunkIFF, [&](Chunk& ch) {
         if (Cancelled()) return false;
         if (m_lwob) LwobChunk(ch);
         else Lwo2Chunk(ch);
+        const size_t end = static_cast<size_t>(ch.payload.data() + ch.payload.size() - data.data());
+        if (ours && end >= released + (size_t(1) << 20)) {
+            m_file->ReleaseBefore(static_cast<int64_t>(end));
+            released = end;
+        }
         return true;
     });
     if (m_cancel) return IO_ERR_CANCELLED;
@@ -266,6 +277,9 @@ int Reader::Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& out) {
         // The layer's arrays are no longer needed; free them before the next layer is built.
         l.pts = {};
         l.polyIdx = {};
+        l.polyStart = {};
+        l.polyKind = {};
+        l.polySurf = {};
         l.maps = {};
     }
     LinkLayers(nodes);
@@ -1194,9 +1208,9 @@ void ProjectUV(const Projection& p, const float pt[3], const float normal[3], fl
 }
 
 int ReadObject(std::span<const uint8_t> data, const CXStringW& folder, CSceneImportOptions& options,
-               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out) {
+               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out, const IoFile* file) {
     try {
-        Reader r(folder, options, cancelled);
+        Reader r(folder, options, cancelled, file);
         return r.Run(data, out);
     } catch (const std::bad_alloc&) {
         out.reset();

@@ -7,6 +7,7 @@
 #include <memory>
 #include <span>
 
+#include "plugin/host/IoFile.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/XString.h"
@@ -14,9 +15,11 @@
 namespace lightwave {
 
 // IO_OK and a scene, or one of IO_ERR_FORMAT, IO_ERR_EMPTY, IO_ERR_CANCELLED (no scene).
-// `cancelled` is polled between chunks and layers; it may be empty.
+// `cancelled` is polled between chunks and layers; it may be empty. When `data` is the mapping
+// of `file`, pages already read are handed back as the reader moves on.
 int ReadObject(std::span<const uint8_t> data, const CXStringW& folder, CSceneImportOptions& options,
-               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out);
+               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out,
+               const IoFile* file = nullptr);
 
 // A file name as the format stores it ("disk:dir/file", backslashes) in host form.
 CXStringW HostPath(std::string_view stored);

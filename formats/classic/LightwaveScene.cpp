@@ -592,7 +592,7 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
             IoFile file(true);
             if (ok && !fileIsDirectory(path) && file.OpenFile(path, true)) {
                 std::unique_ptr<C3DScene> obj;
-                const int rc = ReadObject(file.GetData(), fileStripName(path), m_options, m_cancelled, obj);
+                const int rc = ReadObject(file.GetData(), fileStripName(path), m_options, m_cancelled, obj, &file);
                 file.CloseFile();
                 if (rc == IO_ERR_CANCELLED) m_cancel = true;
                 if (rc == IO_OK && obj) {
