@@ -893,10 +893,13 @@ void Reader::BuildLayer(Layer& l, C3DSceneNode* node) {
         std::vector<float> vals(npts * dim, uv ? 0.0f : 1.0f);
         for (size_t e = 0; e < m.pts.size(); ++e)
             std::copy(&m.vals[e * dim], &m.vals[e * dim] + dim, &vals[size_t(m.pts[e]) * dim]);
-        std::unordered_map<uint64_t, uint32_t> cornerOverride;
-        cornerOverride.reserve(m.cornerPts.size());
-        for (size_t e = 0; e < m.cornerPts.size(); ++e)
-            cornerOverride[(uint64_t(m.cornerPolys[e]) << 32) | m.cornerPts[e]] = static_cast<uint32_t>(npts + e);
+        // Corner overrides sorted by polygon (the last entry for a corner wins); faces come in
+        // polygon order, so one pass over both finds them.
+        std::vector<uint32_t> order(m.cornerPts.size());
+        for (size_t e = 0; e < order.size(); ++e) order[e] = static_cast<uint32_t>(e);
+        std::stable_sort(order.begin(), order.end(),
+                         [&](uint32_t x, uint32_t y) { return m.cornerPolys[x] < m.cornerPolys[y]; });
+        size_t next = 0;
         CFaceList::IndexArray chOffsets, chIdx;
         CFaceList::FlagArray chFlags;
         chOffsets.resize(faces + 1);
@@ -906,14 +909,12 @@ void Reader::BuildLayer(Layer& l, C3DSceneNode* node) {
         for (size_t fi = 0; fi < faces; ++fi) {
             chFlags[fi] = 0;
             const uint32_t o = mf.GetOffsets()[fi], n = mf.GetOffsets()[fi + 1] - o;
-            for (uint32_t k = 0; k < n; ++k) {
-                uint32_t idx = corner[o + k];
-                if (!cornerOverride.empty()) {
-                    auto it = cornerOverride.find((uint64_t(faceToPoly[fi]) << 32) | idx);
-                    if (it != cornerOverride.end()) idx = it->second;
-                }
-                chIdx[o + k] = idx;
-            }
+            std::copy(corner + o, corner + o + n, &chIdx[o]);
+            const uint32_t poly = faceToPoly[fi];
+            while (next < order.size() && m.cornerPolys[order[next]] < poly) ++next;
+            for (size_t e = next; e < order.size() && m.cornerPolys[order[e]] == poly; ++e)
+                for (uint32_t k = 0; k < n; ++k)
+                    if (corner[o + k] == m.cornerPts[order[e]]) chIdx[o + k] = static_cast<uint32_t>(npts + order[e]);
         }
         const size_t total = npts + m.cornerPts.size();
         if (uv) {
