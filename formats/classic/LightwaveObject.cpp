@@ -35,7 +35,6 @@ constexpr size_t kMaxColorChannels = 4;
 constexpr size_t kMaxMapsPerLayer = 64;
 constexpr int kMaxDetailDepth = 8;
 constexpr int kMaxLayerDepth = 256;
-constexpr int kMaxBlockDepth = 4;
 
 CXStringW Name(std::string_view s) {
     const std::wstring w = Utf8ToWide(s);
