@@ -8,7 +8,9 @@
 #include "tests/classic/LightwaveTestSupport.h"
 #include "tests/support/TestSupport.h"
 
+#include "formats/classic/C3DStudioIo.h"
 #include "formats/classic/LightwaveWriter.h"
+#include "plugin/host/ExportPrep.h"
 #include "plugin/host/BinaryCursor.h"
 #include "plugin/host/Channel.h"
 #include "plugin/host/Material.h"
@@ -223,4 +225,46 @@ TEST(LightwaveWrite, EveryCorpusObjectReadsBackTheSame) {
             }
         }
     }
+}
+
+// Scenes of another reader (3D Studio, with hierarchies and pivots) keep their meshes, points,
+// faces and world positions through an LWO2 file.
+TEST(LightwaveWrite, StudioScenesReadBackTheSame) {
+    SKIP_WITHOUT_CORPUS();
+    int files = 0;
+    for (const fs::path& p : testsupport::CorpusFiles("3ds")) {
+        const std::string bytes = testsupport::ReadFile(p);
+        CFileIo io;
+        CSceneImportOptions opt;
+        C3DStudioIo studio(io);
+        std::unique_ptr<C3DScene> a(studio.ReadMemory(bytes.data(), bytes.size(), opt));
+        if (!a) continue;
+        CSceneExportOptions eo;
+        CFileIo wio;
+        CLightwaveIo(wio).SaveDefaultOptions(eo);
+        std::unique_ptr<C3DScene> prepared = PrepareSceneForExport(*a, eo.prepFlags, &eo);
+        std::vector<uint8_t> out;
+        if (!lightwave::WriteObject(*prepared, out)) continue; // nothing but cameras and lights
+        ReadResult b = ReadObjectBytes(std::string(out.begin(), out.end()));
+        ASSERT_TRUE(b.scene) << p;
+        C3DBaseObject* o;
+        int meshes = 0;
+        for (C3DNodePos pos = prepared->GetFirstNode(KINDOF_MESH); C3DSceneNode* n = prepared->GetNextNode(o, pos);) {
+            auto* m = static_cast<C3DObject*>(o);
+            if (!m->GetPointList() || !m->GetFaceList()) continue;
+            ++meshes;
+            C3DSceneNode* n2 = FindNode(*b.scene, n->GetName().c_str());
+            ASSERT_TRUE(n2 && MeshOf(n2)) << p << " " << WideToUtf8(n->GetName().view());
+            EXPECT_EQ(MeshOf(n2)->GetFaceList()->GetNumberOfFaces(), m->GetFaceList()->GetNumberOfFaces()) << p;
+            const std::vector<C3DPoint> w1 = WorldPoints(n), w2 = WorldPoints(n2);
+            ASSERT_EQ(w1.size(), w2.size()) << p;
+            for (size_t i = 0; i < w1.size(); ++i) {
+                EXPECT_NEAR(w1[i].x, w2[i].x, 1e-3 * (1 + std::fabs(w1[i].x))) << p;
+                EXPECT_NEAR(w1[i].z, w2[i].z, 1e-3 * (1 + std::fabs(w1[i].z))) << p;
+            }
+        }
+        EXPECT_EQ(b.scene->GetChildCount(nullptr, KINDOF_MESH), meshes) << p;
+        ++files;
+    }
+    EXPECT_GT(files, 3);
 }
