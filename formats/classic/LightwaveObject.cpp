@@ -793,7 +793,7 @@ CXStringW Reader::TextureFile(const Texture& t) {
     }
     if (path.IsEmpty()) return {};
     bool found = false;
-    const CXStringW resolved = ResolveNear(m_folder, path, found);
+    const CXStringW resolved = m_folder.IsEmpty() ? path : ResolveNear(m_folder, path, found);
     m_scene->AddRequiredFile(resolved);
     if (!found) Log(L"Lightwave: texture file not found: " + path.str());
     return found ? resolved : path;

@@ -581,7 +581,8 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
     auto found = m_files.find(stored.str());
     if (found == m_files.end()) {
         LoadedFile lf;
-        if (m_files.size() < kMaxObjectFiles) {
+        // No folder (bytes from memory): nothing is looked for on disk.
+        if (!m_folder.IsEmpty() && m_files.size() < kMaxObjectFiles) {
             // As written, next to the scene, in the folders above it (content folders), bare name.
             CXStringW path;
             bool ok = false;
