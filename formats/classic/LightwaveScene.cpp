@@ -344,14 +344,14 @@ void SceneReader::ReadEnvelopeBlock(Lines& lines, Envelope* env) {
             EnvelopeKey k;
             k.value = v[0];
             k.time = v[1];
-            k.span = n > 2 ? std::clamp(static_cast<int>(v[2]), 0, 5) : 0;
+            k.span = n > 2 ? static_cast<int>(std::clamp(v[2], 0.0, 5.0)) : 0;
             for (int i = 3; i < n; ++i) k.p[i - 3] = v[i];
             env->keys.push_back(k);
         } else if (kw == "Behaviors") {
             double v[2];
             if (Numbers(rest, v, 2) == 2) {
-                env->pre = std::clamp(static_cast<int>(v[0]), 0, 5);
-                env->post = std::clamp(static_cast<int>(v[1]), 0, 5);
+                env->pre = static_cast<int>(std::clamp(v[0], 0.0, 5.0));
+                env->post = static_cast<int>(std::clamp(v[1], 0.0, 5.0));
             }
         }
     }
@@ -377,7 +377,7 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
     } else if (m_version == 2) {
         double nc = 0;
         if (!lines.Next(l) || Numbers(l, &nc, 1) != 1) return;
-        for (int c = 0; c < static_cast<int>(std::min(nc, 64.0)); ++c) {
+        for (int c = 0; c < static_cast<int>(std::clamp(nc, 0.0, 64.0)); ++c) {
             double nk = 0;
             if (!lines.Next(l) || Numbers(l, &nk, 1) != 1) { lines.Unread(); break; }
             Envelope* env = c < 9 ? &ch[c] : nullptr;
@@ -402,8 +402,8 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
                 double v[18];
                 const int n = Numbers(rest, v, 18);
                 for (int c = 0; c + 1 < n && c / 2 < 9; c += 2) {
-                    ch[c / 2].pre = std::clamp(static_cast<int>(v[c]), 0, 5);
-                    ch[c / 2].post = std::clamp(static_cast<int>(v[c + 1]), 0, 5);
+                    ch[c / 2].pre = static_cast<int>(std::clamp(v[c], 0.0, 5.0));
+                    ch[c / 2].post = static_cast<int>(std::clamp(v[c + 1], 0.0, 5.0));
                 }
             } else {
                 lines.Unread();
@@ -541,7 +541,7 @@ int SceneReader::Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& o
             if (cur) cur->intensity = v;
         } else if (kw == "LightType") {
             double v;
-            if (cur && Numbers(rest, &v, 1) == 1) cur->lightType = static_cast<int>(v);
+            if (cur && Numbers(rest, &v, 1) == 1) cur->lightType = static_cast<int>(std::clamp(v, -1.0, 9.0));
         } else if (kw == "LightConeAngle" || kw == "ConeAngle") {
             const double v = StaticOrEnvelope(lines, rest, -1);
             if (cur) cur->cone = (m_version < 3 || v > kPi / 2) ? v * kPi / 180 : v;
@@ -748,7 +748,7 @@ void SceneReader::Build(C3DScene& scene) {
                 for (int f = 0; f < frames; ++f) {
                     const double sec = (m_firstFrame + f) / m_fps;
                     Transform(it, sec, t, q, s);
-                    const auto tick = static_cast<int32_t>(std::clamp(std::lround(sec * ticks), -2000000000L, 2000000000L));
+                    const auto tick = static_cast<int32_t>(std::lround(std::clamp(sec * ticks, -2e9, 2e9)));
                     auto tk = std::make_unique<C3DTranslateKey>(tick);
                     tk->value = t;
                     node->AddKey(std::move(tk), CURVE_LINEAR);
