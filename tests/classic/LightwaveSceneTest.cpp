@@ -286,3 +286,17 @@ TEST(LightwaveSceneCorpus, HandCheckedMotion) {
     cube = FindNode(*r.scene, L"simple_cube");
     EXPECT_NEAR(WorldAt(cube, 3.9, *r.scene).x, 0.0, 1e-4);
 }
+
+// Out-of-range numbers saturate: a span type of 1e300 is the last type (2-D Bezier, which
+// eases out of a flat handle), not whatever an overflowing conversion makes of it.
+TEST(LightwaveScene, HugeNumbersSaturate) {
+    const std::string text = "LWSC\n3\nLastFrame 30\nAddNullObject N\nObjectMotion\nNumChannels 1e300\nChannel 0\n"
+                             "{ Envelope\n  2\n  Key 0 0 0 0 0 0 0 0 0\n  Key 10 1 1e300 0 0 0 0 0 0\n"
+                             "  Behaviors -1e300 1e300\n}\nAddLight\nLightType 1e300\n";
+    ReadResult r = ReadSceneText(text);
+    ASSERT_TRUE(r.scene);
+    const float x = WorldAt(FindNode(*r.scene, L"N"), 0.25, *r.scene).x;
+    EXPECT_LT(x, 2.0f); // a straight line or TCB would give 2.5
+    EXPECT_GT(x, 0.0f);
+    EXPECT_NEAR(WorldAt(FindNode(*r.scene, L"N"), 1.0, *r.scene).x, 10.0f, 1e-4);
+}
