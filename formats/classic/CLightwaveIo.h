@@ -1,7 +1,8 @@
 #pragma once
-// Lightwave object parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// Lightwave objects (.lwo/.lwb/.lw/.lwm): reads LWOB, LWLO and LWO2 files (LightwaveObject.*
+// does the work) and writes LWO2 (LightwaveWriter.*).
 #include <cstdint>
+#include <span>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -12,6 +13,12 @@ class CLightwaveIo : public C3DParser {
 public:
     explicit CLightwaveIo(CFileIo& io);
     ~CLightwaveIo() override;
+
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    void SaveDefaultOptions(CSceneExportOptions& options) const override;
+    bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
+    // Reads object bytes held in memory; textures are looked for next to `folder` (may be empty).
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder = {});
 
 private:
     CHashMap<uint32_t, uint32_t> m_surfaces{23};

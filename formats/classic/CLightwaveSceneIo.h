@@ -1,7 +1,8 @@
 #pragma once
-// Lightwave scene parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// Lightwave scenes (.lws): items, hierarchy, motion, cameras and lights, with the objects
+// loaded from the LWO files the scene names (LightwaveScene.* does the work).
 #include <cstdint>
+#include <span>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -12,6 +13,10 @@ class CLightwaveSceneIo : public C3DParser {
 public:
     explicit CLightwaveSceneIo(CFileIo& io);
     ~CLightwaveSceneIo() override;
+
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // Reads scene text held in memory; object files are looked for around `folder` (empty: none).
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder = {});
 
 private:
     CHashMap<uint32_t, C3DSceneNode*> m_nodesByID{23};
