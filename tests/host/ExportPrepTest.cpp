@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
@@ -285,4 +288,33 @@ TEST(ExportPrep, MeshesPastSixteenBitCountsAreCutIntoPiecesThatStayInPlace) {
     EXPECT_FLOAT_EQ(world.max.y, 6);
     EXPECT_FLOAT_EQ(world.min.z, 7);
     EXPECT_FLOAT_EQ(world.max.z, 7);
+}
+
+TEST(ExportPrep, DeepChainsAreBakedInLinearTime) {
+    // 20,000 nodes each below the last, each one unit along x: world transforms are built
+    // from the parent's, not by walking every ancestor of every node.
+    C3DScene s;
+    const int depth = 20000;
+    C3DSceneNode* parent = nullptr;
+    for (int i = 0; i < depth; ++i) {
+        auto* o = new C3DObject();
+        o->GetPointList()->Add(0, 0, 0);
+        o->GetPointList()->Add(0, 1, 0);
+        o->GetPointList()->Add(0, 0, 1);
+        o->GetFaceList()->AddTriangle(0, 1, 2);
+        auto* n = new C3DSceneNode(o);
+        n->SetNodeLocalTM(C4x4Matrix::Translation(1, 0, 0));
+        s.AddNode(parent, n);
+        parent = n;
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    auto out = PrepareSceneForExport(s, PREP_WORLD_SPACE);
+    double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(sec, 5.0); // walking the ancestors took minutes
+    C3DBaseObject* o;
+    C3DNodePos p = out->GetFirstNode(KINDOF_MESH);
+    C3DSceneNode* last = nullptr;
+    while (C3DSceneNode* n = out->GetNextNode(o, p)) last = n;
+    ASSERT_NE(last, nullptr);
+    EXPECT_FLOAT_EQ(last->GetGeomObject()->GetPointList()->GetPoint(0).x, float(depth));
 }
