@@ -562,7 +562,7 @@ bool C3DStudioIo::ReadTrack(CBinaryCursor& p, uint32_t id) {
         } else if (id == 0xB021) {
             if (a == 0.0f) continue; // a zero angle carries no rotation: dropped deliberately
             auto key = std::make_unique<C3DRotateKey>(frame);
-            key->SetAxisAngle(C3DVector(x, y, z), a);
+            key->SetRotation(a, C3DVector(x, y, z));
             key->tcb = tcb;
             AddKey(*m_currentNode, std::move(key));
         } else {
@@ -635,9 +635,10 @@ void C3DStudioIo::PlaceNodes() {
 
 void C3DStudioIo::SaveDefaultOptions(CSceneExportOptions& options) const {
     // Patches as meshes and the material table kept; curves kept as curves so that the writer
-    // leaves them out (a dropped curve would come back as an empty dummy node). Faces are not
-    // triangulated: the writer splits quads itself and keeps only the first triangle of larger faces.
-    options.prepFlags = PREP_MESHES | PREP_MATERIALS | PREP_CURVES;
+    // leaves them out (a dropped curve would come back as an empty dummy node). The writer keeps
+    // only the first triangle of a larger face and drops meshes past its 16-bit counts, so it
+    // gets triangles only, in meshes cut to fit.
+    options.prepFlags = PREP_MESHES | PREP_MATERIALS | PREP_CURVES | PREP_TRIANGULATE | PREP_SPLIT_16BIT;
 }
 
 bool C3DStudioIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {

@@ -136,8 +136,26 @@ bool C3DStudioWriter::Write() {
     Begin(0x0100);
     PutF32(m_scene.GetUnit() == UNIT_NONE ? 1.0f : static_cast<float>(m_scene.GetScaleFactor() / 2.54));
     End();
-    C3DNodePos pos = m_scene.GetFirstNode(KINDOF_EXPORTABLE);
+    // Transforms at time 0 in tree order (parents first), each from its parent's.
     C3DBaseObject* obj = nullptr;
+    C3DNodePos pos = m_scene.GetFirstNode(KINDOF_ALL);
+    while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
+        C4x4Matrix tm;
+        node->GetNodeLocalTM(0, tm);
+        const C3DSceneNode* parent = node->GetParent();
+        if (parent && parent->GetParent()) {
+            auto it = m_world.find(parent);
+            if (it != m_world.end()) {
+                tm = tm * it->second;
+            } else {
+                C4x4Matrix pm;
+                parent->GetNodeTM(0, pm);
+                tm = tm * pm;
+            }
+        }
+        m_world[node] = tm;
+    }
+    pos = m_scene.GetFirstNode(KINDOF_EXPORTABLE);
     while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
         if (IsExported(*node, obj)) WriteObject(*node, *static_cast<const C3DGeomObject*>(obj));
     }
@@ -228,7 +246,8 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
     m_nodeWritten.SetAt(&node, name);
 
     C4x4Matrix tm, objectTM;
-    node.GetNodeTM(0, tm);
+    if (auto it = m_world.find(&node); it != m_world.end()) tm = it->second;
+    else node.GetNodeTM(0, tm);
     node.GetObjectLocalTM(0, objectTM);
     // The reader negates x after undoing the matrix when it mirrors; do the inverse first.
     const float s = tm.Determinant3() < 0 ? -1.0f : 1.0f;
@@ -452,7 +471,7 @@ void C3DStudioWriter::WriteTracks(C3DSceneNode& node) {
         sm.time = times[i];
         CQuaternion q;
         local.Decompose(sm.t, q, sm.s);
-        q.ToAxisAngle(sm.axis, sm.angle);
+        C3DRotateKey::AngleAxisOf(q, sm.angle, sm.axis);
         samples.push_back(sm);
     }
     auto usesPos = [](const Sample& sm, size_t i) {

@@ -3,8 +3,10 @@
 // scale, one triangle object per exportable mesh node, points in world space)
 // and the keyframer part (one object node per mesh or dummy, tracks sampled at
 // the node's key times). Meshes past the format's 16-bit counts are left out.
+// World transforms are taken once per write: a deep hierarchy costs no more than a flat one.
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "plugin/host/Scene.h"
@@ -57,4 +59,5 @@ private:
     CHashMap<const C3DSceneNode*, CXStringW> m_nodeWritten{23};
     CHashMap<const C3DSceneNode*, uint32_t> m_nodeIDs{23};
     uint32_t m_nodeCounter = 0;
+    std::unordered_map<const C3DSceneNode*, C4x4Matrix> m_world; // node transforms at time 0
 };

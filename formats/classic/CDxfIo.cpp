@@ -110,8 +110,9 @@ CDxfIo::CDxfIo(CFileIo& io) : C3DParser(io) {}
 CDxfIo::~CDxfIo() {}
 
 void CDxfIo::SaveDefaultOptions(CSceneExportOptions& options) const {
-    // Curves stay curves, as poly-lines through their points; meshes and patches are written as they are.
-    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES;
+    // Curves stay curves, as poly-lines through their points; a face record holds at most four
+    // corners, so larger faces come as triangles.
+    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES | PREP_TRIANGULATE_POLYGONS;
 }
 
 std::string CDxfIo::FormatScene(const C3DScene& scene) {

@@ -1,12 +1,19 @@
 #include "plugin/host/ExportPrep.h"
 
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
+#include "plugin/host/Triangulate.h"
 
 namespace {
+constexpr uint64_t kCutterBaseWork = 50'000'000;
+constexpr uint64_t kCutterWorkPerIndex = 64;
+constexpr uint32_t k16BitLimit = 65535;
+
 std::vector<C3DSceneNode*> AllNodes(const C3DScene& s) {
     std::vector<C3DSceneNode*> v;
     C3DBaseObject* o;
@@ -53,9 +60,10 @@ void Sanitize(C3DGeomObject& g) {
     }
 }
 
-// Splits faces of more than maxVerts vertices into fans (maxVerts 3: triangulate and drop
-// faces of fewer than three vertices). Channel face lists follow the same split.
-void SplitFaces(C3DGeomObject& g, int maxVerts) {
+// Faces of more than maxVerts corners are cut into triangles on their own plane (maxVerts 3:
+// every face, and faces of fewer than three corners go). Channel face lists follow the same
+// cut, corner for corner.
+void SplitFaces(C3DGeomObject& g, int maxVerts, CPolygonTriangulator& cutter) {
     C3DFaceList* faces = g.GetFaceList();
     if (!faces) return;
     const int nf = faces->GetNumberOfFaces();
@@ -65,33 +73,36 @@ void SplitFaces(C3DGeomObject& g, int maxVerts) {
         needed = k > maxVerts || (maxVerts == 3 && k < 3);
     }
     if (!needed) return;
+    // Corner triples of every face that is cut, from the mesh's own points.
+    std::vector<uint32_t> corners;
+    std::vector<size_t> cutStart(static_cast<size_t>(nf) + 1, 0);
+    size_t outFaces = 0, outIndices = 0;
+    for (int f = 0; f < nf; ++f) {
+        const int k = faces->GetFaceSize(f);
+        if (k > maxVerts) cutter.Triangulate(*g.GetPointList(), faces->Face(f), corners);
+        cutStart[static_cast<size_t>(f) + 1] = corners.size();
+        if (k > maxVerts) {
+            outFaces += static_cast<size_t>(k - 2);
+            outIndices += static_cast<size_t>(k - 2) * 3;
+        } else if (k >= 3 || maxVerts != 3) {
+            ++outFaces;
+            outIndices += static_cast<size_t>(k);
+        }
+    }
     auto split = [&](const CFaceList& src, CFaceList& dst, const C3DFaceList* mats, C3DFaceList* dstMats) {
+        dst.Reserve(outFaces, outIndices);
         for (int f = 0; f < nf; ++f) {
             const int k = faces->GetFaceSize(f);
             const uint32_t* s = src.GetFaceIndices(f);
             const uint32_t flags = src.GetFaceFlags(f);
-            auto add = [&](const uint32_t* idx, int n) {
-                if (dstMats) dstMats->SetCurrentMaterial(mats->GetMaterialID(f));
-                dst.AddFace(idx, n, flags);
-            };
-            if (maxVerts == 3 && k < 3) continue;
-            if (k <= maxVerts) { add(s, k); continue; }
-            if (maxVerts == 3) {
-                for (int i = 1; i + 1 < k; ++i) {
-                    uint32_t t[3] = {s[0], s[i], s[i + 1]};
-                    add(t, 3);
-                }
-            } else {
-                // Fans of up to maxVerts vertices sharing the first vertex.
-                std::vector<uint32_t> part;
-                int i = 1;
-                while (i + 1 < k) {
-                    part.assign(1, s[0]);
-                    int end = std::min(k - 1, i + maxVerts - 2);
-                    for (int j = i; j <= end; ++j) part.push_back(s[j]);
-                    add(part.data(), static_cast<int>(part.size()));
-                    i = end;
-                }
+            if (dstMats) dstMats->SetCurrentMaterial(mats->GetMaterialID(f));
+            if (k <= maxVerts) {
+                if (k >= 3 || maxVerts != 3) dst.AddFace(s, k, flags);
+                continue;
+            }
+            for (size_t c = cutStart[static_cast<size_t>(f)]; c < cutStart[static_cast<size_t>(f) + 1]; c += 3) {
+                uint32_t t[3] = {s[corners[c]], s[corners[c + 1]], s[corners[c + 2]]};
+                dst.AddFace(t, 3, flags);
             }
         }
     };
@@ -105,6 +116,166 @@ void SplitFaces(C3DGeomObject& g, int maxVerts) {
     C3DFaceList out;
     split(*faces, out, faces, &out);
     *faces = std::move(out);
+}
+
+// Triangles a 16-bit triangle writer makes of a face: a quad gives two, anything else one.
+uint64_t WriterTriangles(int corners) { return corners == 4 ? 2 : 1; }
+
+// A channel of the same kind with no faces or points yet; null for kinds without faces.
+std::unique_ptr<C3DChannel> EmptyChannelLike(const C3DChannel& c) {
+    std::unique_ptr<C3DChannel> out;
+    switch (c.GetType()) {
+    case CHANNEL_UVW: out = std::make_unique<CUVWChannel>(); break;
+    case CHANNEL_VC: {
+        auto vc = std::make_unique<CVCChannel>();
+        vc->SetWeight(static_cast<const CVCChannel&>(c).GetWeight());
+        out = std::move(vc);
+        break;
+    }
+    case CHANNEL_SPEC_NORMAL: out = std::make_unique<CSpecNormalChannel>(); break;
+    default: return nullptr;
+    }
+    out->GetCustomData() = c.GetCustomData();
+    return out;
+}
+
+// Copies entry `i` of `src`'s point list to the end of `dst`'s (same kind).
+void CopyChannelPoint(const C3DChannel& src, C3DChannel& dst, uint32_t i) {
+    if (src.GetType() == CHANNEL_VC) {
+        static_cast<CVCChannel&>(dst).GetVCPointList()->Add(static_cast<const CVCChannel&>(src).GetVCPointList()->Raw()[i]);
+        return;
+    }
+    const C3DPointList* sp = src.GetType() == CHANNEL_UVW ? static_cast<const CUVWChannel&>(src).GetUVWPointList()
+                                                           : static_cast<const CSpecNormalChannel&>(src).GetNormalVectorList();
+    C3DPointList* dp = dst.GetType() == CHANNEL_UVW ? static_cast<CUVWChannel&>(dst).GetUVWPointList()
+                                                     : static_cast<CSpecNormalChannel&>(dst).GetNormalVectorList();
+    dp->Add(sp->GetPoint(static_cast<int>(i)));
+}
+
+// Cuts a mesh whose points or writer triangles exceed `limit` into pieces within it, faces
+// in order. The first piece stays in `node`; the others become children of it named
+// "<name>.2", "<name>.3"..., with no transform of their own and the node's object offset,
+// so every piece lands where it was. A single face beyond the limit stays a piece alone.
+void SplitBigMesh(C3DSceneNode& node, uint32_t limit) {
+    C3DGeomObject& g = *node.GetGeomObject();
+    const C3DPointList& pts = *g.GetPointList();
+    const C3DFaceList& faces = *g.GetFaceList();
+    const int nf = faces.GetNumberOfFaces();
+    uint64_t tris = 0;
+    for (int f = 0; f < nf; ++f) tris += WriterTriangles(faces.GetFaceSize(f));
+    if (pts.size() <= limit && tris <= limit) return;
+
+    // Pieces as runs of faces [start, end).
+    std::vector<int> cuts{0};
+    {
+        // A point repeated within one face is counted twice: pieces may come out a little
+        // smaller than they could be, never larger.
+        std::vector<uint32_t> stamp(pts.size(), 0);
+        uint32_t piece = 1;
+        uint64_t used = 0, pieceTris = 0;
+        for (int f = 0; f < nf; ++f) {
+            uint64_t fresh = 0;
+            for (uint32_t i : faces.Face(f)) fresh += stamp[i] != piece;
+            const uint64_t t = WriterTriangles(faces.GetFaceSize(f));
+            if (f > cuts.back() && (used + fresh > limit || pieceTris + t > limit)) {
+                cuts.push_back(f);
+                ++piece;
+                used = 0;
+                pieceTris = 0;
+                fresh = static_cast<uint64_t>(faces.GetFaceSize(f));
+            }
+            for (uint32_t i : faces.Face(f)) stamp[i] = piece;
+            used += fresh;
+            pieceTris += t;
+        }
+    }
+    cuts.push_back(nf);
+    if (cuts.size() <= 2) return;
+
+    std::vector<int64_t> remap(pts.size(), -1);
+    std::vector<std::vector<int64_t>> channelRemap(g.GetChannels().size());
+    std::vector<C3DObject*> pieces;
+    for (size_t p = 0; p + 1 < cuts.size(); ++p) {
+        auto* o = new C3DObject();
+        o->SetFlag(g.GetFlags());
+        o->GetCustomData() = g.GetCustomData();
+        o->SetSmoothAngle(g.GetSmoothAngle());
+        o->SetSmoothMode(g.GetSmoothMode());
+        o->SetFaceMode(g.GetFaceMode());
+        C3DPointList& op = *o->GetPointList();
+        C3DFaceList& of = *o->GetFaceList();
+        std::vector<uint32_t> idx;
+        for (int f = cuts[p]; f < cuts[p + 1]; ++f) {
+            idx.clear();
+            for (uint32_t i : faces.Face(f)) {
+                if (remap[i] < 0) remap[i] = op.Add(pts.GetPoint(static_cast<int>(i)));
+                idx.push_back(static_cast<uint32_t>(remap[i]));
+            }
+            of.SetCurrentMaterial(faces.GetMaterialID(f));
+            of.AddFace(idx.data(), static_cast<int>(idx.size()), faces.GetFaceFlags(f));
+        }
+        for (int f = cuts[p]; f < cuts[p + 1]; ++f)
+            for (uint32_t i : faces.Face(f)) remap[i] = -1;
+        for (size_t c = 0; c < g.GetChannels().size(); ++c) {
+            const C3DChannel& sc = *g.GetChannels()[c];
+            std::unique_ptr<C3DChannel> dc = EmptyChannelLike(sc);
+            if (!dc || !sc.GetFaceList()) continue;
+            const CFaceList& sf = *sc.GetFaceList();
+            std::vector<int64_t>& cm = channelRemap[c];
+            if (cm.empty()) cm.assign(sf.GetMaxIndex(), -1);
+            int64_t next = 0;
+            for (int f = cuts[p]; f < cuts[p + 1]; ++f) {
+                idx.clear();
+                for (uint32_t i : sf.Face(f)) {
+                    if (cm[i] < 0) {
+                        cm[i] = next++;
+                        CopyChannelPoint(sc, *dc, i);
+                    }
+                    idx.push_back(static_cast<uint32_t>(cm[i]));
+                }
+                dc->GetFaceList()->AddFace(idx.data(), static_cast<int>(idx.size()), sf.GetFaceFlags(f));
+            }
+            for (int f = cuts[p]; f < cuts[p + 1]; ++f)
+                for (uint32_t i : sf.Face(f)) cm[i] = -1;
+            o->AddChannel(std::move(dc), sc.GetChannelID());
+        }
+        o->SetGlobalUVWChannel(g.GetGlobalUVWChannelID());
+        o->SetGlobalVCChannel(g.GetGlobalVCChannelID());
+        pieces.push_back(o);
+    }
+    C4x4Matrix objectTM;
+    node.GetObjectLocalTM(0, objectTM);
+    const CXStringW name = node.GetName();
+    node.SetObject(pieces[0]);
+    for (size_t p = 1; p < pieces.size(); ++p) {
+        auto* child = new C3DSceneNode(pieces[p]);
+        child->SetName(name + CXStringW(L".") + CXStringW(std::to_wstring(p + 1)));
+        child->SetObjectLocalTM(objectTM);
+        node.AppendChild(child);
+    }
+}
+
+// World transforms of `nodes` (tree order, parents first) with one local evaluation each.
+std::vector<C4x4Matrix> WorldTransforms(const std::vector<C3DSceneNode*>& nodes, double time) {
+    std::unordered_map<const C3DSceneNode*, size_t> at;
+    at.reserve(nodes.size());
+    std::vector<C4x4Matrix> world(nodes.size());
+    for (size_t i = 0; i < nodes.size(); ++i) {
+        nodes[i]->GetNodeLocalTM(time, world[i]);
+        const C3DSceneNode* p = nodes[i]->GetParent();
+        if (p && p->GetParent()) {
+            auto it = at.find(p);
+            if (it != at.end()) {
+                world[i] = world[i] * world[it->second];
+            } else {
+                C4x4Matrix pm;
+                p->GetNodeTM(time, pm);
+                world[i] = world[i] * pm;
+            }
+        }
+        at.emplace(nodes[i], i);
+    }
+    return world;
 }
 
 void AppendMesh(C3DObject& dst, const C3DGeomObject& src, bool uv, bool vc, bool normals) {
@@ -150,9 +321,7 @@ void AppendMesh(C3DObject& dst, const C3DGeomObject& src, bool uv, bool vc, bool
 }
 } // namespace
 
-std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t flags,
-                                                const CSceneExportOptions* options) {
-    (void)options;
+std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t flags, CSceneExportOptions* options) {
     std::unique_ptr<C3DScene> out = scene.Clone();
     std::vector<C3DSceneNode*> nodes = AllNodes(*out);
 
@@ -183,19 +352,17 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
             continue;
         }
         if (!(flags & PREP_KEEP_NORMALS)) g.RemoveChannels(CHANNEL_SPEC_NORMAL);
-        if (!(flags & PREP_KEEP_VERTEX_COLORS)) g.RemoveChannels(CHANNEL_VC);
         if (IsMesh(o)) Sanitize(g);
     }
 
     const bool merge = (flags & PREP_MERGE) != 0;
     if ((flags & PREP_WORLD_SPACE) || merge) {
         // World matrices first (they depend on the parents), then bake and reset.
-        std::vector<C4x4Matrix> world(nodes.size());
+        std::vector<C4x4Matrix> world = WorldTransforms(nodes, 0);
         for (size_t i = 0; i < nodes.size(); ++i) {
-            C4x4Matrix tm, obj;
-            nodes[i]->GetNodeTM(0, tm);
+            C4x4Matrix obj;
             nodes[i]->GetObjectLocalTM(0, obj);
-            world[i] = obj * tm;
+            world[i] = obj * world[i];
         }
         for (size_t i = 0; i < nodes.size(); ++i) {
             if (C3DGeomObject* g = nodes[i]->GetGeomObject())
@@ -206,10 +373,29 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
         }
     }
 
-    if (flags & (PREP_TRIANGULATE | PREP_SPLIT_LARGE)) {
-        const int maxVerts = (flags & PREP_TRIANGULATE) ? 3 : 255;
+    if (flags & (PREP_TRIANGULATE | PREP_TRIANGULATE_POLYGONS | PREP_SPLIT_LARGE)) {
+        const int maxVerts = (flags & PREP_TRIANGULATE) ? 3 : (flags & PREP_TRIANGULATE_POLYGONS) ? 4 : 255;
+        // Ear clipping is quadratic in the worst case: its work is bounded by the input size,
+        // and faces beyond that bound are cut as fans (and said so).
+        uint64_t indices = 0;
         for (C3DSceneNode* n : nodes)
-            if (IsMesh(n->GetBaseObject())) SplitFaces(*n->GetGeomObject(), maxVerts);
+            if (IsMesh(n->GetBaseObject())) indices += n->GetGeomObject()->GetFaceList()->GetNumberOfIndices();
+        CPolygonTriangulator cutter(kCutterBaseWork + kCutterWorkPerIndex * indices);
+        for (C3DSceneNode* n : nodes)
+            if (IsMesh(n->GetBaseObject())) SplitFaces(*n->GetGeomObject(), maxVerts, cutter);
+        if (options && cutter.FannedFaces() > 0)
+            options->AddLogInfo(LOG_INFO, CXStringW(std::to_wstring(cutter.FannedFaces())) +
+                                              CXStringW(L" large faces were cut into triangles as simple fans; "
+                                                        L"concave ones may overlap."));
+        if (options && cutter.ForcedCuts() > 0)
+            options->AddLogInfo(LOG_INFO, CXStringW(std::to_wstring(cutter.ForcedCuts())) +
+                                              CXStringW(L" corners of self-crossing faces were cut without a clean ear."));
+    }
+
+    if (flags & PREP_SPLIT_16BIT) {
+        for (C3DSceneNode* n : nodes)
+            if (IsMesh(n->GetBaseObject())) SplitBigMesh(*n, k16BitLimit);
+        nodes = AllNodes(*out);
     }
 
     if (merge) {

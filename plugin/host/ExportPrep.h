@@ -7,5 +7,6 @@
 class C3DScene;
 class CSceneExportOptions;
 
+// Notes on what the preparation could not do exactly go to the options' log.
 std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t flags,
-                                                const CSceneExportOptions* options = nullptr);
+                                                CSceneExportOptions* options = nullptr);

@@ -148,14 +148,16 @@ enum EXPORT_PREP : uint64_t {
     PREP_MATERIALS = 0x2,              // keep the material table (else faces lose their materials)
     PREP_CURVES = 0x10,                // keep curves
     PREP_CURVE_POLYLINES = 0x20,       // curves become degree-1 poly-lines
-    PREP_TRIANGULATE = 0x400,          // every face becomes triangles (fan)
+    PREP_TRIANGULATE = 0x400,          // every face becomes triangles, cut on its own plane
+    PREP_TRIANGULATE_POLYGONS = 0x800, // faces of more than four corners become triangles
+    PREP_SPLIT_16BIT = 0x1000,         // meshes beyond 65535 points or triangles become several
     PREP_MERGE = 0x2000,               // all meshes merge into one mesh in world space, under the root
     PREP_WORLD_SPACE = 0x4000,         // node transforms are baked into the points
     PREP_KEEP_NORMALS = 0x10000,       // keep explicit normal channels (else dropped)
-    PREP_KEEP_VERTEX_COLORS = 0x20000, // keep vertex colour channels (else dropped)
+    PREP_KEEP_VERTEX_COLORS = 0x20000, // the writer uses vertex colours (they are always kept)
     PREP_FACE_NORMALS = 0x40000,       // compute a face normal channel
     PREP_DROP_EMPTY = 0x80000,         // remove meshes without points or faces and skipped faces
-    PREP_SPLIT_LARGE = 0x400000000ull, // faces of more than 255 vertices are split into fans
+    PREP_SPLIT_LARGE = 0x400000000ull, // faces of more than 255 vertices become triangles
 };
 
 // Text decoding modes of IoFile (the numbers formats pass).

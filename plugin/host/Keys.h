@@ -48,18 +48,25 @@ public:
     std::unique_ptr<C3DKey> Clone() const override { return std::make_unique<C3DTranslateKey>(*this); }
 };
 
-// Rotation: absolute orientation as a quaternion; axis/angle kept as given.
+// Rotation: absolute orientation. The host's angle turns clockwise about its axis when
+// seen from the axis tip (3D Studio files store their keys this way), so the key's turn
+// is the right-handed rotation by the negated angle. Angle and axis are kept as given.
 class C3DRotateKey : public C3DKey {
 public:
     explicit C3DRotateKey(int32_t t = 0) : C3DKey(KEY_ROTATE, t) {}
     std::unique_ptr<C3DKey> Clone() const override { return std::make_unique<C3DRotateKey>(*this); }
-    void SetAxisAngle(const C3DVector& axis, float angle) {
-        m_axis = axis; m_angle = angle; m_q = CQuaternion::FromAxisAngle(axis, angle);
+    void SetRotation(float angle, const C3DVector& axis) {
+        m_axis = axis; m_angle = angle; m_q = CQuaternion::FromAxisAngle(axis, -angle);
     }
-    void SetQuaternion(const CQuaternion& q) { m_q = q.Normalized(); m_q.ToAxisAngle(m_axis, m_angle); }
+    void SetQuaternion(const CQuaternion& q) { m_q = q.Normalized(); AngleAxisOf(m_q, m_angle, m_axis); }
     const CQuaternion& GetQuaternion() const { return m_q; }
     C3DVector GetAxis() const { return m_axis; }
     float GetAngle() const { return m_angle; }
+    // The host's angle and axis of the turn `q` (what SetRotation takes back to q).
+    static void AngleAxisOf(const CQuaternion& q, float& angle, C3DVector& axis) {
+        q.ToAxisAngle(axis, angle);
+        angle = -angle;
+    }
 private:
     CQuaternion m_q;
     C3DVector m_axis{0, 0, 1};

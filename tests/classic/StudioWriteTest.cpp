@@ -252,5 +252,5 @@ TEST(StudioWrite, AnUnopenablePathReportsCode1) {
     EXPECT_EQ(io.GetIoError(), IO_ERR_OPEN);
     EXPECT_EQ(io.GetIoErrorLevel(), LOG_ERROR);
     parser.SaveDefaultOptions(opt);
-    EXPECT_EQ(opt.prepFlags, uint64_t(PREP_MESHES | PREP_MATERIALS | PREP_CURVES));
+    EXPECT_EQ(opt.prepFlags, uint64_t(PREP_MESHES | PREP_MATERIALS | PREP_CURVES | PREP_TRIANGULATE | PREP_SPLIT_16BIT));
 }

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
@@ -107,8 +110,9 @@ TEST(ExportPrep, ChannelAndMaterialBitsAndFaceNormals) {
     FirstMesh(*s)->AddChannel(vc);
     FirstMesh(*s)->GenerateNormals(30);
 
+    // Vertex colours survive every flag word (STL and PLY write them; the others ignore them).
     auto bare = PrepareSceneForExport(*s, 0);
-    EXPECT_EQ(FirstMesh(*bare)->GetChannelCount(CHANNEL_VC), 0);
+    EXPECT_EQ(FirstMesh(*bare)->GetChannelCount(CHANNEL_VC), 1);
     EXPECT_EQ(FirstMesh(*bare)->GetChannelCount(CHANNEL_SPEC_NORMAL), 0);
     EXPECT_EQ(bare->GetMaterialNumber(), 0);
     EXPECT_EQ(FirstMesh(*bare)->GetFaceList()->GetMaterialID(0), NO_MATERIAL);
@@ -149,9 +153,168 @@ TEST(ExportPrep, DamagedMeshesAreMadeSafeForWriters) {
     C3DGeomObject* g = FirstMesh(*out);
     EXPECT_EQ(g->GetChannelCount(CHANNEL_UVW), 0);
     int nf = g->GetFaceList()->GetNumberOfFaces();
-    EXPECT_EQ(nf, 3); // the triangle and the 300-gon split into two fans of at most 255
-    for (int f = 0; f < nf; ++f) EXPECT_LE(g->GetFaceList()->GetFaceSize(f), 255);
-    EXPECT_EQ(g->GetFaceList()->GetFaceSize(1) + g->GetFaceList()->GetFaceSize(2), 300 + 2);
+    EXPECT_EQ(nf, 1 + 298); // the triangle and the 300-gon cut into triangles
+    for (int f = 0; f < nf; ++f) EXPECT_EQ(g->GetFaceList()->GetFaceSize(f), 3);
     EXPECT_EQ(out->GetChildCount(nullptr, KINDOF_MESH), 1); // the empty mesh is gone
     EXPECT_EQ(out->GetChildCount(nullptr, KINDOF_CURVE), 0);
+}
+
+TEST(ExportPrep, ConcaveFacesAreCutOnTheirPlaneForEveryCuttingBit) {
+    // The dart (area 0.2455, concave at its fourth corner) next to a quad, with UVs.
+    C3DScene s;
+    auto* o = new C3DObject();
+    const float xy[5][2] = {{0, 0}, {0.5f, 0}, {0.5f, 0.7f}, {0.25f, 0.282f}, {0, 0.7f}};
+    for (auto& p : xy) o->GetPointList()->Add(p[0], p[1], 0);
+    uint32_t dart[5] = {0, 1, 2, 3, 4}, quad[4] = {0, 1, 2, 4};
+    o->GetFaceList()->AddFace(dart, 5);
+    o->GetFaceList()->AddFace(quad, 4);
+    auto* uv = new CUVWChannel();
+    for (auto& p : xy) uv->GetUVWPointList()->Add(p[0] * 2, p[1] * 2, 0);
+    uv->GetUVWFaceList()->AddFace(dart, 5);
+    uv->GetUVWFaceList()->AddFace(quad, 4);
+    o->SetGlobalUVWChannel(o->AddChannel(uv));
+    s.AddNode(nullptr, new C3DSceneNode(o));
+
+    auto area = [](const C3DPointList& p, const CFaceList& f, int from, int to) {
+        double a = 0;
+        for (int i = from; i < to; ++i) {
+            auto c = f.Face(i);
+            C3DVector x = (p[int(c[1])] - p[int(c[0])]).Cross(p[int(c[2])] - p[int(c[0])]);
+            a += 0.5 * x.Length();
+        }
+        return a;
+    };
+    for (uint64_t bit : {uint64_t(PREP_TRIANGULATE), uint64_t(PREP_TRIANGULATE_POLYGONS)}) {
+        auto out = PrepareSceneForExport(s, bit);
+        C3DGeomObject* g = FirstMesh(*out);
+        const C3DFaceList& f = *g->GetFaceList();
+        // Three triangles for the dart; the quad is cut only when every face must be a triangle.
+        ASSERT_EQ(f.GetNumberOfFaces(), bit == PREP_TRIANGULATE ? 5 : 4);
+        EXPECT_EQ(f.GetFaceSize(3), bit == PREP_TRIANGULATE ? 3 : 4);
+        EXPECT_NEAR(area(*g->GetPointList(), f, 0, 3), 0.2455, 1e-6);
+        // The UV faces follow corner for corner (the UVs are the points doubled).
+        const CUVWChannel* u = g->GetGlobalUVWChannel();
+        ASSERT_NE(u, nullptr);
+        EXPECT_NEAR(area(*u->GetUVWPointList(), *u->GetUVWFaceList(), 0, 3), 4 * 0.2455, 1e-5);
+        EXPECT_EQ(u->GetUVWFaceList()->GetIndexes(), f.GetIndexes());
+    }
+}
+
+TEST(ExportPrep, VertexColoursSurviveTheStlFlagWord) {
+    auto s = TwoQuads();
+    auto* vc = new CVCChannel();
+    vc->GetVCPointList()->Add(CRGBColor(200, 10, 10));
+    uint32_t q[4] = {0, 0, 0, 0};
+    vc->GetVCFaceList()->AddFace(q, 4);
+    FirstMesh(*s)->SetGlobalVCChannel(FirstMesh(*s)->AddChannel(vc));
+    // The STL writer's word: meshes, materials, triangles, merged in world space, face normals.
+    auto out = PrepareSceneForExport(*s, 0x00000004000C6403ull);
+    const CVCChannel* c = FirstMesh(*out)->GetGlobalVCChannel();
+    ASSERT_NE(c, nullptr);
+    ASSERT_EQ(c->GetVCFaceList()->GetNumberOfFaces(), 4); // two quads, two triangles each
+    EXPECT_EQ(c->GetVCPointList()->Raw()[c->GetVCFaceList()->Face(0)[0]].r, 200);
+}
+
+TEST(ExportPrep, MeshesPastSixteenBitCountsAreCutIntoPiecesThatStayInPlace) {
+    // A strip of 40,000 quads (80,002 points, 80,000 triangles once cut) under a moved parent.
+    C3DScene s;
+    auto* o = new C3DObject();
+    const int quads = 40000;
+    for (int i = 0; i <= quads; ++i) {
+        o->GetPointList()->Add(float(i), 0, 0);
+        o->GetPointList()->Add(float(i), 1, 0);
+    }
+    auto* uv = new CUVWChannel();
+    for (int i = 0; i <= quads; ++i) {
+        uv->GetUVWPointList()->Add(float(i), 0, 0);
+        uv->GetUVWPointList()->Add(float(i), 1, 0);
+    }
+    for (int i = 0; i < quads; ++i) {
+        uint32_t f[4] = {uint32_t(2 * i), uint32_t(2 * i + 2), uint32_t(2 * i + 3), uint32_t(2 * i + 1)};
+        o->GetFaceList()->SetCurrentMaterial(uint32_t(i % 3));
+        o->GetFaceList()->AddFace(f, 4);
+        uv->GetUVWFaceList()->AddFace(f, 4);
+    }
+    o->SetGlobalUVWChannel(o->AddChannel(uv));
+    auto* parent = new C3DSceneNode(nullptr);
+    parent->SetNodeLocalTM(C4x4Matrix::Translation(0, 0, 7));
+    s.AddNode(nullptr, parent);
+    auto* node = new C3DSceneNode(o);
+    node->SetName(L"strip");
+    node->SetObjectLocalTM(C4x4Matrix::Translation(0, 5, 0));
+    s.AddNode(parent, node);
+
+    auto out = PrepareSceneForExport(s, PREP_MATERIALS | PREP_TRIANGULATE | PREP_SPLIT_16BIT);
+    C3DSceneNode* first = out->FindNodeByName(CXStringW(L"strip"));
+    ASSERT_NE(first, nullptr);
+    std::vector<C3DSceneNode*> pieces{first};
+    for (C3DSceneNode* c = first->GetChildNode(); c; c = c->GetRightNode()) pieces.push_back(c);
+    ASSERT_EQ(pieces.size(), 2u);
+    EXPECT_EQ(pieces[1]->GetName(), L"strip.2");
+    size_t triangles = 0;
+    C3DBox world;
+    for (C3DSceneNode* n : pieces) {
+        const C3DGeomObject* g = n->GetGeomObject();
+        ASSERT_NE(g, nullptr);
+        EXPECT_LE(g->GetPointList()->size(), 65535u);
+        EXPECT_LE(g->GetFaceList()->GetNumberOfFaces(), 65535);
+        triangles += size_t(g->GetFaceList()->GetNumberOfFaces());
+        const CUVWChannel* u = g->GetGlobalUVWChannel();
+        ASSERT_NE(u, nullptr);
+        EXPECT_EQ(u->GetUVWFaceList()->GetNumberOfFaces(), g->GetFaceList()->GetNumberOfFaces());
+        EXPECT_EQ(u->GetUVWPointList()->size(), g->GetPointList()->size());
+        C4x4Matrix tm, obj;
+        n->GetNodeTM(0, tm);
+        n->GetObjectLocalTM(0, obj);
+        for (int i = 0; i < g->GetPointList()->GetSize(); ++i) {
+            C3DPoint p = (obj * tm).TransformPoint(g->GetPointList()->GetPoint(i));
+            world.Add(p);
+            // Each point keeps its UV (u = x, v = y before the moves).
+            C3DPoint t = u->GetUVWPointList()->GetPoint(i);
+            ASSERT_EQ(t.x, p.x);
+            ASSERT_EQ(t.y + 5, p.y);
+        }
+        // Materials follow their faces: quad i (its points at x = i and i + 1) has material i % 3.
+        for (int f = 0; f < g->GetFaceList()->GetNumberOfFaces(); f += 997) {
+            float x = 1e9f;
+            for (uint32_t i : g->GetFaceList()->Face(f)) x = std::min(x, g->GetPointList()->GetPoint(int(i)).x);
+            ASSERT_EQ(g->GetFaceList()->GetMaterialID(f), uint32_t(x) % 3) << f;
+        }
+    }
+    EXPECT_EQ(triangles, 80000u);
+    EXPECT_FLOAT_EQ(world.min.x, 0);
+    EXPECT_FLOAT_EQ(world.max.x, float(quads));
+    EXPECT_FLOAT_EQ(world.min.y, 5);
+    EXPECT_FLOAT_EQ(world.max.y, 6);
+    EXPECT_FLOAT_EQ(world.min.z, 7);
+    EXPECT_FLOAT_EQ(world.max.z, 7);
+}
+
+TEST(ExportPrep, DeepChainsAreBakedInLinearTime) {
+    // 20,000 nodes each below the last, each one unit along x: world transforms are built
+    // from the parent's, not by walking every ancestor of every node.
+    C3DScene s;
+    const int depth = 20000;
+    C3DSceneNode* parent = nullptr;
+    for (int i = 0; i < depth; ++i) {
+        auto* o = new C3DObject();
+        o->GetPointList()->Add(0, 0, 0);
+        o->GetPointList()->Add(0, 1, 0);
+        o->GetPointList()->Add(0, 0, 1);
+        o->GetFaceList()->AddTriangle(0, 1, 2);
+        auto* n = new C3DSceneNode(o);
+        n->SetNodeLocalTM(C4x4Matrix::Translation(1, 0, 0));
+        s.AddNode(parent, n);
+        parent = n;
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    auto out = PrepareSceneForExport(s, PREP_WORLD_SPACE);
+    double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(sec, 5.0); // walking the ancestors took minutes
+    C3DBaseObject* o;
+    C3DNodePos p = out->GetFirstNode(KINDOF_MESH);
+    C3DSceneNode* last = nullptr;
+    while (C3DSceneNode* n = out->GetNextNode(o, p)) last = n;
+    ASSERT_NE(last, nullptr);
+    EXPECT_FLOAT_EQ(last->GetGeomObject()->GetPointList()->GetPoint(0).x, float(depth));
 }

@@ -13,7 +13,7 @@ void AddVec(C3DKeyframable& k, uint64_t type, int32_t t, C3DVector v) {
 }
 void AddRot(C3DKeyframable& k, int32_t t, C3DVector axis, float angle) {
     auto key = std::make_unique<C3DRotateKey>(t);
-    key->SetAxisAngle(axis, angle);
+    key->SetRotation(angle, axis);
     k.AddKey(std::move(key));
 }
 } // namespace
@@ -92,18 +92,19 @@ TEST(Keys, NodeTransformFromTracksRotationAndPivot) {
     AddVec(n, KEY_SCALE, 0, {2, 2, 2});
     AddVec(n, KEY_PIVOT, 0, {-1, 0, 0}); // the offset: minus the pivot point (1, 0, 0)
     n.GetNodeLocalTM(100, m);
-    // The pivot point maps to the translation; a point one unit beyond it is scaled and turned 90 degrees.
+    // The pivot point maps to the translation; a point one unit beyond it is scaled and turned
+    // 90 degrees clockwise about +z (the host's sense of a positive key angle): +x goes to -y.
     C3DPoint p = m.TransformPoint({1, 0, 0});
     EXPECT_NEAR(p.x, 0, 1e-5f);
     EXPECT_NEAR(p.z, 10, 1e-5f);
     C3DPoint q = m.TransformPoint({2, 0, 0});
     EXPECT_NEAR(q.x, 0, 1e-5f);
-    EXPECT_NEAR(q.y, 2, 1e-5f);
+    EXPECT_NEAR(q.y, -2, 1e-5f);
     // Halfway the rotation is 45 degrees (slerp).
     n.GetNodeLocalTM(50, m);
     C3DPoint h = m.TransformPoint({2, 0, 0});
     EXPECT_NEAR(h.x, std::sqrt(2.0f), 1e-4f);
-    EXPECT_NEAR(h.y, std::sqrt(2.0f), 1e-4f);
+    EXPECT_NEAR(h.y, -std::sqrt(2.0f), 1e-4f);
 }
 
 TEST(Math, DecomposeComposeAndInverseRoundTrip) {
