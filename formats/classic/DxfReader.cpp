@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -97,9 +98,14 @@ struct Geom {
     std::vector<InsertRec> inserts;
     std::vector<ColorRef> slots;
     std::unordered_map<uint64_t, uint32_t> slotOf;
+    uint64_t lastKey = ~uint64_t(0);
+    uint32_t lastSlot = 0;
     uint32_t Slot(const ColorRef& c) {
+        if (c.Key() == lastKey) return lastSlot;
         auto [it, added] = slotOf.emplace(c.Key(), static_cast<uint32_t>(slots.size()));
         if (added) slots.push_back(c);
+        lastKey = c.Key();
+        lastSlot = it->second;
         return it->second;
     }
     bool HasGeometry() const { return !faces.Empty() || !curves.Empty() || !dots.empty(); }
@@ -115,7 +121,7 @@ struct Layer {
 struct Block {
     CXStringW name;
     Vec base;
-    Geom geom;
+    std::unique_ptr<Geom> geom; // made with the first entity: empty blocks stay small
     bool paper = false;
     bool open = false; // being expanded: a second visit is a cycle
 };
@@ -244,7 +250,10 @@ private:
     std::vector<Layer> m_layers;
     std::unordered_map<std::string, uint32_t> m_layerOf;
     std::vector<bool> m_layerDefined;
-    std::vector<Block> m_blocks;
+    std::string_view m_lastLayerName;
+    uint32_t m_lastLayer = 0;
+    bool m_lastLayerValid = false;
+    std::deque<Block> m_blocks; // grows without moving: m_block stays valid
     std::unordered_map<std::string, uint32_t> m_blockOf;
     Block* m_block = nullptr; // inside BLOCK ... ENDBLK
     long long m_insUnits = 0;
@@ -265,6 +274,7 @@ private:
     Geom* m_polyGeom = nullptr;
     uint32_t m_polyLayer = 0;
     std::vector<Vertex> m_vertices;
+    std::vector<uint32_t> m_vertexPos;
 
     std::vector<Vec> m_scratch;
     std::unordered_map<uint32_t, uint32_t> m_materials;
@@ -304,9 +314,17 @@ bool Reader::NextGroup() {
 }
 
 uint32_t Reader::LayerIndex(std::string_view name) {
+    // Entities come in runs on one layer.
+    if (m_lastLayerValid && name == m_lastLayerName) return m_lastLayer;
     std::string key = LowerKey(name);
+    m_lastLayerValid = false;
     auto it = m_layerOf.find(key);
-    if (it != m_layerOf.end()) return it->second;
+    if (it != m_layerOf.end()) {
+        m_lastLayerName = name;
+        m_lastLayer = it->second;
+        m_lastLayerValid = true;
+        return it->second;
+    }
     const auto idx = static_cast<uint32_t>(m_layers.size());
     m_layers.emplace_back();
     m_layers.back().name = DecodeName(name);
@@ -323,7 +341,11 @@ ColorRef Reader::ColorOf(const Entity& e, uint32_t layer) const {
 }
 
 Geom* Reader::Target(uint32_t layer) {
-    if (m_section == Sect::Blocks) return m_block && !m_block->paper ? &m_block->geom : nullptr;
+    if (m_section == Sect::Blocks) {
+        if (!m_block || m_block->paper) return nullptr;
+        if (!m_block->geom) m_block->geom = std::make_unique<Geom>();
+        return m_block->geom.get();
+    }
     if (m_section != Sect::Entities) return nullptr;
     Layer& l = m_layers[layer];
     if (!l.top) l.top = std::make_unique<Geom>();
@@ -614,7 +636,8 @@ void Reader::PolylineEnd() {
     const long long flags = h.I(70);
     const uint32_t slot = g.Slot(ColorOf(h, m_polyLayer));
     if (flags & 64) { // polyface mesh
-        std::vector<uint32_t> pos; // vertex number - 1 -> point index
+        std::vector<uint32_t>& pos = m_vertexPos; // vertex number - 1 -> point index
+        pos.clear();
         const uint32_t base = g.faces.PointCount();
         for (const Vertex& v : m_vertices)
             if (!v.face) {
@@ -873,6 +896,8 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     }
     Block& b = m_blocks[it->second];
     if (b.paper) return;
+    static const Geom kNothing;
+    const Geom& bg = b.geom ? *b.geom : kNothing;
     if (b.open) {
         if (!m_cycleLogged) Log(L"A block inserts itself; the repeated insertion is left out.");
         m_cycleLogged = true;
@@ -886,7 +911,7 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     Context inner;
     inner.byBlockRgb = Rgb(ins.color, ctx);
     inner.layerZero = ins.layer == 0 ? ctx.layerZero : ins.layer;
-    const size_t values = b.geom.faces.Values() + b.geom.curves.Values() + b.geom.dots.size();
+    const size_t values = bg.faces.Values() + bg.curves.Values() + bg.dots.size();
 
     // world = T(-base) S T(grid) Rz T(pos) OCS, for row vectors.
     using M = C4x4TMatrix<double>;
@@ -925,8 +950,8 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
             node->SetName(b.name);
             node->SetNodeLocalTM(f);
             m_scene->AddNode(parent, node);
-            Emit(b.geom, node, b.name, inner, mirror, false, true);
-            for (const InsertRec& sub : b.geom.inserts) Expand(sub, node, inner, depth + 1, mirror);
+            if (b.geom) Emit(*b.geom, node, b.name, inner, mirror, false, true);
+            for (const InsertRec& sub : bg.inserts) Expand(sub, node, inner, depth + 1, mirror);
         }
     b.open = false;
 }

@@ -1,6 +1,7 @@
 #include "formats/classic/DxfTags.h"
 
 #include <charconv>
+#include <algorithm>
 #include <cstring>
 
 #include "plugin/host/BinaryCursor.h"
@@ -54,6 +55,12 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
         // shows 'S' where a two-byte code would have its high byte.
         m_oneByteCodes = m_size >= m_pos + 2 && static_cast<uint8_t>(m_data[m_pos]) == 0 &&
                          static_cast<uint8_t>(m_data[m_pos + 1]) != 0;
+    } else {
+        // Lines end in LF or CRLF, or (old files) in a lone CR: the first break tells.
+        const size_t look = std::min<size_t>(m_size, 4096);
+        const void* lf = std::memchr(m_data, '\n', look);
+        const void* cr = std::memchr(m_data, '\r', look);
+        m_crOnly = !lf && cr;
     }
 }
 
@@ -70,32 +77,48 @@ bool CDxfTagReader::Line(std::string_view& line) {
     if (m_pos >= m_size) return false;
     const char* p = m_data + m_pos;
     const size_t left = m_size - m_pos;
-    const void* lf = std::memchr(p, '\n', left);
-    size_t len = lf ? static_cast<size_t>(static_cast<const char*>(lf) - p) : left;
-    // A lone CR ends a line too (old files); look for one before the LF.
-    if (const void* cr = std::memchr(p, '\r', len)) {
-        const size_t at = static_cast<size_t>(static_cast<const char*>(cr) - p);
-        if (at + 1 < len || !lf) { // not the CR of a CRLF
-            line = std::string_view(p, at);
-            m_pos += at + 1;
-            if (m_pos < m_size && m_data[m_pos] == '\n') ++m_pos;
-            return true;
-        }
+    const char eol = m_crOnly ? '\r' : '\n';
+    // Lines are mostly a few bytes long: a plain loop beats a library call for those.
+    size_t len = 0;
+    const size_t quick = std::min<size_t>(left, 32);
+    while (len < quick && p[len] != eol) ++len;
+    if (len == quick && len < left) {
+        const void* end = std::memchr(p + len, eol, left - len);
+        len = end ? static_cast<size_t>(static_cast<const char*>(end) - p) : left;
     }
-    line = std::string_view(p, len);
-    m_pos += lf ? len + 1 : len;
+    line = std::string_view(p, len); // a CR before the LF is trimmed with the blanks
+    m_pos += len < left ? len + 1 : len;
     return true;
 }
+
+namespace {
+
+// Group code: optional blanks, optional sign, digits, optional blanks (and a CR).
+bool ParseCode(std::string_view s, int& code) {
+    size_t i = 0;
+    const size_t n = s.size();
+    while (i < n && (s[i] == ' ' || s[i] == '\t')) ++i;
+    bool neg = false;
+    if (i < n && (s[i] == '-' || s[i] == '+')) neg = s[i++] == '-';
+    const size_t start = i;
+    long v = 0;
+    while (i < n && s[i] >= '0' && s[i] <= '9' && i - start < 9) v = v * 10 + (s[i++] - '0');
+    if (i == start) return false;
+    while (i < n && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r')) ++i;
+    if (i != n) return false;
+    code = static_cast<int>(neg ? -v : v);
+    return true;
+}
+
+} // namespace
 
 bool CDxfTagReader::NextAscii(CDxfTag& tag) {
     std::string_view codeLine, value;
     if (!Line(codeLine)) return false;
-    codeLine = TrimBlanks(codeLine);
     int code = 0;
-    auto [end, ec] = std::from_chars(codeLine.data(), codeLine.data() + codeLine.size(), code);
-    if (ec != std::errc() || end != codeLine.data() + codeLine.size()) {
+    if (!ParseCode(codeLine, code)) {
         // A blank line at the very end is no error.
-        if (!(codeLine.empty() && m_pos >= m_size)) m_failed = true;
+        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
         return false;
     }
     if (!Line(value)) return false; // a code without its value ends the data
@@ -159,6 +182,35 @@ bool CDxfTagReader::ToDouble(const CDxfTag& tag, double& out) {
     const char* b = tag.text.data();
     const char* e = b + tag.text.size();
     if (b != e && *b == '+') ++b;
+    {
+        // Plain decimals ("-12.500000"): an exact integer over an exact power of ten
+        // is rounded once, so this equals the full parse.
+        static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11,
+                                            1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+        const char* q = b;
+        const bool neg = q != e && *q == '-';
+        if (neg) ++q;
+        uint64_t m = 0;
+        int digits = 0, frac = 0;
+        bool dot = false, ok = q != e;
+        for (; q != e && ok; ++q) {
+            const char c = *q;
+            if (c >= '0' && c <= '9') {
+                m = m * 10 + static_cast<uint64_t>(c - '0');
+                ++digits;
+                frac += dot;
+            } else if (c == '.' && !dot) {
+                dot = true;
+            } else {
+                ok = false;
+            }
+        }
+        if (ok && digits > 0 && digits <= 15 && frac <= 22) {
+            const double v = static_cast<double>(m) / kPow10[frac];
+            out = neg ? -v : v;
+            return true;
+        }
+    }
     double v = 0;
     auto [p, ec] = std::from_chars(b, e, v);
     if (ec != std::errc() || p != e || b == e) return false;

@@ -41,6 +41,7 @@ private:
     size_t m_pos = 0;
     bool m_binary = false;
     bool m_oneByteCodes = false;
+    bool m_crOnly = false;
     bool m_failed = false;
 };
 

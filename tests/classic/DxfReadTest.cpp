@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <iostream>
@@ -125,6 +126,21 @@ TEST(DxfTags, LineEndsAlignedCodesAndBadCodes) {
     v.text = "1.0";
     EXPECT_TRUE(CDxfTagReader::ToInt(v, i));
     EXPECT_EQ(i, 1);
+    // The quick decimal path gives the same doubles as the full parse.
+    uint64_t state = 12345;
+    for (int n = 0; n < 20000; ++n) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        const int frac = static_cast<int>(state >> 60) % 9;
+        std::string text = (state & 1 ? "-" : "") + std::to_string((state >> 20) % 100000000);
+        if (frac) text.insert(text.size() - std::min<size_t>(text.size() - (state & 1), frac), ".");
+        for (const std::string& s : {text, text + "e3", std::string("0.1000000000000000055511151231257827")}) {
+            v.text = s;
+            double mine = 0, full = 0;
+            ASSERT_TRUE(CDxfTagReader::ToDouble(v, mine)) << s;
+            std::from_chars(s.data(), s.data() + s.size(), full);
+            ASSERT_EQ(mine, full) << s;
+        }
+    }
     v.text = "1,5";
     double d = 7;
     EXPECT_FALSE(CDxfTagReader::ToDouble(v, d));
