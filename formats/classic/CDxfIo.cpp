@@ -136,8 +136,10 @@ C3DScene* CDxfIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions&
 }
 
 void CDxfIo::SaveDefaultOptions(CSceneExportOptions& options) const {
-    // Curves stay curves, as poly-lines through their points; meshes and patches are written as they are.
-    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES;
+    // Curves stay curves, as poly-lines through their points, one line per node since the
+    // writer walks the point list; meshes and patches are written as they are. Points are
+    // written raw, so node placements are baked in first.
+    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES | PREP_SPLIT_CURVES | PREP_WORLD_SPACE;
 }
 
 std::string CDxfIo::FormatScene(const C3DScene& scene) {

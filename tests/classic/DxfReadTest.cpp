@@ -15,6 +15,7 @@
 #include "formats/classic/DxfColors.h"
 #include "formats/classic/DxfReader.h"
 #include "formats/classic/DxfTags.h"
+#include "plugin/host/ExportPrep.h"
 #include "plugin/host/Object.h"
 #include "tests/classic/ClassicTestSupport.h"
 
@@ -585,4 +586,54 @@ TEST(DxfRead, WriteThenReadKeepsMeshesAndCurves) {
     EXPECT_EQ(c->GetChildNode()->GetKindOf(), uint32_t(KINDOF_CURVE));
     ASSERT_EQ(cg.GetFaceList()->GetNumberOfFaces(), 1);
     ExpectNear(FacePoints(cg, 0)[1], 3, 2, 1);
+}
+
+TEST(DxfRead, ReadWriteReadKeepsPlacedMeshesAndEveryLine) {
+    // Two lines and a closed square on one layer, and a block placed twice.
+    const Pairs blocks = Blocks({Block("A", 0, 0, kUnitFace)});
+    Read first = ReadBytes(Drawing({{0, "LINE"}, {8, "L"}, {11, "1"}, {0, "LINE"}, {8, "L"}, {10, "5"}, {11, "6"},
+                                    {0, "LWPOLYLINE"}, {8, "L"}, {70, "1"}, {10, "0"}, {20, "0"}, {10, "1"}, {20, "0"},
+                                    {10, "1"}, {20, "1"}, {10, "0"}, {20, "1"},
+                                    {0, "INSERT"}, {8, "M"}, {2, "A"}, {10, "100"},
+                                    {0, "INSERT"}, {8, "M"}, {2, "A"}, {10, "200"}, {50, "90"}},
+                                   blocks));
+    ASSERT_TRUE(first.scene);
+    CFileIo io;
+    CDxfIo writer(io);
+    CSceneExportOptions opt;
+    writer.SaveDefaultOptions(opt);
+    std::unique_ptr<C3DScene> prepared = PrepareSceneForExport(*first.scene, opt.prepFlags, &opt);
+    Read second = ReadBytes(CDxfIo::FormatScene(*prepared));
+    ASSERT_TRUE(second.scene);
+
+    auto lines = [](const C3DScene& s) {
+        std::vector<std::vector<C3DPoint>> out;
+        for (C3DSceneNode* n : OfKind(s, KINDOF_CURVE))
+            for (int f = 0; f < n->GetGeomObject()->GetFaceList()->GetNumberOfFaces(); ++f)
+                out.push_back(FacePoints(*n->GetGeomObject(), f));
+        return out;
+    };
+    auto a = lines(*first.scene), b = lines(*second.scene);
+    ASSERT_EQ(a.size(), 3u);
+    ASSERT_EQ(b.size(), 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        ASSERT_EQ(a[i].size(), b[i].size()) << i;
+        for (size_t k = 0; k < a[i].size(); ++k) ExpectNear(b[i][k], a[i][k].x, a[i][k].y, a[i][k].z);
+    }
+    EXPECT_EQ(b[2].size(), 5u); // the closed square comes back closed
+    // The placed triangles come back where the placements put them.
+    // (Both placements sit on layers named after the block, so they come back as one mesh.)
+    auto corners = [](const C3DScene& s) {
+        std::vector<C3DPoint> out;
+        for (C3DSceneNode* n : OfKind(s, KINDOF_MESH))
+            for (int f = 0; f < n->GetGeomObject()->GetFaceList()->GetNumberOfFaces(); ++f)
+                out.push_back(World(*n, FacePoints(*n->GetGeomObject(), f)[1]));
+        return out;
+    };
+    const std::vector<C3DPoint> wa = corners(*first.scene), wb = corners(*second.scene);
+    ASSERT_EQ(wa.size(), 2u);
+    ASSERT_EQ(wb.size(), 2u);
+    ExpectNear(wb[0], wa[0].x, wa[0].y, wa[0].z);
+    ExpectNear(wb[1], 200, 2, 0);
+    ExpectNear(wa[1], 200, 2, 0);
 }
