@@ -95,7 +95,6 @@ struct Geom {
     Strips faces, curves;
     FloatArray dots;
     IndexArray dotSlot;
-    std::vector<InsertRec> inserts;
     std::vector<ColorRef> slots;
     std::unordered_map<uint64_t, uint32_t> slotOf;
     uint64_t lastKey = ~uint64_t(0);
@@ -116,12 +115,14 @@ struct Layer {
     ColorRef color{ColorRef::Index, 7};
     bool frozen = false, off = false;
     std::unique_ptr<Geom> top;
+    std::vector<InsertRec> inserts;
 };
 
 struct Block {
     CXStringW name;
     Vec base;
     std::unique_ptr<Geom> geom; // made with the first entity: empty blocks stay small
+    std::vector<InsertRec> inserts;
     bool paper = false;
     bool open = false; // being expanded: a second visit is a cycle
 };
@@ -223,7 +224,7 @@ private:
     void Bulge(std::vector<Vec>& out, const Vec& a, const Vec& b, double bulge);
     void LwPolyline(const Entity& e, Geom& g, uint32_t slot);
     void Spline(const Entity& e, Geom& g, uint32_t slot);
-    void Insert(const Entity& e, Geom& g, uint32_t layer);
+    void Insert(const Entity& e, std::vector<InsertRec>& to, uint32_t layer);
 
     void PolylineStart(const Entity& e);
     void PolylineVertex(const Entity& e);
@@ -580,7 +581,7 @@ void Reader::Spline(const Entity& e, Geom& g, uint32_t slot) {
     Curve(g, slot, pts, closed);
 }
 
-void Reader::Insert(const Entity& e, Geom& g, uint32_t layer) {
+void Reader::Insert(const Entity& e, std::vector<InsertRec>& to, uint32_t layer) {
     InsertRec r;
     r.key = LowerKey(e.name);
     r.pos = e.p[0];
@@ -593,7 +594,7 @@ void Reader::Insert(const Entity& e, Geom& g, uint32_t layer) {
     r.normal = e.normal;
     r.color = ColorOf(e, layer);
     r.layer = layer;
-    g.inserts.push_back(std::move(r));
+    to.push_back(std::move(r));
 }
 
 void Reader::PolylineStart(const Entity& e) {
@@ -741,13 +742,16 @@ void Reader::EntityGroup(std::string_view type) {
     }
     if (e.paper) return;
     const uint32_t layer = LayerIndex(e.layer);
+    if (type == "INSERT") {
+        // Placements are kept apart from geometry: a block of nothing but INSERTs stays small.
+        if (e.name.empty()) return;
+        if (m_section == Sect::Entities) Insert(e, m_layers[layer].inserts, layer);
+        else if (m_section == Sect::Blocks && m_block && !m_block->paper) Insert(e, m_block->inserts, layer);
+        return;
+    }
     Geom* gp = Target(layer);
     if (!gp) return;
     Geom& g = *gp;
-    if (type == "INSERT") {
-        if (!e.name.empty()) Insert(e, g, layer);
-        return;
-    }
     const uint32_t slot = g.Slot(ColorOf(e, layer));
     std::vector<Vec>& pts = m_scratch;
     if (type == "3DFACE") {
@@ -951,7 +955,7 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
             node->SetNodeLocalTM(f);
             m_scene->AddNode(parent, node);
             if (b.geom) Emit(*b.geom, node, b.name, inner, mirror, false, true);
-            for (const InsertRec& sub : bg.inserts) Expand(sub, node, inner, depth + 1, mirror);
+            for (const InsertRec& sub : b.inserts) Expand(sub, node, inner, depth + 1, mirror);
         }
     b.open = false;
 }
@@ -1050,15 +1054,15 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
     Context top;
     for (size_t li = 0; li < m_layers.size(); ++li) {
         Layer& l = m_layers[li];
-        if (!l.top || (!l.top->HasGeometry() && l.top->inserts.empty())) continue;
+        if ((!l.top || !l.top->HasGeometry()) && l.inserts.empty()) continue;
         auto* node = new C3DSceneNode();
         node->SetName(l.name);
         const bool hidden = l.frozen || l.off;
         if (hidden) node->SetFlag(NODE_HIDDEN);
         if (l.frozen) node->SetFlag(NODE_FROZEN);
         m_scene->AddNode(nullptr, node);
-        Emit(*l.top, node, l.name, top, false, hidden, false);
-        for (const InsertRec& ins : l.top->inserts) Expand(ins, node, top, 0, false);
+        if (l.top) Emit(*l.top, node, l.name, top, false, hidden, false);
+        for (const InsertRec& ins : l.inserts) Expand(ins, node, top, 0, false);
         if (m_cancelled()) {
             out.error = IO_ERR_CANCELLED;
             return out;
