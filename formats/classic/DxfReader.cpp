@@ -280,6 +280,7 @@ private:
     std::vector<Vec> m_scratch;
     std::unordered_map<uint32_t, uint32_t> m_materials;
     size_t m_instances = 0, m_instancedValues = 0;
+    size_t m_maxInstances = kMaxInstances;
     bool m_capLogged = false, m_cycleLogged = false, m_depthLogged = false;
     size_t m_badValues = 0, m_acis = 0, m_droppedFaces = 0, m_missingBlocks = 0;
     bool m_anything = false;
@@ -935,7 +936,7 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     b.open = true;
     for (long long row = 0; row < ins.rows; ++row)
         for (long long col = 0; col < ins.cols; ++col) {
-            if (m_instances >= kMaxInstances || m_instancedValues + values > kMaxInstancedValues ||
+            if (m_instances >= m_maxInstances || m_instancedValues + values > kMaxInstancedValues ||
                 m_cancelled()) {
                 if (!m_capLogged)
                     Log(L"Too many block insertions: the drawing is cut off after " + std::to_wstring(m_instances) +
@@ -980,6 +981,8 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
         m_pending = t;
         m_hasPending = true;
     }
+    // Arrays let a few bytes ask for millions of placements: small files get fewer.
+    m_maxInstances = std::min(kMaxInstances, 4096 + data.size() / 16);
     m_scene = std::make_unique<C3DScene>();
     LayerIndex("0"); // index 0: layer "0", which block content takes from its INSERT
     size_t groups = 0;
