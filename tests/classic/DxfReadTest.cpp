@@ -640,3 +640,11 @@ TEST(DxfRead, ReadWriteReadKeepsPlacedMeshesAndEveryLine) {
     ExpectNear(wb[1], 200, 2, 0);
     ExpectNear(wa[1], 200, 2, 0);
 }
+
+TEST(DxfRead, LayerNamesDecodeEscapesUtf8AndSingleBytes) {
+    Read r = ReadBytes(Drawing({{0, "POINT"}, {8, "A\\U+00C4b"}, {0, "POINT"}, {8, "Gr\xC3\xBCn"}, {0, "POINT"}, {8, "Gr\xFCn2"}}));
+    ASSERT_TRUE(r.scene);
+    EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"A\u00C4b")));
+    EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn")));
+    EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn2")));
+}
