@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "formats/classic/DxfReader.h"
+#include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/NumberFormat.h"
@@ -109,10 +111,35 @@ void WritePolyface(CDxfOut& out, const C3DSceneNode& node, const C3DGeomObject& 
 CDxfIo::CDxfIo(CFileIo& io) : C3DParser(io) {}
 CDxfIo::~CDxfIo() {}
 
+C3DScene* CDxfIo::Read(const CXStringW& path, CSceneImportOptions& options) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    IoFile file(IsSilentMode());
+    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+        return nullptr;
+    }
+    SetFile(&file);
+    C3DScene* scene = ReadMemory(file.GetData(), options);
+    SetFile(nullptr);
+    file.CloseFile();
+    return scene;
+}
+
+C3DScene* CDxfIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    dxf::ReadOutcome r = dxf::ReadDxf(data, options, [this] { return IsCancelled(); });
+    if (!r.scene) {
+        m_fileIo.SetIoError(r.error, &options, r.error == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
+        return nullptr;
+    }
+    return r.scene.release();
+}
+
 void CDxfIo::SaveDefaultOptions(CSceneExportOptions& options) const {
-    // Curves stay curves, as poly-lines through their points; a face record holds at most four
-    // corners, so larger faces come as triangles.
-    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES | PREP_TRIANGULATE_POLYGONS;
+    // Curves stay curves, as poly-lines through their points, one line per node since the
+    // writer walks the point list; points are written raw, so node placements are baked in
+    // first. A face record holds at most four corners, so larger faces come as triangles.
+    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES | PREP_SPLIT_CURVES | PREP_WORLD_SPACE | PREP_TRIANGULATE_POLYGONS;
 }
 
 std::string CDxfIo::FormatScene(const C3DScene& scene) {

@@ -1,9 +1,10 @@
 #pragma once
-// DXF release 14 text: group-code/value line pairs. The writer puts one layer per
-// node in TABLES and, in ENTITIES, each curve as a 3D polyline and each mesh as a
-// polyface mesh on its node's layer, with raw object-space points. Reading DXF
-// belongs to a later stage; the base Read reports it as not available.
+// DXF: group-code/value pairs. The writer puts one layer per node in TABLES and, in
+// ENTITIES, each curve as a 3D polyline and each mesh as a polyface mesh on its node's
+// layer, with raw object-space points. The reader takes ASCII and binary drawings of
+// any release (DxfReader.h): faces become meshes, everything drawn with lines curves.
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "plugin/host/Parser.h"
@@ -15,6 +16,10 @@ class CDxfIo : public C3DParser {
 public:
     explicit CDxfIo(CFileIo& io);
     ~CDxfIo() override;
+
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // Reads DXF bytes held in memory (fuzzing, tests); same results as Read.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 
     void SaveDefaultOptions(CSceneExportOptions& options) const override;
     bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;

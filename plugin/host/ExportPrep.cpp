@@ -373,6 +373,45 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
         }
     }
 
+    if (flags & PREP_SPLIT_CURVES) {
+        // For writers that walk a curve's point list: each poly-line gets a node of its
+        // own (same name and placement), the first one in place of the original.
+        for (C3DSceneNode* n : std::vector<C3DSceneNode*>(nodes)) {
+            C3DBaseObject* o = n->GetBaseObject();
+            if (!o || o->GetKindOf() != KINDOF_CURVE) continue;
+            const auto& c = static_cast<const C3DCurve&>(*o);
+            const C3DPointList& pts = *c.GetPointList();
+            const C3DFaceList& fl = *c.GetFaceList();
+            std::vector<C3DCurve*> parts;
+            for (int f = 0; f < fl.GetNumberOfFaces(); ++f) {
+                auto* part = new C3DCurve();
+                part->SetDegree(c.GetDegree());
+                part->SetFlag(c.GetFlags() & ~uint32_t(OBJF_CLOSED));
+                std::vector<uint32_t> seq;
+                for (uint32_t i : fl.Face(f))
+                    if (i < pts.size()) seq.push_back(static_cast<uint32_t>(part->GetPointList()->Add(pts[static_cast<int>(i)])));
+                if (c.IsClosed() && seq.size() > 1)
+                    seq.push_back(static_cast<uint32_t>(part->GetPointList()->Add(part->GetPointList()->GetPoint(0))));
+                part->GetFaceList()->SetCurrentMaterial(fl.GetMaterialID(f));
+                part->GetFaceList()->AddFace(seq.data(), static_cast<int>(seq.size()));
+                parts.push_back(part);
+            }
+            if (parts.empty()) continue;
+            C3DSceneNode* parent = n->GetParent();
+            C4x4Matrix objectTM;
+            n->GetObjectLocalTM(0, objectTM);
+            for (size_t k = 1; k < parts.size(); ++k) {
+                auto* sibling = new C3DSceneNode(parts[k]);
+                sibling->SetName(n->GetName());
+                sibling->SetNodeLocalTM(n->GetStaticLocalTM());
+                sibling->SetObjectLocalTM(objectTM);
+                out->AddNode(parent == out->GetRoot() ? nullptr : parent, sibling);
+                nodes.push_back(sibling);
+            }
+            n->SetObject(parts[0]);
+        }
+    }
+
     if (flags & (PREP_TRIANGULATE | PREP_TRIANGULATE_POLYGONS | PREP_SPLIT_LARGE)) {
         const int maxVerts = (flags & PREP_TRIANGULATE) ? 3 : (flags & PREP_TRIANGULATE_POLYGONS) ? 4 : 255;
         // Ear clipping is quadratic in the worst case: its work is bounded by the input size,

@@ -158,6 +158,8 @@ enum EXPORT_PREP : uint64_t {
     PREP_FACE_NORMALS = 0x40000,       // compute a face normal channel
     PREP_DROP_EMPTY = 0x80000,         // remove meshes without points or faces and skipped faces
     PREP_SPLIT_LARGE = 0x400000000ull, // faces of more than 255 vertices become triangles
+    PREP_SPLIT_CURVES = 0x800000000ull, // one poly-line per curve node, its points in line order
+                                        // (a closed curve repeats its first point at the end)
 };
 
 // Text decoding modes of IoFile (the numbers formats pass).

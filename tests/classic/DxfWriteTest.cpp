@@ -87,7 +87,8 @@ TEST(DxfWrite, MeshesAndCurvesGoldenText) {
     ASSERT_TRUE(parser.Save(CXStringW(Utf8ToWide((tmp / "x.dxf").string())), &scene, opt));
     EXPECT_EQ(testsupport::ReadFile(tmp / "x.dxf"), expected);
     parser.SaveDefaultOptions(opt);
-    EXPECT_EQ(opt.prepFlags, uint64_t(PREP_CURVES | PREP_CURVE_POLYLINES | PREP_TRIANGULATE_POLYGONS));
+    EXPECT_EQ(opt.prepFlags, uint64_t(PREP_CURVES | PREP_CURVE_POLYLINES | PREP_SPLIT_CURVES | PREP_WORLD_SPACE |
+                                      PREP_TRIANGULATE_POLYGONS));
 }
 
 TEST(DxfWrite, LayerNamesAreLatin1AndAnUnopenablePathFails) {

@@ -5,6 +5,7 @@
 
 #include "formats/classic/C3DStudioIo.h"
 #include "formats/classic/CAmapiIo.h"
+#include "formats/classic/CDxfIo.h"
 #include "tests/classic/ClassicTestSupport.h"
 #include "tests/support/TestSupport.h"
 
@@ -31,6 +32,12 @@ TEST(ClassicRegressions, EveryKeptInputReadsWithoutACrash) {
         } else if (name.rfind("amapi_", 0) == 0) {
             CAmapiIo parser(io);
             scene.reset(parser.ReadMemory(bytes.data(), bytes.size(), opt));
+        } else if (name.rfind("dxf_", 0) == 0) {
+            CDxfIo parser(io);
+            scene.reset(parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, opt));
+            if (!scene) {
+                EXPECT_TRUE(io.GetIoError() == IO_ERR_FORMAT || io.GetIoError() == IO_ERR_EMPTY) << name;
+            }
         } else {
             continue;
         }

@@ -317,4 +317,34 @@ TEST(ExportPrep, DeepChainsAreBakedInLinearTime) {
     while (C3DSceneNode* n = out->GetNextNode(o, p)) last = n;
     ASSERT_NE(last, nullptr);
     EXPECT_FLOAT_EQ(last->GetGeomObject()->GetPointList()->GetPoint(0).x, float(depth));
+TEST(ExportPrep, SplitCurvesGivesEachLineItsOwnNodeInLineOrder) {
+    C3DScene scene;
+    auto* c = new C3DCurve();
+    for (int i = 0; i < 5; ++i) c->GetPointList()->Add(float(i), 0, 0);
+    const uint32_t a[] = {3, 1}, b[] = {0, 4, 2};
+    c->GetFaceList()->SetCurrentMaterial(7);
+    c->GetFaceList()->AddFace(a, 2);
+    c->GetFaceList()->AddFace(b, 3);
+    c->SetClosed(true);
+    auto* n = new C3DSceneNode(c);
+    n->SetName(CXStringW(L"C"));
+    n->SetNodeLocalTM(C4x4Matrix::Translation(0, 5, 0));
+    scene.AddNode(nullptr, n);
+    auto out = PrepareSceneForExport(scene, PREP_CURVES | PREP_SPLIT_CURVES | PREP_MATERIALS);
+    std::vector<C3DSceneNode*> curves;
+    C3DNodePos pos = out->GetFirstNode(KINDOF_CURVE);
+    while (C3DSceneNode* m = out->GetNextNode(pos)) curves.push_back(m);
+    ASSERT_EQ(curves.size(), 2u);
+    // Points follow the line; a closed curve repeats its first point; names, placement and materials stay.
+    const C3DPointList& p0 = *curves[0]->GetGeomObject()->GetPointList();
+    ASSERT_EQ(p0.GetSize(), 3);
+    EXPECT_EQ(p0.GetPoint(0).x, 3);
+    EXPECT_EQ(p0.GetPoint(1).x, 1);
+    EXPECT_EQ(p0.GetPoint(2).x, 3);
+    EXPECT_EQ(curves[1]->GetGeomObject()->GetPointList()->GetSize(), 4);
+    EXPECT_EQ(curves[1]->GetGeomObject()->GetPointList()->GetPoint(1).x, 4);
+    EXPECT_EQ(curves[1]->GetName(), CXStringW(L"C"));
+    EXPECT_EQ(curves[1]->GetStaticLocalTM().GetTranslation().y, 5);
+    EXPECT_EQ(curves[1]->GetGeomObject()->GetFaceList()->GetMaterialID(0), 7u);
+    EXPECT_FALSE(curves[0]->GetBaseObject()->IsFlagSet(OBJF_CLOSED));
 }

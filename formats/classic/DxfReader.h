@@ -1,0 +1,33 @@
+#pragma once
+// Builds a host scene from DXF group pairs. Entities are gathered per layer (top
+// level) or per block; INSERTs are expanded last, as nodes carrying the placement,
+// since a block may be defined after its first use.
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+
+class C3DScene;
+class CSceneImportOptions;
+
+namespace dxf {
+
+// Bounds on what hostile files can make us build.
+constexpr int kMaxInsertDepth = 64;
+constexpr size_t kMaxInstances = 100000; // fewer for small files: 4096 + bytes / 16
+constexpr size_t kMaxInstancedValues = size_t(1) << 24; // floats + indices copied for instances
+constexpr size_t kMaxGroupTags = size_t(1) << 22;       // pairs kept for one entity
+constexpr int kSegmentsPerTurn = 64;                    // arcs, circles, ellipses
+constexpr int kMaxSplinePoints = 4096;
+
+struct ReadOutcome {
+    std::unique_ptr<C3DScene> scene;
+    int error = 0; // IO_FILE_RESULT when scene is null
+};
+
+// `cancelled` is polled between entities.
+ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options,
+                    const std::function<bool()>& cancelled);
+
+} // namespace dxf

@@ -1,0 +1,241 @@
+#include "formats/classic/DxfTags.h"
+
+#include <charconv>
+#include <algorithm>
+#include <cstring>
+
+#include "plugin/host/BinaryCursor.h"
+
+namespace {
+
+constexpr char kSentinel[] = "AutoCAD Binary DXF\r\n\x1a";
+constexpr size_t kSentinelSize = 22; // with its final NUL
+
+std::string_view TrimBlanks(std::string_view s) {
+    size_t b = 0, e = s.size();
+    while (b < e && (s[b] == ' ' || s[b] == '\t')) ++b;
+    while (e > b && (s[e - 1] == ' ' || s[e - 1] == '\t' || s[e - 1] == '\r')) --e;
+    return s.substr(b, e - b);
+}
+
+} // namespace
+
+DxfValueKind DxfValueKindOf(int code) {
+    if (code < 0) return DxfValueKind::String;
+    if (code <= 9) return DxfValueKind::String;
+    if (code <= 59) return DxfValueKind::Double;
+    if (code <= 79) return DxfValueKind::Int16;
+    if (code >= 90 && code <= 99) return DxfValueKind::Int32;
+    if (code >= 110 && code <= 149) return DxfValueKind::Double;
+    if (code >= 160 && code <= 169) return DxfValueKind::Int64;
+    if (code >= 170 && code <= 179) return DxfValueKind::Int16;
+    if (code >= 210 && code <= 239) return DxfValueKind::Double;
+    if (code >= 270 && code <= 279) return DxfValueKind::Int16;
+    if (code >= 280 && code <= 289) return DxfValueKind::Byte;
+    if (code >= 290 && code <= 299) return DxfValueKind::Bool;
+    if (code >= 310 && code <= 319) return DxfValueKind::Chunk;
+    if (code >= 370 && code <= 389) return DxfValueKind::Int16;
+    if (code >= 400 && code <= 409) return DxfValueKind::Int16;
+    if (code >= 420 && code <= 429) return DxfValueKind::Int32;
+    if (code >= 440 && code <= 459) return DxfValueKind::Int32;
+    if (code >= 460 && code <= 469) return DxfValueKind::Double;
+    if (code == 1004) return DxfValueKind::Chunk;
+    if (code >= 1010 && code <= 1059) return DxfValueKind::Double;
+    if (code >= 1060 && code <= 1070) return DxfValueKind::Int16;
+    if (code == 1071) return DxfValueKind::Int32;
+    return DxfValueKind::String;
+}
+
+CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
+    : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()) {
+    if (IsBinary(data)) {
+        m_binary = true;
+        m_pos = kSentinelSize;
+        // Before release 13 codes are one byte: the first pair (0, "SECTION") then
+        // shows 'S' where a two-byte code would have its high byte.
+        m_oneByteCodes = m_size >= m_pos + 2 && static_cast<uint8_t>(m_data[m_pos]) == 0 &&
+                         static_cast<uint8_t>(m_data[m_pos + 1]) != 0;
+    } else {
+        // Lines end in LF or CRLF, or (old files) in a lone CR: the first break tells.
+        const size_t look = std::min<size_t>(m_size, 4096);
+        const void* lf = std::memchr(m_data, '\n', look);
+        const void* cr = std::memchr(m_data, '\r', look);
+        m_crOnly = !lf && cr;
+    }
+}
+
+bool CDxfTagReader::IsBinary(std::span<const uint8_t> data) {
+    return data.size() >= kSentinelSize && std::memcmp(data.data(), kSentinel, kSentinelSize) == 0;
+}
+
+bool CDxfTagReader::Next(CDxfTag& tag) {
+    if (m_failed) return false;
+    return m_binary ? NextBinary(tag) : NextAscii(tag);
+}
+
+bool CDxfTagReader::Line(std::string_view& line) {
+    if (m_pos >= m_size) return false;
+    const char* p = m_data + m_pos;
+    const size_t left = m_size - m_pos;
+    const char eol = m_crOnly ? '\r' : '\n';
+    // Lines are mostly a few bytes long: a plain loop beats a library call for those.
+    size_t len = 0;
+    const size_t quick = std::min<size_t>(left, 32);
+    while (len < quick && p[len] != eol) ++len;
+    if (len == quick && len < left) {
+        const void* end = std::memchr(p + len, eol, left - len);
+        len = end ? static_cast<size_t>(static_cast<const char*>(end) - p) : left;
+    }
+    line = std::string_view(p, len); // a CR before the LF is trimmed with the blanks
+    m_pos += len < left ? len + 1 : len;
+    return true;
+}
+
+namespace {
+
+// Group code: optional blanks, optional sign, digits, optional blanks (and a CR).
+bool ParseCode(std::string_view s, int& code) {
+    size_t i = 0;
+    const size_t n = s.size();
+    while (i < n && (s[i] == ' ' || s[i] == '\t')) ++i;
+    bool neg = false;
+    if (i < n && (s[i] == '-' || s[i] == '+')) neg = s[i++] == '-';
+    const size_t start = i;
+    long v = 0;
+    while (i < n && s[i] >= '0' && s[i] <= '9' && i - start < 9) v = v * 10 + (s[i++] - '0');
+    if (i == start) return false;
+    while (i < n && (s[i] == ' ' || s[i] == '\t' || s[i] == '\r')) ++i;
+    if (i != n) return false;
+    code = static_cast<int>(neg ? -v : v);
+    return true;
+}
+
+} // namespace
+
+bool CDxfTagReader::NextAscii(CDxfTag& tag) {
+    std::string_view codeLine, value;
+    if (!Line(codeLine)) return false;
+    int code = 0;
+    if (!ParseCode(codeLine, code)) {
+        // A blank line at the very end is no error.
+        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
+        return false;
+    }
+    if (!Line(value)) return false; // a code without its value ends the data
+    tag.code = code;
+    tag.text = TrimBlanks(value);
+    tag.binary = false;
+    tag.number = 0;
+    return true;
+}
+
+bool CDxfTagReader::NextBinary(CDxfTag& tag) {
+    if (m_pos >= m_size) return false;
+    CBinaryCursor c(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(m_data), m_size));
+    c.seek(m_pos);
+    int code;
+    if (m_oneByteCodes) {
+        code = c.u8();
+        if (code == 255) code = c.u16le();
+    } else {
+        code = c.u16le();
+    }
+    if (c.failed()) { m_failed = true; return false; }
+    tag.code = code;
+    tag.binary = true;
+    tag.text = {};
+    tag.number = 0;
+    switch (DxfValueKindOf(code)) {
+    case DxfValueKind::String: {
+        const size_t start = c.pos();
+        const void* nul = std::memchr(m_data + start, 0, m_size - start);
+        if (!nul) { m_failed = true; return false; }
+        const size_t len = static_cast<size_t>(static_cast<const char*>(nul) - (m_data + start));
+        tag.text = std::string_view(m_data + start, len);
+        tag.binary = false; // strings read as text
+        m_pos = start + len + 1;
+        return true;
+    }
+    case DxfValueKind::Double: tag.number = c.f64le(); break;
+    case DxfValueKind::Int16: tag.number = c.i16le(); break;
+    case DxfValueKind::Int32: tag.number = c.i32le(); break;
+    case DxfValueKind::Int64: tag.number = static_cast<double>(static_cast<int64_t>(c.u64le())); break;
+    case DxfValueKind::Bool:
+    case DxfValueKind::Byte: tag.number = c.u8(); break;
+    case DxfValueKind::Chunk: {
+        const size_t n = c.u8();
+        if (!c.skip(n)) { m_failed = true; return false; }
+        tag.binary = false;
+        break;
+    }
+    }
+    if (c.failed()) { m_failed = true; return false; }
+    m_pos = c.pos();
+    return true;
+}
+
+bool CDxfTagReader::ToDouble(const CDxfTag& tag, double& out) {
+    if (tag.binary) {
+        out = tag.number;
+        return true;
+    }
+    const char* b = tag.text.data();
+    const char* e = b + tag.text.size();
+    if (b != e && *b == '+') ++b;
+    {
+        // Plain decimals ("-12.500000"): an exact integer over an exact power of ten
+        // is rounded once, so this equals the full parse.
+        static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11,
+                                            1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+        const char* q = b;
+        const bool neg = q != e && *q == '-';
+        if (neg) ++q;
+        uint64_t m = 0;
+        int digits = 0, frac = 0;
+        bool dot = false, ok = q != e;
+        for (; q != e && ok; ++q) {
+            const char c = *q;
+            if (c >= '0' && c <= '9') {
+                m = m * 10 + static_cast<uint64_t>(c - '0');
+                ++digits;
+                frac += dot;
+            } else if (c == '.' && !dot) {
+                dot = true;
+            } else {
+                ok = false;
+            }
+        }
+        if (ok && digits > 0 && digits <= 15 && frac <= 22) {
+            const double v = static_cast<double>(m) / kPow10[frac];
+            out = neg ? -v : v;
+            return true;
+        }
+    }
+    double v = 0;
+    auto [p, ec] = std::from_chars(b, e, v);
+    if (ec != std::errc() || p != e || b == e) return false;
+    out = v;
+    return true;
+}
+
+bool CDxfTagReader::ToInt(const CDxfTag& tag, long long& out) {
+    if (tag.binary) {
+        if (!(tag.number > -9.2e18 && tag.number < 9.2e18)) return false;
+        out = static_cast<long long>(tag.number);
+        return true;
+    }
+    const char* b = tag.text.data();
+    const char* e = b + tag.text.size();
+    if (b != e && *b == '+') ++b;
+    long long v = 0;
+    auto [p, ec] = std::from_chars(b, e, v);
+    if (ec == std::errc() && p == e && b != e) {
+        out = v;
+        return true;
+    }
+    // Some writers put "1.0" where an integer belongs.
+    double d;
+    if (!ToDouble(tag, d) || !(d > -9.2e18 && d < 9.2e18)) return false;
+    out = static_cast<long long>(d);
+    return true;
+}
