@@ -35,4 +35,5 @@ private:
     C3DScene* ReadAscii(std::span<const uint8_t> data);
 
     uint32_t m_state = 0;
+    uint64_t m_shortVertexLines = 0; // ASCII vertex lines short of numbers in the last read
 };
