@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <unordered_map>
@@ -216,15 +217,20 @@ struct GroupName {
     int32_t body = -1;
 };
 
-// Group names to their index in the list of names: open addressing over the name's hash,
-// four bytes a slot.
+// Group names to their index in the list of names: open addressing, four bytes a slot.
+// The slot comes from the high bits of the name's hash times a multiplier chosen per
+// read, so names made to share the low bits of the hash do not share a slot chain.
 class CGroupIndex {
 public:
+    CGroupIndex()
+        : m_mix((static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+                 reinterpret_cast<uintptr_t>(this)) * 0x9E3779B97F4A7C15ull | 1) {}
+
     // The index stored for `name`, or `fresh` after storing it there.
     uint32_t FindOrAdd(std::string_view name, uint32_t fresh, const std::vector<GroupName>& names) {
         if ((m_used + 1) * 2 > m_slots.size()) Grow(names);
         const size_t mask = m_slots.size() - 1;
-        for (size_t i = std::hash<std::string_view>()(name) & mask;; i = (i + 1) & mask) {
+        for (size_t i = Slot(name);; i = (i + 1) & mask) {
             const uint32_t s = m_slots[i];
             if (s == 0) {
                 m_slots[i] = fresh + 1;
@@ -239,16 +245,22 @@ private:
     void Grow(const std::vector<GroupName>& names) {
         std::vector<uint32_t> old = std::move(m_slots);
         m_slots.assign(old.empty() ? 64 : old.size() * 2, 0);
+        m_shift = 64 - std::countr_zero(m_slots.size());
         const size_t mask = m_slots.size() - 1;
         for (uint32_t s : old) {
             if (s == 0) continue;
-            size_t i = std::hash<std::string_view>()(names[s - 1].name) & mask;
+            size_t i = Slot(names[s - 1].name);
             while (m_slots[i] != 0) i = (i + 1) & mask;
             m_slots[i] = s;
         }
     }
+    size_t Slot(std::string_view name) const {
+        return static_cast<size_t>((std::hash<std::string_view>()(name) * m_mix) >> m_shift);
+    }
     std::vector<uint32_t> m_slots; // 0 empty, else the name's index + 1
     size_t m_used = 0;
+    uint64_t m_mix;
+    int m_shift = 64;
 };
 
 // One face line as read: the form of its vertices and their raw (unresolved) numbers.
