@@ -1,8 +1,9 @@
 #pragma once
 // STL: binary (80-byte header, count, 50-byte records with a 15-bit colour word)
 // and ASCII ("solid ... facet normal ... endsolid"). Binary is recognised by its
-// exact length; everything else is tried as ASCII. The ASCII reader reverses the
-// winding and ignores the file's normals; the binary reader keeps both as given.
+// exact length; everything else is tried as ASCII (UTF-8, or UTF-16 with its byte order
+// mark). The ASCII reader reverses the winding and ignores the file's normals; the binary
+// reader keeps both as given.
 #include <cstdint>
 #include <span>
 #include <string_view>
