@@ -30,6 +30,7 @@ struct Geometry {
     std::unique_ptr<C3DPointList> points;
     std::unique_ptr<C3DFaceList> faces;
     uint8_t flags = 0, closed = 0, visible = 1;
+    uint32_t droppedFaces = 0; // faces naming a point the block does not have
 };
 
 bool ReadGeometry(CBinaryCursor& b, Geometry& g) {
@@ -57,11 +58,18 @@ bool ReadGeometry(CBinaryCursor& b, Geometry& g) {
     for (uint64_t f = 0; f < nf; ++f) {
         const uint32_t k = words.u32be();
         if (!words.ok() || !words.canRead(k, 4) || k > 0x3FFFFFFF) return false;
-        uint32_t* idx = faces->AddFace(static_cast<int>(k));
-        for (uint32_t i = 0; i < k; ++i) {
-            idx[i] = words.u32be();
-            if (idx[i] >= np) return false; // like a short read: the sub-block is abandoned
+        // A point index past the points costs only its own face: the rest of the shape
+        // is sound, and a clamped index would invent an edge the file does not have.
+        CBinaryCursor peek = words;
+        bool inRange = true;
+        for (uint32_t i = 0; i < k && inRange; ++i) inRange = peek.u32be() < np;
+        if (!inRange) {
+            words.skip(uint64_t(k) * 4);
+            ++g.droppedFaces;
+            continue;
         }
+        uint32_t* idx = faces->AddFace(static_cast<int>(k));
+        for (uint32_t i = 0; i < k; ++i) idx[i] = words.u32be();
     }
     if (!b.ok()) return false;
     g.points = std::move(points);
@@ -128,6 +136,7 @@ C3DScene* CAmapiIo::ReadFile(IoFile& file, CSceneImportOptions& options) {
     }
     m_building = scene.get();
     m_scene = m_building;
+    m_options = &options;
     m_objectCounter = 1;
     while (!IsCancelled()) {
         const uint32_t tag = cur.u32be();
@@ -156,6 +165,7 @@ C3DScene* CAmapiIo::ReadFile(IoFile& file, CSceneImportOptions& options) {
     file.CloseFile();
     SetFile(nullptr);
     m_building = nullptr;
+    m_options = nullptr;
     if (IsCancelled()) {
         m_scene = nullptr;
         m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
@@ -253,6 +263,9 @@ std::unique_ptr<C3DSceneNode> CAmapiIo::ReadShape(CBinaryCursor& cur, C3DSceneNo
     if (!cur.ok()) end.failed = true;
     if (IsCancelled()) return nullptr;
     if (!named) name = DefaultName();
+    if (geo.droppedFaces && m_options)
+        m_options->AddLogInfo(LOG_INFO, name + CXStringW(L": " + std::to_wstring(geo.droppedFaces) +
+                                                          L" face(s) naming a point the shape does not have, left out"));
 
     const bool hasPoints = geo.points && !geo.points->IsEmpty();
     const bool hasFaces = geo.faces && geo.faces->GetNumberOfFaces() > 0;

@@ -40,4 +40,5 @@ private:
     uint32_t m_state = 0;         // the file's version word, kept
     uint32_t m_objectCounter = 1; // numbers nameless shapes; grows with every node added
     C3DScene* m_building = nullptr;
+    CSceneImportOptions* m_options = nullptr; // while a read runs: where dropped faces are logged
 };

@@ -2,6 +2,7 @@
 // CPlyBuffer and written one record at a time.
 #include "formats/mesh/CPlyIo.h"
 
+#include <algorithm>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -15,7 +16,31 @@
 namespace {
 constexpr uint64_t kPlyPrepFlags = 0x00000004000E6003ull;
 constexpr uint32_t kPlyProfile = 68;
+// The list counts are single bytes: a face holds at most 255 vertices, and a textured
+// face at most 127 (its texcoord list has two entries per vertex).
 constexpr int kMaxPlyFaceSize = 255;
+constexpr int kMaxPlyTexturedFaceSize = 127;
+
+// Corners of the records a face of n vertices is written as, for at most maxVerts
+// vertices a record: the face itself when it fits, else pieces fanned from its first
+// corner (exact for the convex faces that grow this large: caps, discs, outlines).
+template <class Fn> void ForEachPiece(int n, int maxVerts, std::vector<int>& corners, Fn&& fn) {
+    corners.clear();
+    if (n <= maxVerts) {
+        for (int k = 0; k < n; ++k) corners.push_back(k);
+        fn(corners);
+        return;
+    }
+    for (int i = 1; i + 1 < n;) {
+        const int last = std::min(n - 1, i + maxVerts - 2);
+        corners.assign(1, 0);
+        for (int k = i; k <= last; ++k) corners.push_back(k);
+        fn(corners);
+        i = last;
+    }
+}
+
+int PieceCount(int n, int maxVerts) { return n <= maxVerts ? 1 : (n - 2 + maxVerts - 3) / (maxVerts - 2); }
 } // namespace
 
 CPlyIo::CPlyIo(CFileIo& io) : C3DParser(io) {}
@@ -64,19 +89,27 @@ bool CPlyIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
     const int npts = points.GetSize();
     const int nf = faces ? faces->GetNumberOfFaces() : 0;
 
-    // Only faces that fit a record and point at existing vertices are written; the
-    // header count is the number of records.
+    // UV channel: the global one, else the first, used only when it has a face per mesh face.
+    const CUVWChannel* uv = obj->GetGlobalUVWChannel();
+    if (!uv) uv = static_cast<const CUVWChannel*>(obj->GetChannelByIndex(0, CHANNEL_UVW));
+    if (uv && (!faces || uv->GetUVWFaceList()->GetNumberOfFaces() != nf)) uv = nullptr;
+    const CUVWFaceList* uvf = uv ? uv->GetUVWFaceList() : nullptr;
+    const CUVWPointList* uvp = uv ? uv->GetUVWPointList() : nullptr;
+    const int maxVerts = uv ? kMaxPlyTexturedFaceSize : kMaxPlyFaceSize;
+
+    // Faces that point at existing vertices are written, those too large for one record
+    // as several; the header count is the number of records.
     std::vector<uint8_t> keep(static_cast<size_t>(nf), 0);
-    int written = 0;
+    int64_t written = 0;
     for (int i = 0; i < nf; ++i) {
         const int n = faces->GetFaceSize(i);
-        if (faces->IsFaceFlagSet(i, FACE_SKIP) || n < 1 || n > kMaxPlyFaceSize) continue;
+        if (faces->IsFaceFlagSet(i, FACE_SKIP) || n < 1) continue;
         const uint32_t* f = faces->GetFaceIndices(i);
         bool ok = true;
         for (int k = 0; k < n && ok; ++k) ok = f[k] < static_cast<uint32_t>(npts);
         if (!ok) continue;
         keep[static_cast<size_t>(i)] = 1;
-        ++written;
+        written += PieceCount(n, maxVerts);
     }
 
     meshio::COutText head(file);
@@ -85,13 +118,6 @@ bool CPlyIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
     head.Put(")\ncomment original filename ");
     head.Wide(fileStripPath(path));
     head.Put('\n');
-
-    // UV channel: the global one, else the first, used only when it has a face per mesh face.
-    const CUVWChannel* uv = obj->GetGlobalUVWChannel();
-    if (!uv) uv = static_cast<const CUVWChannel*>(obj->GetChannelByIndex(0, CHANNEL_UVW));
-    if (uv && (!faces || uv->GetUVWFaceList()->GetNumberOfFaces() != nf)) uv = nullptr;
-    const CUVWFaceList* uvf = uv ? uv->GetUVWFaceList() : nullptr;
-    const CUVWPointList* uvp = uv ? uv->GetUVWPointList() : nullptr;
 
     std::unordered_map<uint32_t, uint32_t> texNumber;
     if (uv) {
@@ -147,38 +173,43 @@ bool CPlyIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
     // Face records, one write each.
     uint32_t lastID = NO_MATERIAL - 1;
     CRGBColor lastColor;
+    std::vector<int> corners;
     for (int i = 0; i < nf; ++i) {
         if (!keep[static_cast<size_t>(i)]) continue;
         const int n = faces->GetFaceSize(i);
         const uint32_t* f = faces->GetFaceIndices(i);
-        buf.AppendByte(static_cast<uint8_t>(n));
-        for (int k = 0; k < n; ++k) buf.AppendUInt(f[k]);
         const uint32_t id = faces->GetMaterialID(i);
         if (id != lastID) {
             const C3DMaterial* m = scene->GetMaterialByID(id);
             lastColor = m ? m->diffuse : CRGBColor(192, 192, 192);
             lastID = id;
         }
-        buf.AppendByte(lastColor.r);
-        buf.AppendByte(lastColor.g);
-        buf.AppendByte(lastColor.b);
-        if (uv) {
-            buf.AppendByte(static_cast<uint8_t>(2 * n));
-            const bool usable = !(uvf->GetFaceFlags(i) & 0x3) && uvf->GetFaceSize(i) == n;
-            const uint32_t* t = uvf->GetFaceIndices(i);
-            for (int k = 0; k < n; ++k) {
-                if (usable && t[k] < static_cast<uint32_t>(uvp->GetSize())) {
-                    const float* q = uvp->GetData() + size_t(t[k]) * 3;
-                    buf.AppendFloat(q[0]);
-                    buf.AppendFloat(-q[1]); // v negated, not 1 - v
-                } else {
-                    buf.AppendFloat(0.0f);
-                    buf.AppendFloat(0.0f);
+        const bool usable = uv && !(uvf->GetFaceFlags(i) & 0x3) && uvf->GetFaceSize(i) == n;
+        const uint32_t* t = uv ? uvf->GetFaceIndices(i) : nullptr;
+        const uint32_t tex = uv ? texNumber[id] : 0;
+        ForEachPiece(n, maxVerts, corners, [&](const std::vector<int>& piece) {
+            const int m = static_cast<int>(piece.size());
+            buf.AppendByte(static_cast<uint8_t>(m));
+            for (int k : piece) buf.AppendUInt(f[k]);
+            buf.AppendByte(lastColor.r);
+            buf.AppendByte(lastColor.g);
+            buf.AppendByte(lastColor.b);
+            if (uv) {
+                buf.AppendByte(static_cast<uint8_t>(2 * m));
+                for (int k : piece) {
+                    if (usable && t[k] < static_cast<uint32_t>(uvp->GetSize())) {
+                        const float* q = uvp->GetData() + size_t(t[k]) * 3;
+                        buf.AppendFloat(q[0]);
+                        buf.AppendFloat(-q[1]); // v negated, not 1 - v
+                    } else {
+                        buf.AppendFloat(0.0f);
+                        buf.AppendFloat(0.0f);
+                    }
                 }
+                buf.AppendUInt(tex);
             }
-            buf.AppendUInt(texNumber[id]);
-        }
-        buf.Flush(file);
+            buf.Flush(file);
+        });
     }
     return finish();
 }

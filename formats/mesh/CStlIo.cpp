@@ -75,20 +75,28 @@ bool IsEndSolidAt(const char* p, const char* end) {
     return p == end || *p == '\n' || *p == '\r';
 }
 
-// "%*s %f %f %f" on the vertex line starting at `line` (left-trimmed). Returns where
-// the line ends, or null when it holds fewer than three numbers.
-const char* ScanVertex(const char* line, const char* end, float* xyz) {
+// "%*s %f %f %f" on the vertex line starting at `line` (left-trimmed), into `xyz`.
+// As with scanf, the numbers before the first mismatch are assigned and the rest of
+// `xyz` is left as it was; the line is consumed either way. Returns where the line
+// ends; `complete` tells whether all three numbers were there.
+const char* ScanVertex(const char* line, const char* end, float* xyz, bool& complete) {
     const char* p = line;
     while (p < end && !textscan::IsSpace(*p)) ++p;
     for (int k = 0; k < 3 && p; ++k) {
         while (p < end && (*p == ' ' || *p == '\t')) ++p; // rarer spaces take the scanner
         p = textscan::ParsePlainFloat(p, end, xyz[k]);
     }
+    complete = true;
     if (p) return textscan::FindLineBreak(p, end);
     // Not three plain decimals: the general scanner, on this line alone.
     const char* le = textscan::FindLineBreak(line, end);
     textscan::TextCursor s(std::string_view(line, static_cast<size_t>(le - line)));
-    if (!s.SkipWord() || !s.ReadFloat(xyz[0]) || !s.ReadFloat(xyz[1]) || !s.ReadFloat(xyz[2])) return nullptr;
+    s.SkipWord();
+    for (int k = 0; k < 3 && complete; ++k) {
+        float v;
+        complete = s.ReadFloat(v);
+        if (complete) xyz[k] = v;
+    }
     return le;
 }
 
@@ -135,7 +143,20 @@ C3DScene* CStlIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& o
         const uint64_t n = c.u32le();
         binary = n != 0 && len == n * kRecord + kHeader + 4;
     }
-    C3DScene* scene = binary ? ReadBinary(data) : ReadAscii(data);
+    C3DScene* scene = nullptr;
+    m_shortVertexLines = 0;
+    if (binary) {
+        scene = ReadBinary(data);
+    } else {
+        // Read as text: a UTF-8 byte order mark is passed over and UTF-16 is decoded.
+        std::string decoded;
+        const std::string_view text = meshio::PrepareText(data, TEXT_MODE_AUTO, decoded);
+        scene = ReadAscii(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+        if (scene && m_shortVertexLines)
+            options.AddLogInfo(LOG_INFO, CXStringW(std::to_wstring(m_shortVertexLines) +
+                                                   L" vertex line(s) with fewer than three numbers; the missing "
+                                                   L"coordinates read as 0"));
+    }
     m_scene = nullptr;
     if (!scene) {
         if (ShouldCancelThread(0)) m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
@@ -164,11 +185,13 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
         std::string lower(reinterpret_cast<const char*>(header), textLen);
         for (auto& ch : lower)
             if (ch >= 'A' && ch <= 'Z') ch = static_cast<char>(ch + 32);
+        // The marker counts wherever its colour bytes are still inside the header; the
+        // transparency byte behind them may not be, and is then left alone.
         const size_t p = lower.find("color=");
-        if (p != std::string::npos && p + 10 <= 79) {
+        if (p != std::string::npos && p + 9 < kHeader) {
             C3DMaterial* m = scene->GetMaterialByID(0, true, MATERIAL_STANDARD);
             m->diffuse.SetColor(header[p + 7], header[p + 8], header[p + 9], m->diffuse.a);
-            if (m->GetClass() == MATERIAL_STANDARD)
+            if (m->GetClass() == MATERIAL_STANDARD && p + 10 < kHeader)
                 m->transparency = static_cast<float>(static_cast<int8_t>(header[p + 10]) / 255.0);
         }
     }
@@ -449,8 +472,15 @@ C3DScene* CStlIo::ReadAscii(std::span<const uint8_t> data) {
         if (!next()) break; // outer loop
         for (int v = 0; v < 3 && !stop; ++v) {
             p = SkipSpaces(p, end);
-            p = p == end ? nullptr : ScanVertex(p, end, pts + size_t(npts + v) * 3);
-            stop = p == nullptr;
+            if (p == end) {
+                stop = true;
+                break;
+            }
+            // A vertex line short of numbers keeps zeros where they are missing (the
+            // list was sized, zeroed, up front) and the facets after it are still read.
+            bool complete;
+            p = ScanVertex(p, end, pts + size_t(npts + v) * 3, complete);
+            if (!complete) ++m_shortVertexLines;
         }
         if (stop) break;
         uint32_t* f = fidx + size_t(facets) * 3;

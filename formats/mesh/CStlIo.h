@@ -1,8 +1,9 @@
 #pragma once
 // STL: binary (80-byte header, count, 50-byte records with a 15-bit colour word)
 // and ASCII ("solid ... facet normal ... endsolid"). Binary is recognised by its
-// exact length; everything else is tried as ASCII. The ASCII reader reverses the
-// winding and ignores the file's normals; the binary reader keeps both as given.
+// exact length; everything else is tried as ASCII (UTF-8, or UTF-16 with its byte order
+// mark). The ASCII reader reverses the winding and ignores the file's normals; the binary
+// reader keeps both as given.
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -35,4 +36,5 @@ private:
     C3DScene* ReadAscii(std::span<const uint8_t> data);
 
     uint32_t m_state = 0;
+    uint64_t m_shortVertexLines = 0; // ASCII vertex lines short of numbers in the last read
 };

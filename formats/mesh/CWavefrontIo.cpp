@@ -3,6 +3,7 @@
 #include "formats/mesh/CWavefrontIo.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -79,16 +80,21 @@ C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options
     }
     const CXStringW folder = fileStripName(path);
     const bool silent = IsSilentMode();
-    meshio::MtlLoader loader = [&](std::string_view name, std::string& owned) {
+    meshio::MtlLoader loader = [&](std::string_view name, std::string& key, std::string* bytes) {
         std::wstring w = Utf8ToWide(name);
         std::replace(w.begin(), w.end(), L'\\', L'/');
         CXStringW p(w);
         if (fileIsPathRelative(p)) p = folder + p;
-        if (fileIsDirectory(p)) return false;
+        // The canonical path: "./m.mtl", ".//m.mtl", "sub/../m.mtl" and links are one file.
+        std::error_code ec;
+        const std::filesystem::path canonical = std::filesystem::canonical(std::filesystem::path(PathToUtf8(p)), ec);
+        if (ec || std::filesystem::is_directory(canonical, ec)) return false;
+        key = canonical.string();
+        if (!bytes) return true;
         IoFile mtl(silent, mode);
-        if (!mtl.OpenFile(p, true)) return false;
+        if (!mtl.OpenFile(key, true)) return false;
         auto d = mtl.GetData();
-        owned.assign(reinterpret_cast<const char*>(d.data()), d.size());
+        bytes->assign(reinterpret_cast<const char*>(d.data()), d.size());
         mtl.CloseFile();
         return true;
     };
@@ -101,8 +107,10 @@ C3DScene* CWavefrontIo::ReadMemory(std::span<const uint8_t> obj, std::span<const
                                    CSceneImportOptions& options) {
     CSwitchLocale locale(0, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
-    meshio::MtlLoader loader = [&](std::string_view, std::string& owned) {
-        owned.assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
+    // One library in memory, whatever name the file gives it.
+    meshio::MtlLoader loader = [&](std::string_view, std::string& key, std::string* bytes) {
+        key.clear();
+        if (bytes) bytes->assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
         return true;
     };
     return Report(*this, m_fileIo, meshio::ReadObj(obj, mode, loader, m_fileIo, options), options);

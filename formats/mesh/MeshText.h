@@ -31,6 +31,10 @@ inline CXStringW DecodeName(std::string_view bytes, int textMode) {
     return CXStringW(Utf8ToWide(bytes));
 }
 
+// Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
+// its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.
+std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::string& storage);
+
 // Output text assembled in memory and handed to IoFile in large pieces. Numbers are
 // written straight into the buffer; every call makes room for what it may write, so
 // the hot loops pay one compare per item.

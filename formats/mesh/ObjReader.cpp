@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "formats/mesh/MeshText.h"
@@ -145,6 +147,22 @@ bool IsValidUtf8(std::string_view s) {
     return true;
 }
 
+// Characters of a line as the text mode decodes it: bytes in Latin-1 (ANSI, or AUTO when
+// the text is not UTF-8), else one per UTF-8 sequence and one per byte that starts none.
+size_t LineChars(std::string_view s, bool latin1) {
+    if (latin1) return s.size();
+    size_t chars = 0, i = 0;
+    while (i < s.size()) {
+        const uint8_t c = static_cast<uint8_t>(s[i]);
+        size_t n = c < 0x80 ? 0 : (c >= 0xC2 && c <= 0xDF) ? 1 : (c >= 0xE0 && c <= 0xEF) ? 2 : (c >= 0xF0 && c <= 0xF4) ? 3 : 0;
+        bool whole = i + n < s.size();
+        for (size_t k = 1; whole && k <= n; ++k) whole = (static_cast<uint8_t>(s[i + k]) & 0xC0) == 0x80;
+        i += whole ? n + 1 : 1;
+        ++chars;
+    }
+    return chars;
+}
+
 CXStringW NameFromBytes(std::string_view bytes, int textMode) {
     if (textMode == TEXT_MODE_AUTO) return IsValidUtf8(bytes) ? CXStringW(Utf8ToWide(bytes)) : CXStringW(WidenBytes(bytes));
     return DecodeName(bytes, textMode);
@@ -177,7 +195,7 @@ struct Filling {
 // whole. The UV and normal lists share the mesh's offsets; a face without usable data
 // there is flagged and its indices are zero.
 struct Group {
-    std::string name;
+    std::string_view name; // in the text being read (or a literal)
     uint64_t countedFaces = 0;
     uint64_t countedIndices = 0;
     uint64_t nodeId = 0;
@@ -190,6 +208,59 @@ struct Group {
     // streams are one and the same.
     bool oneStream = true;
     size_t Faces() const { return offsets.n == 0 ? 0 : offsets.n - 1; }
+};
+
+// Every group named in the file, in order of first mention: its name and the index of
+// its Group, which only a group that has faces gets (files name millions of empty ones).
+struct GroupName {
+    std::string_view name;
+    int32_t body = -1;
+};
+
+// Group names to their index in the list of names: open addressing, four bytes a slot.
+// The slot comes from the high bits of the name's hash times a multiplier chosen per
+// read, so names made to share the low bits of the hash do not share a slot chain.
+class CGroupIndex {
+public:
+    CGroupIndex()
+        : m_mix((static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+                 reinterpret_cast<uintptr_t>(this)) * 0x9E3779B97F4A7C15ull | 1) {}
+
+    // The index stored for `name`, or `fresh` after storing it there.
+    uint32_t FindOrAdd(std::string_view name, uint32_t fresh, const std::vector<GroupName>& names) {
+        if ((m_used + 1) * 2 > m_slots.size()) Grow(names);
+        const size_t mask = m_slots.size() - 1;
+        for (size_t i = Slot(name);; i = (i + 1) & mask) {
+            const uint32_t s = m_slots[i];
+            if (s == 0) {
+                m_slots[i] = fresh + 1;
+                ++m_used;
+                return fresh;
+            }
+            if (names[s - 1].name == name) return s - 1;
+        }
+    }
+
+private:
+    void Grow(const std::vector<GroupName>& names) {
+        std::vector<uint32_t> old = std::move(m_slots);
+        m_slots.assign(old.empty() ? 64 : old.size() * 2, 0);
+        m_shift = 64 - std::countr_zero(m_slots.size());
+        const size_t mask = m_slots.size() - 1;
+        for (uint32_t s : old) {
+            if (s == 0) continue;
+            size_t i = Slot(names[s - 1].name);
+            while (m_slots[i] != 0) i = (i + 1) & mask;
+            m_slots[i] = s;
+        }
+    }
+    size_t Slot(std::string_view name) const {
+        return static_cast<size_t>((std::hash<std::string_view>()(name) * m_mix) >> m_shift);
+    }
+    std::vector<uint32_t> m_slots; // 0 empty, else the name's index + 1
+    size_t m_used = 0;
+    uint64_t m_mix;
+    int m_shift = 64;
 };
 
 // One face line as read: the form of its vertices and their raw (unresolved) numbers.
@@ -211,8 +282,16 @@ public:
 
 private:
     bool CountPass();
+    // The limit on lines before the first vertex counts characters, not bytes.
+    bool TooLongBeforeVertices(std::string_view line) {
+        if (line.size() <= kMaxFirstLine) return false;
+        if (m_mode == TEXT_MODE_AUTO && m_textIsUtf8 < 0) m_textIsUtf8 = IsValidUtf8(m_text) ? 1 : 0;
+        return LineChars(line, m_mode == TEXT_MODE_ANSI || m_textIsUtf8 == 0) > kMaxFirstLine;
+    }
     bool FillPass();
     int GroupFor(std::string_view name);
+    // The current group's Group, made when it is first needed.
+    Group& Current();
     void ReadMtl(std::string_view name);
     void CreateMaterials();
     template <int N>
@@ -238,11 +317,13 @@ private:
     CFileIo& m_io;
     CSceneImportOptions& m_options;
 
-    std::vector<Group> m_groups;
-    std::unordered_map<std::string, int> m_groupIndex;
-    int m_current = 0;
+    std::vector<GroupName> m_names;
+    CGroupIndex m_groupIndex;
+    std::vector<Group> m_groups; // only groups with faces
+    int m_current = 0;           // in m_names
     std::vector<MtlRecord> m_mtl;
-    std::vector<std::string> m_mtlRead;
+    std::unordered_set<std::string> m_mtlNames; // "mtllib" names met, as written
+    std::unordered_set<std::string> m_mtlKeys;  // the files they led to (each is read once)
     std::unordered_map<std::string, uint32_t> m_materialByName;
     uint32_t m_material = NO_MATERIAL;
     uint64_t m_pendingNodeId = 0;
@@ -254,6 +335,7 @@ private:
     uint64_t m_readV = 0, m_readT = 0, m_readN = 0;
     bool m_cancelled = false;
     bool m_warned = false;
+    int m_textIsUtf8 = -1; // AUTO mode: whether the whole text is UTF-8, once it matters
     int m_pollIn = kPollEvery;
 
     std::vector<RawVertex> m_raw; // the current face line's vertices
@@ -275,21 +357,30 @@ bool CObjParser::PollNow(const char* at, bool second) {
 }
 
 int CObjParser::GroupFor(std::string_view name) {
-    auto it = m_groupIndex.find(std::string(name));
-    if (it != m_groupIndex.end()) return it->second;
-    const int idx = static_cast<int>(m_groups.size());
-    m_groups.emplace_back();
-    m_groups.back().name = std::string(name);
-    m_groupIndex.emplace(std::string(name), idx);
-    return idx;
+    const uint32_t fresh = static_cast<uint32_t>(m_names.size());
+    const uint32_t idx = m_groupIndex.FindOrAdd(name, fresh, m_names);
+    if (idx == fresh) m_names.push_back({name, -1});
+    return static_cast<int>(idx);
+}
+
+Group& CObjParser::Current() {
+    GroupName& n = m_names[static_cast<size_t>(m_current)];
+    if (n.body < 0) {
+        n.body = static_cast<int32_t>(m_groups.size());
+        m_groups.emplace_back();
+        m_groups.back().name = n.name;
+    }
+    return m_groups[static_cast<size_t>(n.body)];
 }
 
 void CObjParser::ReadMtl(std::string_view name) {
-    for (auto& r : m_mtlRead)
-        if (r == name) return;
-    m_mtlRead.emplace_back(name);
-    std::string bytes;
-    if (!m_loader || !m_loader(name, bytes)) {
+    if (!m_mtlNames.emplace(name).second) return;
+    // Each file once, however it is spelt: another name for a file already read adds
+    // nothing, its materials are there.
+    std::string key, bytes;
+    const bool found = m_loader && m_loader(name, key, nullptr);
+    if (found && !m_mtlKeys.insert(key).second) return;
+    if (!found || !m_loader(name, key, &bytes)) {
         m_options.AddLogInfo(LOG_INFO, CXStringW(L"Material library not found: ") + NameFromBytes(name, m_mode));
         return;
     }
@@ -326,9 +417,11 @@ bool CObjParser::CountPass() {
             m_nt += c.vt;
             m_nn += c.vn;
             m_nf += c.faces;
-            Group& g = m_groups[static_cast<size_t>(m_current)];
-            g.countedFaces += c.faces;
-            g.countedIndices += c.faceTokens;
+            if (c.faces) {
+                Group& g = Current();
+                g.countedFaces += c.faces;
+                g.countedIndices += c.faceTokens;
+            }
             if (m_cancelled) return false;
             if (p >= m_end) break;
         }
@@ -342,16 +435,16 @@ bool CObjParser::CountPass() {
             // Vertex tokens, to reserve the index arrays exactly.
             const char* q;
             const uint64_t tokens = textscan::CountTokensToLineBreak(p + 1, m_end, q);
-            if (m_nv == 0 && static_cast<size_t>(q - ls) > kMaxFirstLine) return false;
+            if (m_nv == 0 && TooLongBeforeVertices(std::string_view(ls, static_cast<size_t>(q - ls)))) return false;
             ++m_nf;
-            Group& g = m_groups[static_cast<size_t>(m_current)];
+            Group& g = Current();
             ++g.countedFaces;
             g.countedIndices += tokens;
             p = q;
         } else {
             p = textscan::FindLineBreak(p, m_end);
             const std::string_view line(ls, static_cast<size_t>(p - ls));
-            if (m_nv == 0 && line.size() > kMaxFirstLine) return false;
+            if (m_nv == 0 && TooLongBeforeVertices(line)) return false;
             switch (c0) {
             case 'v':
                 if (line.size() >= 2) {
@@ -703,7 +796,7 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
 // three indices resolve alike (a - 1, in range when below all three counts).
 template <bool kUv, bool kN, bool kSame>
 bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
-    Group& g = m_groups[static_cast<size_t>(m_current)];
+    Group& g = Current();
     if (cnt == 0 || g.offsets.n == 0 || g.hasUv != kUv || g.hasN != kN || g.pos.n + cnt >= UINT32_MAX) return false;
     // One loop for all channels (its exit is the one unpredictable branch per face). The
     // indices go into the room past the filled part and count only when all are good.
@@ -779,7 +872,7 @@ void CObjParser::EmitFace(FaceForm form) {
     if (form == FaceForm::kNone || m_raw.empty()) return;
     const bool wantUv = form == FaceForm::kPosUv || form == FaceForm::kPosUvN;
     const bool wantN = form == FaceForm::kPosUvN || form == FaceForm::kPosN;
-    Group& g = m_groups[static_cast<size_t>(m_current)];
+    Group& g = Current();
     const size_t cnt = m_raw.size();
     // Offsets are 32-bit: a group never grows past that (only a file of many GB could try).
     if (g.pos.n + cnt >= UINT32_MAX) return;
@@ -856,9 +949,12 @@ void CObjParser::OtherRecord(std::string_view line) {
             m_current = GroupFor(w);
         }
         if (m_hasPendingNodeId) {
-            Group& g = m_groups[static_cast<size_t>(m_current)];
-            g.nodeId = m_pendingNodeId;
-            g.hasNodeId = true;
+            // Only a group with faces becomes a node; the others have no use for the ID.
+            const int32_t body = m_names[static_cast<size_t>(m_current)].body;
+            if (body >= 0) {
+                m_groups[static_cast<size_t>(body)].nodeId = m_pendingNodeId;
+                m_groups[static_cast<size_t>(body)].hasNodeId = true;
+            }
             m_hasPendingNodeId = false;
         }
         break;
@@ -1007,7 +1103,9 @@ bool CObjParser::BuildScene() {
     // The positions' file indices in local order; `other` holds the UVs' only while the
     // normals still need the positions'.
     std::vector<uint32_t> used, other;
-    for (Group& g : m_groups) {
+    for (const GroupName& gn : m_names) { // nodes in the order the groups were first named
+        if (gn.body < 0) continue;
+        Group& g = m_groups[static_cast<size_t>(gn.body)];
         if (g.Faces() == 0) continue;
         for (auto* f : {&g.offsets, &g.pos, &g.materials, &g.uv, &g.nrm}) f->Trim();
         g.uvFlags.Trim();
@@ -1111,27 +1209,6 @@ ObjReadResult CObjParser::Run() {
 }
 
 } // namespace
-
-std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::string& storage) {
-    std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
-    if (textMode != TEXT_MODE_ANSI && text.size() >= 3 && text.substr(0, 3) == "\xEF\xBB\xBF") return text.substr(3);
-    const bool utf16 = text.size() >= 2 && ((uint8_t(text[0]) == 0xFF && uint8_t(text[1]) == 0xFE) ||
-                                            (uint8_t(text[0]) == 0xFE && uint8_t(text[1]) == 0xFF));
-    if (textMode == TEXT_MODE_AUTO && utf16) {
-        IoFile f(true, TEXT_MODE_AUTO);
-        f.OpenMemory(data.data(), data.size());
-        CXStringW line;
-        storage.clear();
-        storage.reserve(data.size() / 2 + 16);
-        while (f.ReadString(line)) {
-            storage += WideToUtf8(line.view());
-            storage += '\n';
-        }
-        f.CloseFile();
-        return storage;
-    }
-    return text;
-}
 
 ObjReadResult ReadObj(std::span<const uint8_t> data, int textMode, const MtlLoader& loadMtl, CFileIo& io,
                       CSceneImportOptions& options, const IoFile* file) {

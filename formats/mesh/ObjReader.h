@@ -20,9 +20,10 @@ namespace meshio {
 // Result of one OBJ read.
 enum class ObjStatus { Ok, NotObj, Cancelled };
 
-// Loads an MTL library named by "mtllib" (the trimmed name as written); fills
-// `bytes` (or `owned`) and returns true, false when it cannot be read.
-using MtlLoader = std::function<bool(std::string_view name, std::string& owned)>;
+// Finds the MTL library named by "mtllib" (the trimmed name as written): sets `key` to a
+// name of the file that is the same however it is spelt, and when `bytes` is given reads
+// the file into it. False when there is no such library or it cannot be read.
+using MtlLoader = std::function<bool(std::string_view name, std::string& key, std::string* bytes)>;
 
 struct ObjReadResult {
     C3DScene* scene = nullptr;
@@ -50,9 +51,5 @@ struct ObjLineCounts {
 using ObjCountPoll = bool (*)(void* ctx, const char* at);
 const char* CountObjLines(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll = nullptr,
                           void* ctx = nullptr, bool portable = false);
-
-// Text of `data` as UTF-8 bytes ready for parsing: a UTF-8 BOM is skipped, UTF-16 (with
-// its BOM, text mode 40 only) is converted through IoFile's decoder into `storage`.
-std::string_view PrepareText(std::span<const uint8_t> data, int textMode, std::string& storage);
 
 } // namespace meshio

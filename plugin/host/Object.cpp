@@ -146,7 +146,9 @@ bool C3DGeomObject::InitGraph(int32_t channelID) {
     const int nf = std::min(m_faces->GetNumberOfFaces(), cf.GetNumberOfFaces());
     // Collect (point, channel point) pairs in corner order, then bucket by point keeping first-seen order.
     std::vector<uint32_t> count(static_cast<size_t>(np) + 1, 0);
+    // A channel face flagged FACE_SKIP has no values (an uncoloured face): it joins nothing.
     for (int f = 0; f < nf; ++f) {
+        if (cf.IsFaceFlagSet(f, FACE_SKIP)) continue;
         int k = std::min(m_faces->GetFaceSize(f), cf.GetFaceSize(f));
         const uint32_t* mi = m_faces->GetFaceIndices(f);
         for (int i = 0; i < k; ++i)
@@ -156,6 +158,7 @@ bool C3DGeomObject::InitGraph(int32_t channelID) {
     std::vector<uint32_t> pts(count.back());
     std::vector<uint32_t> fill(count.begin(), count.end() - 1);
     for (int f = 0; f < nf; ++f) {
+        if (cf.IsFaceFlagSet(f, FACE_SKIP)) continue;
         int k = std::min(m_faces->GetFaceSize(f), cf.GetFaceSize(f));
         const uint32_t* mi = m_faces->GetFaceIndices(f);
         const uint32_t* ci = cf.GetFaceIndices(f);

@@ -84,7 +84,8 @@ public:
     // Transforms points (and normals) in place.
     void Transform(const C4x4Matrix& m);
 
-    // Connection info of a channel: for each mesh point, the channel points its face corners use.
+    // Connection info of a channel: for each mesh point, the channel points its face corners
+    // use. Channel faces flagged FACE_SKIP (no values there) connect nothing.
     bool InitGraph(int32_t channelID);
     // The channel points connected to mesh point `point` in first-seen order (empty when none).
     std::span<const uint32_t> GetChannelConnectionInfo(int point) const;

@@ -190,7 +190,7 @@ TEST(AmapiRead, NotAmapiIsSilentAndAMissingFileIsReported) {
     EXPECT_EQ(io.GetIoErrorLevel(), LOG_ERROR);
 }
 
-TEST(AmapiRead, BadCountsAndIndicesAbandonTheGeometry) {
+TEST(AmapiRead, CountsPastTheDataAbandonTheGeometry) {
     AmapiWriter w;
     w.Shape([](AmapiWriter& s) {
         s.Name("Huge").Sub("geom", [](AmapiWriter& g) {
@@ -199,11 +199,35 @@ TEST(AmapiRead, BadCountsAndIndicesAbandonTheGeometry) {
             g.F32(1).F32(2).F32(3).F32(4);
         });
     });
-    w.Shape([](AmapiWriter& s) { s.Name("Past").Geom(kTri, {{0, 1, 7}}); });
     w.Shape([](AmapiWriter& s) { s.Name("Fine").Geom(kTri, {{0, 1, 2}}); });
     ReadResult r = ReadAmapi(w.Bytes());
     ASSERT_TRUE(r.scene);
     EXPECT_EQ(Names(*r.scene), (std::vector<std::wstring>{L"Fine"}));
+}
+
+// An index past the points is not a short read: the shape stays, only that face goes,
+// and the log says so.
+TEST(AmapiRead, AFaceNamingAMissingPointIsDroppedAndLogged) {
+    const std::vector<float> quad = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0};
+    AmapiWriter w;
+    w.Shape([&](AmapiWriter& s) { s.Name("Past").Geom(quad, {{0, 1, 2}, {0, 2, 7}, {2, 3, 0}, {4, 0, 1, 2}}); });
+    w.Shape([](AmapiWriter& s) { s.Name("AllBad").Geom(kTri, {{0, 1, 3}}); });
+    w.Shape([](AmapiWriter& s) { s.Name("Fine").Geom(kTri, {{0, 1, 2}}); });
+    CFileIo io;
+    CSceneImportOptions opt;
+    CAmapiIo parser(io);
+    std::unique_ptr<C3DScene> scene(parser.ReadMemory(w.Bytes().data(), w.Bytes().size(), opt));
+    ASSERT_TRUE(scene);
+    // A shape left with points and no faces is an open curve: nothing, as for any such shape.
+    EXPECT_EQ(Names(*scene), (std::vector<std::wstring>{L"Past", L"Fine"}));
+    const C3DGeomObject* g = Named(*scene, L"Past")->GetGeomObject();
+    EXPECT_EQ(g->GetPointList()->GetSize(), 4);
+    ASSERT_EQ(g->GetFaceList()->GetNumberOfFaces(), 2);
+    EXPECT_EQ(g->GetFaceList()->GetIndexes(), (std::vector<uint32_t>{0, 1, 2, 2, 3, 0}));
+    ASSERT_EQ(opt.GetLog().size(), 2u);
+    EXPECT_EQ(opt.GetLog()[0].level, LOG_INFO);
+    EXPECT_EQ(opt.GetLog()[0].text, L"Past: 2 face(s) naming a point the shape does not have, left out");
+    EXPECT_EQ(opt.GetLog()[1].text, L"AllBad: 1 face(s) naming a point the shape does not have, left out");
 }
 
 TEST(AmapiRead, DamagedFilesNeverCrashOrHang) {

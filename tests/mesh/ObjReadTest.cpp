@@ -202,6 +202,20 @@ TEST(ObjRead, EmptyAndNotObj) {
     // 1024 characters are fine, and so is a long line after the first vertex.
     auto ok = ReadObjText("#" + std::string(1023, 'x') + "\n" + kQuadV + "#" + std::string(100000, 'y') + "\nf 1 2 3\n");
     EXPECT_TRUE(ok.scene);
+    // The limit counts characters as the text mode decodes them, not bytes.
+    std::string e600, e1025;
+    for (int i = 0; i < 600; ++i) e600 += "\xC3\xA9"; // U+00E9, two bytes in UTF-8
+    for (int i = 0; i < 1025; ++i) e1025 += "\xC3\xA9";
+    const std::string rest = std::string("\n") + kQuadV + "f 1 2 3\n";
+    EXPECT_TRUE(ReadObjText("#" + e600 + rest).scene);                     // auto: UTF-8
+    EXPECT_TRUE(ReadObjText("#" + e600 + rest, "", "m.mtl", 1).scene);     // UTF-8
+    EXPECT_TRUE(ReadObjText("\xEF\xBB\xBF#" + e600 + rest).scene);         // UTF-8 with its mark
+    EXPECT_FALSE(ReadObjText("#" + e1025 + rest).scene);
+    EXPECT_FALSE(ReadObjText("#" + e600 + rest, "", "m.mtl", 2).scene);    // ANSI: 1201 characters
+    EXPECT_FALSE(ReadObjText("#" + e600 + rest + "# \xE9\n").scene);        // auto, not UTF-8: Latin-1
+    std::string four; // a four-byte sequence is one character
+    for (int i = 0; i < 1000; ++i) four += "\xF0\x9F\x98\x80";
+    EXPECT_TRUE(ReadObjText("g " + four + rest).scene);
     // Faces before any vertex: positive indices still reach the positions read later.
     auto early = ReadObjText(std::string("f 1 2 3\n") + kQuadV);
     ASSERT_TRUE(early.scene);

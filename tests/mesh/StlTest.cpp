@@ -127,13 +127,25 @@ TEST(StlRead, HeaderColourMarker) {
     EXPECT_EQ(m->diffuse.b, 0x30);
     EXPECT_FLOAT_EQ(m->transparency, -1.0f / 255.0f); // byte taken as signed
 
-    // Lower-case marker is found too; too close to the end of the header it is ignored.
+    // Lower-case marker is found too.
     auto lower = ReadBytes<CStlIo>(BinaryStl({kT0}, "x color=\x01\x02\x03\x04\x05"), "col2.stl");
     ASSERT_TRUE(lower.scene);
     EXPECT_TRUE(lower.scene->GetMaterialByID(0));
+
+    // Late in the header: the marker counts while its four bytes fit. At 70 they fill the
+    // header to its last byte and the colour is read; the transparency byte would be the
+    // first byte of the count, and is not taken.
     std::string late(70, 'a');
     late += "COLOR=";
-    auto tooLate = ReadBytes<CStlIo>(BinaryStl({kT0}, late), "col3.stl");
+    late += std::string("\x01\x11\x22\x33", 4);
+    auto atEnd = ReadBytes<CStlIo>(BinaryStl({kT0}, late), "col3.stl");
+    ASSERT_TRUE(atEnd.scene);
+    C3DMaterial* lm = atEnd.scene->GetMaterialByID(0);
+    ASSERT_TRUE(lm);
+    EXPECT_EQ(lm->diffuse, CRGBColor(0x11, 0x22, 0x33));
+    EXPECT_EQ(lm->transparency, 0.0f);
+    // One byte later the colour would run past the header: ignored.
+    auto tooLate = ReadBytes<CStlIo>(BinaryStl({kT0}, "a" + late.substr(0, 79)), "col4.stl");
     ASSERT_TRUE(tooLate.scene);
     EXPECT_FALSE(tooLate.scene->GetMaterialByID(0));
 }
@@ -166,21 +178,21 @@ TEST(StlRead, AsciiVariants) {
     FirstMesh(*r.scene, &node);
     EXPECT_EQ(node->GetName(), L"Object");
 
-    // "endsolid name" does not end the count: the second solid's lines are counted but the
-    // read stops at the first line it cannot use, keeping the first facet.
+    // "endsolid name" does not end the count: the second solid's lines are counted, and read
+    // seven at a time like any others, out of step: the facets behind it are read from the
+    // wrong lines (a vertex line without numbers gives zeros), but none is dropped.
     std::string two = std::string(kAscii).substr(0, std::string(kAscii).find("  facet normal 0 0 1\n    outer loop\n      vertex 2"));
     two += "endsolid part\nsolid second\n";
     two += std::string(kAscii).substr(std::string("solid part\n").size());
     auto t = ReadBytes<CStlIo>(two, "two.stl");
     ASSERT_TRUE(t.scene);
-    EXPECT_EQ(FirstMesh(*t.scene)->GetFaceList()->GetNumberOfFaces(), 1);
+    const C3DGeomObject* to = FirstMesh(*t.scene);
+    ASSERT_EQ(to->GetFaceList()->GetNumberOfFaces(), 3);
+    // Facet 2 takes "facet normal", "outer loop" and "vertex 0 0 0" as its vertex lines,
+    // facet 3 "facet normal", "outer loop" and "vertex 2 0 0".
+    for (int i = 3; i < 8; ++i) EXPECT_EQ(to->GetPointList()->GetPoint(i), C3DPoint(0, 0, 0)) << i;
+    EXPECT_EQ(to->GetPointList()->GetPoint(8), C3DPoint(2, 0, 0));
 
-    // A facet with only two numbers on a vertex line ends the read; facets before it stay.
-    std::string shortVertex = kAscii;
-    shortVertex.replace(shortVertex.find("vertex 3 0 0"), 12, "vertex 3 0");
-    auto sv = ReadBytes<CStlIo>(shortVertex, "sv.stl");
-    ASSERT_TRUE(sv.scene);
-    EXPECT_EQ(FirstMesh(*sv.scene)->GetFaceList()->GetNumberOfFaces(), 1);
 
     // Only the first facet line is validated.
     std::string badFirst = kAscii;
@@ -498,4 +510,65 @@ TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
     EXPECT_EQ(last.g, static_cast<uint8_t>((lastI >> 5) * 8));
     EXPECT_EQ(last.b, static_cast<uint8_t>(((0x8000 | lastI) >> 7) & 0x1F8));
     EXPECT_EQ(last.a, 255);
+}
+
+// A vertex line short of numbers is read as scanf reads it (the numbers there are taken,
+// the missing ones stay 0) and the read goes on: no facet after it is lost.
+TEST(StlRead, ShortVertexLinesDoNotEndTheRead) {
+    std::string text = kAscii;
+    text.replace(text.find("vertex 3 0 0"), 12, "vertex 3 7");
+    text.replace(text.find("vertex 2 1 0"), 12, "vertex");
+    text.replace(text.find("vertex 1 0 0"), 12, "vertex 9 x 4");
+    auto r = ReadBytes<CStlIo>(text, "sv.stl");
+    ASSERT_TRUE(r.scene) << r.error;
+    const C3DGeomObject* obj = FirstMesh(*r.scene);
+    ASSERT_EQ(obj->GetFaceList()->GetNumberOfFaces(), 2);
+    ASSERT_EQ(obj->GetPointList()->GetSize(), 6);
+    EXPECT_EQ(obj->GetPointList()->GetPoint(1), C3DPoint(9, 0, 0)); // stops at "x": 4 is not read
+    EXPECT_EQ(obj->GetPointList()->GetPoint(3), C3DPoint(2, 0, 0));
+    EXPECT_EQ(obj->GetPointList()->GetPoint(4), C3DPoint(3, 7, 0));
+    EXPECT_EQ(obj->GetPointList()->GetPoint(5), C3DPoint(0, 0, 0));
+    EXPECT_EQ(FaceOf(*obj->GetFaceList(), 1), (std::vector<uint32_t>{5, 4, 3}));
+    ASSERT_EQ(r.log.size(), 1u);
+    EXPECT_EQ(r.log[0].text, L"3 vertex line(s) with fewer than three numbers; the missing coordinates read as 0");
+
+    // A short line in the middle of many facets: every facet is there.
+    std::string many = "solid m\n";
+    for (int f = 0; f < 100; ++f) {
+        many += "facet normal 0 0 1\nouter loop\n";
+        many += f == 10 ? "vertex 1\n" : "vertex 0 0 " + std::to_string(f) + "\n";
+        many += "vertex 1 0 0\nvertex 0 1 0\nendloop\nendfacet\n";
+    }
+    many += "endsolid m\n";
+    auto m = ReadBytes<CStlIo>(many, "many.stl");
+    ASSERT_TRUE(m.scene);
+    const C3DGeomObject* mo = FirstMesh(*m.scene);
+    ASSERT_EQ(mo->GetFaceList()->GetNumberOfFaces(), 100);
+    EXPECT_EQ(mo->GetPointList()->GetPoint(30), C3DPoint(1, 0, 0));
+    EXPECT_EQ(mo->GetPointList()->GetPoint(297), C3DPoint(0, 0, 99));
+}
+
+// ASCII files saved with a byte order mark: UTF-8, and UTF-16 in either byte order.
+TEST(StlRead, AsciiWithByteOrderMarks) {
+    auto utf16 = [](const std::string& ascii, bool bigEndian) {
+        std::string out = bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+        for (char c : ascii) {
+            if (bigEndian) out.push_back('\0');
+            out.push_back(c);
+            if (!bigEndian) out.push_back('\0');
+        }
+        return out;
+    };
+    const std::string named = std::string(kAscii).replace(6, 4, "p\xC3\xA4rt"); // "solid pärt"
+    const std::vector<std::string> files = {"\xEF\xBB\xBF" + named, utf16("solid p\xE4rt" + std::string(kAscii).substr(10), false),
+                                            utf16("solid p\xE4rt" + std::string(kAscii).substr(10), true)};
+    for (size_t i = 0; i < files.size(); ++i) {
+        auto r = ReadBytes<CStlIo>(files[i], "bom.stl");
+        ASSERT_TRUE(r.scene) << i << " error " << r.error;
+        C3DSceneNode* node = nullptr;
+        const C3DGeomObject* obj = FirstMesh(*r.scene, &node);
+        EXPECT_EQ(node->GetName(), L"p\u00E4rt") << i;
+        ASSERT_EQ(obj->GetFaceList()->GetNumberOfFaces(), 2) << i;
+        EXPECT_EQ(obj->GetPointList()->GetPoint(5), C3DPoint(2, 1, 0)) << i;
+    }
 }

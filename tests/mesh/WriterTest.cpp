@@ -1,6 +1,7 @@
 // Golden files for the OBJ/MTL, PLY and Maya ASCII writers, and OBJ round trips.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 
 #include "formats/mesh/MeshText.h"
@@ -439,4 +440,112 @@ TEST(MeshText, OutTextIndependentOfChunking) {
         }
         ASSERT_TRUE(testsupport::ReadFile(dir / "o.txt") == want) << "chunk " << chunk;
     }
+}
+
+namespace {
+
+// The face records of a PLY file this writer made, walked as a reader would from its header.
+struct PlyFaceRecord {
+    std::vector<uint32_t> idx;
+    std::vector<float> uv;
+    uint8_t rgb[3];
+    uint32_t tex = 0;
+};
+bool ParsePlyFaces(const std::string& ply, std::vector<PlyFaceRecord>& out, std::string& why) {
+    const size_t endHead = ply.find("end_header\n");
+    if (endHead == std::string::npos) { why = "no end_header"; return false; }
+    const std::string head = ply.substr(0, endHead);
+    unsigned nv = 0, nf = 0;
+    std::sscanf(head.c_str() + head.find("element vertex "), "element vertex %u", &nv);
+    std::sscanf(head.c_str() + head.find("element face "), "element face %u", &nf);
+    const bool vcol = head.find("property unsigned char red") < head.find("element face");
+    const bool tex = head.find("texcoord") != std::string::npos;
+    size_t at = endHead + 11 + size_t(nv) * (vcol ? 15 : 12);
+    for (unsigned f = 0; f < nf; ++f) {
+        PlyFaceRecord r;
+        if (at >= ply.size()) { why = "face " + std::to_string(f) + " past the end"; return false; }
+        const uint8_t n = uint8_t(ply[at++]);
+        for (int k = 0; k < n; ++k, at += 4) r.idx.push_back(GetU32(ply, at));
+        std::memcpy(r.rgb, ply.data() + at, 3);
+        at += 3;
+        if (tex) {
+            const uint8_t m = uint8_t(ply[at++]);
+            if (m != 2 * n) { why = "face " + std::to_string(f) + ": " + std::to_string(m) + " texcoords"; return false; }
+            for (int k = 0; k < m; ++k, at += 4) r.uv.push_back(GetF(ply, at));
+            r.tex = GetU32(ply, at);
+            at += 4;
+        }
+        out.push_back(std::move(r));
+    }
+    if (at != ply.size()) { why = "records end at " + std::to_string(at) + " of " + std::to_string(ply.size()); return false; }
+    return true;
+}
+
+} // namespace
+
+// The list counts are bytes: a textured face of 128 or more vertices, and any face of more
+// than 255, is written as several records that each fit, and the file stays readable.
+TEST(PlyWrite, FacesTooLargeForOneRecordAreSplit) {
+    for (const int n : {127, 128, 200, 255, 300, 600}) {
+        for (const bool textured : {true, false}) {
+            C3DScene scene;
+            std::vector<float> xyz, uv;
+            std::vector<uint32_t> ring, uvRing;
+            for (int i = 0; i < n; ++i) {
+                const double a = 6.283185307179586 * i / n;
+                xyz.insert(xyz.end(), {float(std::cos(a)), float(std::sin(a)), 0});
+                uv.insert(uv.end(), {float(i), float(i) + 0.5f});
+                ring.push_back(uint32_t(i));
+                uvRing.push_back(uint32_t(n - 1 - i)); // UV corners differ from the point corners
+            }
+            C3DGeomObject* obj = AddMesh(scene, xyz, {ring, {0, 1, 2}});
+            if (textured) AddUv(obj, uv, {uvRing, {0, 1, 2}});
+            testsupport::TempDir dir;
+            ASSERT_TRUE(SaveScene<CPlyIo>(&scene, dir / "big.ply"));
+            std::vector<PlyFaceRecord> recs;
+            std::string why;
+            ASSERT_TRUE(ParsePlyFaces(testsupport::ReadFile(dir / "big.ply"), recs, why)) << n << " " << why;
+            const size_t limit = textured ? 127 : 255;
+            const size_t pieces = n <= int(limit) ? 1 : (size_t(n) - 2 + limit - 3) / (limit - 2);
+            ASSERT_EQ(recs.size(), pieces + 1) << n << " textured " << textured;
+            EXPECT_EQ(recs.back().idx, (std::vector<uint32_t>{0, 1, 2}));
+            // The pieces fan from the first corner and together cover the polygon once: each
+            // triangle of the polygon's fan is in exactly one piece, with the UV of its corners.
+            std::vector<int> covered(size_t(n), 0);
+            for (size_t p = 0; p < pieces; ++p) {
+                const auto& r = recs[p];
+                ASSERT_LE(r.idx.size(), limit);
+                ASSERT_GE(r.idx.size(), 3u);
+                EXPECT_EQ(r.idx[0], 0u);
+                for (size_t k = 1; k + 1 < r.idx.size(); ++k) {
+                    ASSERT_EQ(r.idx[k + 1], r.idx[k] + 1);
+                    ++covered[r.idx[k]];
+                }
+                for (size_t k = 0; textured && k < r.idx.size(); ++k) {
+                    const uint32_t c = r.idx[k]; // corner c holds UV point n-1-c
+                    EXPECT_EQ(r.uv[2 * k], float(n - 1 - int(c)));
+                    EXPECT_EQ(r.uv[2 * k + 1], -(float(n - 1 - int(c)) + 0.5f));
+                }
+            }
+            for (int c = 1; c + 1 < n; ++c) EXPECT_EQ(covered[size_t(c)], 1) << n << " corner " << c;
+        }
+    }
+}
+
+// A vertex reached only by faces without a colour (colour faces flagged FACE_SKIP, as the
+// STL reader makes them) is white, not the colour those faces' unused indices point at.
+TEST(PlyWrite, VerticesOfUncolouredFacesAreWhite) {
+    C3DScene scene;
+    C3DGeomObject* obj = AddMesh(scene, {0, 0, 0, 1, 0, 0, 0, 1, 0, 5, 5, 5, 6, 5, 5, 5, 6, 5}, {{0, 1, 2}, {3, 4, 5}});
+    auto* vc = new CVCChannel();
+    vc->GetVCPointList()->Add(CRGBColor(200, 10, 10));
+    vc->GetVCFaceList()->AddTriangle(0, 0, 0);
+    vc->GetVCFaceList()->AddTriangle(0, 0, 0, FACE_SKIP);
+    obj->SetGlobalVCChannel(obj->AddChannel(vc));
+    testsupport::TempDir dir;
+    ASSERT_TRUE(SaveScene<CPlyIo>(&scene, dir / "w.ply"));
+    const std::string got = testsupport::ReadFile(dir / "w.ply");
+    const size_t body = got.find("end_header\n") + 11;
+    for (int v = 0; v < 6; ++v)
+        EXPECT_EQ(got.substr(body + size_t(v) * 15 + 12, 3), v < 3 ? "\xC8\x0A\x0A" : "\xFF\xFF\xFF") << v;
 }
