@@ -127,9 +127,13 @@ TEST(Vrml1Fields, MultipleValuesInBothForms) {
     EXPECT_EQ(static_cast<const QvCoordinate3*>(k[2])->point.num(), 0u);
     EXPECT_EQ(static_cast<const QvIndexedFaceSet*>(k[3])->coordIndex.values, (std::vector<int32_t>{0, 1, 2, -1}));
 
-    EXPECT_EQ(Parse("#VRML V1.0 ascii\nIndexedFaceSet { coordIndex [ 0, 1 2 ] }")->messages,
-              ReadError("Expected ',' or ']' but got '2' while reading value 2", 2) +
+    EXPECT_EQ(Parse("#VRML V1.0 ascii\nIndexedFaceSet { coordIndex [ 0, 1 } ] }")->messages,
+              ReadError("Expected ',' or ']' but got '}' while reading value 2", 2) +
                   ReadError("Couldn't read value for field \"coordIndex\"", 2));
+    // Lists written without commas, as many exporters do, read all the same.
+    auto nc = Parse("#VRML V1.0 ascii\nCoordinate3 { point [\n 0 0 0\n 2 0 0\n 0 2 0\n] }\n");
+    ASSERT_TRUE(nc->ok) << nc->messages;
+    EXPECT_EQ(static_cast<const QvCoordinate3*>(nc->contents.nodes[0])->point.num(), 3u);
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nIndexedFaceSet { coordIndex [ 0, x ] }")->messages,
               ReadError("Couldn't read value 1 of field", 2) +
                   ReadError("Couldn't read value for field \"coordIndex\"", 2));

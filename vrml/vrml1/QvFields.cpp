@@ -239,6 +239,11 @@ bool QvMField::read(QvIn& in) {
         }
         if (c == ']') return true;
         if (c != ',') {
+            // Exporters often leave the commas out; a value may follow directly.
+            if (startsValue(c)) {
+                in.putBack(c);
+                continue;
+            }
             in.readError(QvFormat("Expected '%c' or '%c' but got '%c' while reading value %d", ',', ']', c, index));
             return false;
         }
@@ -270,6 +275,12 @@ template class QvMFNumbers<float, 3, QvFieldType::MFColor>;
 template class QvMFNumbers<int32_t, 1, QvFieldType::MFLong>;
 template class QvMFNumbers<int32_t, 1, QvFieldType::MFInt32>;
 template class QvMFNumbers<uint32_t, 1, QvFieldType::MFLong>;
+
+bool QvMField::startsValue(char c) const {
+    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.';
+}
+
+bool QvMFString::startsValue(char c) const { return c == '"' || (static_cast<unsigned char>(c) > ' ' && c != '}' && c != '['); }
 
 bool QvMFString::readValue(QvIn& in) {
     std::string s;

@@ -60,6 +60,8 @@ public:
 protected:
     virtual void clear() = 0;
     virtual bool readValue(QvIn& in) = 0;
+    // Whether `c` can begin a value (a list whose commas were left out goes on).
+    virtual bool startsValue(char c) const;
 };
 
 class QvSFBool : public QvSField {
@@ -197,6 +199,7 @@ public:
 protected:
     void clear() override { values.clear(); }
     bool readValue(QvIn& in) override;
+    bool startsValue(char c) const override;
 };
 
 // A field of the type an unknown node's specification names.
