@@ -12,7 +12,7 @@ mkdir -p "$OUT"
 # Which corpus folders seed which target.
 seeds_for() {
     case $1 in
-        obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo) echo lxo ;;
+        obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo) echo lxo ;; vrml1) echo "wrl1 iv" ;;
         vrml97|vrml97import) echo wrl97 ;; formats) echo "obj stl 3ds lxo wrl97 dxf" ;;
         *) ;;
     esac

@@ -1,7 +1,12 @@
 #pragma once
-// VRML 1.0 parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// VRML 1.0 and Inventor 2.x ascii files. Reading parses the file into a Qv node tree and
+// walks it into the scene (Vrml1Import); writing emits VRML 1.0 text: one Separator per
+// scene node, meshes as Coordinate3 + IndexedFaceSet, curves as IndexedLineSet. The
+// writer's layout is fixed byte for byte, including the curve's Coordinate3 written after
+// its IndexedLineSet.
 #include <cstdint>
+#include <span>
+#include <string>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -12,6 +17,18 @@ class CVrmlIo : public C3DParser {
 public:
     explicit CVrmlIo(CFileIo& io);
     ~CVrmlIo() override;
+
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // Reads file bytes held in memory; `path` (may be empty) is the base of inlined files
+    // and textures.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
+    void SaveDefaultOptions(CSceneExportOptions& options) const override;
+    bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
+
+    // The whole VRML 1.0 text for `scene`.
+    static std::string FormatScene(const C3DScene& scene);
+    // A scene node's name as written after DEF: letters only, "Object" when none are left.
+    static std::string SeparatorName(const CXStringW& name);
 
 private:
     CXStringW m_path;

@@ -1,0 +1,301 @@
+#include "vrml/vrml1/QvIn.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdarg>
+#include <cstdio>
+#include <limits>
+
+#include "plugin/host/NumberFormat.h"
+#include "vrml/vrml1/QvNode.h"
+
+std::string QvFormat(const char* fmt, ...) {
+    std::string s;
+    va_list ap;
+    va_start(ap, fmt);
+    numfmt::AppendFormatV(s, fmt, ap);
+    va_end(ap);
+    return s;
+}
+
+namespace {
+
+// Characters that end a name: white space, the punctuation of the grammar, quotes, comments.
+struct NameTable {
+    bool stop[256];
+    constexpr NameTable() : stop() {
+        for (int c = 0; c <= ' '; ++c) stop[c] = true;
+        stop[127] = true;
+        for (char c : {'{', '}', '[', ']', '(', ')', '|', ',', '"', '#', '\\', '\''}) stop[static_cast<uint8_t>(c)] = true;
+    }
+};
+constexpr NameTable kNames;
+
+constexpr const char* kHeaders[] = {"#VRML V1.0 ascii", "#Inventor V2.1 ascii", "#Inventor V2.0 ascii"};
+
+bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+} // namespace
+
+QvIn::QvIn(std::span<const uint8_t> data) : m_data(data) {
+    m_sink = [](const std::string& s) { std::fputs(s.c_str(), stderr); };
+}
+
+QvIn::~QvIn() {
+    for (auto& [name, node] : m_dict) node->unref();
+}
+
+bool QvIn::get(char& c) {
+    if (m_pos >= m_data.size()) return false;
+    c = static_cast<char>(m_data[m_pos++]);
+    if (c == '\n') ++m_line;
+    return true;
+}
+
+// The whole input is in memory, so pushing back is stepping back.
+void QvIn::putBack(char c) {
+    if (m_pos == 0) return;
+    --m_pos;
+    if (c == '\n') --m_line;
+}
+
+bool QvIn::readHeader() {
+    m_headerRead = true;
+    char c;
+    if (!get(c) || c != '#') {
+        readError("File does not have a valid header string");
+        return false;
+    }
+    std::string line = "#";
+    while (get(c) && c != '\n') line += c;
+    if (c == '\n') putBack(c); // a bad header is reported on its own line
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) line.pop_back();
+    for (const char* h : kHeaders) {
+        if (line == h) {
+            m_version = 1.0f;
+            return true;
+        }
+    }
+    readError("File does not have a valid header string");
+    return false;
+}
+
+bool QvIn::skipWhite(bool commas) {
+    for (;;) {
+        while (m_pos < m_data.size()) {
+            char c = static_cast<char>(m_data[m_pos]);
+            if (c == '\n') ++m_line;
+            else if (!(IsSpace(c) || (commas && c == ','))) break;
+            ++m_pos;
+        }
+        char c;
+        if (!get(c)) return false;
+        if (IsSpace(c) || (commas && c == ',')) continue;
+        if (c == '#') {
+            for (;;) {
+                if (!get(c)) {
+                    readError("EOF reached before end of comment");
+                    return false;
+                }
+                if (c == '\n') break;
+            }
+            continue;
+        }
+        putBack(c);
+        return true;
+    }
+}
+
+bool QvIn::peek(char& c, bool commas) {
+    if (!skipWhite(commas) || !get(c)) return false;
+    putBack(c);
+    return true;
+}
+
+std::string_view QvIn::readName() {
+    m_scratch.clear();
+    if (!skipWhite()) return {};
+    char c;
+    while (get(c)) {
+        if (kNames.stop[static_cast<uint8_t>(c)]) {
+            putBack(c);
+            break;
+        }
+        m_scratch += c;
+    }
+    return m_scratch;
+}
+
+bool QvIn::readString(std::string& out) {
+    out.clear();
+    char c;
+    if (!skipWhite() || !get(c)) return false;
+    if (c != '"') {
+        // A bare word.
+        putBack(c);
+        std::string_view w = readName();
+        if (w.empty()) return false;
+        out.assign(w);
+        return true;
+    }
+    while (get(c)) {
+        if (c == '"') return true;
+        if (c == '\\') {
+            if (!get(c)) return false;
+        }
+        out += c;
+    }
+    return false;
+}
+
+bool QvIn::readNumberToken(std::string_view& tok) {
+    if (!skipWhite()) return false;
+    size_t start = m_pos, end = start;
+    while (end < m_data.size()) {
+        char c = static_cast<char>(m_data[end]);
+        if ((c >= '0' && c <= '9') || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E' || c == 'x' ||
+            c == 'X' || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'))
+            ++end;
+        else
+            break;
+    }
+    if (end == start) return false;
+    tok = std::string_view(reinterpret_cast<const char*>(m_data.data()) + start, end - start);
+    m_pos = end;
+    return true;
+}
+
+bool QvIn::readDouble(double& v) {
+    std::string_view t;
+    size_t save = m_pos;
+    int line = m_line;
+    if (!readNumberToken(t)) return false;
+    const char* b = t.data();
+    const char* e = t.data() + t.size();
+    if (b < e && *b == '+') ++b;
+    auto r = std::from_chars(b, e, v);
+    if (r.ec == std::errc::result_out_of_range) {
+        // Saturate like strtod instead of failing.
+        v = (b < e && *b == '-') ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    } else if (r.ec != std::errc()) {
+        m_pos = save;
+        m_line = line;
+        return false;
+    }
+    // Give back whatever the number did not use (a letter that starts a name, say).
+    m_pos -= static_cast<size_t>(e - r.ptr);
+    return true;
+}
+
+bool QvIn::readFloat(float& v) {
+    double d;
+    if (!readDouble(d)) return false;
+    if (d > std::numeric_limits<float>::max()) v = std::numeric_limits<float>::infinity();
+    else if (d < -std::numeric_limits<float>::max()) v = -std::numeric_limits<float>::infinity();
+    else v = static_cast<float>(d);
+    return true;
+}
+
+namespace {
+// strtol with base 0 semantics; saturates instead of wrapping.
+bool ParseInteger(std::string_view t, int64_t& out, size_t& used) {
+    const char* b = t.data();
+    const char* e = b + t.size();
+    const char* p = b;
+    bool neg = false;
+    if (p < e && (*p == '+' || *p == '-')) neg = *p++ == '-';
+    int base = 10;
+    if (e - p >= 2 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
+        base = 16;
+        p += 2;
+    } else if (e - p >= 2 && p[0] == '0') {
+        base = 8;
+    }
+    uint64_t mag = 0;
+    auto r = std::from_chars(p, e, mag, base);
+    if (r.ptr == p) {
+        if (base == 16) { // "0x" with no digits: the 0 alone
+            mag = 0;
+            r.ptr = p - 1;
+        } else {
+            return false;
+        }
+    } else if (r.ec == std::errc::result_out_of_range) {
+        mag = std::numeric_limits<uint64_t>::max();
+        while (r.ptr < e && ((*r.ptr >= '0' && *r.ptr <= '9') || (base == 16 && std::isxdigit(static_cast<unsigned char>(*r.ptr))))) ++r.ptr;
+    }
+    const uint64_t lim = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+    if (mag > lim) mag = neg ? lim + 1 : lim;
+    out = neg ? static_cast<int64_t>(0 - mag) : static_cast<int64_t>(mag);
+    used = static_cast<size_t>(r.ptr - b);
+    return true;
+}
+} // namespace
+
+bool QvIn::readInt(int32_t& v) {
+    std::string_view t;
+    size_t save = m_pos;
+    int line = m_line;
+    if (!readNumberToken(t)) return false;
+    int64_t x;
+    size_t used;
+    if (!ParseInteger(t, x, used)) {
+        m_pos = save;
+        m_line = line;
+        return false;
+    }
+    m_pos -= t.size() - used;
+    v = static_cast<int32_t>(std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+    return true;
+}
+
+bool QvIn::readUInt(uint32_t& v) {
+    std::string_view t;
+    Mark m = mark();
+    if (!readNumberToken(t)) return false;
+    int64_t x;
+    size_t used;
+    if (!ParseInteger(t, x, used)) {
+        reset(m);
+        return false;
+    }
+    m_pos -= t.size() - used;
+    // Negative values wrap as an unsigned conversion does; large ones saturate.
+    v = x < 0 ? static_cast<uint32_t>(std::max<int64_t>(x, -0xFFFFFFFFll)) : static_cast<uint32_t>(std::min<int64_t>(x, 0xFFFFFFFFll));
+    return true;
+}
+
+void QvIn::addName(const std::string& name, QvNode* node) {
+    node->ref();
+    auto [it, fresh] = m_dict.try_emplace(name, node);
+    if (!fresh) {
+        it->second->unref();
+        it->second = node;
+    }
+}
+
+QvNode* QvIn::findName(const std::string& name) const {
+    auto it = m_dict.find(name);
+    return it == m_dict.end() ? nullptr : it->second;
+}
+
+void QvIn::removeName(const std::string& name, const QvNode* node) {
+    auto it = m_dict.find(name);
+    if (it == m_dict.end() || it->second != node) {
+        debugError("QvNode::removeName",
+                   QvFormat("Name \"%s\" (node %p) is not in dictionary", name.c_str(), static_cast<const void*>(node)));
+        return;
+    }
+    it->second->unref();
+    m_dict.erase(it);
+}
+
+void QvIn::readError(const std::string& message) {
+    m_error = true;
+    m_sink(QvFormat("VRML read error: %s\n%s\n", message.c_str(), QvFormat("\tOccurred at line %3d", m_line).c_str()));
+}
+
+void QvIn::debugError(const char* function, const std::string& message) {
+    m_sink(QvFormat("VRML error in %s(): %s\n", function, message.c_str()));
+}
