@@ -13,7 +13,7 @@ mkdir -p "$OUT"
 seeds_for() {
     case $1 in
         obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo) echo lxo ;;
-        vrml97|vrml97import) echo wrl97 ;; formats) echo "obj stl 3ds lxo wrl97 dxf" ;;
+        vrml97|vrml97import) echo wrl97 ;; collada) echo dae ;; kmz) echo kmz ;; formats) echo "obj stl 3ds lxo wrl97 dxf" ;;
         *) ;;
     esac
 }
