@@ -13,7 +13,9 @@ mkdir -p "$OUT"
 seeds_for() {
     case $1 in
         obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo) echo lxo ;; vrml1) echo "wrl1 iv" ;;
-        vrml97|vrml97import) echo wrl97 ;; formats) echo "obj stl 3ds lxo wrl97 dxf" ;;
+        lwo) echo lwo ;; lws) echo lws ;; cob) echo cob ;; dxf) echo dxf ;;
+        vrml97|vrml97import) echo wrl97 ;; collada) echo dae ;; kmz) echo kmz ;;
+        formats) echo "obj stl 3ds lxo wrl97 dxf lwo cob iv dae" ;;
         *) ;;
     esac
 }

@@ -1,6 +1,243 @@
 #include "formats/kmz/CKmzIo.h"
 
-#include <new>
+#include <clocale>
+#include <filesystem>
+#include <memory>
+
+#include "plugin/host/FileHelpers.h"
+#include "plugin/host/GenericIo.h"
+#include "plugin/host/HostTypes.h"
+#include "plugin/host/IoFile.h"
+#include "plugin/host/SwitchLocale.h"
+#include "plugin/host/Zip.h"
+
+namespace {
+
+// Names from the KML reach the file system only when they stay inside the folder.
+bool IsSafeReference(const CXStringW& s) {
+    return !s.IsEmpty() && s.Find(L"..") < 0 && s.Find(L':') < 0 && s[0] != L'\\' && s[0] != L'/';
+}
+
+// The file name after the last '\' or '/'.
+CXStringW LastPart(const CXStringW& s) {
+    int cut = -1;
+    for (int i = 0; i < s.GetLength(); ++i)
+        if (s[i] == L'\\' || s[i] == L'/') cut = i;
+    return s.Mid(cut + 1);
+}
+
+// The folder part with its trailing separator ("" for a bare name).
+CXStringW FolderPart(const CXStringW& s) {
+    int cut = -1;
+    for (int i = 0; i < s.GetLength(); ++i)
+        if (s[i] == L'\\' || s[i] == L'/') cut = i;
+    return s.Left(cut + 1);
+}
+
+CXStringW EscapeWildcards(const CXStringW& s) {
+    CXStringW out;
+    for (int i = 0; i < s.GetLength(); ++i) {
+        if (s[i] == L'*' || s[i] == L'?') out += L'\\';
+        out += s[i];
+    }
+    return out;
+}
+
+CXStringW OnDisk(CXStringW s) {
+    s.Replace(L'\\', L'/');
+    return s;
+}
+
+CXStringW Join(const CXStringW& folder, const CXStringW& rel) { return folder + L"/" + OnDisk(rel); }
+
+// Maps whose file is not where the model says are looked for by name in the texture
+// paths (where the aliases put them), so that the scene's references resolve.
+void ResolveTextures(C3DScene& scene) {
+    CMaterialPos pos;
+    for (C3DMaterial* m = scene.GetFirstMaterial(pos); m; m = scene.GetNextMaterial(pos)) {
+        for (int i = 0; i < m->GetMaterialMapCount(); ++i) {
+            CMaterialMap* map = m->GetMaterialMapByIndex(i);
+            if (map->GetFileName().IsEmpty() || fileExists(map->GetFileName())) continue;
+            // The KML's names were lower-cased on the way: compare without regard to case.
+            const CXStringW want = LastPart(map->GetFileName());
+            bool done = false;
+            for (const CXStringW& folder : scene.GetTexturePaths()) {
+                std::error_code ec;
+                for (const auto& e : std::filesystem::directory_iterator(PathToUtf8(folder), ec)) {
+                    const CXStringW have(Utf8ToWide(e.path().filename().string()));
+                    if (have.CompareNoCase(want) != 0 || !e.is_regular_file(ec)) continue;
+                    const CXStringW found(Utf8ToWide(e.path().string()));
+                    map->SetFileName(found);
+                    scene.AddRequiredFile(found);
+                    done = true;
+                    break;
+                }
+                if (done) break;
+            }
+        }
+    }
+}
+
+} // namespace
 
 CKmzIo::CKmzIo(CFileIo& io) : C3DParser(io) {}
 CKmzIo::~CKmzIo() {}
+
+C3DScene* CKmzIo::Read(const CXStringW& path, CSceneImportOptions& options) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    IoFile file(IsSilentMode());
+    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+        return nullptr;
+    }
+    CZip zip;
+    if (!zip.OpenMemory(file.GetData(), &options)) {
+        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        return nullptr;
+    }
+    C3DScene* scene = ReadArchive(zip, fileRemoveExtension(fileStripPath(path)), options);
+    zip.Close(false);
+    return scene;
+}
+
+C3DScene* CKmzIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
+    CSwitchLocale locale(LC_NUMERIC, "English");
+    CZip zip;
+    if (!zip.OpenMemory(data, &options)) {
+        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        return nullptr;
+    }
+    return ReadArchive(zip, L"memory", options);
+}
+
+C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOptions& options) {
+    const CXStringW tmp = fileCreateTmpFolder(fileGetTempDirectory(), L"tmpzip-" + name);
+    if (tmp.IsEmpty()) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+        return nullptr;
+    }
+    std::unique_ptr<C3DScene> result;
+    auto finish = [&]() -> C3DScene* {
+        if (result) {
+            result->SetParserData(true, kParserClass, tmp);
+            SetScene(result.get());
+            return result.release();
+        }
+        fileRemoveDirectory(tmp);
+        return nullptr;
+    };
+
+    // doc.kml: absent or not extracted means no scene and no report.
+    const uint32_t kml = zip.FindFile(L"doc.kml", false, false);
+    if (kml == CZip::kNotFound || zip.ExtractFile(kml, tmp, true, nullptr, true) != CZip::EXTRACT_OK) return finish();
+    CXStringW text;
+    {
+        IoFile doc(IsSilentMode(), TEXT_MODE_AUTO);
+        if (!doc.OpenFile(Join(tmp, OnDisk(CXStringW(Utf8ToWide(zip.GetName(kml))))), true)) {
+            // The folder is left in place here, as the reader always has.
+            m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+            return nullptr;
+        }
+        CXStringW line;
+        while (doc.ReadString(line)) text += line;
+    }
+    text.MakeLower();
+
+    // Model references: the text between the '>' before each ".dae" and the '<' after it.
+    std::vector<CXStringW> models;
+    for (int pos = 0;;) {
+        const int dae = text.Find(L".dae", pos);
+        if (dae < 0) break;
+        const int lt = text.Find(L'<', dae);
+        if (lt < 0) break;
+        int gt = -1;
+        for (int i = dae; i >= 0; --i)
+            if (text[i] == L'>') {
+                gt = i;
+                break;
+            }
+        if (gt < 0) break;
+        CXStringW ref = text.Mid(gt + 1, lt - gt - 1);
+        ref.Trim();
+        ref.Replace(L'/', L'\\');
+        models.push_back(ref);
+        pos = lt;
+    }
+    if (models.empty()) {
+        m_fileIo.SetIoError(IO_ERR_EMPTY, &options, LOG_ERROR);
+        return finish();
+    }
+
+    // Aliases; a source or target an alias lacks carries over from the one before.
+    CHashMap<CXStringW, CXStringW> aliases(23);
+    CXStringW source, target;
+    for (int pos = 0;;) {
+        const int open = text.Find(L"<alias>", pos);
+        if (open < 0) break;
+        const int close = text.Find(L"</alias>", open);
+        if (close < 0) break;
+        const int s0 = text.Find(L"<sourcehref>", open), s1 = text.Find(L"</sourcehref>", open);
+        const int t0 = text.Find(L"<targethref>", open), t1 = text.Find(L"</targethref>", open);
+        pos = close;
+        if (s0 >= 0 && s1 >= 0 && s0 < close && s1 < close && s1 >= s0 + 12) source = text.Mid(s0 + 12, s1 - s0 - 12);
+        if (t0 >= 0 && t1 >= 0 && t0 < close && t1 < close && t1 >= t0 + 12) target = text.Mid(t0 + 12, t1 - t0 - 12);
+        if (source.IsEmpty() || target.IsEmpty()) continue;
+        CXStringW s = source, t = target;
+        s.Trim();
+        t.Trim();
+        s.Replace(L'/', L'\\');
+        t.Replace(L'/', L'\\');
+        const CXStringW sName = LastPart(s), tName = LastPart(t);
+        if (!IsSafeReference(sName) || !IsSafeReference(tName) || sName.CompareNoCase(tName) == 0) continue;
+        aliases.SetAt(sName, tName);
+    }
+    for (const auto& [src, dst] : aliases) {
+        CXArray<uint32_t> found;
+        zip.FindMatchingFiles(found, EscapeWildcards(dst), false, true);
+        for (int i = 0; i < found.GetSize(); ++i) {
+            if (zip.ExtractFile(found[i], tmp, false, nullptr, true) != CZip::EXTRACT_OK) continue;
+            const CXStringW extracted = Join(tmp, LastPart(CXStringW(Utf8ToWide(zip.GetName(found[i])))));
+            fileDelete(Join(tmp, src));
+            fileRename(extracted, Join(tmp, src));
+        }
+    }
+
+    bool abandoned = false;
+    for (const CXStringW& ref : models) {
+        if (IsCancelled()) break;
+        if (!IsSafeReference(ref)) continue;
+        CXArray<uint32_t> entries;
+        zip.FindMatchingFiles(entries, EscapeWildcards(OnDisk(FolderPart(ref))) + L"*", true, true);
+        // An entry refused for its name or kind is left out (and logged); one that fails to unpack ends the read.
+        for (int i = 0; i < entries.GetSize() && !abandoned; ++i)
+            abandoned = zip.ExtractFile(entries[i], tmp, true, nullptr, true) == CZip::EXTRACT_FAILED;
+        if (abandoned) break;
+        // The KML's lower-cased name reaches the archive's own spelling of it.
+        const uint32_t entry = zip.FindFile(ref, false, false);
+        const CXStringW modelPath = Join(tmp, entry == CZip::kNotFound ? ref : CXStringW(Utf8ToWide(zip.GetName(entry))));
+        CFileIo io(modelPath);
+        io.SetSilentMode(IsSilentMode());
+        CSceneImportOptions modelOptions;
+        std::unique_ptr<C3DScene> model = C3DIo::ReadScene(modelPath, io, 0, &modelOptions);
+        for (const IoLogInfo& l : modelOptions.GetLog()) options.AddLogInfo(l.level, l.text);
+        if (!model) continue;
+        if (!result) {
+            result = std::make_unique<C3DScene>();
+            result->SetUnit(model->GetUnit());
+            result->SetScaleFactor(model->GetScaleFactor());
+        }
+        result->AddScene(*model);
+        result->AddTexturePath(Join(tmp, FolderPart(ref)));
+    }
+    if (abandoned) return finish();
+    if (IsCancelled()) {
+        result.reset();
+        m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
+    } else if (!result) {
+        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
+    } else {
+        if (aliases.GetCount() > 0) result->AddTexturePath(tmp);
+        ResolveTextures(*result);
+    }
+    return finish();
+}

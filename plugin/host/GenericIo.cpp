@@ -1,5 +1,6 @@
 #include "plugin/host/GenericIo.h"
 
+#include "plugin/host/ColladaIo.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Scene.h"
@@ -15,6 +16,12 @@ bool CFormatEntry::HasExtension(const CXStringW& extension) const {
         start = bar + 1;
     }
     return false;
+}
+
+CParserRegistry::CParserRegistry() {
+    CXArray<CFileExt> list;
+    HostInit3DParser(0, &list);
+    for (int i = 0; i < list.GetSize(); ++i) m_hostFormats.push_back({list[i], &HostInit3DParser});
 }
 
 CParserRegistry& CParserRegistry::Instance() {
@@ -33,14 +40,16 @@ int CParserRegistry::AddModule(Init3DParserFn init) {
 void CParserRegistry::Clear() { m_formats.clear(); }
 
 const CFormatEntry* CParserRegistry::FindByExtension(const CXStringW& extension, bool forReading) const {
-    for (auto& f : m_formats)
-        if (f.HasExtension(extension) && (forReading ? f.CanRead() : f.CanWrite())) return &f;
+    for (const auto* list : {&m_formats, &m_hostFormats})
+        for (auto& f : *list)
+            if (f.HasExtension(extension) && (forReading ? f.CanRead() : f.CanWrite())) return &f;
     return nullptr;
 }
 
 const CFormatEntry* CParserRegistry::FindByTypeID(uint32_t typeID) const {
-    for (auto& f : m_formats)
-        if (f.ext.typeID == typeID) return &f;
+    for (const auto* list : {&m_formats, &m_hostFormats})
+        for (auto& f : *list)
+            if (f.ext.typeID == typeID) return &f;
     return nullptr;
 }
 

@@ -24,6 +24,7 @@ struct CFormatEntry {
 
 class CParserRegistry {
 public:
+    CParserRegistry();
     static CParserRegistry& Instance();
     // Asks the module for its records (action 0) and keeps them; returns how many it added.
     int AddModule(Init3DParserFn init);
@@ -36,6 +37,9 @@ public:
     static C3DParser* CreateParser(const CFormatEntry& entry, CFileIo& io);
 private:
     std::vector<CFormatEntry> m_formats;
+    // Formats the host reads itself (Collada): found by extension and type ID after the
+    // modules' ones, but not listed among them.
+    std::vector<CFormatEntry> m_hostFormats;
 };
 
 class C3DScene;

@@ -1,11 +1,20 @@
 #include "plugin/host/Scene.h"
 
+#include "plugin/host/FileHelpers.h"
+
 #include <algorithm>
 #include <unordered_map>
 
 C3DScene::C3DScene() : m_root(std::make_unique<C3DSceneNode>()) { m_root->SetName(L"Root"); }
 
-C3DScene::~C3DScene() = default;
+C3DScene::~C3DScene() {
+    for (const CXStringW& f : m_ownedFolders) fileRemoveDirectory(f);
+}
+
+void C3DScene::SetParserData(bool own, uint32_t parserClass, const CXStringW& folder) {
+    m_parserData.SetString(parserClass, folder);
+    if (own) m_ownedFolders.push_back(folder);
+}
 
 std::unique_ptr<C3DScene> C3DScene::Clone() const {
     auto s = std::make_unique<C3DScene>();
@@ -67,6 +76,9 @@ void C3DScene::AddScene(C3DScene& other, C3DSceneNode* parent) {
     }
     for (auto& p : other.m_texturePaths) AddTexturePath(p);
     for (auto& p : other.m_requiredFiles) AddRequiredFile(p);
+    // Folders the merged scene owned now live as long as this one.
+    m_ownedFolders.insert(m_ownedFolders.end(), other.m_ownedFolders.begin(), other.m_ownedFolders.end());
+    other.m_ownedFolders.clear();
 }
 
 bool C3DScene::IsNodeInScene(const C3DSceneNode* node) const {

@@ -98,6 +98,10 @@ public:
     int32_t GetAnimationEnd() const { return m_end; }
     CCustomData& GetParserData() { return m_parserData; }
     void SetParserData(const CCustomData& d) { m_parserData = d; }
+    // Parser data that is a folder the scene's files live in (a KMZ's unpacked archive);
+    // with `own` the folder is removed when the scene is destroyed.
+    void SetParserData(bool own, uint32_t parserClass, const CXStringW& folder);
+    const std::vector<CXStringW>& GetOwnedFolders() const { return m_ownedFolders; }
     CCustomData& GetCustomData() { return m_custom; }
 
     // Bytes held by the scene's geometry arrays (points, faces, channels).
@@ -113,4 +117,5 @@ private:
     int m_ticks = 4800;
     int32_t m_start = 0, m_end = 0;
     CCustomData m_parserData, m_custom;
+    std::vector<CXStringW> m_ownedFolders;
 };

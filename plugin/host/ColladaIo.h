@@ -1,0 +1,28 @@
+#pragma once
+// Collada (.dae) documents, read by the host itself (the module offers no Collada
+// record; KMZ packages reach it through C3DIo). Geometry comes from library_geometries
+// (triangles, polylists, polygons with holes as faces of their own, strips and fans;
+// lines and line strips as curves), materials from library_materials/library_effects
+// with their diffuse images, and the node tree from the visual scene with its transform
+// elements, geometry/node/camera/light instances. Every count is checked against the
+// text that holds it; instance chains are cycle-safe and bounded.
+#include <cstdint>
+#include <span>
+
+#include "plugin/host/Parser.h"
+#include "plugin/host/Scene.h"
+#include "plugin/host/XString.h"
+
+// The host's own type ID for Collada ('DAE ').
+constexpr uint32_t COLLADA_TYPE_ID = 0x44414520;
+
+class CColladaIo : public C3DParser {
+public:
+    explicit CColladaIo(CFileIo& io) : C3DParser(io) {}
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // A document held in memory; `path` (may be empty) is the base of image paths.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
+};
+
+// The host's built-in formats, offered like a module's (action 0 lists, action 1 creates).
+bool HostInit3DParser(int action, void* data);
