@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "cli/ExitCodes.h"
 #include "cli/ToolCommands.h"
 #include "formats/lxo/LxoCopy.h"
 #include "formats/lxo/LxoDump.h"
@@ -21,17 +22,6 @@
 #include "plugin/host/XString.h"
 
 namespace {
-
-// The CLI's exit statuses (the same numbers as the main program's).
-enum LxoExit : int {
-    EXIT_USAGE = 2,
-    EXIT_CANNOT_OPEN = 3,
-    EXIT_DAMAGED = 4,
-    EXIT_EMPTY = 5,
-    EXIT_NOTHING = 6,
-    EXIT_NOT_AVAILABLE = 8,
-    EXIT_WRITE = 9,
-};
 
 int Usage() {
     std::fprintf(stderr,
@@ -56,7 +46,7 @@ int ReadFailure(const char* what, const char* path, uint32_t r) {
     else
         std::fprintf(stderr, "orbiscope: cannot %s '%s': the file is damaged or cut short (LXO result 0x%08x).\n",
                      what, path, r);
-    return EXIT_DAMAGED;
+    return EXIT_BAD_FORMAT;
 }
 
 int Dump(int argc, char** argv) {
@@ -77,7 +67,7 @@ int Dump(int argc, char** argv) {
     LxoDump dump(file, out, verbose);
     if (!dump.HasOutput()) {
         std::fprintf(stderr, "orbiscope: cannot create the dump output '%s'.\n", out ? out : "");
-        return EXIT_WRITE;
+        return EXIT_CANNOT_WRITE;
     }
     const uint32_t r = dump.Read();
     dump.Flush();
@@ -98,7 +88,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         LxoUpdater up(src, tmp.c_str());
         if (!up.Writer()) {
             std::fprintf(stderr, "orbiscope: cannot create '%s': its folder is missing or not writable.\n", dst);
-            return EXIT_WRITE;
+            return EXIT_CANNOT_WRITE;
         }
         if (mesh) up.Replacements().SetAt(layerRef, mesh);
         r = up.Read();
@@ -110,7 +100,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         std::filesystem::remove(tmp, ec);
         if (w && (!r || r == LXO_ERR_WRITE)) {
             std::fprintf(stderr, "orbiscope: cannot write '%s': the disk refused the data.\n", dst);
-            return EXIT_WRITE;
+            return EXIT_CANNOT_WRITE;
         }
         return ReadFailure("read", src, r);
     }
@@ -118,13 +108,13 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         std::filesystem::remove(tmp, ec);
         std::fprintf(stderr, "orbiscope: cannot replace a layer of '%s': it has no mesh layer with reference ID %u.\n",
                      src, layerRef);
-        return EXIT_NOTHING;
+        return EXIT_NOTHING_TO_WRITE;
     }
     std::filesystem::rename(tmp, dst, ec);
     if (ec) {
         std::filesystem::remove(tmp, ec);
         std::fprintf(stderr, "orbiscope: cannot write '%s': %s.\n", dst, ec.message().c_str());
-        return EXIT_WRITE;
+        return EXIT_CANNOT_WRITE;
     }
     return 0;
 }
@@ -148,7 +138,7 @@ int Replace(int argc, char** argv) {
                                                : "no reader for its format is available";
         std::fprintf(stderr, "orbiscope: cannot read the mesh file '%s': %s.\n", meshFile, why);
         return e == IO_ERR_OPEN     ? EXIT_CANNOT_OPEN
-               : e == IO_ERR_FORMAT ? EXIT_DAMAGED
+               : e == IO_ERR_FORMAT ? EXIT_BAD_FORMAT
                : e == IO_ERR_EMPTY  ? EXIT_EMPTY
                                     : EXIT_NOT_AVAILABLE;
     }
@@ -163,7 +153,7 @@ int Replace(int argc, char** argv) {
     }
     if (!mesh) {
         std::fprintf(stderr, "orbiscope: cannot replace a layer from '%s': it holds no mesh.\n", meshFile);
-        return EXIT_NOTHING;
+        return EXIT_NOTHING_TO_WRITE;
     }
     LxoLayerMesh layer;
     layer.object = mesh;

@@ -90,11 +90,11 @@ struct Progress {
 
 std::string ResultSentence(int result, const std::string& file, bool reading) {
     switch (result) {
-    case -1: return "cannot open " + file + (reading ? " for reading." : " for writing.");
-    case -3: return file + " is not a file of this format, or it is damaged.";
-    case -8: return "there is nothing in the scene that can be written to " + file + ".";
-    case -10: return file + " holds nothing that can be loaded (empty scene).";
-    case -11: return "cancelled while reading " + file + ".";
+    case IO_ERR_OPEN: return "cannot open " + file + (reading ? " for reading." : " for writing.");
+    case IO_ERR_FORMAT: return file + " is not a file of this format, or it is damaged.";
+    case IO_ERR_NOTHING_TO_WRITE: return "there is nothing in the scene that can be written to " + file + ".";
+    case IO_ERR_EMPTY: return file + " holds nothing that can be loaded (empty scene).";
+    case IO_ERR_CANCELLED: return "cancelled while reading " + file + ".";
     case IO_ERR_NOT_AVAILABLE: return "the format of " + file + " is not available yet.";
     default: return (reading ? "reading " : "writing ") + file + " failed (error " + std::to_string(result) + ").";
     }
@@ -102,11 +102,11 @@ std::string ResultSentence(int result, const std::string& file, bool reading) {
 
 int ResultExitCode(int result) {
     switch (result) {
-    case -1: return EXIT_CANNOT_OPEN;
-    case -3: return EXIT_BAD_FORMAT;
-    case -8: return EXIT_NOTHING_TO_WRITE;
-    case -10: return EXIT_EMPTY;
-    case -11: return EXIT_CANCELLED;
+    case IO_ERR_OPEN: return EXIT_CANNOT_OPEN;
+    case IO_ERR_FORMAT: return EXIT_BAD_FORMAT;
+    case IO_ERR_NOTHING_TO_WRITE: return EXIT_NOTHING_TO_WRITE;
+    case IO_ERR_EMPTY: return EXIT_EMPTY;
+    case IO_ERR_CANCELLED: return EXIT_CANCELLED;
     case IO_ERR_NOT_AVAILABLE: return EXIT_NOT_AVAILABLE;
     default: return EXIT_BAD_FORMAT;
     }
@@ -203,9 +203,9 @@ int ReadScene(const std::string& path, const std::string& fromID, std::unique_pt
         for (auto& l : options.GetLog()) std::fprintf(stderr, "orbiscope: note: %s\n", Narrow(l.text).c_str());
     if (!scene) {
         int r = io.GetIoError();
-        if (r == 0) r = -3;
+        if (r == 0) r = IO_ERR_FORMAT;
         std::string s = ResultSentence(r, path, true);
-        if (!io.GetIoErrorText().IsEmpty() && r != -11) s += " (" + Narrow(io.GetIoErrorText()) + ")";
+        if (!io.GetIoErrorText().IsEmpty() && r != IO_ERR_CANCELLED) s += " (" + Narrow(io.GetIoErrorText()) + ")";
         return Fail(ResultExitCode(r), s);
     }
     return EXIT_OK;
@@ -256,8 +256,8 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
         for (auto& l : options.GetLog()) std::fprintf(stderr, "orbiscope: note: %s\n", Narrow(l.text).c_str());
     if (!ok) {
         int r = io.GetIoError();
-        if (r == 0) r = -1;
-        return Fail(r == -1 ? EXIT_CANNOT_WRITE : ResultExitCode(r), ResultSentence(r, out, false));
+        if (r == 0) r = IO_ERR_OPEN;
+        return Fail(r == IO_ERR_OPEN ? EXIT_CANNOT_WRITE : ResultExitCode(r), ResultSentence(r, out, false));
     }
     for (auto& e : fs::directory_iterator(tmpDir, ec)) {
         fs::path dest = dir / e.path().filename();

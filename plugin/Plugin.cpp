@@ -10,7 +10,8 @@
 namespace {
 constexpr uint32_t PLGP = PROVIDER_PLUGIN;
 constexpr uint32_t UNKN = PROVIDER_NONE;
-constexpr uint32_t kRW = 0x40013, kRO = 0x40011, kWO = 0x40012, kVR97 = 0x40811;
+constexpr uint32_t kRO = FORMAT_EVERY_RECORD | FORMAT_READ, kWO = FORMAT_EVERY_RECORD | FORMAT_WRITE;
+constexpr uint32_t kRW = kRO | kWO, kVR97 = kRO | FORMAT_SHARED_EXTENSION;
 } // namespace
 
 const FormatRow kFormatTable[14] = {

@@ -22,7 +22,8 @@
 
 namespace {
 
-constexpr uint64_t kStlPrepFlags = 0x00000004000C6403ull;
+constexpr uint64_t kStlPrepFlags = PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_FACE_NORMALS | PREP_WORLD_SPACE |
+                                  PREP_MERGE | PREP_TRIANGULATE | PREP_MATERIALS | PREP_MESHES;
 constexpr size_t kHeader = 80;
 constexpr size_t kRecord = 50;
 constexpr int kMaxWord = 1024;
@@ -108,7 +109,7 @@ void CStlIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 }
 
 C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     IoFile file(IsSilentMode());
     if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
         m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
@@ -122,7 +123,7 @@ C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
 }
 
 C3DScene* CStlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     return ReadData(data, options);
 }
 
@@ -498,7 +499,7 @@ uint16_t CStlIo::PackColor(float r, float g, float b) {
 }
 
 bool CStlIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     IoFile file(IsSilentMode());
     if (!file.OpenFile(path, false)) {
         m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);

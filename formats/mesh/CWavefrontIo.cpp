@@ -15,7 +15,8 @@
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
-constexpr uint64_t kObjPrepFlags = 0x0000000400094003ull;
+constexpr uint64_t kObjPrepFlags =
+    PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_KEEP_NORMALS | PREP_WORLD_SPACE | PREP_MATERIALS | PREP_MESHES;
 constexpr uint64_t kObjPrepFlags2 = 0x20000;
 constexpr uint32_t kObjTextOptions = 0x3000000;
 constexpr const char* kObjComment2 = "# https://orbiscope.org\n";
@@ -70,7 +71,7 @@ C3DScene* Report(CWavefrontIo& parser, CFileIo& io, meshio::ObjReadResult res, C
 } // namespace
 
 C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
     IoFile file(IsSilentMode(), mode);
     if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
@@ -99,7 +100,7 @@ C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options
 
 C3DScene* CWavefrontIo::ReadMemory(std::span<const uint8_t> obj, std::span<const uint8_t> mtl,
                                    CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
     meshio::MtlLoader loader = [&](std::string_view, std::string& owned) {
         owned.assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
@@ -109,7 +110,7 @@ C3DScene* CWavefrontIo::ReadMemory(std::span<const uint8_t> obj, std::span<const
 }
 
 bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
     IoFile file(IsSilentMode(), mode);
     if (!file.OpenFile(path, false)) {
