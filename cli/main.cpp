@@ -16,6 +16,7 @@
 #include "cli/Module.h"
 #include "cli/SceneSummary.h"
 #include "cli/ToolCommands.h"
+#include "plugin/FormatTable.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/FileHelpers.h"
@@ -112,7 +113,8 @@ int ResultExitCode(int result) {
     }
 }
 
-// Two records claim ".wrl": the world's header line tells VRML97 from VRML 1.0.
+// Where several records claim the extension (".wrl"), the formats' content probes
+// choose from the file's first bytes.
 const CFormatEntry* PickReader(const std::string& path, const std::string& fromID, std::string& err) {
     auto& reg = CParserRegistry::Instance();
     if (!fromID.empty()) {
@@ -124,18 +126,16 @@ const CFormatEntry* PickReader(const std::string& path, const std::string& fromI
     CXStringW ext = fileGetExtension(Wide(path));
     // "world.wrl.gz": the extension before ".gz" names the format.
     if (ext.CompareNoCase(L".gz") == 0) ext = fileGetExtension(fileRemoveExtension(Wide(path)));
-    if (ext.CompareNoCase(L".wrl") == 0) {
-        char head[16] = {};
-        if (FILE* f = std::fopen(path.c_str(), "rb")) {
-            size_t n = std::fread(head, 1, sizeof head - 1, f);
-            std::fclose(f);
-            head[n] = 0;
-            bool v2 = std::strncmp(head, "#VRML V2.0", 10) == 0 || (static_cast<unsigned char>(head[0]) == 0x1F &&
-                                                                       static_cast<unsigned char>(head[1]) == 0x8B);
-            const CFormatEntry* e = reg.FindByTypeID(v2 ? FourCC("VR97") : FourCC("VRML"));
-            if (e) return e;
-        }
+    uint8_t head[kProbeBytes];
+    size_t n = 0;
+    std::error_code ec;
+    const uint64_t size = fs::file_size(path, ec);
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        n = std::fread(head, 1, sizeof head, f);
+        std::fclose(f);
     }
+    if (const uint32_t id = GuessReader(Narrow(ext), {head, n}, ec ? 0 : size))
+        if (const CFormatEntry* e = reg.FindByTypeID(id)) return e;
     const CFormatEntry* e = reg.FindByExtension(ext, true);
     if (!e) {
         if (reg.FindByExtension(ext, false))
