@@ -17,6 +17,7 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/LargeArray.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 #include "plugin/host/TextScanner.h"
 
@@ -109,22 +110,18 @@ void CStlIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 }
 
 C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    m_file = &file;
-    C3DScene* scene = ReadData(file.GetData(), options);
-    m_file = nullptr;
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        m_file = ctx.File();
+        C3DScene* scene = ReadData(data, ctx.Options());
+        m_file = nullptr;
+        return scene;
+    });
 }
 
 C3DScene* CStlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    return ReadData(data, options);
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadData(bytes, ctx.Options());
+    });
 }
 
 C3DScene* CStlIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options) {

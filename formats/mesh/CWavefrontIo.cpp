@@ -12,6 +12,7 @@
 #include "plugin/host/Cancel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
@@ -71,42 +72,42 @@ C3DScene* Report(CWavefrontIo& parser, CFileIo& io, meshio::ObjReadResult res, C
 } // namespace
 
 C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
-    IoFile file(IsSilentMode(), mode);
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    const CXStringW folder = fileStripName(path);
-    const bool silent = IsSilentMode();
-    meshio::MtlLoader loader = [&](std::string_view name, std::string& owned) {
-        std::wstring w = Utf8ToWide(name);
-        std::replace(w.begin(), w.end(), L'\\', L'/');
-        CXStringW p(w);
-        if (fileIsPathRelative(p)) p = folder + p;
-        if (fileIsDirectory(p)) return false;
-        IoFile mtl(silent, mode);
-        if (!mtl.OpenFile(p, true)) return false;
-        auto d = mtl.GetData();
-        owned.assign(reinterpret_cast<const char*>(d.data()), d.size());
-        mtl.CloseFile();
-        return true;
+    auto read = [&](std::span<const uint8_t> data, CReadContext& ctx) {
+        // Material libraries are looked up beside the OBJ file.
+        const CXStringW folder = fileStripName(ctx.Path());
+        const bool silent = IsSilentMode();
+        meshio::MtlLoader loader = [&](std::string_view name, std::string& owned) {
+            std::wstring w = Utf8ToWide(name);
+            std::replace(w.begin(), w.end(), L'\\', L'/');
+            CXStringW p(w);
+            if (fileIsPathRelative(p)) p = folder + p;
+            if (fileIsDirectory(p)) return false;
+            IoFile mtl(silent, mode);
+            if (!mtl.OpenFile(p, true)) return false;
+            auto d = mtl.GetData();
+            owned.assign(reinterpret_cast<const char*>(d.data()), d.size());
+            mtl.CloseFile();
+            return true;
+        };
+        meshio::ObjReadResult res = meshio::ReadObj(data, mode, loader, m_fileIo, ctx.Options(), ctx.File());
+        ctx.File()->CloseFile();
+        return Report(*this, m_fileIo, res, ctx.Options());
     };
-    meshio::ObjReadResult res = meshio::ReadObj(file.GetData(), mode, loader, m_fileIo, options, &file);
-    file.CloseFile();
-    return Report(*this, m_fileIo, res, options);
+    return ReadThroughFile(*this, path, options, read, mode);
 }
 
 C3DScene* CWavefrontIo::ReadMemory(std::span<const uint8_t> obj, std::span<const uint8_t> mtl,
                                    CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
-    meshio::MtlLoader loader = [&](std::string_view, std::string& owned) {
-        owned.assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
-        return true;
+    auto read = [&](std::span<const uint8_t> data, CReadContext& ctx) {
+        meshio::MtlLoader loader = [&](std::string_view, std::string& owned) {
+            owned.assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
+            return true;
+        };
+        return Report(*this, m_fileIo, meshio::ReadObj(data, mode, loader, m_fileIo, ctx.Options()), ctx.Options());
     };
-    return Report(*this, m_fileIo, meshio::ReadObj(obj, mode, loader, m_fileIo, options), options);
+    return ReadThroughMemory(*this, obj, options, read, mode);
 }
 
 bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
