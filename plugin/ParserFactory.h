@@ -13,7 +13,8 @@ class CSceneImportOptions;
 C3DParser* CreateParserForType(uint32_t typeID, CFileIo& io, bool& known);
 
 // Reads `data` with the reader of `typeID`, as its Read would read a file of those bytes
-// (no file system; a reader that needs more files sees none). The outcome is recorded in
+// (no file system; a reader that needs more files sees none), after the parser's
+// LoadDefaultOptions as the host calls it. The outcome is recorded in
 // `io`; null for a failure, an unknown ID or a format that is only written.
 C3DScene* ReadFormatFromMemory(uint32_t typeID, CFileIo& io, std::span<const uint8_t> data,
                                CSceneImportOptions& options);
