@@ -4,6 +4,8 @@
 
 #include <string_view>
 
+#include "plugin/host/XString.h"
+
 namespace {
 std::string_view Text(std::span<const uint8_t> head) {
     return {reinterpret_cast<const char*>(head.data()), head.size()};
@@ -20,10 +22,7 @@ std::string_view SkipSpace(std::string_view s) {
 }
 
 bool StartsWithNoCase(std::string_view s, std::string_view word) {
-    if (s.size() < word.size()) return false;
-    for (size_t i = 0; i < word.size(); ++i)
-        if ((s[i] | 0x20) != word[i]) return false;
-    return true;
+    return s.size() >= word.size() && CXStringA(s.substr(0, word.size())).CompareNoCase(word) == 0;
 }
 
 // IFF container: "FORM", a size, then the form type.

@@ -3,6 +3,7 @@
 
 #include "plugin/FormatList.h"
 #include "plugin/host/Parser.h"
+#include "plugin/host/XString.h"
 
 #define ORBISCOPE_ROW(cls, id, desc, exts, flags, probe) {desc, exts, FourCC(id), flags, probe},
 const FormatRow kFormatTable[14] = {ORBISCOPE_FORMATS(ORBISCOPE_ROW)};
@@ -16,11 +17,7 @@ bool FormatRow::ClaimsExtension(std::string_view ext) const {
     while (!list.empty()) {
         const size_t bar = list.find('|');
         const std::string_view one = list.substr(0, bar);
-        if (one.size() == ext.size()) {
-            size_t i = 0;
-            while (i < one.size() && one[i] == ((ext[i] >= 'A' && ext[i] <= 'Z') ? char(ext[i] | 0x20) : ext[i])) ++i;
-            if (i == one.size()) return true;
-        }
+        if (CXStringA(one).CompareNoCase(ext) == 0) return true;
         list = bar == std::string_view::npos ? std::string_view() : list.substr(bar + 1);
     }
     return false;

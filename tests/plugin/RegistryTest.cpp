@@ -81,6 +81,8 @@ TEST(FormatRegistry, WrlHeaderLinePicksTheVrmlVersion) {
     // One claimant: the extension decides whatever the bytes say.
     EXPECT_EQ(Guess(".wrz", "#VRML V1.0 ascii\n"), FourCC("VR97"));
     EXPECT_EQ(Guess(".3ds", "not a 3ds file"), FourCC("3DST"));
+    EXPECT_EQ(Guess(".lw", "LWSC\n"), FourCC("LIGT")); // whole extensions, not prefixes
+    EXPECT_EQ(Guess(".LWS", ""), FourCC("LIGS"));
     EXPECT_EQ(Guess(".ply", "ply\n"), 0u); // only written
     EXPECT_EQ(Guess(".nope", "solid x\n"), 0u);
 }
