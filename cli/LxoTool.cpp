@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "cli/ExitCodes.h"
 #include "cli/Signals.h"
 #include "cli/ToolCommands.h"
 #include "formats/lxo/LxoCopy.h"
@@ -23,17 +24,6 @@
 #include "plugin/host/XString.h"
 
 namespace {
-
-// The CLI's exit statuses (the same numbers as the main program's).
-enum LxoExit : int {
-    EXIT_USAGE = 2,
-    EXIT_CANNOT_OPEN = 3,
-    EXIT_DAMAGED = 4,
-    EXIT_EMPTY = 5,
-    EXIT_NOTHING = 6,
-    EXIT_NOT_AVAILABLE = 8,
-    EXIT_WRITE = 9,
-};
 
 int Usage() {
     std::fprintf(stderr,
@@ -58,7 +48,7 @@ int ReadFailure(const char* what, const char* path, uint32_t r) {
     else
         std::fprintf(stderr, "orbiscope: cannot %s '%s': the file is damaged or cut short (LXO result 0x%08x).\n",
                      what, path, r);
-    return EXIT_DAMAGED;
+    return EXIT_BAD_FORMAT;
 }
 
 int Dump(int argc, char** argv) {
@@ -79,7 +69,7 @@ int Dump(int argc, char** argv) {
     LxoDump dump(file, out, verbose);
     if (!dump.HasOutput()) {
         std::fprintf(stderr, "orbiscope: cannot create the dump output '%s'.\n", out ? out : "");
-        return EXIT_WRITE;
+        return EXIT_CANNOT_WRITE;
     }
     const uint32_t r = dump.Read();
     dump.Flush();
@@ -101,7 +91,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
     const CXStringW tmpW = fileCreateTmpName(folder, L".orbiscope-lxo-", L".lxo");
     if (tmpW.IsEmpty()) {
         std::fprintf(stderr, "orbiscope: cannot create '%s': %s.\n", dst, std::strerror(errno));
-        return EXIT_WRITE;
+        return EXIT_CANNOT_WRITE;
     }
     struct Cleanup {
         CXStringW p;
@@ -114,7 +104,7 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
         LxoUpdater up(src, tmp.c_str());
         if (!up.Writer()) {
             std::fprintf(stderr, "orbiscope: cannot create '%s': its folder is missing or not writable.\n", dst);
-            return EXIT_WRITE;
+            return EXIT_CANNOT_WRITE;
         }
         if (mesh) up.Replacements().SetAt(layerRef, mesh);
         r = up.Read();
@@ -124,19 +114,19 @@ int Update(const char* src, const char* dst, uint32_t layerRef, const LxoLayerMe
     if (r || w) {
         if (w && (!r || r == LXO_ERR_WRITE)) {
             std::fprintf(stderr, "orbiscope: cannot write '%s': the disk refused the data.\n", dst);
-            return EXIT_WRITE;
+            return EXIT_CANNOT_WRITE;
         }
         return ReadFailure("read", src, r);
     }
     if (mesh && replaced == 0) {
         std::fprintf(stderr, "orbiscope: cannot replace a layer of '%s': it has no mesh layer with reference ID %u.\n",
                      src, layerRef);
-        return EXIT_NOTHING;
+        return EXIT_NOTHING_TO_WRITE;
     }
     CommitSection commit;
     if (!fileRename(tmpW, dstW)) {
         std::fprintf(stderr, "orbiscope: cannot write '%s': %s.\n", dst, std::strerror(errno));
-        return EXIT_WRITE;
+        return EXIT_CANNOT_WRITE;
     }
     return 0;
 }
@@ -160,7 +150,7 @@ int Replace(int argc, char** argv) {
                                                : "no reader for its format is available";
         std::fprintf(stderr, "orbiscope: cannot read the mesh file '%s': %s.\n", meshFile, why);
         return e == IO_ERR_OPEN     ? EXIT_CANNOT_OPEN
-               : e == IO_ERR_FORMAT ? EXIT_DAMAGED
+               : e == IO_ERR_FORMAT ? EXIT_BAD_FORMAT
                : e == IO_ERR_EMPTY  ? EXIT_EMPTY
                                     : EXIT_NOT_AVAILABLE;
     }
@@ -175,7 +165,7 @@ int Replace(int argc, char** argv) {
     }
     if (!mesh) {
         std::fprintf(stderr, "orbiscope: cannot replace a layer from '%s': it holds no mesh.\n", meshFile);
-        return EXIT_NOTHING;
+        return EXIT_NOTHING_TO_WRITE;
     }
     LxoLayerMesh layer;
     layer.object = mesh;

@@ -17,6 +17,7 @@
 #include "cli/SceneSummary.h"
 #include "cli/Signals.h"
 #include "cli/ToolCommands.h"
+#include "plugin/FormatTable.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/FileHelpers.h"
@@ -87,11 +88,11 @@ struct Progress {
 
 std::string ResultSentence(int result, const std::string& file, bool reading) {
     switch (result) {
-    case -1: return "cannot open " + file + (reading ? " for reading." : " for writing.");
-    case -3: return file + " is not a file of this format, or it is damaged.";
-    case -8: return "there is nothing in the scene that can be written to " + file + ".";
-    case -10: return file + " holds nothing that can be loaded (empty scene).";
-    case -11: return "cancelled while reading " + file + ".";
+    case IO_ERR_OPEN: return "cannot open " + file + (reading ? " for reading." : " for writing.");
+    case IO_ERR_FORMAT: return file + " is not a file of this format, or it is damaged.";
+    case IO_ERR_NOTHING_TO_WRITE: return "there is nothing in the scene that can be written to " + file + ".";
+    case IO_ERR_EMPTY: return file + " holds nothing that can be loaded (empty scene).";
+    case IO_ERR_CANCELLED: return "cancelled while reading " + file + ".";
     case IO_ERR_NOT_AVAILABLE: return "the format of " + file + " is not available yet.";
     default: return (reading ? "reading " : "writing ") + file + " failed (error " + std::to_string(result) + ").";
     }
@@ -99,17 +100,18 @@ std::string ResultSentence(int result, const std::string& file, bool reading) {
 
 int ResultExitCode(int result) {
     switch (result) {
-    case -1: return EXIT_CANNOT_OPEN;
-    case -3: return EXIT_BAD_FORMAT;
-    case -8: return EXIT_NOTHING_TO_WRITE;
-    case -10: return EXIT_EMPTY;
-    case -11: return EXIT_CANCELLED;
+    case IO_ERR_OPEN: return EXIT_CANNOT_OPEN;
+    case IO_ERR_FORMAT: return EXIT_BAD_FORMAT;
+    case IO_ERR_NOTHING_TO_WRITE: return EXIT_NOTHING_TO_WRITE;
+    case IO_ERR_EMPTY: return EXIT_EMPTY;
+    case IO_ERR_CANCELLED: return EXIT_CANCELLED;
     case IO_ERR_NOT_AVAILABLE: return EXIT_NOT_AVAILABLE;
     default: return EXIT_BAD_FORMAT;
     }
 }
 
-// Two records claim ".wrl": the world's header line tells VRML97 from VRML 1.0.
+// Where several records claim the extension (".wrl"), the formats' content probes
+// choose from the file's first bytes.
 const CFormatEntry* PickReader(const std::string& path, const std::string& fromID, std::string& err) {
     auto& reg = CParserRegistry::Instance();
     if (!fromID.empty()) {
@@ -121,18 +123,16 @@ const CFormatEntry* PickReader(const std::string& path, const std::string& fromI
     CXStringW ext = fileGetExtension(Wide(path));
     // "world.wrl.gz": the extension before ".gz" names the format.
     if (ext.CompareNoCase(L".gz") == 0) ext = fileGetExtension(fileRemoveExtension(Wide(path)));
-    if (ext.CompareNoCase(L".wrl") == 0) {
-        char head[16] = {};
-        if (FILE* f = std::fopen(path.c_str(), "rb")) {
-            size_t n = std::fread(head, 1, sizeof head - 1, f);
-            std::fclose(f);
-            head[n] = 0;
-            bool v2 = std::strncmp(head, "#VRML V2.0", 10) == 0 || (static_cast<unsigned char>(head[0]) == 0x1F &&
-                                                                       static_cast<unsigned char>(head[1]) == 0x8B);
-            const CFormatEntry* e = reg.FindByTypeID(v2 ? FourCC("VR97") : FourCC("VRML"));
-            if (e) return e;
-        }
+    uint8_t head[kProbeBytes];
+    size_t n = 0;
+    std::error_code ec;
+    const uint64_t size = fs::file_size(path, ec);
+    if (FILE* f = std::fopen(path.c_str(), "rb")) {
+        n = std::fread(head, 1, sizeof head, f);
+        std::fclose(f);
     }
+    if (const uint32_t id = GuessReader(Narrow(ext), {head, n}, ec ? 0 : size))
+        if (const CFormatEntry* e = reg.FindByTypeID(id)) return e;
     const CFormatEntry* e = reg.FindByExtension(ext, true);
     if (!e) {
         if (reg.FindByExtension(ext, false))
@@ -200,9 +200,9 @@ int ReadScene(const std::string& path, const std::string& fromID, std::unique_pt
         for (auto& l : options.GetLog()) std::fprintf(stderr, "orbiscope: note: %s\n", Narrow(l.text).c_str());
     if (!scene) {
         int r = io.GetIoError();
-        if (r == 0) r = -3;
+        if (r == 0) r = IO_ERR_FORMAT;
         std::string s = ResultSentence(r, path, true);
-        if (!io.GetIoErrorText().IsEmpty() && r != -11) s += " (" + Narrow(io.GetIoErrorText()) + ")";
+        if (!io.GetIoErrorText().IsEmpty() && r != IO_ERR_CANCELLED) s += " (" + Narrow(io.GetIoErrorText()) + ")";
         return Fail(ResultExitCode(r), s);
     }
     return EXIT_OK;
@@ -261,9 +261,9 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
         for (auto& l : options.GetLog()) std::fprintf(stderr, "orbiscope: note: %s\n", Narrow(l.text).c_str());
     if (!ok) {
         int r = io.GetIoError();
-        if (r == 0) r = -1;
-        if (r == -1 && failure.error) return Fail(EXIT_CANNOT_WRITE, WriteFailureSentence(failure, out));
-        return Fail(r == -1 ? EXIT_CANNOT_WRITE : ResultExitCode(r), ResultSentence(r, out, false));
+        if (r == 0) r = IO_ERR_OPEN;
+        if (r == IO_ERR_OPEN && failure.error) return Fail(EXIT_CANNOT_WRITE, WriteFailureSentence(failure, out));
+        return Fail(r == IO_ERR_OPEN ? EXIT_CANNOT_WRITE : ResultExitCode(r), ResultSentence(r, out, false));
     }
     // A Ctrl-C during the write: the writers do not poll, so the finished file is dropped here.
     if (g_cancel.load()) return Fail(EXIT_CANCELLED, "cancelled while writing " + out + ".");

@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CSceneImportOptions opt;
     C3DStudioIo parser(io);
     parser.SetReadShapes(size > 0 && (data[size - 1] & 1));
-    std::unique_ptr<C3DScene> scene(parser.ReadMemory(data, size, opt));
+    std::unique_ptr<C3DScene> scene(parser.ReadMemory({data, size}, opt));
     if (scene) {
         // Walk what was built, as a writer would.
         C3DNodePos pos = scene->GetFirstNode();

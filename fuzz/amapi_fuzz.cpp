@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CFileIo io;
     CSceneImportOptions opt;
     CAmapiIo parser(io);
-    std::unique_ptr<C3DScene> scene(parser.ReadMemory(data, size, opt));
+    std::unique_ptr<C3DScene> scene(parser.ReadMemory({data, size}, opt));
     if (scene) scene->GetNodeCount();
     return 0;
 }

@@ -8,29 +8,6 @@
 #define ORBISCOPE_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
-constexpr uint32_t PLGP = PROVIDER_PLUGIN;
-constexpr uint32_t UNKN = PROVIDER_NONE;
-constexpr uint32_t kRW = 0x40013, kRO = 0x40011, kWO = 0x40012, kVR97 = 0x40811;
-} // namespace
-
-const FormatRow kFormatTable[14] = {
-    {"3D Studio files", ".3ds", FourCC("3DST"), kRW, PLGP, PLGP},
-    {"Lightwave Object files", ".lwo|.lwb|.lw|.lwm", FourCC("LIGT"), kRW, PLGP, PLGP},
-    {"Lightwave Scene files", ".lws", FourCC("LIGS"), kRO, PLGP, UNKN},
-    {"Amapi files", ".a3d", FourCC("AMAP"), kRO, PLGP, UNKN},
-    {"Maya ASCII files", ".ma", FourCC("MYAS"), kWO, UNKN, PLGP},
-    {"Dxf 14 files", ".dxf", FourCC("DXF4"), kRW, PLGP, PLGP},
-    {"Wavefront files", ".obj", FourCC("WAVF"), kRW, PLGP, PLGP},
-    {"Truespace files", ".cob|.scn", FourCC("TRUE"), kRW, PLGP, PLGP},
-    {"VRML files", ".wrl|.iv", FourCC("VRML"), kRW, PLGP, PLGP},
-    {"VRML97 files", ".wrl|.wrl97|.wrz|.vrml", FourCC("VR97"), kVR97, PLGP, UNKN},
-    {"STL files", ".stl", FourCC("STL "), kRW, PLGP, PLGP},
-    {"PLY files", ".ply", FourCC("PLYY"), kWO, UNKN, PLGP},
-    {"KMZ files", ".kmz", FourCC("KMZI"), kRO, PLGP, UNKN},
-    {"Luxology Modo files", ".lxo", FourCC("LXOI"), kRW, PLGP, PLGP},
-};
-
-namespace {
 CXStringW Widen(const char* s) {
     CXStringW w;
     for (; *s; ++s) w += static_cast<wchar_t>(static_cast<unsigned char>(*s));
@@ -45,8 +22,8 @@ void AppendFormats(CXArray<CFileExt>& list) {
         rec.extensions = Widen(row.extensions);
         rec.typeID = row.typeID;
         rec.flags = row.flags;
-        rec.readProvider = row.readProvider;
-        rec.writeProvider = row.writeProvider;
+        rec.readProvider = row.ReadProvider();
+        rec.writeProvider = row.WriteProvider();
         list.Add(rec);
     }
 }

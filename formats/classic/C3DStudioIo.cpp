@@ -13,6 +13,7 @@
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Keys.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
@@ -79,23 +80,15 @@ void C3DStudioIo::ResetReadState() {
 }
 
 C3DScene* C3DStudioIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (!file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    return ReadFile(file, options);
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t>, CReadContext& ctx) {
+        return ReadFile(*ctx.File(), ctx.Options());
+    });
 }
 
-C3DScene* C3DStudioIo::ReadMemory(const void* data, size_t size, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (!file.OpenMemory(data, size)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    return ReadFile(file, options);
+C3DScene* C3DStudioIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t>, CReadContext& ctx) {
+        return ReadFile(*ctx.File(), ctx.Options());
+    });
 }
 
 C3DScene* C3DStudioIo::ReadFile(IoFile& file, CSceneImportOptions& options) {

@@ -6,6 +6,7 @@
 // Materials are found by name, so they must come before the objects using them.
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,10 @@ public:
     bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
 
     // Reads a file image held in memory; same outcome and reporting as Read.
-    C3DScene* ReadMemory(const void* data, size_t size, CSceneImportOptions& options);
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
+    C3DScene* ReadMemory(const void* data, size_t size, CSceneImportOptions& options) {
+        return ReadMemory({static_cast<const uint8_t*>(data), data ? size : 0}, options);
+    }
     // Project-file shapes (0x5000) are skipped unless switched on; nothing in the module does.
     void SetReadShapes(bool on) { m_readShapes = on; }
 

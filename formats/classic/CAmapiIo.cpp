@@ -7,6 +7,7 @@
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
@@ -99,23 +100,15 @@ CAmapiIo::CAmapiIo(CFileIo& io) : C3DParser(io) {}
 CAmapiIo::~CAmapiIo() {}
 
 C3DScene* CAmapiIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (!file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    return ReadFile(file, options);
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t>, CReadContext& ctx) {
+        return ReadFile(*ctx.File(), ctx.Options());
+    });
 }
 
-C3DScene* CAmapiIo::ReadMemory(const void* data, size_t size, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (!file.OpenMemory(data, size)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    return ReadFile(file, options);
+C3DScene* CAmapiIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t>, CReadContext& ctx) {
+        return ReadFile(*ctx.File(), ctx.Options());
+    });
 }
 
 C3DScene* CAmapiIo::ReadFile(IoFile& file, CSceneImportOptions& options) {

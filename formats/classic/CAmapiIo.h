@@ -5,6 +5,7 @@
 // closed by an "eof " marker, which also ends the shape around it).
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "plugin/host/BinaryCursor.h"
@@ -20,7 +21,10 @@ public:
 
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
     // Reads a file image held in memory; same outcome and reporting as Read.
-    C3DScene* ReadMemory(const void* data, size_t size, CSceneImportOptions& options);
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
+    C3DScene* ReadMemory(const void* data, size_t size, CSceneImportOptions& options) {
+        return ReadMemory({static_cast<const uint8_t*>(data), data ? size : 0}, options);
+    }
 
     // Deepest nesting of "grup" and "ctrl" shapes that is read; deeper ones are skipped.
     static constexpr int kMaxDepth = 64;

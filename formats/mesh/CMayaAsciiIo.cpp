@@ -8,7 +8,8 @@
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
-constexpr uint64_t kMayaPrepFlags = 0x0000000400084031ull;
+constexpr uint64_t kMayaPrepFlags =
+    PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_WORLD_SPACE | PREP_CURVE_POLYLINES | PREP_CURVES | PREP_MESHES;
 constexpr uint32_t kMayaIndentUnit = 4;
 constexpr int kEdgesPerLine = 10;
 
@@ -32,7 +33,7 @@ void CMayaAsciiIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 void CMayaAsciiIo::Line(meshio::COutText& out) { out.Tabs(m_state); }
 
 bool CMayaAsciiIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     IoFile file(IsSilentMode(), TEXT_MODE_ANSI);
     if (!file.OpenFile(path, false)) {
         m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);

@@ -14,7 +14,8 @@
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
-constexpr uint64_t kPlyPrepFlags = 0x00000004000E6003ull;
+constexpr uint64_t kPlyPrepFlags = PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_FACE_NORMALS | PREP_KEEP_VERTEX_COLORS |
+                                  PREP_WORLD_SPACE | PREP_MERGE | PREP_MATERIALS | PREP_MESHES;
 constexpr uint32_t kPlyProfile = 68;
 // The list counts are single bytes: a face holds at most 255 vertices, and a textured
 // face at most 127 (its texcoord list has two entries per vertex).
@@ -53,7 +54,7 @@ void CPlyIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 }
 
 bool CPlyIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     CPlyBuffer buf;
     IoFile file(IsSilentMode());
     if (!file.OpenFile(path, false)) {

@@ -17,12 +17,14 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/LargeArray.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 #include "plugin/host/TextScanner.h"
 
 namespace {
 
-constexpr uint64_t kStlPrepFlags = 0x00000004000C6403ull;
+constexpr uint64_t kStlPrepFlags = PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_FACE_NORMALS | PREP_WORLD_SPACE |
+                                  PREP_MERGE | PREP_TRIANGULATE | PREP_MATERIALS | PREP_MESHES;
 constexpr size_t kHeader = 80;
 constexpr size_t kRecord = 50;
 constexpr int kMaxWord = 1024;
@@ -116,22 +118,18 @@ void CStlIo::SaveDefaultOptions(CSceneExportOptions& options) const {
 }
 
 C3DScene* CStlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    m_file = &file;
-    C3DScene* scene = ReadData(file.GetData(), options);
-    m_file = nullptr;
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        m_file = ctx.File();
+        C3DScene* scene = ReadData(data, ctx.Options());
+        m_file = nullptr;
+        return scene;
+    });
 }
 
 C3DScene* CStlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
-    return ReadData(data, options);
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadData(bytes, ctx.Options());
+    });
 }
 
 C3DScene* CStlIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options) {
@@ -528,7 +526,7 @@ uint16_t CStlIo::PackColor(float r, float g, float b) {
 }
 
 bool CStlIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     IoFile file(IsSilentMode());
     if (!file.OpenFile(path, false)) {
         m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);

@@ -13,10 +13,12 @@
 #include "plugin/host/Cancel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 
 namespace {
-constexpr uint64_t kObjPrepFlags = 0x0000000400094003ull;
+constexpr uint64_t kObjPrepFlags =
+    PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_KEEP_NORMALS | PREP_WORLD_SPACE | PREP_MATERIALS | PREP_MESHES;
 constexpr uint64_t kObjPrepFlags2 = 0x20000;
 constexpr uint32_t kObjTextOptions = 0x3000000;
 constexpr const char* kObjComment2 = "# https://orbiscope.org\n";
@@ -71,53 +73,53 @@ C3DScene* Report(CWavefrontIo& parser, CFileIo& io, meshio::ObjReadResult res, C
 } // namespace
 
 C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
-    IoFile file(IsSilentMode(), mode);
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    const CXStringW folder = fileStripName(path);
-    const bool silent = IsSilentMode();
-    meshio::MtlLoader loader = [&](std::string_view name, std::string& key, std::string* bytes) {
-        std::wstring w = Utf8ToWide(name);
-        std::replace(w.begin(), w.end(), L'\\', L'/');
-        CXStringW p(w);
-        if (fileIsPathRelative(p)) p = folder + p;
-        // The canonical path: "./m.mtl", ".//m.mtl", "sub/../m.mtl" and links are one file.
-        std::error_code ec;
-        const std::filesystem::path canonical = std::filesystem::canonical(std::filesystem::path(PathToUtf8(p)), ec);
-        if (ec || std::filesystem::is_directory(canonical, ec)) return false;
-        key = canonical.string();
-        if (!bytes) return true;
-        IoFile mtl(silent, mode);
-        if (!mtl.OpenFile(key, true)) return false;
-        auto d = mtl.GetData();
-        bytes->assign(reinterpret_cast<const char*>(d.data()), d.size());
-        mtl.CloseFile();
-        return true;
+    auto read = [&](std::span<const uint8_t> data, CReadContext& ctx) {
+        // Material libraries are looked up beside the OBJ file.
+        const CXStringW folder = fileStripName(ctx.Path());
+        const bool silent = IsSilentMode();
+        meshio::MtlLoader loader = [&](std::string_view name, std::string& key, std::string* bytes) {
+            std::wstring w = Utf8ToWide(name);
+            std::replace(w.begin(), w.end(), L'\\', L'/');
+            CXStringW p(w);
+            if (fileIsPathRelative(p)) p = folder + p;
+            // The canonical path: "./m.mtl", ".//m.mtl", "sub/../m.mtl" and links are one file.
+            std::error_code ec;
+            const std::filesystem::path canonical = std::filesystem::canonical(std::filesystem::path(PathToUtf8(p)), ec);
+            if (ec || std::filesystem::is_directory(canonical, ec)) return false;
+            key = canonical.string();
+            if (!bytes) return true;
+            IoFile mtl(silent, mode);
+            if (!mtl.OpenFile(key, true)) return false;
+            auto d = mtl.GetData();
+            bytes->assign(reinterpret_cast<const char*>(d.data()), d.size());
+            mtl.CloseFile();
+            return true;
+        };
+        meshio::ObjReadResult res = meshio::ReadObj(data, mode, loader, m_fileIo, ctx.Options(), ctx.File());
+        ctx.File()->CloseFile();
+        return Report(*this, m_fileIo, res, ctx.Options());
     };
-    meshio::ObjReadResult res = meshio::ReadObj(file.GetData(), mode, loader, m_fileIo, options, &file);
-    file.CloseFile();
-    return Report(*this, m_fileIo, res, options);
+    return ReadThroughFile(*this, path, options, read, mode);
 }
 
 C3DScene* CWavefrontIo::ReadMemory(std::span<const uint8_t> obj, std::span<const uint8_t> mtl,
                                    CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
-    // One library in memory, whatever name the file gives it.
-    meshio::MtlLoader loader = [&](std::string_view, std::string& key, std::string* bytes) {
-        key.clear();
-        if (bytes) bytes->assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
-        return true;
+    auto read = [&](std::span<const uint8_t> data, CReadContext& ctx) {
+        // One library in memory, whatever name the file gives it.
+        meshio::MtlLoader loader = [&](std::string_view, std::string& key, std::string* bytes) {
+            key.clear();
+            if (bytes) bytes->assign(reinterpret_cast<const char*>(mtl.data()), mtl.size());
+            return true;
+        };
+        return Report(*this, m_fileIo, meshio::ReadObj(data, mode, loader, m_fileIo, ctx.Options()), ctx.Options());
     };
-    return Report(*this, m_fileIo, meshio::ReadObj(obj, mode, loader, m_fileIo, options), options);
+    return ReadThroughMemory(*this, obj, options, read, mode);
 }
 
 bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    CSwitchLocale locale(LC_NUMERIC, "English");
     const int mode = TextModeFor(options.GetParserOptions().GetUInt(kWvenKey, 0));
     IoFile file(IsSilentMode(), mode);
     if (!file.OpenFile(path, false)) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "plugin/host/HostTypes.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Parser.h"
 #include "plugin/host/XArray.h"
@@ -16,8 +17,8 @@ using Init3DParserFn = bool (*)(int action, void* data);
 struct CFormatEntry {
     CFileExt ext;
     Init3DParserFn init = nullptr;
-    bool CanRead() const { return (ext.flags & 1u) && ext.readProvider == PROVIDER_PLUGIN; }
-    bool CanWrite() const { return (ext.flags & 2u) && ext.writeProvider == PROVIDER_PLUGIN; }
+    bool CanRead() const { return (ext.flags & FORMAT_READ) && ext.readProvider == PROVIDER_PLUGIN; }
+    bool CanWrite() const { return (ext.flags & FORMAT_WRITE) && ext.writeProvider == PROVIDER_PLUGIN; }
     // True when `extension` (with its dot, any case) is one of the record's.
     bool HasExtension(const CXStringW& extension) const;
 };

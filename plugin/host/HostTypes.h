@@ -127,6 +127,17 @@ enum _UNIT_MODE : int {
     UNIT_MILE = 9,
 };
 
+// Capability word of a file type record (CFileExt::flags). 0x10 and 0x40000 are marks
+// the host gives its own meaning; every record of this module carries both.
+enum FORMAT_FLAGS : uint32_t {
+    FORMAT_READ = 0x1,               // set exactly when the read provider is PLGP
+    FORMAT_WRITE = 0x2,              // set exactly when the write provider is PLGP
+    FORMAT_MARK_LOW = 0x10,          // host mark, on every record
+    FORMAT_SHARED_EXTENSION = 0x800, // only on VRML97, which shares ".wrl" with "VRML files"
+    FORMAT_MARK_HIGH = 0x40000,      // host mark, on every record
+    FORMAT_EVERY_RECORD = FORMAT_MARK_LOW | FORMAT_MARK_HIGH,
+};
+
 // Read/save results and log levels.
 enum IO_FILE_RESULT : int {
     IO_OK = 0,

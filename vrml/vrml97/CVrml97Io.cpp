@@ -9,6 +9,7 @@
 #include <exception>
 
 #include "plugin/host/FileHelpers.h"
+#include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
 #include "vrml/vrml97/VrmlNodeKinds.h"
 #include "vrml/vrml97/VrmlNodes.h"
@@ -54,15 +55,16 @@ std::mutex& CVrml97Io::ReadLock() {
 
 C3DScene* CVrml97Io::Read(const CXStringW& path, CSceneImportOptions& options) {
     std::lock_guard<std::mutex> guard(ReadLock());
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    try {
-        return ReadLocked(path, options);
-    } catch (const std::exception&) {
-        // Out of memory or a file system failure: nothing half-built is handed out.
-        ReleaseState();
-        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
-        return nullptr;
-    }
+    // Path-aware: gzip detection and Inline URLs need the file's name, not only its bytes.
+    return ReadThroughPath(*this, path, options, [this](std::span<const uint8_t>, CReadContext& ctx) {
+        try {
+            return ReadLocked(ctx.Path(), ctx.Options());
+        } catch (...) {
+            // Out of memory or a file system failure: nothing half-built is handed out.
+            ReleaseState();
+            throw;
+        }
+    });
 }
 
 C3DScene* CVrml97Io::ReadLocked(const CXStringW& path, CSceneImportOptions& options) {
