@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "cli/ExitCodes.h"
 #include "cli/ToolCommands.h"
+#include "plugin/host/MiniZip.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeKinds.h"
@@ -25,11 +27,19 @@ int Usage() {
     return EXIT_USAGE;
 }
 
-// Loads the world (gzip worlds are inflated in memory first).
+// Loads the world. A gzip world is inflated in memory first, within the limit
+// the import puts on its temporary file (relative to the compressed size).
 bool LoadWorld(VrmlScene& scene, const char* path) {
-    if (!VrmlIsGzipFile(path)) return scene.load(path);
+    CXStringW wide(Utf8ToWide(path));
+    if (!CMiniZip::IsGZipFile(wide)) return scene.load(path);
+    std::error_code ec;
+    uint64_t size = std::filesystem::file_size(path, ec);
     std::string text;
-    if (!VrmlGunzipFile(path, text)) return false;
+    if (ec || !CMiniZip::InflateGZip(wide, text, CMiniZip::InflateLimit(size))) {
+        std::fprintf(stderr, "orbiscope: '%s' is a damaged gzip file or inflates past %llu bytes.\n", path,
+                     static_cast<unsigned long long>(CMiniZip::InflateLimit(ec ? 0 : size)));
+        return false;
+    }
     auto ns = std::make_shared<VrmlNamespace>();
     auto doc = std::make_unique<Doc>(path);
     VrmlMFNode* nodes = VrmlScene::readString(text.data(), text.size(), ns.get(), doc.get());
