@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <cstdlib>
 #include <string>
+#include <sys/wait.h>
 
 #include "plugin/host/MiniZip.h"
 #include "tests/support/TestSupport.h"
@@ -73,4 +75,20 @@ TEST(VrmlGzipInput, TheLimitScalesWithTheCompressedSize) {
     EXPECT_EQ(CMiniZip::InflateLimit(uint64_t{10} << 20), uint64_t{2000} << 20);
     EXPECT_EQ(CMiniZip::InflateLimit(uint64_t{100} << 20), uint64_t{4} << 30);
     EXPECT_EQ(CMiniZip::InflateLimit(UINT64_MAX), uint64_t{4} << 30);
+}
+
+TEST(VrmlGzipInput, TheCheckCommandRefusesACutOffWorld) {
+    auto cli = testsupport::BinaryDir() / "bin" / "orbiscope";
+    if (!std::filesystem::exists(cli)) GTEST_SKIP() << "orbiscope not built";
+    testsupport::TempDir dir;
+    const std::string gz = Gzip("#VRML V2.0 utf8\nShape { geometry Box {} }\n" + std::string(4000, '#') + "\n");
+    testsupport::WriteFile(dir / "whole.wrl.gz", gz);
+    testsupport::WriteFile(dir / "cut.wrl.gz", gz.substr(0, gz.size() - 8)); // no trailer: no checksum
+    auto run = [&](const char* name) {
+        std::string cmd = "'" + cli.string() + "' vrml97 check '" + (dir / name).string() + "' >/dev/null 2>&1";
+        int status = std::system(cmd.c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    EXPECT_EQ(run("whole.wrl.gz"), 0);
+    EXPECT_EQ(run("cut.wrl.gz"), 4);
 }

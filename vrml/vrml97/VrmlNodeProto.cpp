@@ -16,8 +16,8 @@ namespace {
 // of clones one load may make, however the PROTOs nest or repeat.
 int g_instantiateDepth = 0;
 constexpr int kMaxInstantiateDepth = kVrmlMaxProtoNesting;
-// About 450 bytes a clone: a million is some 450 MB, reached in seconds.
-constexpr size_t kMaxClones = 1000000;
+// About 450 bytes a clone: half a million is some 225 MB, made in a second or two.
+constexpr size_t kMaxClones = 500000;
 bool g_budgetReported = false;
 } // namespace
 
