@@ -323,7 +323,13 @@ void VrmlParser::parseIS() {
     }
     if (frame.type && std::strcmp(frame.type->getName(), "Script") == 0) {
         if (frame.node && frame.fieldType == VrmlField::SFNODE) {
-            VrmlSFNode v(currentScope()->findNode(iname.c_str()));
+            VrmlNode* target = currentScope()->findNode(iname.c_str());
+            if (target && onNodeStack(target)) {
+                // The Script (or a node around it) would hold itself: a cycle no release frees.
+                errorAt(nameLine, "IS statement (%s) names a node inside its own definition", iname.c_str());
+                target = nullptr;
+            }
+            VrmlSFNode v(target);
             frame.node->setField(frame.fieldName.c_str(), v);
         }
         return;
