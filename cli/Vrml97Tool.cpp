@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "cli/ExitCodes.h"
 #include "cli/ToolCommands.h"
+#include "plugin/host/MiniZip.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeKinds.h"
@@ -25,18 +27,28 @@ int Usage() {
     return EXIT_USAGE;
 }
 
-// Loads the world (gzip worlds are inflated in memory first).
-bool LoadWorld(VrmlScene& scene, const char* path) {
-    if (!VrmlIsGzipFile(path)) return scene.load(path);
+enum class Loaded { World, Nothing, BadGzip };
+
+// Loads the world. A gzip world is inflated in memory first, within the limit
+// the import puts on its temporary file (relative to the compressed size).
+Loaded LoadWorld(VrmlScene& scene, const char* path) {
+    CXStringW wide(Utf8ToWide(path));
+    if (!CMiniZip::IsGZipFile(wide)) return scene.load(path) ? Loaded::World : Loaded::Nothing;
+    std::error_code ec;
+    uint64_t size = std::filesystem::file_size(path, ec);
     std::string text;
-    if (!VrmlGunzipFile(path, text)) return false;
+    if (ec || !CMiniZip::InflateGZip(wide, text, CMiniZip::InflateLimit(size))) {
+        std::fprintf(stderr, "orbiscope: cannot read '%s': it is a damaged gzip file or inflates past %llu bytes.\n",
+                     path, static_cast<unsigned long long>(CMiniZip::InflateLimit(ec ? 0 : size)));
+        return Loaded::BadGzip;
+    }
     auto ns = std::make_shared<VrmlNamespace>();
     auto doc = std::make_unique<Doc>(path);
     VrmlMFNode* nodes = VrmlScene::readString(text.data(), text.size(), ns.get(), doc.get());
-    if (!nodes) return false;
+    if (!nodes) return Loaded::Nothing;
     scene.replaceWorld(*nodes, ns, doc.release(), nullptr);
     delete nodes;
-    return true;
+    return Loaded::World;
 }
 
 } // namespace
@@ -54,9 +66,10 @@ int RunVrml97Command(int argc, char** argv) {
     std::fclose(f);
 
     VrmlScene scene;
-    bool loaded = LoadWorld(scene, path);
+    Loaded loaded = LoadWorld(scene, path);
+    if (loaded == Loaded::BadGzip) return EXIT_BAD_FORMAT;
     std::map<std::string, size_t> counts;
-    size_t total = loaded ? VrmlCountNodes(scene.root()->children(), counts) : 0;
+    size_t total = loaded == Loaded::World ? VrmlCountNodes(scene.root()->children(), counts) : 0;
     if (total == 0) {
         std::fprintf(stderr, "orbiscope: cannot read '%s': it holds no VRML97 nodes.\n", path);
         return EXIT_BAD_FORMAT;

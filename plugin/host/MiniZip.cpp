@@ -4,7 +4,9 @@
 // leaves a partial target behind.
 #include "plugin/host/MiniZip.h"
 
+#include <algorithm>
 #include <unistd.h>
+#include <vector>
 #include <zlib.h>
 
 #include "plugin/host/FileHelpers.h"
@@ -18,7 +20,11 @@ bool CMiniZip::IsGZipFile(const CXStringW& path) {
 }
 
 namespace {
-bool Inflate(std::span<const uint8_t> in, IoFile& out, uint64_t maxBytes) {
+// Hands every inflated block to sink(data, size), which returns false to stop.
+// Fails on damaged or truncated input, when the sink stops, and when the output
+// would go past maxBytes.
+template <class Sink>
+bool Inflate(std::span<const uint8_t> in, uint64_t maxBytes, Sink&& sink) {
     if (in.size() < 2 || in[0] != 0x1F || in[1] != 0x8B) return false;
     z_stream zs{};
     if (inflateInit2(&zs, 16 + MAX_WBITS) != Z_OK) return false;
@@ -38,7 +44,7 @@ bool Inflate(std::span<const uint8_t> in, IoFile& out, uint64_t maxBytes) {
         pos += used;
         size_t produced = buf.size() - zs.avail_out;
         total += produced;
-        if (total > maxBytes || (produced && !out.FileWrite(buf.data(), produced))) {
+        if (total > maxBytes || (produced && !sink(buf.data(), produced))) {
             ok = false;
             break;
         }
@@ -68,8 +74,39 @@ bool CMiniZip::ExtractGZip(const CXStringW& path, const CXStringW& target, uint6
     if (!in.OpenFile(path, true)) return false;
     IoFile out(true);
     if (!out.OpenFile(target, false)) return false;
-    bool ok = Inflate(in.GetData(), out, maxBytes);
+    bool ok = Inflate(in.GetData(), maxBytes, [&out](const uint8_t* p, size_t n) { return out.FileWrite(p, n); });
     ok = out.CloseFile() && ok;
     if (!ok) fileDelete(target);
     return ok;
+}
+
+bool CMiniZip::InflateGZip(const CXStringW& path, std::string& out, uint64_t maxBytes) {
+    out.clear();
+    IoFile in(true);
+    if (!in.OpenFile(path, true)) return false;
+    // First pass: the size only. A bomb stops at the limit having stored nothing.
+    uint64_t total = 0;
+    if (!Inflate(in.GetData(), maxBytes, [&total](const uint8_t*, size_t n) {
+            total += n;
+            return true;
+        }))
+        return false;
+    if (total > out.max_size()) return false;
+    out.reserve(static_cast<size_t>(total));
+    bool ok = Inflate(in.GetData(), total, [&out](const uint8_t* p, size_t n) {
+        out.append(reinterpret_cast<const char*>(p), n);
+        return true;
+    });
+    if (!ok || out.size() != total) {
+        out.clear();
+        out.shrink_to_fit();
+        return false;
+    }
+    return true;
+}
+
+uint64_t CMiniZip::InflateLimit(uint64_t compressedBytes) {
+    constexpr uint64_t kMin = 256ull << 20, kMax = 4ull << 30, kRatio = 200;
+    uint64_t scaled = compressedBytes > kMax / kRatio ? kMax : compressedBytes * kRatio;
+    return std::clamp(scaled, kMin, kMax);
 }

@@ -1,6 +1,7 @@
 #pragma once
 // gzip access on zlib (CMiniZip) with an output size limit.
 #include <cstdint>
+#include <string>
 
 #include "plugin/host/XString.h"
 
@@ -11,4 +12,12 @@ public:
     // Inflates `path` into `target`; fails (and removes `target`) on damaged input or when the
     // output would exceed `maxBytes`.
     static bool ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes = 2ull << 30);
+    // Inflates `path` into memory. Fails, leaving `out` empty, on damaged or truncated input and
+    // when the output would exceed `maxBytes` (a cut-off output is never a success). The size
+    // is measured before anything is stored, so memory never goes beyond the inflated size and a
+    // file that inflates past the limit costs no memory at all.
+    static bool InflateGZip(const CXStringW& path, std::string& out, uint64_t maxBytes);
+    // What a gzip file of `compressedBytes` may inflate to: 200 times its size, at least
+    // 256 MiB, at most 4 GiB (deflate's best ratio is about 1000:1, real files stay far below).
+    static uint64_t InflateLimit(uint64_t compressedBytes);
 };

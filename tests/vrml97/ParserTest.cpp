@@ -71,13 +71,48 @@ TEST(VrmlParser, CoordIndexGetsItsClosingMinusOne) {
 }
 
 TEST(VrmlParser, IntegersReadTheStrtolWayWithOctal) {
-    auto p = ParseVrml("Switch { whichChoice 010 } Switch { whichChoice 0x1F } Switch { whichChoice -12 }"
-                       "Switch { whichChoice 99999999999 }");
-    ASSERT_EQ(p.size(), 4u);
+    auto p = ParseVrml("Switch { whichChoice 010 } Switch { whichChoice 0x1F } Switch { whichChoice -12 }");
+    ASSERT_EQ(p.size(), 3u);
     EXPECT_EQ(p[0]->asSwitch()->d_whichChoice.get(), 8);
     EXPECT_EQ(p[1]->asSwitch()->d_whichChoice.get(), 31);
     EXPECT_EQ(p[2]->asSwitch()->d_whichChoice.get(), -12);
-    EXPECT_EQ(p[3]->asSwitch()->d_whichChoice.get(), static_cast<int32_t>(99999999999LL));
+}
+
+TEST(VrmlParser, IntegersBeyond32BitsSaturateInsteadOfWrapping) {
+    const std::pair<const char*, int32_t> cases[] = {
+        {"2147483647", 2147483647},   {"2147483648", 2147483647},    {"4294967295", 2147483647},
+        {"4294967296", 2147483647},   {"99999999999", 2147483647},   {"0xFFFFFFFF", 2147483647},
+        {"037777777777", 2147483647}, {"-2147483648", INT32_MIN},    {"-2147483649", INT32_MIN},
+        {"-4294967297", INT32_MIN},   {"123456789012345678901234567890", 2147483647}};
+    for (const auto& [text, want] : cases) {
+        auto p = ParseVrml(std::string("Switch { whichChoice ") + text + " } IndexedFaceSet { colorIndex [ 1 " + text + " ] }");
+        ASSERT_EQ(p.size(), 2u) << text;
+        EXPECT_EQ(p[0]->asSwitch()->d_whichChoice.get(), want) << text;
+        EXPECT_EQ(Ints(p[1]->asIFaceSet()->d_colorIndex), (std::vector<int32_t>{1, want})) << text;
+    }
+    // An image pixel saturates before its low byte is taken: 2^32 gives FF, not 00.
+    auto q = ParseVrml("PixelTexture { image 3 1 1 4294967296 0x1FF00000000 -4294967296 }");
+    ASSERT_EQ(q.size(), 1u);
+    const VrmlSFImage& img = q[0]->asPixelTexture()->d_image;
+    ASSERT_EQ(img.width(), 3);
+    EXPECT_EQ(img.pixels()[0], 0xFF);
+    EXPECT_EQ(img.pixels()[1], 0xFF);
+    EXPECT_EQ(img.pixels()[2], 0x00); // -2^31: low byte 00
+}
+
+TEST(VrmlParser, AnEmptyImageOfNoComponentsIsValid) {
+    // PixelTexture's own default, written out: no complaint, an empty image.
+    auto p = ParseVrml("PixelTexture { image 0 0 0 } PixelTexture { image 1 1 1 7 }");
+    EXPECT_EQ(p.diagnostics, "");
+    ASSERT_EQ(p.size(), 2u);
+    const VrmlSFImage& img = p[0]->asPixelTexture()->d_image;
+    EXPECT_EQ(img.width(), 0);
+    EXPECT_EQ(img.height(), 0);
+    EXPECT_EQ(img.componentCount(), 0);
+    EXPECT_EQ(p[1]->asPixelTexture()->d_image.pixels()[0], 7);
+    // A count beyond four components is still refused.
+    auto q = ParseVrml("PixelTexture { image 1 1 5 7 }");
+    EXPECT_NE(q.diagnostics.find("invalid SFImage size"), std::string::npos);
 }
 
 TEST(VrmlParser, ImagePixelsKeepOnlyTheLowByte) {
@@ -180,11 +215,17 @@ TEST(VrmlParser, UseOfANodeStillBeingReadIsRefused) {
     EXPECT_FALSE(p[0]->asGroup()->d_children.contains(p[0]));
 }
 
-TEST(VrmlParser, SyntaxErrorKeepsWhatWasRead) {
+TEST(VrmlParser, SyntaxErrorKeepsTheNodesCompletedBeforeIt) {
+    // The node the error cuts short is dropped whole, with its enclosing nodes.
     auto p = ParseVrml("Box {} Sphere { radius 2 ] Cone {}");
     EXPECT_NE(p.diagnostics.find("Error near line 1: parse error\n"), std::string::npos);
-    ASSERT_EQ(p.size(), 2u);
-    EXPECT_TRUE(p[1]->asSphere());
+    ASSERT_EQ(p.size(), 1u);
+    EXPECT_TRUE(p[0]->asBox());
+    auto n = ParseVrml("Group {} DEF T Transform { translation 1 2 3 children [ Shape { geometry Box {} } Group { ] } ] }");
+    ASSERT_EQ(n.size(), 1u);
+    EXPECT_TRUE(n[0]->asGroup());
+    auto e = ParseVrml("Transform { children [ Shape { geometry Box {} } ]");
+    EXPECT_EQ(e.size(), 0u); // cut short by the end of the input
     auto q = ParseVrml("Box {}\n\n} Cone {}");
     EXPECT_NE(q.diagnostics.find("Error near line 3: parse error"), std::string::npos);
     EXPECT_EQ(q.size(), 1u);
@@ -196,7 +237,7 @@ TEST(VrmlParser, DeepNestingStopsWithStackOverflow) {
     for (int i = 0; i < depth; ++i) text += "Group { children [ ";
     auto p = ParseVrml(text);
     EXPECT_NE(p.diagnostics.find("parser stack overflow"), std::string::npos);
-    EXPECT_EQ(p.size(), 1u);
+    EXPECT_EQ(p.size(), 0u); // no node was completed
     std::string protos;
     for (int i = 0; i < 5000; ++i) protos += "PROTO P [] { ";
     auto q = ParseVrml(protos);
@@ -215,7 +256,8 @@ TEST(VrmlParser, UnterminatedInputEndsQuietly) {
 TEST(VrmlParser, HostileBytesDoNotCrash) {
     std::string junk("Group { children [ \0\xff\xfe Box { size \x80 1 2 } ] }", 45);
     auto p = ParseVrml(junk);
-    EXPECT_EQ(p.size(), 1u);
+    EXPECT_NE(p.diagnostics.find("parse error"), std::string::npos);
+    EXPECT_EQ(p.size(), 0u); // the Group the bytes broke is dropped
     auto q = ParseVrml(std::string("\xef\xbb\xbf\x01\x02 Box {}"));
     EXPECT_LE(q.size(), 1u);
 }
@@ -277,4 +319,23 @@ TEST(VrmlParser, ScriptInterfaceIsPerInstance) {
     EXPECT_EQ(p[1]->asScript()->hasField("speed"), 0);
     std::string msg = CaptureDiagnostics([&] { s->setField("speed", VrmlSFBool(true)); });
     EXPECT_EQ(msg, "Invalid type (SFBool) for speed field of Script node.\n");
+}
+
+TEST(VrmlParser, ErrorsGiveTheLineOfTheOffendingName) {
+    // Each name is followed by blank lines, so the next token is further down.
+    auto unknown = ParseVrml("Group {}\nFoo\n\n\n{ }");
+    EXPECT_NE(unknown.diagnostics.find("Error near line 2: Unknown node type 'Foo'"), std::string::npos)
+        << unknown.diagnostics;
+    auto is = ParseVrml("Sphere {\nradius IS rr\n\n\n}");
+    EXPECT_NE(is.diagnostics.find("Error near line 2: IS statement (rr) must be in a PROTO or Script."),
+              std::string::npos)
+        << is.diagnostics;
+    auto source = ParseVrml("ROUTE\nA.x\n\nTO B.y\n\nGroup {}");
+    EXPECT_NE(source.diagnostics.find("Error near line 2: invalid source node name \"A\" in ROUTE statement."),
+              std::string::npos)
+        << source.diagnostics;
+    auto dest = ParseVrml("DEF A Group {}\nROUTE A.children_changed TO\nB.set_children\n\n\nGroup {}");
+    EXPECT_NE(dest.diagnostics.find("Error near line 3: invalid destination node name \"B\" in ROUTE statement."),
+              std::string::npos)
+        << dest.diagnostics;
 }

@@ -2,8 +2,11 @@
 // routes before instantiation, fetching and its cycles.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "tests/support/TestSupport.h"
 #include "VrmlTestUtil.h"
+#include "vrml/vrml97/VrmlStats.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/VrmlNodeProto.h"
 #include "vrml/vrml97/VrmlNodeType.h"
@@ -158,5 +161,55 @@ TEST(VrmlProto, NestedInstantiationIsBounded) {
     VrmlMFNode* nodes = p.nodes.release();
     std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
     delete nodes;
+    // Nesting is allowed deep; the clone budget is what ends the doubling.
+    EXPECT_NE(msg.find("too many nodes cloned"), std::string::npos);
+    EXPECT_EQ(msg.find("nested too deeply"), std::string::npos);
+}
+
+TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {
+    // Both ways of wrapping: directly, and inside a Transform.
+    for (const char* wrap : {"P%d {}", "Transform { children P%d {} }"}) {
+        std::string text = "PROTO P0 [] { Shape { geometry Cone {} } }\n";
+        char inner[64];
+        for (int i = 1; i < 20; ++i) {
+            std::snprintf(inner, sizeof inner, wrap, i - 1);
+            text += "PROTO P" + std::to_string(i) + " [] { " + inner + " }\n";
+        }
+        text += "P19 {}\n";
+        auto p = ParseVrml(text);
+        VrmlScene scene;
+        VrmlMFNode* nodes = p.nodes.release();
+        std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
+        delete nodes;
+        EXPECT_EQ(msg, "") << wrap;
+        ASSERT_EQ(scene.root()->size(), 1u) << wrap;
+        std::map<std::string, size_t> counts;
+        VrmlCountNodes(scene.root()->children(), counts);
+        EXPECT_EQ(counts["Cone"], 1u) << wrap;
+    }
+    // Past the nesting cap the innermost instances are left empty, and said so.
+    std::string deep = "PROTO P0 [] { Shape { geometry Cone {} } }\n";
+    for (int i = 1; i <= 200; ++i)
+        deep += "PROTO P" + std::to_string(i) + " [] { Transform { children P" + std::to_string(i - 1) + " {} } }\n";
+    deep += "P200 {}\n";
+    auto p = ParseVrml(deep);
+    VrmlScene scene;
+    VrmlMFNode* nodes = p.nodes.release();
+    std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
+    delete nodes;
     EXPECT_NE(msg.find("nested too deeply"), std::string::npos);
+}
+
+TEST(VrmlProto, ABuiltInNameCannotBeRedefined) {
+    auto p = ParseVrml("PROTO Box [ field SFFloat s 1 ] { Sphere {} }\nBox {}\n"
+                       "EXTERNPROTO Cone [] \"cone.wrl\"\nCone {}\n");
+    EXPECT_NE(p.diagnostics.find("Warning: PROTO Box already defined\n"), std::string::npos) << p.diagnostics;
+    EXPECT_NE(p.diagnostics.find("Warning: PROTO Cone already defined\n"), std::string::npos) << p.diagnostics;
+    ASSERT_EQ(p.size(), 2u);
+    EXPECT_TRUE(p[0]->asBox());
+    EXPECT_TRUE(p[1]->asCone());
+    EXPECT_EQ(p.ns->findOwnType("Box"), nullptr);
+    // Inside a PROTO body too.
+    auto q = ParseVrml("PROTO Outer [] { PROTO Sphere [] { Box {} } Sphere {} }\nOuter {}");
+    EXPECT_NE(q.diagnostics.find("PROTO Sphere already defined"), std::string::npos);
 }

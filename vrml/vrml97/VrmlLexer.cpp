@@ -196,8 +196,9 @@ bool VrmlLexer::readDouble(double& out) {
     return true;
 }
 
-// strtol(s, 0, 0) semantics: sign, then 0x hex, a leading 0 octal, else decimal;
-// out-of-range values saturate at the 64-bit limits and are then narrowed.
+// strtol(s, 0, 0) semantics with a 32-bit long: sign, then 0x hex, a leading 0
+// octal, else decimal; out-of-range values saturate at the 32-bit limits (never
+// wrap), so 4294967295 and 0xFFFFFFFF read as 2147483647.
 bool VrmlLexer::readInt(int32_t& out) {
     fill(kNumberWindow);
     const char* p = d_cur;
@@ -215,7 +216,7 @@ bool VrmlLexer::readInt(int32_t& out) {
         return false;
     }
     unsigned long long v = 0;
-    const unsigned long long limit = neg ? 9223372036854775808ull : 9223372036854775807ull;
+    const unsigned long long limit = neg ? 2147483648ull : 2147483647ull;
     bool over = false;
     for (; p < d_end; ++p) {
         int c = static_cast<unsigned char>(*p), d;
@@ -238,7 +239,7 @@ bool VrmlLexer::readInt(int32_t& out) {
         }
     }
     d_cur = p;
-    long long sv = neg ? static_cast<long long>(0ull - v) : static_cast<long long>(v);
+    long long sv = neg ? -static_cast<long long>(v) : static_cast<long long>(v);
     out = static_cast<int32_t>(sv);
     return true;
 }
@@ -299,7 +300,8 @@ std::unique_ptr<VrmlField> VrmlLexer::scanImage() {
     if (!d_fp) remaining = static_cast<unsigned long long>(d_end - d_cur);
     if (d_fp && d_totalSize == 0) remaining = 1ull << 26; // a pipe: unknown length
     // Each pixel needs at least one character of text, so the input bounds the size.
-    if (w < 0 || h < 0 || nc < 1 || nc > 4 || (w && h > static_cast<int64_t>(remaining / static_cast<unsigned long long>(w))) ||
+    // 0 components is PixelTexture's own empty default ("0 0 0").
+    if (w < 0 || h < 0 || nc < 0 || nc > 4 || (w && h > static_cast<int64_t>(remaining / static_cast<unsigned long long>(w))) ||
         static_cast<unsigned long long>(w * h) > remaining || w * h * nc > std::numeric_limits<int32_t>::max()) {
         report("invalid SFImage size");
         // Step over the pixel numbers so the rest of the node still reads.
@@ -315,11 +317,13 @@ std::unique_ptr<VrmlField> VrmlLexer::scanImage() {
         return nullptr;
     }
     size_t pixels = static_cast<size_t>(w * h);
-    std::unique_ptr<unsigned char[]> bytes(pixels ? new unsigned char[pixels * static_cast<size_t>(nc)] : nullptr);
+    size_t size = pixels * static_cast<size_t>(nc);
+    std::unique_ptr<unsigned char[]> bytes(size ? new unsigned char[size] : nullptr);
     for (size_t i = 0; i < pixels; ++i) {
         skipSeparators();
         int32_t v;
         if (!readInt(v)) return nullptr;
+        if (!size) continue;
         // First byte of each pixel gets the low byte of the value; the others
         // come out 0 (the historical 8-bit extraction), kept on purpose.
         unsigned char* px = bytes.get() + i * static_cast<size_t>(nc);
@@ -327,7 +331,7 @@ std::unique_ptr<VrmlField> VrmlLexer::scanImage() {
         for (int64_t k = 1; k < nc; ++k) px[k] = 0;
     }
     auto img = std::make_unique<VrmlSFImage>();
-    if (pixels)
+    if (size)
         img->adopt(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), bytes.release());
     else
         img->set(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), nullptr);
@@ -338,6 +342,7 @@ int VrmlLexer::scanValue(int token) {
     using namespace vrmltok;
     d_value.reset();
     skipSeparators();
+    d_tokenLine = d_line;
     if (atWord("IS")) {
         d_cur += 2;
         return IS;
@@ -453,6 +458,7 @@ int VrmlLexer::scanValue(int token) {
 int VrmlLexer::scanNormal() {
     using namespace vrmltok;
     skipSeparators();
+    d_tokenLine = d_line;
     int c = peekc();
     if (c < 0) return END;
     switch (c) {
@@ -501,6 +507,7 @@ int VrmlLexer::next() {
         if (slot == SFNODE || slot == MFNODE) {
             // The grammar reads the node itself; only IS is taken here.
             skipSeparators();
+            d_tokenLine = d_line;
             if (atWord("IS")) {
                 d_cur += 2;
                 return IS;

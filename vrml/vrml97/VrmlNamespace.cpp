@@ -25,11 +25,13 @@ VrmlNamespace::~VrmlNamespace() {
 }
 
 bool VrmlNamespace::addNodeType(VrmlNodeType* type) {
-    for (VrmlNodeType* t : d_types) {
-        if (std::strcmp(t->getName(), type->getName()) == 0) {
-            theSystem->warn("PROTO %s already defined\n", type->getName());
-            return false;
-        }
+    // The built-in types belong to every namespace: a PROTO cannot replace one.
+    bool taken = findBuiltinType(type->getName()) != nullptr;
+    for (VrmlNodeType* t : d_types)
+        if (!taken && std::strcmp(t->getName(), type->getName()) == 0) taken = true;
+    if (taken) {
+        theSystem->warn("PROTO %s already defined\n", type->getName());
+        return false;
     }
     d_types.push_back(type->reference());
     return true;

@@ -9,10 +9,13 @@
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeType.h"
 #include "vrml/vrml97/VrmlScene.h"
-#include "vrml/vrml97/VrmlWriter.h"
 
 namespace {
-uint32_t g_printPass = 1;
+size_t g_printBudget = SIZE_MAX;
+bool g_printLimited = false; // inside a save: the cut holds until it ends
+bool g_printCut = false;
+int g_printDepth = 0;
+constexpr int kMaxPrintDepth = 2500;
 int g_emitDepth = 0;
 int g_sceneDepth = 0;
 constexpr int kMaxEmitDepth = 512;
@@ -29,15 +32,26 @@ VrmlNodeType* VrmlNewBuiltinType(const char* name, VrmlNode* (*creator)(VrmlScen
 
 size_t VrmlCloneCount = 0;
 
-void VrmlPrintBegin() { ++g_printPass; }
+void VrmlPrintLimit(size_t maxNodes) {
+    g_printBudget = maxNodes;
+    g_printLimited = maxNodes != SIZE_MAX;
+    g_printCut = false;
+}
 
-bool VrmlIsWritableName(const std::string& name) {
-    if (name.empty()) return false;
-    unsigned char c = static_cast<unsigned char>(name[0]);
-    if (c <= 0x20 || (c >= '0' && c <= '9') || std::strchr("\"#'+,-.[\\]{}", c) || c == 0x7f) return false;
-    for (unsigned char d : name)
-        if (d <= 0x20 || std::strchr("\"#',.[\\]{}", d) || d == 0x7f) return false;
-    return true;
+bool VrmlPrintWasCut() { return g_printCut; }
+
+void VrmlWriteEmptyValue(std::ostream& os, int type) {
+    switch (type) {
+    case VrmlField::SFBOOL: os << "FALSE"; break;
+    case VrmlField::SFCOLOR: case VrmlField::SFVEC3F: os << "0 0 0"; break;
+    case VrmlField::SFROTATION: os << "0 0 1 0"; break;
+    case VrmlField::SFVEC2F: os << "0 0"; break;
+    case VrmlField::SFFLOAT: case VrmlField::SFINT32: case VrmlField::SFTIME: os << "0"; break;
+    case VrmlField::SFSTRING: os << "\"\""; break;
+    case VrmlField::SFIMAGE: os << "0 0 1"; break;
+    case VrmlField::SFNODE: os << "NULL"; break;
+    default: os << "[]"; break;
+    }
 }
 
 VrmlNode::VrmlNode(VrmlNodeType* type, VrmlScene* scene) : d_type(type), d_scene(scene) {
@@ -55,7 +69,21 @@ VrmlNode::~VrmlNode() {
 }
 
 void VrmlNode::release() {
-    if (--d_refCount <= 0) delete this;
+    if (--d_refCount > 0) return;
+    // Deleting a node releases the nodes it holds, which may delete theirs: a
+    // long DEF/USE chain would recurse once per link. Nodes whose count drops
+    // to zero while another is being deleted wait in a list instead.
+    static thread_local std::vector<VrmlNode*> pending;
+    static thread_local bool draining = false;
+    pending.push_back(this);
+    if (draining) return;
+    draining = true;
+    while (!pending.empty()) {
+        VrmlNode* n = pending.back();
+        pending.pop_back();
+        delete n;
+    }
+    draining = false;
 }
 
 void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
@@ -271,17 +299,27 @@ void VrmlNode::emit(double timeStamp, const char* eventOutName, const VrmlField&
 // ---- printing
 
 std::ostream& VrmlNode::print(std::ostream& os, int indent) const {
-    writeIndent(os, indent);
-    VrmlNode* self = const_cast<VrmlNode*>(this);
-    if (VrmlIsWritableName(d_name)) {
-        if (d_printMark == g_printPass) return os << "USE " << d_name;
-        self->d_printMark = g_printPass;
-        os << "DEF " << d_name << ' ';
+    if (g_printDepth == 0 && !g_printLimited) g_printCut = false; // a print of its own
+    if (!os.good()) g_printCut = true; // nothing more can be written: stop walking
+    if (g_printCut) return os;
+    if (d_printing && !d_name.empty()) {
+        // Only a node that holds itself (through a Script's IS) gets here.
+        writeIndent(os, indent);
+        return os << "USE " << d_name;
     }
+    if (g_printBudget == 0 || g_printDepth >= kMaxPrintDepth || d_printing) {
+        g_printCut = true;
+        return os;
+    }
+    --g_printBudget;
+    writeIndent(os, indent);
+    if (!d_name.empty()) os << "DEF " << d_name << ' ';
     os << d_type->getName() << " { ";
+    d_printing = true;
+    ++g_printDepth;
     printFields(os, indent + 4);
-    VrmlPrintEventIS(os, indent + 4, this);
-    VrmlPrintNoteRoutes(this);
+    --g_printDepth;
+    d_printing = false;
     return os << " }";
 }
 
@@ -321,12 +359,6 @@ std::ostream& VrmlNode::printTable(std::ostream& os, int indent, const VrmlField
     for (size_t i = 0; i < n; ++i) {
         const VrmlFieldSpec& s = t[i];
         if (!s.name || !s.member) continue;
-        if (const char* is = VrmlPrintISName(this, s.name)) {
-            os << '\n';
-            writeIndent(os, indent);
-            os << s.name << " IS " << is;
-            continue;
-        }
         const VrmlField& v = *s.member(const_cast<VrmlNode&>(*this));
         // Empty values are left out: they read back as the field's empty default.
         if (const VrmlSFNode* sf = v.asSFNode(); sf && !sf->get()) continue;

@@ -136,23 +136,21 @@ private:
     int d_refCount = 0;
     bool d_modified = false;
     bool d_visited = false;
-    uint32_t d_printMark = 0;
+    mutable bool d_printing = false; // on the path being printed (a cycle made through IS)
     // Time stamps at which each eventOut last fired (one firing per stamp).
     std::vector<std::pair<std::string, double>> d_fired;
-    friend void VrmlPrintBegin();
-    friend class VrmlWorldWriter;
 };
 
 std::ostream& operator<<(std::ostream& os, const VrmlNode& n);
 // Nodes cloned for PROTO instances since the last world load (a budget).
 extern size_t VrmlCloneCount;
-// Starts a print pass: a named node printed twice in one pass prints as USE.
-void VrmlPrintBegin();
-// While a PROTO body is printed: the interface name a node's field or event is
-// IS-mapped to, or null.
-const char* VrmlPrintISName(const VrmlNode* node, const char* fieldOrEvent);
-// Whether a DEF name can be written back (generated "%p" names cannot).
-bool VrmlIsWritableName(const std::string& name);
+// A named node prints "DEF name" in full wherever it is used, so sharing can
+// multiply the text of a small world; a print run is capped at maxNodes nodes
+// (and at a nesting depth). VrmlPrintWasCut tells whether the cap was reached.
+void VrmlPrintLimit(size_t maxNodes);
+bool VrmlPrintWasCut();
+// A value of the type that reads back as empty (for values that failed to read).
+void VrmlWriteEmptyValue(std::ostream& os, int type);
 
 // ---- class boilerplate generated from each class's interface table
 

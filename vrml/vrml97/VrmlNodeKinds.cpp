@@ -11,7 +11,7 @@
 bool VrmlNodeGroup::acceptsAsChild(VrmlNode* n) {
     // A PROTO instance is a child when its first body node is one (PROTOs
     // built on PROTOs are followed a few levels down).
-    for (int level = 0; n && level < 16; ++level) {
+    for (int level = 0; n && level <= kVrmlMaxProtoNesting; ++level) {
         if (n->asChild()) return true;
         VrmlNodeProto* p = n->asProto();
         if (!p) return false;

@@ -11,14 +11,20 @@
 #include "vrml/vrml97/VrmlScene.h"
 
 namespace {
-// Nested instantiation (a PROTO body using PROTOs, EXTERNPROTO chains) is capped,
-// and so is the total number of clones one load may make.
+// Nested instantiation (a PROTO body using PROTOs, EXTERNPROTO chains) is capped
+// only to keep the call stack bounded; what bounds the work is the total number
+// of clones one load may make, however the PROTOs nest or repeat.
 int g_instantiateDepth = 0;
-constexpr int kMaxInstantiateDepth = 16;
-constexpr size_t kMaxClones = 4000000;
+constexpr int kMaxInstantiateDepth = kVrmlMaxProtoNesting;
+// About 450 bytes a clone: half a million is some 225 MB, made in a second or two.
+constexpr size_t kMaxClones = 500000;
+bool g_budgetReported = false;
 } // namespace
 
-void VrmlProtoResetBudget() { VrmlCloneCount = 0; }
+void VrmlProtoResetBudget() {
+    VrmlCloneCount = 0;
+    g_budgetReported = false;
+}
 
 VrmlNodeProto::VrmlNodeProto(VrmlNodeType* type, VrmlScene* scene) : VrmlNode(type, scene) {}
 
@@ -54,7 +60,11 @@ void VrmlNodeProto::instantiate() {
         return;
     }
     if (VrmlCloneCount > kMaxClones) {
-        theSystem->error("PROTO %s: too many nodes cloned; instance left empty\n", d_type->getName());
+        // Said once: past the budget every further instance is left empty too.
+        if (!g_budgetReported)
+            theSystem->error("PROTO %s: too many nodes cloned; instance left empty (and every later one)\n",
+                             d_type->getName());
+        g_budgetReported = true;
         d_instantiated = true;
         return;
     }
@@ -123,27 +133,9 @@ void VrmlNodeProto::addToScene(VrmlScene* scene, const char* relativeUrl) {
     --g_instantiateDepth;
 }
 
-std::ostream& VrmlNodeProto::printFields(std::ostream& os, int indent) const {
-    // Instance values (and IS mappings inside a PROTO body) are written back so
-    // the world reads the same again.
-    bool any = false;
-    for (const auto& e : d_type->fields()) {
-        const char* is = VrmlPrintISName(this, e.name.c_str());
-        const VrmlField* value = nullptr;
-        for (const auto& f : d_fields)
-            if (f.first == e.name) value = f.second;
-        if (!is && !value) continue;
-        any = true;
-        os << '\n';
-        for (int i = 0; i < indent; ++i) os << ' ';
-        os << e.name << ' ';
-        if (is)
-            os << "IS " << is;
-        else
-            printValue(os, indent, *value);
-    }
-    if (!any) os << "#VrmlNodeProto::printFields not implemented yet...\n";
-    return os;
+std::ostream& VrmlNodeProto::printFields(std::ostream& os, int) const {
+    // Instances are not written out: neither their values nor their clones.
+    return os << "#VrmlNodeProto::printFields not implemented yet...\n";
 }
 
 void VrmlNodeProto::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {

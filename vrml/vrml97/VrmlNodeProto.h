@@ -8,6 +8,10 @@
 
 #include "vrml/vrml97/VrmlNode.h"
 
+// PROTOs built on PROTOs: instances nested deeper than this are left empty, and
+// chains of first body nodes are followed no further.
+constexpr int kVrmlMaxProtoNesting = 128;
+
 class VrmlNodeProto : public VrmlNode {
 public:
     VrmlNodeProto(VrmlNodeType* type, VrmlScene* scene);

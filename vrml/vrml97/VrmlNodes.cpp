@@ -11,7 +11,6 @@
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeType.h"
 #include "vrml/vrml97/VrmlScene.h"
-#include "vrml/vrml97/VrmlWriter.h"
 
 // ---- bindable nodes
 
@@ -274,11 +273,14 @@ void VrmlNodeInline::addToScene(VrmlScene* scene, const char* relativeUrl) {
     // The depth counts while the loaded children join the scene too, so a
     // world that inlines itself stops after a few levels.
     ++g_inlineDepth;
-    if (s_loadOnAdd && !d_loaded && d_url.size() && g_inlineDepth <= kMaxInlineDepth) {
+    if (s_loadOnAdd && !d_loaded && d_url.size() && g_inlineDepth <= kMaxInlineDepth &&
+        scene->takeInlineLoad(d_url[0])) {
         d_loaded = true;
         Doc relative(relativeUrl && *relativeUrl ? relativeUrl : nullptr);
         auto ns = std::make_shared<VrmlNamespace>();
-        VrmlMFNode* nodes = VrmlScene::readWRL(&d_url, &relative, ns.get());
+        uint64_t bytes = 0;
+        VrmlMFNode* nodes = VrmlScene::readWRL(&d_url, &relative, ns.get(), &bytes);
+        scene->addInlineBytes(bytes);
         if (nodes) {
             d_children.removeAll();
             for (size_t i = 0; i < nodes->size(); ++i)
@@ -390,10 +392,6 @@ std::ostream& VrmlNodeScript::printFields(std::ostream& os, int indent) const {
         for (int k = 0; k < indent; ++k) os << ' ';
         const char* kw = i.kind == VrmlInterfaceKind::EventIn ? "eventIn" : i.kind == VrmlInterfaceKind::EventOut ? "eventOut" : "field";
         os << kw << ' ' << VrmlField::typeName(i.type) << ' ' << i.name;
-        if (const char* is = VrmlPrintISName(this, i.name.c_str())) {
-            os << " IS " << is;
-            continue;
-        }
         if (i.kind == VrmlInterfaceKind::Field) {
             os << ' ';
             if (i.value)

@@ -1,6 +1,6 @@
 // Recursive-descent parser for the VRML97 grammar (ISO/IEC 14772-1 Annex A).
 // Errors print "Error near line N: ..." and parsing goes on; a syntax error ends
-// the parse and the nodes read so far (including the partly read ones) are kept.
+// the parse: the nodes completed before it are kept, the ones it cut short are not.
 #include "vrml/vrml97/VrmlParser.h"
 
 #include <cstdarg>
@@ -19,14 +19,27 @@ VrmlParser::VrmlParser(VrmlLexer& lexer, VrmlNamespace* ns, const Doc* doc) : d_
 
 VrmlParser::~VrmlParser() { delete d_result; }
 
-void VrmlParser::error(const char* fmt, ...) {
+void VrmlParser::report(int line, const char* fmt, va_list ap) {
     char msg[1024];
+    std::vsnprintf(msg, sizeof msg, fmt, ap);
+    theSystem->error("Error near line %d: %s\n", line, msg);
+    d_lex.expect(0);
+}
+
+void VrmlParser::error(const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    std::vsnprintf(msg, sizeof msg, fmt, ap);
+    report(d_lex.line(), fmt, ap);
     va_end(ap);
-    theSystem->error("Error near line %d: %s\n", d_lex.line(), msg);
-    d_lex.expect(0);
+}
+
+// For a complaint about a name read a token or more ago: the lexer has moved on,
+// possibly to a later line.
+void VrmlParser::errorAt(int line, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    report(line, fmt, ap);
+    va_end(ap);
 }
 
 void VrmlParser::syntaxError() {
@@ -37,6 +50,7 @@ void VrmlParser::syntaxError() {
 
 void VrmlParser::advance() {
     d_tok = d_lex.next();
+    d_tokLine = d_lex.tokenLine();
     if (d_tok == IDENTIFIER) d_text = d_lex.text();
 }
 
@@ -122,6 +136,7 @@ VrmlNode* VrmlParser::parseNodeStatement() {
 
 VrmlNode* VrmlParser::parseNode(const std::string& defName) {
     std::string typeName = d_text;
+    int typeLine = d_tokLine;
     advance();
     if (d_tok != '{') {
         syntaxError();
@@ -136,7 +151,7 @@ VrmlNode* VrmlParser::parseNode(const std::string& defName) {
     VrmlNodeType* type = scope->findType(typeName.c_str());
     VrmlNode* node = nullptr;
     if (!type) {
-        error("Unknown node type '%s'", typeName.c_str());
+        errorAt(typeLine, "Unknown node type '%s'", typeName.c_str());
     } else {
         node = type->create(nullptr);
         node->addRef();
@@ -146,9 +161,15 @@ VrmlNode* VrmlParser::parseNode(const std::string& defName) {
     d_frames.push_back({node, type, std::string(), 0});
     advance();
     parseNodeBody();
-    if (!d_abort && d_tok == '}') advance();
+    bool complete = !d_abort && d_tok == '}';
+    if (complete) advance();
     d_frames.pop_back();
     --d_depth;
+    if (!complete && node) {
+        // Cut short by a syntax error: the node is dropped whole, not kept half read.
+        node->release();
+        node = nullptr;
+    }
     return node;
 }
 
@@ -284,9 +305,10 @@ void VrmlParser::parseIS() {
         return;
     }
     std::string iname = d_text;
+    int nameLine = d_tokLine;
     advance();
     if (d_frames.empty()) {
-        error("IS statement (%s) without field declaration", iname.c_str());
+        errorAt(nameLine, "IS statement (%s) without field declaration", iname.c_str());
         return;
     }
     Frame& frame = d_frames.back();
@@ -295,18 +317,24 @@ void VrmlParser::parseIS() {
         if (!frame.fieldName.empty()) {
             if (frame.node) proto->addIS(iname.c_str(), frame.node, frame.fieldName.c_str());
         } else {
-            error("invalid IS interface name (%s) in PROTO %s", iname.c_str(), proto->getName());
+            errorAt(nameLine, "invalid IS interface name (%s) in PROTO %s", iname.c_str(), proto->getName());
         }
         return;
     }
     if (frame.type && std::strcmp(frame.type->getName(), "Script") == 0) {
         if (frame.node && frame.fieldType == VrmlField::SFNODE) {
-            VrmlSFNode v(currentScope()->findNode(iname.c_str()));
+            VrmlNode* target = currentScope()->findNode(iname.c_str());
+            if (target && onNodeStack(target)) {
+                // The Script (or a node around it) would hold itself: a cycle no release frees.
+                errorAt(nameLine, "IS statement (%s) names a node inside its own definition", iname.c_str());
+                target = nullptr;
+            }
+            VrmlSFNode v(target);
             frame.node->setField(frame.fieldName.c_str(), v);
         }
         return;
     }
-    error("IS statement (%s) must be in a PROTO or Script.", iname.c_str());
+    errorAt(nameLine, "IS statement (%s) must be in a PROTO or Script.", iname.c_str());
 }
 
 void VrmlParser::parseScriptDecl() {
@@ -466,6 +494,7 @@ void VrmlParser::parseExternProto() {
 
 void VrmlParser::parseRoute() {
     std::string part[4];
+    int line[4] = {0, 0, 0, 0};
     advance();
     for (int i = 0; i < 4; ++i) {
         if (i == 2) {
@@ -474,6 +503,7 @@ void VrmlParser::parseRoute() {
         }
         if (d_tok != IDENTIFIER) return syntaxError();
         part[i] = d_text;
+        line[i] = d_tokLine;
         advance();
         if (i == 0 || i == 2) {
             if (d_tok != '.') return syntaxError();
@@ -484,9 +514,9 @@ void VrmlParser::parseRoute() {
     VrmlNode* from = scope->findNode(part[0].c_str());
     VrmlNode* to = scope->findNode(part[2].c_str());
     if (!from)
-        error("invalid %s node name \"%s\" in ROUTE statement.", "source", part[0].c_str());
+        errorAt(line[0], "invalid %s node name \"%s\" in ROUTE statement.", "source", part[0].c_str());
     else if (!to)
-        error("invalid %s node name \"%s\" in ROUTE statement.", "destination", part[2].c_str());
+        errorAt(line[2], "invalid %s node name \"%s\" in ROUTE statement.", "destination", part[2].c_str());
     else
         from->addRoute(part[1].c_str(), to, part[3].c_str());
 }

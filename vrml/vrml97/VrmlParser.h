@@ -5,6 +5,7 @@
 // type comes next (the expected-token slot) and gets back one token carrying the
 // finished value. Token numbers follow the generated parser of the format's
 // reference grammar: keywords 258..270, field values 271..289.
+#include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -41,6 +42,10 @@ public:
     const std::string& text() const { return d_text; }
     std::unique_ptr<VrmlField> takeValue() { return std::move(d_value); }
     int line() const { return d_line; }
+    // Line on which the last token began (a string may span lines).
+    int tokenLine() const { return d_tokenLine; }
+    // Size of the input in bytes (0 for a pipe).
+    unsigned long long inputSize() const { return d_totalSize; }
 
     void expect(int token) { d_expectToken = token; }
     int expectToken() const { return d_expectToken; }
@@ -77,6 +82,7 @@ private:
     unsigned long long d_totalSize = 0; // bytes of the input (for SFImage bounds)
     unsigned long long d_consumedBefore = 0;
     int d_line = 1;
+    int d_tokenLine = 1;
     int d_expectToken = 0;
     bool d_coordIndex = false;
     std::string d_text;
@@ -101,7 +107,9 @@ private:
         int fieldType;
     };
     void advance();
+    void report(int line, const char* fmt, va_list ap);
     void error(const char* fmt, ...);
+    void errorAt(int line, const char* fmt, ...);
     void syntaxError();
     VrmlNamespace* currentScope() const;
     bool onNodeStack(const VrmlNode* n) const;
@@ -127,6 +135,7 @@ private:
     VrmlNamespace* d_ns;
     const Doc* d_doc;
     int d_tok = 0;
+    int d_tokLine = 1; // line on which d_tok began
     std::string d_text;
     bool d_abort = false;
     int d_depth = 0;

@@ -3,10 +3,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
 #include <set>
+#include <streambuf>
 
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/System.h"
@@ -15,7 +17,6 @@
 #include "vrml/vrml97/VrmlNodeType.h"
 #include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlParser.h"
-#include "vrml/vrml97/VrmlWriter.h"
 
 void VrmlProtoResetBudget();
 
@@ -135,6 +136,9 @@ bool VrmlScene::loadFromUrls(const VrmlMFString* urls, const VrmlMFString* param
 
 void VrmlScene::replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> ns, Doc* urlDoc, Doc* localDoc) {
     theSystem->debug("replaceWorld( url %s )\n", urlDoc ? urlDoc->url() : "");
+    d_inlineLoads = d_inlinesSkipped = 0;
+    d_inlineBytes = 0;
+    VrmlProtoResetBudget(); // the clone budget is per world
     d_root->removeChildren();
     clearWorld();
     d_namespace = std::move(ns);
@@ -143,6 +147,9 @@ void VrmlScene::replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> n
     const char* base = d_urlLocal ? d_urlLocal->localName().c_str() : d_url ? d_url->localName().c_str() : "";
     d_root->setRelative(base);
     d_root->addChildren(nodes);
+    if (d_inlinesSkipped > 1)
+        theSystem->warn("%d Inline worlds were not loaded: this world already read %d of them (%llu bytes).\n",
+                        d_inlinesSkipped, d_inlineLoads, static_cast<unsigned long long>(d_inlineBytes));
     if (!d_fragmentBound) {
         double now = theSystem->time();
         VrmlSFBool on(true);
@@ -151,7 +158,18 @@ void VrmlScene::replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> n
     }
 }
 
-VrmlMFNode* VrmlScene::readWRL(Doc* doc, VrmlNamespace* ns) {
+bool VrmlScene::takeInlineLoad(const char* url) {
+    if (d_inlineLoads < kMaxInlineLoads && d_inlineBytes < kMaxInlineBytes) {
+        ++d_inlineLoads;
+        return true;
+    }
+    if (d_inlinesSkipped++ == 0)
+        theSystem->warn("Inline '%s' not loaded: this world already read %d Inline worlds (%llu bytes).\n",
+                        url ? url : "", d_inlineLoads, static_cast<unsigned long long>(d_inlineBytes));
+    return false;
+}
+
+VrmlMFNode* VrmlScene::readWRL(Doc* doc, VrmlNamespace* ns, uint64_t* bytesRead) {
     if (!doc) return nullptr;
     theSystem->debug("readWRL %s\n", doc->url());
     FILE* fp = doc->fopen("rb");
@@ -160,18 +178,19 @@ VrmlMFNode* VrmlScene::readWRL(Doc* doc, VrmlNamespace* ns) {
     VrmlLexer lexer(fp);
     VrmlParser parser(lexer, ns ? ns : temp.get(), doc);
     VrmlMFNode* nodes = parser.parse();
+    if (bytesRead) *bytesRead = lexer.inputSize();
     doc->fclose();
     return nodes;
 }
 
-VrmlMFNode* VrmlScene::readWRL(const VrmlMFString* urls, const Doc* relative, VrmlNamespace* ns) {
+VrmlMFNode* VrmlScene::readWRL(const VrmlMFString* urls, const Doc* relative, VrmlNamespace* ns, uint64_t* bytesRead) {
     if (!urls) return nullptr;
     for (size_t i = 0; i < urls->size(); ++i) {
         const char* url = (*urls)[i];
         if (!url) continue;
         Doc doc(url, relative);
         errno = 0;
-        VrmlMFNode* nodes = readWRL(&doc, ns);
+        VrmlMFNode* nodes = readWRL(&doc, ns, bytesRead);
         if (nodes) return nodes;
         // The last URL's failure is left to the caller to report.
         if (i + 1 < urls->size() && !isUrn(url))
@@ -227,12 +246,54 @@ bool VrmlScene::save(const char* url) {
     return save(*os);
 }
 
-bool VrmlScene::save(std::ostream& os) {
-    os << "#VRML V2.0 utf8\n";
-    // The root's children are written as the world's top-level nodes, so the
-    // file reads back to the same graph rather than one Group deeper.
-    VrmlWriteWorld(os, d_namespace.get(), d_root->children());
-    return os.good();
+namespace {
+// Passes at most `left` bytes on to `out`, then fails every write.
+class CappedBuffer : public std::streambuf {
+public:
+    CappedBuffer(std::streambuf* out, uint64_t left) : d_out(out), d_left(left) {}
+    bool cut() const { return d_cut; }
+
+protected:
+    int overflow(int c) override {
+        if (c == traits_type::eof()) return traits_type::not_eof(c);
+        char ch = static_cast<char>(c);
+        return xsputn(&ch, 1) == 1 ? c : traits_type::eof();
+    }
+    std::streamsize xsputn(const char* s, std::streamsize n) override {
+        if (d_cut || static_cast<uint64_t>(n) > d_left) {
+            d_cut = true;
+            return 0;
+        }
+        d_left -= static_cast<uint64_t>(n);
+        return d_out->sputn(s, n);
+    }
+    int sync() override { return d_out->pubsync(); }
+
+private:
+    std::streambuf* d_out;
+    uint64_t d_left;
+    bool d_cut = false;
+};
+} // namespace
+
+bool VrmlScene::save(std::ostream& os, uint64_t maxBytes, size_t maxNodes) {
+    if (!os.rdbuf()) return false;
+    CappedBuffer buffer(os.rdbuf(), maxBytes);
+    std::ostream capped(&buffer);
+    capped << "#VRML V2.0 utf8\n";
+    // The root group is written as a Group node of its own (the file reads back
+    // one level deeper); PROTO declarations and ROUTEs are not written.
+    VrmlPrintLimit(maxNodes);
+    d_root->print(capped, 0);
+    bool cut = VrmlPrintWasCut() || buffer.cut();
+    VrmlPrintLimit(SIZE_MAX);
+    capped.flush();
+    if (cut) {
+        theSystem->error("VrmlScene::save: the world prints as more than %zu nodes or %llu bytes; not written.\n",
+                         maxNodes, static_cast<unsigned long long>(maxBytes));
+        return false;
+    }
+    return capped.good() && os.good();
 }
 
 void VrmlScene::update(double time) {

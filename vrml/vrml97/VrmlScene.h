@@ -3,6 +3,7 @@
 // which nodes register themselves (bindable stacks, lights, time-dependent
 // nodes). Also the static readers: readWRL for worlds and readPROTO for
 // EXTERNPROTO bodies.
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -27,15 +28,21 @@ public:
     bool loadFromUrls(const VrmlMFString* urls, const VrmlMFString* parameters = nullptr);
     void replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> ns, Doc* urlDoc, Doc* localDoc);
 
-    static VrmlMFNode* readWRL(Doc* doc, VrmlNamespace* ns);
-    static VrmlMFNode* readWRL(const VrmlMFString* urls, const Doc* relative, VrmlNamespace* ns);
+    // bytesRead, when given, receives the size of the file that was parsed.
+    static VrmlMFNode* readWRL(Doc* doc, VrmlNamespace* ns, uint64_t* bytesRead = nullptr);
+    static VrmlMFNode* readWRL(const VrmlMFString* urls, const Doc* relative, VrmlNamespace* ns,
+                               uint64_t* bytesRead = nullptr);
     // Parses an in-memory world (fuzzing, tests); base gives relative URLs.
     static VrmlMFNode* readString(const char* data, size_t size, VrmlNamespace* ns, const Doc* base = nullptr);
     // The referenced type (caller dereferences) or null.
     static VrmlNodeType* readPROTO(const VrmlMFString* urls, const Doc* relative);
 
+    // Named nodes print in full at every use, so sharing can multiply a small
+    // world's text: a save stops, and fails, past this many nodes or bytes.
+    static constexpr size_t kMaxPrintedNodes = 1000000;
+    static constexpr uint64_t kMaxSavedBytes = uint64_t{512} << 20;
     bool save(const char* url);
-    bool save(std::ostream& os);
+    bool save(std::ostream& os, uint64_t maxBytes = kMaxSavedBytes, size_t maxNodes = kMaxPrintedNodes);
     void update(double time);
 
     VrmlNodeGroup* root() const { return d_root; }
@@ -67,6 +74,17 @@ public:
 
     double delta() const { return d_delta; }
 
+    // Inline worlds read into this world. Each load may bring more Inlines, so a
+    // world that inlines itself a few times would multiply its loads at every
+    // level; the count and the bytes read are capped per world instead.
+    static constexpr int kMaxInlineLoads = 256;
+    static constexpr uint64_t kMaxInlineBytes = uint64_t{256} << 20;
+    // False (and a warning) when the budget is spent; url names the skipped world.
+    bool takeInlineLoad(const char* url);
+    void addInlineBytes(uint64_t n) { d_inlineBytes += n; }
+    int inlineLoads() const { return d_inlineLoads; }
+    int inlinesSkipped() const { return d_inlinesSkipped; }
+
 private:
     static void addTo(std::vector<VrmlNode*>& l, VrmlNode* n);
     static void removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n);
@@ -84,4 +102,7 @@ private:
         d_NavigationInfoStack, d_Viewpoint, d_ViewpointStack, d_AudioClip, d_ScopedLight, d_MovieTexture,
         d_Script, d_TimeSensor;
     double d_delta = 0.5;
+    int d_inlineLoads = 0;
+    int d_inlinesSkipped = 0;
+    uint64_t d_inlineBytes = 0;
 };

@@ -60,6 +60,17 @@ TEST(Vrml97ImportLimits, ProtoDoublingIsBounded) {
     }
 }
 
+TEST(Vrml97ImportLimits, TwentyProtosEachWrappingTheLastImportTheirShape) {
+    // Real worlds build PROTOs on PROTOs further than a few levels.
+    std::string s = "#VRML V2.0 utf8\nPROTO P0 [] { Shape { geometry Box {} } }\n";
+    for (int k = 1; k < 20; ++k)
+        s += "PROTO P" + std::to_string(k) + " [] { Transform { children P" + std::to_string(k - 1) + " {} } }\n";
+    s += "P19 {}\n";
+    ReadResult r = ReadWorld(s);
+    ASSERT_TRUE(r.scene) << r.error;
+    EXPECT_EQ(AllNodes(*r.scene, KINDOF_MESH).size(), 1u);
+}
+
 TEST(Vrml97ImportLimits, DeepNestingIsCut) {
     std::string s = "#VRML V2.0 utf8\n";
     for (int i = 0; i < 990; ++i) s += "Group { children ";

@@ -45,9 +45,6 @@ struct TextureEntry {
     CXStringW record;
 };
 
-// Bytes a gzip world may inflate to: 200 times its size, at least 256 MiB, at most 4 GiB.
-uint64_t GzipInflateLimit(uint64_t compressedBytes);
-
 class CVrml97Converter {
 public:
     // worldFile: the world as the user named it (UTF-8; the base of Inline URLs);

@@ -16,7 +16,7 @@ namespace vrml97import {
 
 namespace {
 
-constexpr int kMaxProtoHops = 32;
+constexpr int kMaxProtoHops = kVrmlMaxProtoNesting + 1;
 
 // Calls fn(start, length, runNumber) for every non-empty run of indices between -1 entries.
 template <class Fn> void ForEachRun(const int32_t* idx, size_t n, Fn&& fn) {
