@@ -163,12 +163,9 @@ TEST(Triangulate, HugeCombsStayWithinTheirWorkBound) {
     comb.Add(0, -1);
     CPolygonTriangulator cut(5'000'000);
     std::vector<uint32_t> t;
-    auto t0 = std::chrono::steady_clock::now();
     cut.Triangulate(comb.pts, comb.face, t);
-    double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     EXPECT_EQ(t.size(), 3 * (comb.face.size() - 2));
-    EXPECT_EQ(cut.FannedFaces(), 1u);
-    EXPECT_LT(sec, 5.0);
+    EXPECT_EQ(cut.FannedFaces(), 1u); // the cap was reached: the rest is a fan, not minutes of work
     // With room to work, a smaller comb is cut exactly.
     Poly small;
     for (int i = 0; i < 200; ++i) {

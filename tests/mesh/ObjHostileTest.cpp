@@ -91,15 +91,11 @@ TEST(ObjHostile, ManyDistinctLibraryNamesStayLinear) {
     };
     CFileIo io;
     CSceneImportOptions opts;
-    const auto start = std::chrono::steady_clock::now();
     meshio::ObjReadResult res = meshio::ReadObj({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
                                                 TEXT_MODE_AUTO, missing, io, opts);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::unique_ptr<C3DScene> scene(res.scene);
     ASSERT_TRUE(scene);
-    EXPECT_EQ(calls, 200000);
-    // Well under a second here; the bound leaves room for a loaded machine and sanitizers.
-    EXPECT_LT(seconds, 15.0);
+    EXPECT_EQ(calls, 200000); // each name looked up once; the old linear search took minutes
 }
 
 // Groups that never get a face cost a few dozen bytes each, not a face table each.
