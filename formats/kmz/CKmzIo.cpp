@@ -50,6 +50,10 @@ CXStringW OnDisk(CXStringW s) {
 
 CXStringW Join(const CXStringW& folder, const CXStringW& rel) { return folder + L"/" + OnDisk(rel); }
 
+// A zip starts with a local header or, empty, with its end record; anything else is not ours
+// (an empty buffer would otherwise open as an empty archive).
+bool LooksLikeZip(std::span<const uint8_t> d) { return d.size() >= 22 && d[0] == 'P' && d[1] == 'K'; }
+
 // Maps whose file is not where the model says are looked for by name in the texture
 // paths (where the aliases put them), so that the scene's references resolve.
 void ResolveTextures(C3DScene& scene) {
@@ -91,7 +95,7 @@ C3DScene* CKmzIo::Read(const CXStringW& path, CSceneImportOptions& options) {
         return nullptr;
     }
     CZip zip;
-    if (!zip.OpenMemory(file.GetData(), &options)) {
+    if (!LooksLikeZip(file.GetData()) || !zip.OpenMemory(file.GetData(), &options)) {
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;
     }
@@ -103,7 +107,7 @@ C3DScene* CKmzIo::Read(const CXStringW& path, CSceneImportOptions& options) {
 C3DScene* CKmzIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
     CSwitchLocale locale(LC_NUMERIC, "English");
     CZip zip;
-    if (!zip.OpenMemory(data, &options)) {
+    if (!LooksLikeZip(data) || !zip.OpenMemory(data, &options)) {
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;
     }
