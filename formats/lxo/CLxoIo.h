@@ -1,7 +1,9 @@
 #pragma once
-// Modo LXO parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// Modo LXO scenes: import only so far (mesh layers with their UVs and material tags, the
+// item hierarchy, transforms, material colours from the shader tree). Saving keeps the
+// base class answer (not available).
 #include <cstdint>
+#include <span>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -13,7 +15,7 @@ public:
     explicit CLxoIo(CFileIo& io);
     ~CLxoIo() override;
 
-private:
-    CHashMap<uint32_t, C3DSceneNode*> m_nodesByID{23};
-    CHashMap<uint32_t, uint32_t> m_materials{23};
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // Reads LXO bytes held in memory (fuzzing, tests); same results as Read.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 };
