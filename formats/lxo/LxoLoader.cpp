@@ -310,10 +310,14 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
     const LxoStringList& tags = Tags();
     const bool untagged = tag == kNone || tag >= tags.size();
     if (untagged && m_baseMaterial != kNone) return m_baseMaterial;
+    if (!untagged) {
+        if (m_materialOfTag.size() != tags.size()) m_materialOfTag.assign(tags.size(), kNone);
+        if (m_materialOfTag[tag] != kNone) return m_materialOfTag[tag];
+    }
     std::string name = untagged ? std::string() : tags[tag];
     if (!untagged) {
         const auto found = m_materialByName.find(name);
-        if (found != m_materialByName.end()) return found->second;
+        if (found != m_materialByName.end()) return m_materialOfTag[tag] = found->second;
     }
     int32_t shading = -1;
     if (!untagged) {
@@ -340,7 +344,7 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
     }
     const uint32_t id = m->GetID();
     if (untagged) m_baseMaterial = id;
-    else m_materialByName.emplace(name, id);
+    else m_materialByName.emplace(name, m_materialOfTag[tag] = id);
     return id;
 }
 

@@ -121,6 +121,7 @@ private:
 
     // Per build: host material per tag name, the base material.
     std::unordered_map<std::string, uint32_t> m_materialByName;
+    std::vector<uint32_t> m_materialOfTag; // by tag index
     uint32_t m_baseMaterial = kNone;
     int32_t m_baseShading = -1;
     uint32_t m_droppedFaces = 0;

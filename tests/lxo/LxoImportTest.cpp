@@ -399,3 +399,55 @@ TEST(LxoImport, CorpusEngine) {
     EXPECT_EQ(m->GetName(), CXStringW(L"Default"));
     EXPECT_EQ(m->diffuse.r, 255);
 }
+
+namespace {
+std::string LocatorItem(uint32_t id, uint32_t parent, const std::string& name = "") {
+    std::string b = std::string("locator\0", 8) + name + std::string(name.size() % 2 ? 1 : 2, '\0') + U4(id);
+    b += Sub("LAYR", U4(0) + U4(9) + U4(0));
+    if (parent != 0xFFFFFFFFu) b += Sub("LINK", std::string("parent\0\0", 8) + U4(parent) + U4(0));
+    return lxotest::Chunk("ITEM", b);
+}
+} // namespace
+
+TEST(LxoImport, BrokenLinksAndTablesAreSurvived) {
+    // Three locators in a parent cycle, one parented to a missing item, a layer whose item
+    // reference names nothing (and no mesh item to fall back on), polygon tags past the tag
+    // table, and a polygon index past the points.
+    std::string chunks = Chunk("TAGS", std::string("Only\0\0", 6));
+    std::string layr = U2(0) + U2(0) + F4(0) + F4(0) + F4(0) + std::string("Loose\0", 6) + U2(0xFFFF);
+    for (int i = 0; i < 11; ++i) layr += U4(0);
+    layr += U4(999) + U2(16) + U2(0) + U2(0) + U2(0);
+    chunks += Chunk("LAYR", layr);
+    chunks += Chunk("PNTS", F4(0) + F4(0) + F4(0) + F4(1) + F4(0) + F4(0) + F4(0) + F4(1) + F4(0));
+    chunks += Chunk("POLS", std::string("FACE") + U2(3) + U2(0) + U2(1) + U2(2) + U2(3) + U2(0) + U2(1) + U2(7));
+    chunks += Chunk("PTAG", std::string("MATR") + U2(0) + U2(5) + U2(1) + U2(0));
+    chunks += LocatorItem(1, 2, "A") + LocatorItem(2, 3, "B") + LocatorItem(3, 1, "C") + LocatorItem(4, 77, "D");
+    auto r = Import(Form(chunks));
+    ASSERT_TRUE(r->scene);
+    for (const wchar_t* n : {L"A", L"B", L"C", L"D"}) EXPECT_TRUE(Named(*r->scene, n)) << n;
+    EXPECT_EQ(C3DScene::GetParent(Named(*r->scene, L"D")), r->scene->GetRoot());
+    C3DSceneNode* loose = Named(*r->scene, L"Loose");
+    ASSERT_TRUE(loose);
+    auto* mesh = dynamic_cast<C3DObject*>(loose->GetBaseObject());
+    ASSERT_TRUE(mesh);
+    ASSERT_EQ(mesh->GetFaceList()->GetNumberOfFaces(), 1);
+    // Tag 5 does not exist: the face falls back to the base material.
+    const C3DMaterial* m = r->scene->GetMaterialByID(mesh->GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->GetName(), CXStringW(L"Base Material"));
+}
+
+TEST(LxoImport, LongParentChainStaysLinear) {
+    // 100000 locators, each the parent of the next: no recursion, no quadratic walk.
+    constexpr uint32_t kCount = 100000;
+    std::string chunks;
+    chunks.reserve(size_t(kCount) * 64);
+    for (uint32_t i = 0; i < kCount; ++i) chunks += LocatorItem(i, i == 0 ? 0xFFFFFFFFu : i - 1);
+    auto r = Import(Form(chunks));
+    ASSERT_TRUE(r->scene);
+    EXPECT_EQ(r->scene->GetNodeCount(), int(kCount));
+    const C3DSceneNode* n = r->scene->GetRoot();
+    uint32_t depth = 0;
+    while ((n = C3DScene::GetChildNode(n))) ++depth;
+    EXPECT_EQ(depth, kCount);
+}
