@@ -87,19 +87,28 @@ uint32_t LxoLoader::OnPoints(uint32_t count, const float* xyz) {
 uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t) {
     Layer& l = CurrentLayer();
     const uint8_t kind = IsFaceType(type) ? kFace : IsCurveType(type) ? kCurve : kSkipped;
+    if (l.polyKind.size() == l.polsBase) {
+        // First polygon of the chunk: room for what its remaining bytes can hold (an index
+        // takes two bytes or more), so big meshes grow their arrays once.
+        const uint64_t left = ChunkUnread();
+        l.polyIndices.reserve(l.polyIndices.size() + static_cast<size_t>(left / 2) + count);
+        l.polyOffsets.reserve(l.polyOffsets.size() + static_cast<size_t>(left / 8) + 1);
+        l.polyKind.reserve(l.polyKind.size() + static_cast<size_t>(left / 8) + 1);
+    }
     if (kind != kSkipped) l.polyIndices.insert(l.polyIndices.end(), indices, indices + count);
     l.polyOffsets.push_back(static_cast<uint32_t>(l.polyIndices.size()));
     l.polyKind.push_back(kind);
     return LXO_OK;
 }
 
-uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t, uint32_t dimension) {
+uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) {
     m_uvActive = false;
     if (type != lxoid::TXUV || dimension < 2) return LXO_OK;
     Layer& l = CurrentLayer();
     // One UV map per mesh: the first one named in the layer.
     if (l.uvName.empty() && l.uv.empty()) l.uvName = name;
     m_uvActive = l.uvName == name;
+    if (m_uvActive) l.uv.reserve(l.uv.size() + count); // count: the complete entries present
     return LXO_OK;
 }
 
@@ -363,7 +372,17 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     CFaceList::FlagArray flags;
     offsets.push_back(0);
     size_t curveCount = 0;
-    for (size_t p = 0; p < npoly; ++p) {
+    // The usual layer (faces only, all good) hands its arrays over as they are.
+    bool plain = true;
+    for (size_t p = 0; p < npoly && plain; ++p)
+        plain = l.polyKind[p] == kFace && l.polyOffsets[p + 1] - l.polyOffsets[p] >= 3;
+    if (plain) plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
+    if (plain) {
+        for (size_t p = 0; p < npoly; ++p) faceOf[p] = static_cast<int32_t>(p);
+        offsets = std::move(l.polyOffsets);
+        indices = std::move(l.polyIndices);
+    }
+    for (size_t p = 0; p < npoly && !plain; ++p) {
         const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
         if (l.polyKind[p] == kCurve) {
             if (n >= 2 && inRange(p)) ++curveCount;
@@ -444,8 +463,8 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
         if (!disc.empty()) {
             for (size_t p = 0; p < npoly; ++p) {
                 if (faceOf[p] < 0) continue;
-                const uint32_t base = offsets[static_cast<size_t>(faceOf[p])];
-                const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
+                const size_t fi = static_cast<size_t>(faceOf[p]);
+                const uint32_t base = offsets[fi], n = offsets[fi + 1] - offsets[fi];
                 for (uint32_t k = 0; k < n; ++k) {
                     const auto f = disc.find(uint64_t(p) << 32 | uidx[base + k]);
                     if (f != disc.end()) uidx[base + k] = f->second;
@@ -456,8 +475,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     }
 
     auto pts = std::make_unique<C3DPointList>();
-    pts->SetSize(static_cast<int>(np));
-    std::copy(l.points.begin(), l.points.end(), pts->GetData());
+    pts->Raw() = std::move(l.points);
     auto faces = std::make_unique<C3DFaceList>();
     faces->Adopt(std::move(offsets), std::move(indices), std::move(flags), std::move(materials));
     mesh->SetPointList(pts.release(), true);

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "formats/lxo/LxoReader.h"
+#include "plugin/host/FaceList.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
@@ -57,11 +59,11 @@ private:
     };
     struct Layer {
         LxoLayerInfo info;
-        std::vector<float> points;
+        hostmem::ZeroedArray<float> points; // handed to the mesh whole
         // Every polygon of the layer in file order; PTAG and VMAD count from the start of
         // the POLS chunk before them (polsBase).
-        std::vector<uint32_t> polyOffsets{0};
-        std::vector<uint32_t> polyIndices;
+        CFaceList::IndexArray polyOffsets{0};
+        CFaceList::IndexArray polyIndices;
         std::vector<uint8_t> polyKind; // 0 face, 1 curve, 2 other
         uint32_t polsBase = 0;
         std::string uvName;
