@@ -68,6 +68,8 @@ uint32_t LxoLoader::OnChunkHeader(uint32_t id, uint32_t) {
         l.polsBase = static_cast<uint32_t>(l.polyKind.size());
     }
     m_uvActive = false;
+    m_inSetup = false;
+    m_actionItem = -1;
     return LXO_OK;
 }
 
@@ -238,8 +240,29 @@ uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
 }
 
 void LxoLoader::SetChannel(const std::string& name, const LxoChannelValue& value) {
-    Item* it = Current();
-    if (!it) return;
+    if (Item* it = Current()) SetChannel(*it, name, value);
+}
+
+// The setup action repeats (or overrides) the items' channel values; other actions hold
+// animation and edits, which a static import leaves alone.
+uint32_t LxoLoader::OnAction(const char* type, const char*, uint32_t) {
+    m_inSetup = std::strcmp(type, "setup") == 0;
+    m_actionItem = -1;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnActionItem(uint32_t referenceID) {
+    m_actionItem = m_inSetup ? FindItem(referenceID) : -1;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnActionChannel(uint32_t, const char* name, const LxoChannelValue& value) {
+    if (m_actionItem >= 0) SetChannel(m_items[static_cast<size_t>(m_actionItem)], name, value);
+    return LXO_OK;
+}
+
+void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannelValue& value) {
+    Item* it = &item;
     const float f = value.kind == 2 ? value.f : value.kind == 1 ? static_cast<float>(value.i) : 0.0f;
     const bool number = value.kind == 1 || value.kind == 2;
     switch (it->kind) {

@@ -47,6 +47,9 @@ public:
     uint32_t OnChannelVectorBegin(const char* name, uint32_t type, uint32_t count) override;
     uint32_t OnChannelVectorElement(const char* name, const LxoChannelValue& value) override;
     uint32_t OnChannelString(const char* name, const char* value) override;
+    uint32_t OnAction(const char* type, const char* name, uint32_t id) override;
+    uint32_t OnActionItem(uint32_t referenceID) override;
+    uint32_t OnActionChannel(uint32_t index, const char* name, const LxoChannelValue& value) override;
 
     static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
@@ -99,6 +102,7 @@ private:
     Layer& CurrentLayer();
     Item* Current() { return m_inItem && !m_items.empty() ? &m_items.back() : nullptr; }
     void SetChannel(const std::string& name, const LxoChannelValue& value);
+    void SetChannel(Item& item, const std::string& name, const LxoChannelValue& value);
     int32_t FindItem(uint32_t id) const;
     void Bind();
     uint32_t MaterialForTag(C3DScene& scene, uint32_t tag);
@@ -119,6 +123,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> m_itemByID;
     bool m_inItem = false;
     std::string m_vectorBase;
+    bool m_inSetup = false;     // inside the setup action
+    int32_t m_actionItem = -1;  // the item its channels belong to
     LxoChannelValue m_chanValue;
 
     // Per build: host material per tag name, the base material.

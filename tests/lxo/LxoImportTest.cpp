@@ -451,3 +451,26 @@ TEST(LxoImport, LongParentChainStaysLinear) {
     while ((n = C3DScene::GetChildNode(n))) ++depth;
     EXPECT_EQ(depth, kCount);
 }
+
+TEST(LxoImport, SetupActionValuesOverrideTheItemsAndOtherActionsDoNot) {
+    std::string chunks = Chunk("CHNM", U4(2) + std::string("unknown\0pos.X\0", 14));
+    chunks += LocatorItem(1, 0xFFFFFFFFu, "M");
+    std::string xf = std::string("translation\0", 12) + std::string("\0\0", 2) + U4(2);
+    xf += Sub("LINK", std::string("xfrmCore\0\0", 10) + U4(1) + U4(0));
+    xf += Sub("CHNV", std::string("pos\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(1) + std::string("Y\0", 2) +
+                          F4(0) + std::string("Z\0", 2) + F4(0));
+    chunks += Chunk("ITEM", xf);
+    auto action = [](const char* type, float x) {
+        const std::string t = std::string(type) + '\0';
+        const std::string s0 = t.size() % 2 ? t + '\0' : t;
+        return Chunk("ACTN", s0 + s0 + U4(7) + Sub("ITEM", U4(2)) + Sub("CHAN", U2(1) + U2(2) + U2(0) + F4(x)));
+    };
+    chunks += action("setup", 5) + action("edit", 9);
+    auto r = Import(Form(chunks));
+    ASSERT_TRUE(r->scene);
+    C3DSceneNode* m = Named(*r->scene, L"M");
+    ASSERT_TRUE(m);
+    C4x4Matrix tm;
+    m->GetNodeLocalTM(0, tm);
+    EXPECT_FLOAT_EQ(tm.GetTranslation().x, 5);
+}
