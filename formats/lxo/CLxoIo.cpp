@@ -47,8 +47,10 @@ C3DScene* CLxoIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions&
     LxoLoader loader(stream, options, [this] { return IsCancelled(); });
     C3DScene* scene = loader.Load();
     if (!scene) {
-        if (loader.WasCancelled()) m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
-        else m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        if (loader.WasCancelled())
+            m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
+        else
+            m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
     }
     return scene;
 }

@@ -11,7 +11,7 @@
 #include "plugin/host/XString.h"
 
 class CLxoIo : public C3DParser {
-public:
+  public:
     explicit CLxoIo(CFileIo& io);
     ~CLxoIo() override;
 

@@ -22,9 +22,13 @@ namespace {
 constexpr uint8_t kFace = 0, kCurve = 1, kSkipped = 2;
 constexpr uint32_t kPollEvery = 64; // chunks between two cancel polls
 
-CXStringW Wide(const std::string& s) { return CXStringW(Utf8ToWide(s)); }
+CXStringW Wide(const std::string& s) {
+    return CXStringW(Utf8ToWide(s));
+}
 
-bool IsFaceType(uint32_t t) { return t == lxoid::FACE || t == lxoid::SUBD || t == lxoid::PSUB; }
+bool IsFaceType(uint32_t t) {
+    return t == lxoid::FACE || t == lxoid::SUBD || t == lxoid::PSUB;
+}
 bool IsCurveType(uint32_t t) {
     return t == lxoid::CURV || t == lxoid::BEZR || t == lxoid::HCRV || t == lxoid::BCRV || t == lxoid::LINE;
 }
@@ -41,7 +45,9 @@ C4x4Matrix AxisRotation(int axis, float angle) {
     return m;
 }
 
-float Finite(float v, float fallback) { return std::isfinite(v) ? v : fallback; }
+float Finite(float v, float fallback) {
+    return std::isfinite(v) ? v : fallback;
+}
 
 } // namespace
 
@@ -50,7 +56,9 @@ LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<b
 
 LxoLoader::~LxoLoader() = default;
 
-void LxoLoader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXStringW(text)); }
+void LxoLoader::Log(const std::wstring& text) {
+    m_options.AddLogInfo(LOG_INFO, CXStringW(text));
+}
 
 LxoLoader::Layer& LxoLoader::CurrentLayer() {
     // Geometry before any LAYR goes to an implicit first layer.
@@ -148,13 +156,20 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
     it.name = name;
     it.id = referenceID;
     const std::string_view t(type);
-    if (t == "mesh") it.kind = Kind::Mesh;
-    else if (t == "locator" || t == "groupLocator") it.kind = Kind::Locator;
-    else if (t == "translation") it.kind = Kind::Translation;
-    else if (t == "rotation") it.kind = Kind::Rotation;
-    else if (t == "scale") it.kind = Kind::Scale;
-    else if (t == "mask") it.kind = Kind::Mask;
-    else if (t == "advancedMaterial") it.kind = Kind::Material;
+    if (t == "mesh")
+        it.kind = Kind::Mesh;
+    else if (t == "locator" || t == "groupLocator")
+        it.kind = Kind::Locator;
+    else if (t == "translation")
+        it.kind = Kind::Translation;
+    else if (t == "rotation")
+        it.kind = Kind::Rotation;
+    else if (t == "scale")
+        it.kind = Kind::Scale;
+    else if (t == "mask")
+        it.kind = Kind::Mask;
+    else if (t == "advancedMaterial")
+        it.kind = Kind::Material;
     if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
     if (it.kind == Kind::Mask || it.kind == Kind::Material) {
         it.shading = static_cast<int32_t>(m_shading.size());
@@ -234,8 +249,10 @@ uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
     Item* it = Current();
     if (!it || it->shading < 0) return LXO_OK;
     Shading& s = m_shading[static_cast<size_t>(it->shading)];
-    if (std::strcmp(name, "ptag") == 0) s.ptag = value;
-    else if (std::strcmp(name, "ptyp") == 0) s.ptyp = value;
+    if (std::strcmp(name, "ptag") == 0)
+        s.ptag = value;
+    else if (std::strcmp(name, "ptyp") == 0)
+        s.ptyp = value;
     return LXO_OK;
 }
 
@@ -281,26 +298,37 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
     case Kind::Material: {
         Shading& s = m_shading[static_cast<size_t>(it->shading)];
         if (value.kind == 3) {
-            if (name == "ptag") s.ptag = value.text;
-            else if (name == "ptyp") s.ptyp = value.text;
+            if (name == "ptag")
+                s.ptag = value.text;
+            else if (name == "ptyp")
+                s.ptyp = value.text;
             return;
         }
         if (!number) return;
-        if (name == "enable") s.enable = static_cast<int>(f);
-        else if (name == "diffAmt") s.diffAmt = f;
-        else if (name == "specAmt") s.specAmt = f;
-        else if (name == "tranAmt") s.tranAmt = f;
-        else if (name == "rough") s.rough = f;
-        else if (name == "smooth") s.smooth = f;
-        else if (name == "smAngle") s.smAngle = f;
-        else if (name.size() == 9 && (name.compare(0, 8, "diffCol.") == 0 || name.compare(0, 8, "specCol.") == 0)) {
+        if (name == "enable")
+            s.enable = static_cast<int>(f);
+        else if (name == "diffAmt")
+            s.diffAmt = f;
+        else if (name == "specAmt")
+            s.specAmt = f;
+        else if (name == "tranAmt")
+            s.tranAmt = f;
+        else if (name == "rough")
+            s.rough = f;
+        else if (name == "smooth")
+            s.smooth = f;
+        else if (name == "smAngle")
+            s.smAngle = f;
+        else if (name.size() == 9 &&
+                 (name.compare(0, 8, "diffCol.") == 0 || name.compare(0, 8, "specCol.") == 0)) {
             const char c = name[8];
             const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
             if (k >= 0) (name[0] == 'd' ? s.diffCol : s.specCol)[k] = f;
         }
         return;
     }
-    default: return;
+    default:
+        return;
     }
 }
 
@@ -363,7 +391,8 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
     m->SetName(Wide(name));
     if (shading >= 0) {
         const Shading& s = m_shading[static_cast<size_t>(shading)];
-        m->diffuse.SetColor4f(Finite(s.diffCol[0], 0.8f), Finite(s.diffCol[1], 0.8f), Finite(s.diffCol[2], 0.8f));
+        m->diffuse.SetColor4f(Finite(s.diffCol[0], 0.8f), Finite(s.diffCol[1], 0.8f),
+                              Finite(s.diffCol[2], 0.8f));
         m->diffuseFactor = std::clamp(Finite(s.diffAmt, 1.0f), 0.0f, 1.0f);
         m->transparency = std::clamp(Finite(s.tranAmt, 0.0f), 0.0f, 1.0f);
         if (s.smooth > 0 && std::isfinite(s.smAngle)) m->smoothAngle = s.smAngle * 57.29578f;
@@ -375,8 +404,10 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
         }
     }
     const uint32_t id = m->GetID();
-    if (untagged) m_baseMaterial = id;
-    else m_materialByName.emplace(name, m_materialOfTag[tag] = id);
+    if (untagged)
+        m_baseMaterial = id;
+    else
+        m_materialByName.emplace(name, m_materialOfTag[tag] = id);
     return id;
 }
 
@@ -399,9 +430,11 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     bool plain = true;
     for (size_t p = 0; p < npoly && plain; ++p)
         plain = l.polyKind[p] == kFace && l.polyOffsets[p + 1] - l.polyOffsets[p] >= 3;
-    if (plain) plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
+    if (plain)
+        plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
     if (plain) {
-        for (size_t p = 0; p < npoly; ++p) faceOf[p] = static_cast<int32_t>(p);
+        for (size_t p = 0; p < npoly; ++p)
+            faceOf[p] = static_cast<int32_t>(p);
         offsets = std::move(l.polyOffsets);
         indices = std::move(l.polyIndices);
     }
@@ -449,7 +482,8 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
 
     // Materials per face: PTAG MATR, the untagged ones the base material.
     std::vector<uint32_t> tagOf(npoly, kNone);
-    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) tagOf[l.matTag[i]] = l.matTag[i + 1];
+    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2)
+        tagOf[l.matTag[i]] = l.matTag[i + 1];
     materials.resize(nf);
     flags.resize(nf);
     for (size_t p = 0; p < npoly; ++p)
@@ -559,7 +593,8 @@ C3DScene* LxoLoader::Load() {
         size_t next = 0;
         std::vector<uint32_t> rest;
         for (uint32_t li : unbound) {
-            while (next < m_items.size() && (m_items[next].kind != Kind::Mesh || taken[next])) ++next;
+            while (next < m_items.size() && (m_items[next].kind != Kind::Mesh || taken[next]))
+                ++next;
             if (next < m_items.size()) {
                 layersOf[next].push_back(li);
                 taken[next++] = true;

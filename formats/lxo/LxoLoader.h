@@ -19,7 +19,7 @@
 #include "plugin/host/Scene.h"
 
 class LxoLoader : public LxoReader {
-public:
+  public:
     // Takes ownership of `stream`. `cancelled` is polled between chunks.
     LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled);
     ~LxoLoader() override;
@@ -37,7 +37,8 @@ public:
     uint32_t OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t flags) override;
     uint32_t OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) override;
     uint32_t OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) override;
-    uint32_t OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) override;
+    uint32_t OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension,
+                                  const float* values) override;
     uint32_t OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) override;
     uint32_t OnItemBegin(const char* type, const char* name, uint32_t referenceID) override;
     uint32_t OnItemEnd() override;
@@ -53,7 +54,7 @@ public:
 
     static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
-private:
+  private:
     enum class Kind : uint8_t { Other, Mesh, Locator, Translation, Rotation, Scale, Mask, Material };
 
     struct UvValue {
@@ -70,7 +71,7 @@ private:
         std::vector<uint8_t> polyKind; // 0 face, 1 curve, 2 other
         uint32_t polsBase = 0;
         std::string uvName;
-        std::vector<UvValue> uv;     // continuous (polygon = kNone) and discontinuous values
+        std::vector<UvValue> uv;      // continuous (polygon = kNone) and discontinuous values
         std::vector<uint32_t> matTag; // polygon, tag pairs
         uint32_t boundItem = kNone;
     };
@@ -89,14 +90,14 @@ private:
     struct Item {
         Kind kind = Kind::Other;
         uint32_t id = 0;
-        uint32_t parent = kNone;      // parent graph target
-        uint32_t xfrmTarget = kNone;  // xfrmCore target (transform items)
+        uint32_t parent = kNone;     // parent graph target
+        uint32_t xfrmTarget = kNone; // xfrmCore target (transform items)
         uint32_t xfrmOrdinal = 0;
         bool hasLayer = false;
-        float vec[3] = {0, 0, 0};     // pos, rot or scl
+        float vec[3] = {0, 0, 0}; // pos, rot or scl
         std::string order = "xyz";
         std::string name, unique, type;
-        int32_t shading = -1;         // index into m_shading
+        int32_t shading = -1; // index into m_shading
     };
 
     Layer& CurrentLayer();
@@ -123,8 +124,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> m_itemByID;
     bool m_inItem = false;
     std::string m_vectorBase;
-    bool m_inSetup = false;     // inside the setup action
-    int32_t m_actionItem = -1;  // the item its channels belong to
+    bool m_inSetup = false;    // inside the setup action
+    int32_t m_actionItem = -1; // the item its channels belong to
     LxoChannelValue m_chanValue;
 
     // Per build: host material per tag name, the base material.
@@ -136,7 +137,7 @@ private:
     struct Xfrm {
         uint32_t target, ordinal, item;
     };
-    std::vector<Xfrm> m_xfrms;                                // sorted by target, ordinal
+    std::vector<Xfrm> m_xfrms;                               // sorted by target, ordinal
     std::unordered_map<std::string, int32_t> m_shadingByTag; // mask tag -> material inside
     C3DScene* m_building = nullptr;
 };
