@@ -21,6 +21,7 @@ namespace {
 
 constexpr uint8_t kFace = 0, kCurve = 1, kSkipped = 2;
 constexpr uint32_t kPollEvery = 64; // chunks between two cancel polls
+constexpr size_t kMaxCount = 0x7FFFFFFF;
 
 CXStringW Wide(const std::string& s) {
     return CXStringW(Utf8ToWide(s));
@@ -90,12 +91,16 @@ uint32_t LxoLoader::OnLayer(const LxoLayerInfo& layer) {
 uint32_t LxoLoader::OnPoints(uint32_t count, const float* xyz) {
     if (ChunkID() != lxoid::PNTS) return LXO_OK; // baked VRTS are not scene geometry
     Layer& l = CurrentLayer();
+    // The host counts points, faces and corners in 32-bit signed integers.
+    if ((l.points.size() + size_t(count) * 3) / 3 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
     l.points.insert(l.points.end(), xyz, xyz + size_t(count) * 3);
     return LXO_OK;
 }
 
 uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t) {
     Layer& l = CurrentLayer();
+    if (l.polyIndices.size() + count >= kMaxCount || l.polyKind.size() + 1 >= kMaxCount)
+        return LXO_ERR_OUT_OF_MEMORY;
     const uint8_t kind = IsFaceType(type) ? kFace : IsCurveType(type) ? kCurve : kSkipped;
     if (l.polyKind.size() == l.polsBase) {
         // First polygon of the chunk: room for what its remaining bytes can hold (an index
