@@ -77,6 +77,7 @@ uint32_t LxoLoader::OnChunkHeader(uint32_t id, uint32_t) {
         l.polsBase = static_cast<uint32_t>(l.polyKind.size());
     }
     m_uvActive = false;
+    m_rgbActive = false;
     m_inSetup = false;
     m_actionItem = -1;
     return LXO_OK;
@@ -118,6 +119,15 @@ uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* ind
 
 uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) {
     m_uvActive = false;
+    m_rgbActive = false;
+    if ((type == lxoid::RGB_ || type == lxoid::RGBA) && dimension >= 3) {
+        // One colour map per mesh too.
+        Layer& l = CurrentLayer();
+        if (l.rgbName.empty() && l.rgb.empty()) l.rgbName = name;
+        m_rgbActive = l.rgbName == name;
+        if (m_rgbActive) l.rgb.reserve(l.rgb.size() + count);
+        return LXO_OK;
+    }
     if (type != lxoid::TXUV || dimension < 2) return LXO_OK;
     Layer& l = CurrentLayer();
     // One UV map per mesh: the first one named in the layer.
@@ -127,16 +137,29 @@ uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count,
     return LXO_OK;
 }
 
-uint32_t LxoLoader::OnVertexMapValue(uint32_t vertex, uint32_t, const float* values) {
-    if (m_uvActive) CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
+uint32_t LxoLoader::OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) {
+    if (m_uvActive)
+        CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
+    else if (m_rgbActive)
+        CurrentLayer().rgb.push_back(Rgb(vertex, kNone, dimension, values));
     return LXO_OK;
 }
 
-uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t, const float* values) {
-    if (!m_uvActive) return LXO_OK;
+LxoLoader::RgbValue LxoLoader::Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension,
+                                   const float* values) {
+    return {vertex, polygon, {values[0], values[1], values[2], dimension > 3 ? values[3] : 1.0f}};
+}
+
+uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension,
+                                         const float* values) {
+    if (!m_uvActive && !m_rgbActive) return LXO_OK;
     Layer& l = CurrentLayer();
     const uint64_t p = uint64_t(l.polsBase) + polygon;
-    if (p < l.polyKind.size()) l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
+    if (p >= l.polyKind.size()) return LXO_OK;
+    if (m_uvActive)
+        l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
+    else
+        l.rgb.push_back(Rgb(vertex, static_cast<uint32_t>(p), dimension, values));
     return LXO_OK;
 }
 
@@ -495,45 +518,69 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
         if (faceOf[p] >= 0) materials[static_cast<size_t>(faceOf[p])] = MaterialForTag(*m_building, tagOf[p]);
 
     auto mesh = std::make_unique<C3DObject>();
-    // UVs: the continuous values first (one per point, zero where the map has none), then
-    // one entry per discontinuous value, used by that polygon's corner at that point.
-    std::unique_ptr<CUVWChannel> uv;
-    if (!l.uv.empty()) {
-        uv = std::make_unique<CUVWChannel>();
-        CUVWPointList& up = *uv->GetUVWPointList();
-        up.SetSize(static_cast<int>(np));
-        float* d = up.GetData();
-        std::fill(d, d + np * 3, 0.0f);
+    // Vertex maps: the continuous values first (one entry per point), then one entry per
+    // discontinuous value, used by that polygon's corner at that point. `setPoint` stores
+    // a continuous value, `addEntry` appends a discontinuous one and returns its index;
+    // the channel's face list is filled.
+    auto buildMap = [&](const auto& values, CFaceList& out, auto&& setPoint, auto&& addEntry) {
         std::unordered_map<uint64_t, uint32_t> disc;
-        for (const UvValue& e : l.uv) {
+        for (const auto& e : values) {
             if (e.vertex >= np) continue;
             if (e.polygon == kNone) {
-                d[size_t(e.vertex) * 3] = e.u;
-                d[size_t(e.vertex) * 3 + 1] = e.v;
+                setPoint(e);
                 continue;
             }
             if (faceOf[e.polygon] < 0) continue;
-            const uint64_t key = uint64_t(e.polygon) << 32 | e.vertex;
-            const uint32_t at = static_cast<uint32_t>(up.GetSize());
-            if (!disc.emplace(key, at).second) continue;
-            up.Add(e.u, e.v, 0.0f);
-            d = up.GetData();
+            const auto [at, fresh] = disc.emplace(uint64_t(e.polygon) << 32 | e.vertex, 0u);
+            if (fresh) at->second = addEntry(e);
         }
-        CUVWFaceList& uf = *uv->GetUVWFaceList();
-        CFaceList::IndexArray uoff(offsets), uidx(indices);
-        CFaceList::FlagArray uflags(nf);
+        CFaceList::IndexArray coff(offsets), cidx(indices);
+        CFaceList::FlagArray cflags(nf);
         if (!disc.empty()) {
             for (size_t p = 0; p < npoly; ++p) {
                 if (faceOf[p] < 0) continue;
                 const size_t fi = static_cast<size_t>(faceOf[p]);
                 const uint32_t base = offsets[fi], n = offsets[fi + 1] - offsets[fi];
                 for (uint32_t k = 0; k < n; ++k) {
-                    const auto f = disc.find(uint64_t(p) << 32 | uidx[base + k]);
-                    if (f != disc.end()) uidx[base + k] = f->second;
+                    const auto f = disc.find(uint64_t(p) << 32 | cidx[base + k]);
+                    if (f != disc.end()) cidx[base + k] = f->second;
                 }
             }
         }
-        uf.Adopt(std::move(uoff), std::move(uidx), std::move(uflags));
+        out.Adopt(std::move(coff), std::move(cidx), std::move(cflags));
+    };
+    std::unique_ptr<CUVWChannel> uv;
+    if (!l.uv.empty()) {
+        uv = std::make_unique<CUVWChannel>();
+        CUVWPointList& up = *uv->GetUVWPointList();
+        up.SetSize(static_cast<int>(np));
+        std::fill(up.GetData(), up.GetData() + np * 3, 0.0f);
+        buildMap(
+            l.uv, *uv->GetUVWFaceList(),
+            [&](const UvValue& e) {
+                float* d = up.GetData() + size_t(e.vertex) * 3;
+                d[0] = e.u;
+                d[1] = e.v;
+            },
+            [&](const UvValue& e) { return static_cast<uint32_t>(up.Add(e.u, e.v, 0.0f)); });
+    }
+    // Vertex colours: points the map leaves out are white.
+    std::unique_ptr<CVCChannel> vc;
+    if (!l.rgb.empty()) {
+        vc = std::make_unique<CVCChannel>();
+        vc->SetWeight(1.0f);
+        CVCPointList& cp = *vc->GetVCPointList();
+        cp.SetSize(static_cast<int>(np));
+        std::fill(cp.Raw().begin(), cp.Raw().end(), CRGBColor(255, 255, 255));
+        auto color = [](const RgbValue& e) {
+            CRGBColor c;
+            c.SetColor4f(Finite(e.c[0], 1), Finite(e.c[1], 1), Finite(e.c[2], 1), Finite(e.c[3], 1));
+            return c;
+        };
+        buildMap(
+            l.rgb, *vc->GetVCFaceList(),
+            [&](const RgbValue& e) { cp[static_cast<int>(e.vertex)] = color(e); },
+            [&](const RgbValue& e) { return static_cast<uint32_t>(cp.Add(color(e))); });
     }
 
     auto pts = std::make_unique<C3DPointList>();
@@ -543,6 +590,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     mesh->SetPointList(pts.release(), true);
     mesh->SetFaceList(faces.release(), true);
     if (uv) mesh->SetGlobalUVWChannel(mesh->AddChannel(uv.release(), 0));
+    if (vc) mesh->SetGlobalVCChannel(mesh->AddChannel(vc.release(), -1));
     return mesh.release();
 }
 

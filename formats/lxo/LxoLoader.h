@@ -61,6 +61,11 @@ class LxoLoader : public LxoReader {
         uint32_t vertex, polygon;
         float u, v;
     };
+    struct RgbValue {
+        uint32_t vertex, polygon;
+        float c[4];
+    };
+    static RgbValue Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values);
     struct Layer {
         LxoLayerInfo info;
         hostmem::ZeroedArray<float> points; // handed to the mesh whole
@@ -71,7 +76,9 @@ class LxoLoader : public LxoReader {
         std::vector<uint8_t> polyKind; // 0 face, 1 curve, 2 other
         uint32_t polsBase = 0;
         std::string uvName;
-        std::vector<UvValue> uv;      // continuous (polygon = kNone) and discontinuous values
+        std::vector<UvValue> uv; // continuous (polygon = kNone) and discontinuous values
+        std::string rgbName;
+        std::vector<RgbValue> rgb;    // the first RGB or RGBA map, as uv
         std::vector<uint32_t> matTag; // polygon, tag pairs
         uint32_t boundItem = kNone;
     };
@@ -119,6 +126,7 @@ class LxoLoader : public LxoReader {
 
     std::vector<Layer> m_layers;
     bool m_uvActive = false;
+    bool m_rgbActive = false;
     std::vector<Item> m_items;
     std::vector<Shading> m_shading;
     std::unordered_map<uint32_t, uint32_t> m_itemByID;

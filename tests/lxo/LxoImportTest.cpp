@@ -488,3 +488,57 @@ TEST(LxoImport, SetupActionValuesOverrideTheItemsAndOtherActionsDoNot) {
     m->GetNodeLocalTM(0, tm);
     EXPECT_FLOAT_EQ(tm.GetTranslation().x, 5);
 }
+
+TEST(LxoImport, VertexColoursWithSeamsAndWhiteForMissingPoints) {
+    using namespace lxoid;
+    TempDir dir;
+    const std::string path = (dir / "rgb.lxo").string();
+    {
+        LxoWriter w(path.c_str());
+        LxoFileChunk form(w);
+        { LxoLayerChunk c(w, LxoLayerInfo{}); }
+        const float pts[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+        { LxoPointsChunk c(w, pts, 3); }
+        {
+            LxoPolygonsChunk c(w, FACE);
+            const uint32_t tri[3] = {0, 1, 2};
+            c.AddPolygon(tri, 3);
+        }
+        {
+            LxoVertexMapChunk c(w, RGB_, 3, "Color");
+            const float red[3] = {1, 0, 0}, green[3] = {0, 1, 0};
+            c.Add(0, red);
+            c.Add(1, green);
+        }
+        {
+            LxoVertexMapChunk c(w, RGB_, 3, "Other"); // a second colour map is left out
+            const float black[3] = {0, 0, 0};
+            c.Add(0, black);
+        }
+        {
+            LxoVertexMapDiscChunkEx c(w, RGBA, 4, "Color");
+            const float blue[4] = {0, 0, 1, 0.5f};
+            c.Add(1, 0, blue);
+        }
+    }
+    auto r = Import(testsupport::ReadFile(path));
+    ASSERT_TRUE(r->scene);
+    C3DNodePos pos = r->scene->GetFirstNode();
+    C3DSceneNode* n = r->scene->GetNextNode(pos);
+    ASSERT_TRUE(n);
+    auto* mesh = dynamic_cast<C3DObject*>(n->GetBaseObject());
+    ASSERT_TRUE(mesh);
+    const CVCChannel* vc = mesh->GetGlobalVCChannel();
+    ASSERT_TRUE(vc);
+    const uint32_t* corner = vc->GetVCFaceList()->GetFaceIndices(0);
+    const CVCPointList& colors = *vc->GetVCPointList();
+    const CRGBColor c0 = colors[int(corner[0])], c1 = colors[int(corner[1])], c2 = colors[int(corner[2])];
+    EXPECT_EQ(c0.r, 255);
+    EXPECT_EQ(c0.g, 0);
+    EXPECT_EQ(c1.b, 255);
+    EXPECT_EQ(c1.g, 0);
+    EXPECT_EQ(c1.a, 128);
+    EXPECT_EQ(c2.r, 255);
+    EXPECT_EQ(c2.g, 255);
+    EXPECT_EQ(c2.b, 255);
+}
