@@ -180,7 +180,8 @@ uint32_t LxoLoader::OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pa
 
 uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t referenceID) {
     Item it;
-    it.type = type;
+    m_itemType = type;
+    m_itemUnique.clear();
     it.name = name;
     it.id = referenceID;
     const std::string_view t(type);
@@ -213,12 +214,14 @@ uint32_t LxoLoader::OnItemEnd() {
     Item& it = m_items.back();
     // Cameras, lights and the rest of the scene graph are not built; an unknown type that
     // has a layer of its own is kept as a plain node.
-    const bool cameraOrLight = it.type == "camera" || it.type.find("Light") != std::string::npos;
+    const bool cameraOrLight = m_itemType == "camera" || m_itemType.find("Light") != std::string::npos;
     if (it.kind == Kind::Other && it.hasLayer && !cameraOrLight) it.kind = Kind::Locator;
     if (it.kind == Kind::Other) {
         m_items.pop_back();
         return LXO_OK;
     }
+    if (it.name.empty()) it.name = !m_itemUnique.empty() ? m_itemUnique : m_itemType;
+    it.name.shrink_to_fit();
     m_itemByID.emplace(it.id, static_cast<uint32_t>(m_items.size() - 1)); // the first of equal IDs wins
     return LXO_OK;
 }
@@ -229,7 +232,7 @@ uint32_t LxoLoader::OnItemLayer(uint32_t, uint32_t, uint32_t) {
 }
 
 uint32_t LxoLoader::OnItemUnique(const char* name) {
-    if (Item* it = Current()) it->unique = name;
+    if (Current()) m_itemUnique = name;
     return LXO_OK;
 }
 
@@ -319,7 +322,7 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
         if (number && name.size() == 5 && name.compare(0, 4, base) == 0 && name[4] >= 'X' && name[4] <= 'Z')
             it->vec[name[4] - 'X'] = f;
         else if (it->kind == Kind::Rotation && name == "order" && value.kind == 3)
-            it->order = value.text;
+            if (std::strlen(value.text) == 3) std::memcpy(it->order, value.text, 4);
         return;
     }
     case Kind::Mask:
@@ -610,8 +613,8 @@ C4x4Matrix LxoLoader::LocalMatrix(uint32_t itemIndex) const {
             m = m * C4x4Matrix::Scaling(Finite(v[0], 1), Finite(v[1], 1), Finite(v[2], 1));
         } else {
             // The order string names the axis applied first.
-            const std::string& o = t.order.size() == 3 ? t.order : std::string("xyz");
-            for (char c : o) {
+            for (int k = 0; k < 3; ++k) {
+                const char c = t.order[k];
                 const int axis = (c | 0x20) - 'x';
                 if (axis >= 0 && axis <= 2) m = m * AxisRotation(axis, Finite(v[axis], 0));
             }
@@ -728,8 +731,7 @@ C3DScene* LxoLoader::Load() {
         C3DSceneNode* parent = parentOf[i] >= 0 ? nodeOf[static_cast<size_t>(parentOf[i])] : nullptr;
         C3DSceneNode* node = scene->AddNode(parent, new C3DSceneNode());
         nodeOf[i] = node;
-        const std::string& name = !it.name.empty() ? it.name : !it.unique.empty() ? it.unique : it.type;
-        node->SetName(Wide(name));
+        node->SetName(Wide(it.name));
         node->SetNodeLocalTM(LocalMatrix(static_cast<uint32_t>(i)));
         bool first = true;
         for (uint32_t li : layersOf[i]) {

@@ -101,10 +101,10 @@ class LxoLoader : public LxoReader {
         uint32_t xfrmTarget = kNone; // xfrmCore target (transform items)
         uint32_t xfrmOrdinal = 0;
         bool hasLayer = false;
-        float vec[3] = {0, 0, 0}; // pos, rot or scl
-        std::string order = "xyz";
-        std::string name, unique, type;
-        int32_t shading = -1; // index into m_shading
+        float vec[3] = {0, 0, 0};           // pos, rot or scl
+        char order[4] = {'x', 'y', 'z', 0}; // rotation order, the axis applied first first
+        std::string name;                   // the item name, else its unique name, else its type
+        int32_t shading = -1;               // index into m_shading
     };
 
     Layer& CurrentLayer();
@@ -132,8 +132,9 @@ class LxoLoader : public LxoReader {
     std::unordered_map<uint32_t, uint32_t> m_itemByID;
     bool m_inItem = false;
     std::string m_vectorBase;
-    bool m_inSetup = false;    // inside the setup action
-    int32_t m_actionItem = -1; // the item its channels belong to
+    std::string m_itemType, m_itemUnique; // of the item being read
+    bool m_inSetup = false;               // inside the setup action
+    int32_t m_actionItem = -1;            // the item its channels belong to
     LxoChannelValue m_chanValue;
 
     // Per build: host material per tag name, the base material.
