@@ -199,6 +199,21 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
         it.kind = Kind::Mask;
     else if (t == "advancedMaterial")
         it.kind = Kind::Material;
+    else if (t == "lightMaterial")
+        it.kind = Kind::LightMaterial;
+    else if (t == "camera" && m_options.importCameras)
+        it.kind = Kind::Camera;
+    else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights)
+        it.kind = Kind::Light;
+    if (it.kind == Kind::Camera || it.kind == Kind::Light || it.kind == Kind::LightMaterial) {
+        it.shading = static_cast<int32_t>(m_optics.size());
+        m_optics.emplace_back();
+        // The sun is a distant light, a spot a spot; the other kinds (area, dome, cylinder
+        // and the rest) are approximated by a point light.
+        m_optics.back().lightKind = t == "sunLight"    ? LIGHT_DIRECTIONAL
+                                    : t == "spotLight" ? LIGHT_SPOT
+                                                       : LIGHT_POINT;
+    }
     if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
     if (it.kind == Kind::Mask || it.kind == Kind::Material) {
         it.shading = static_cast<int32_t>(m_shading.size());
@@ -323,6 +338,23 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
             it->vec[name[4] - 'X'] = f;
         else if (it->kind == Kind::Rotation && name == "order" && value.kind == 3)
             if (std::strlen(value.text) == 3) std::memcpy(it->order, value.text, 4);
+        return;
+    }
+    case Kind::Camera:
+    case Kind::LightMaterial: {
+        Optics& o = m_optics[static_cast<size_t>(it->shading)];
+        if (it->kind == Kind::Camera) {
+            if (name == "projType" && value.kind == 3)
+                o.ortho = std::strcmp(value.text, "ortho") == 0;
+            else if (number && name == "focalLen")
+                o.focalLen = f;
+            else if (number && name == "apertureY")
+                o.apertureY = f;
+        } else if (number && name.size() == 10 && name.compare(0, 9, "lightCol.") == 0) {
+            const char c = name[9];
+            const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
+            if (k >= 0) o.color[k] = f;
+        }
         return;
     }
     case Kind::Mask:
@@ -663,7 +695,19 @@ C3DScene* LxoLoader::Load() {
 
     // Node items: parents first. Depth by walking parent links, a cycle cut where found.
     const size_t n = m_items.size();
-    auto isNode = [&](size_t i) { return m_items[i].kind == Kind::Mesh || m_items[i].kind == Kind::Locator; };
+    auto isNode = [&](size_t i) {
+        const Kind k = m_items[i].kind;
+        return k == Kind::Mesh || k == Kind::Locator || k == Kind::Camera || k == Kind::Light;
+    };
+    // A light's colour is in the light material under it.
+    for (const Item& it : m_items) {
+        if (it.kind != Kind::LightMaterial) continue;
+        const int32_t p = FindItem(it.parent);
+        if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Light) continue;
+        Optics& light = m_optics[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
+        std::copy(m_optics[static_cast<size_t>(it.shading)].color,
+                  m_optics[static_cast<size_t>(it.shading)].color + 3, light.color);
+    }
     std::vector<int32_t> parentOf(n, -1);
     for (size_t i = 0; i < n; ++i) {
         if (!isNode(i)) continue;
@@ -733,6 +777,21 @@ C3DScene* LxoLoader::Load() {
         nodeOf[i] = node;
         node->SetName(Wide(it.name));
         node->SetNodeLocalTM(LocalMatrix(static_cast<uint32_t>(i)));
+        if (it.kind == Kind::Camera || it.kind == Kind::Light) {
+            // Both look down their local -Z.
+            const Optics& o = m_optics[static_cast<size_t>(it.shading)];
+            if (it.kind == Kind::Camera) {
+                auto* cam = new C3DCamera();
+                cam->SetProjection(o.ortho ? PROJECTION_ORTHOGRAPHIC : PROJECTION_PERSPECTIVE);
+                const float focal = Finite(o.focalLen, 0.05f), aperture = Finite(o.apertureY, 0.024f);
+                if (focal > 0 && aperture > 0) cam->SetVFov(2.0f * std::atan(aperture / (2.0f * focal)));
+                node->SetObject(cam, true);
+            } else {
+                auto* light = new C3DLight(o.lightKind);
+                light->color.SetColor4f(Finite(o.color[0], 1), Finite(o.color[1], 1), Finite(o.color[2], 1));
+                node->SetObject(light, true);
+            }
+        }
         bool first = true;
         for (uint32_t li : layersOf[i]) {
             addGeometry(node, li, first);

@@ -55,7 +55,19 @@ class LxoLoader : public LxoReader {
     static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
   private:
-    enum class Kind : uint8_t { Other, Mesh, Locator, Translation, Rotation, Scale, Mask, Material };
+    enum class Kind : uint8_t {
+        Other,
+        Mesh,
+        Locator,
+        Camera,
+        Light,
+        Translation,
+        Rotation,
+        Scale,
+        Mask,
+        Material,
+        LightMaterial
+    };
 
     struct UvValue {
         uint32_t vertex, polygon;
@@ -94,6 +106,13 @@ class LxoLoader : public LxoReader {
         int enable = 1;
         std::string ptag, ptyp;
     };
+    // Cameras, lights and light materials.
+    struct Optics {
+        float focalLen = 0.05f, apertureY = 0.024f;
+        bool ortho = false;
+        int lightKind = 0;
+        float color[3] = {1, 1, 1};
+    };
     struct Item {
         Kind kind = Kind::Other;
         uint32_t id = 0;
@@ -104,7 +123,7 @@ class LxoLoader : public LxoReader {
         float vec[3] = {0, 0, 0};           // pos, rot or scl
         char order[4] = {'x', 'y', 'z', 0}; // rotation order, the axis applied first first
         std::string name;                   // the item name, else its unique name, else its type
-        int32_t shading = -1;               // index into m_shading
+        int32_t shading = -1;               // index into m_shading (m_optics for cameras, lights)
     };
 
     Layer& CurrentLayer();
@@ -129,6 +148,7 @@ class LxoLoader : public LxoReader {
     bool m_rgbActive = false;
     std::vector<Item> m_items;
     std::vector<Shading> m_shading;
+    std::vector<Optics> m_optics;
     std::unordered_map<uint32_t, uint32_t> m_itemByID;
     bool m_inItem = false;
     std::string m_vectorBase;

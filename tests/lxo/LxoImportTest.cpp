@@ -379,6 +379,19 @@ TEST(LxoImport, CorpusSphere) {
     EXPECT_EQ(m->diffuse.r, 128);
     EXPECT_EQ(m->diffuse.g, 0);
     EXPECT_EQ(m->diffuse.b, 128);
+    // The camera (50 mm lens, 24 mm film height) and the sun.
+    C3DSceneNode* cam = Named(*r->scene, L"camera002");
+    C3DSceneNode* sun = Named(*r->scene, L"sunLight015");
+    ASSERT_TRUE(cam && sun);
+    ASSERT_EQ(cam->GetKindOf(), uint32_t(KINDOF_CAMERA));
+    EXPECT_NEAR(static_cast<C3DCamera*>(cam->GetBaseObject())->GetVFov(), 2 * std::atan(0.24), 1e-4);
+    ASSERT_EQ(sun->GetKindOf(), uint32_t(KINDOF_LIGHT));
+    EXPECT_EQ(static_cast<C3DLight*>(sun->GetBaseObject())->GetLightKind(), LIGHT_DIRECTIONAL);
+    // The camera sits 4 m along +Z and 0.75 m up.
+    C4x4Matrix tm;
+    cam->GetNodeTM(0, tm);
+    EXPECT_NEAR(tm.GetTranslation().y, 0.75f, 1e-5);
+    EXPECT_NEAR(tm.GetTranslation().z, 4.0f, 1e-5);
 }
 
 TEST(LxoImport, CorpusEngine) {
@@ -541,4 +554,34 @@ TEST(LxoImport, VertexColoursWithSeamsAndWhiteForMissingPoints) {
     EXPECT_EQ(c2.r, 255);
     EXPECT_EQ(c2.g, 255);
     EXPECT_EQ(c2.b, 255);
+}
+
+TEST(LxoImport, CamerasAndLightsWithTheLightMaterialColour) {
+    std::string chunks =
+        Chunk("CHNM", U4(4) + std::string("unknown\0focalLen\0\0apertureY\0projType\0\0", 38));
+    std::string cam = std::string("camera\0\0", 8) + std::string("Cam\0", 4) + U4(1);
+    cam += Sub("CHAN", U2(1) + U2(2) + F4(0.05f)) + Sub("CHAN", U2(2) + U2(2) + F4(0.024f));
+    cam += Sub("CHAN", U2(3) + U2(3) + std::string("persp\0", 6));
+    chunks += Chunk("ITEM", cam);
+    chunks += Chunk("ITEM", std::string("sunLight\0\0", 10) + std::string("Sun\0", 4) + U4(2));
+    std::string mat = std::string("lightMaterial\0", 14) + std::string("\0\0", 2) + U4(3);
+    mat += Sub("LINK", std::string("parent\0\0", 8) + U4(2) + U4(0));
+    mat += Sub("CHNV", std::string("lightCol\0\0", 10) + U2(2) + U2(3) + std::string("R\0", 2) + F4(1) +
+                           std::string("G\0", 2) + F4(0.5f) + std::string("B\0", 2) + F4(0));
+    chunks += Chunk("ITEM", mat);
+    auto r = Import(Form(chunks));
+    ASSERT_TRUE(r->scene);
+    C3DSceneNode* camNode = Named(*r->scene, L"Cam");
+    C3DSceneNode* sunNode = Named(*r->scene, L"Sun");
+    ASSERT_TRUE(camNode && sunNode);
+    auto* camera = dynamic_cast<C3DCamera*>(camNode->GetBaseObject());
+    auto* light = dynamic_cast<C3DLight*>(sunNode->GetBaseObject());
+    ASSERT_TRUE(camera && light);
+    EXPECT_NEAR(camera->GetVFov(), 2 * std::atan(0.24), 1e-5); // 24 mm film behind a 50 mm lens
+    EXPECT_EQ(camera->GetProjection(), PROJECTION_PERSPECTIVE);
+    EXPECT_EQ(light->GetLightKind(), LIGHT_DIRECTIONAL);
+    EXPECT_EQ(light->color.r, 255);
+    EXPECT_EQ(light->color.g, 128);
+    EXPECT_EQ(light->color.b, 0);
+    EXPECT_EQ(r->scene->GetNodeCount(), 2); // the light material is no node
 }
