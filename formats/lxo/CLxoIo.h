@@ -1,8 +1,7 @@
 #pragma once
 // Modo LXO scenes: import only so far (mesh layers with UVs, vertex colours and material
 // tags, the item hierarchy, transforms, cameras, lights, material colours from the shader
-// tree). Saving keeps the
-// base class answer (not available).
+// tree). Saving keeps the base class answer (not available).
 #include <cstdint>
 #include <span>
 
