@@ -273,6 +273,8 @@ uint32_t LxoLoader::ParseItemSubChunk(int context) {
     if (uint32_t r = ReadU2(index)) return r;
     if (uint32_t r = ReadU2(type)) return r;
     if (uint32_t r = ReadChannelValue(type, m_chanValue)) return r;
+    // With the envelope bit the value is an envelope index, not the channel's value.
+    if ((type & 0x10) && (type & 0xFFDF) != 0x4E56) return LXO_OK;
     const LxoStringList& names = ChannelNames();
     if (index < names.size()) SetChannel(names[index], m_chanValue);
     return LXO_OK;

@@ -291,13 +291,14 @@ TEST(LxoImport, ChannelIndicesAreResolvedThroughTheNameTable) {
     // A rotation whose order channel ("zxy") is named by index 1, then a CHAN with an index
     // past the table (ignored). Read as "xyz", (1,0,0) would end at (0,0,-1).
     using namespace lxoid;
-    std::string chnm = U4(2) + std::string("unknown\0order\0", 14);
+    std::string chnm = U4(3) + std::string("unknown\0order\0rot.Y\0", 20);
     std::string rot = std::string("rotation\0\0", 10) + std::string("\0\0", 2) + U4(2);
     rot += Sub("LINK", std::string("xfrmCore\0\0", 10) + U4(1) + U4(0));
     rot += Sub("CHNV", std::string("rot\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(0) +
                            std::string("Y\0", 2) + F4(1.5707964f) + std::string("Z\0", 2) + F4(1.5707964f));
     rot += Sub("CHAN", U2(1) + U2(3) + std::string("zxy\0", 4));
     rot += Sub("CHAN", U2(700) + U2(3) + std::string("xyz\0", 4)); // no such channel
+    rot += Sub("CHAN", U2(2) + U2(0x11) + U4(4));                  // rot.Y through envelope 4: not a value
     std::string loc =
         std::string("locator\0", 8) + std::string("L\0", 2) + U4(1) + Sub("LAYR", U4(0) + U4(9) + U4(0));
     const std::string file = Form(Chunk("CHNM", chnm) + Chunk("ITEM", loc) + Chunk("ITEM", rot));
