@@ -1,7 +1,9 @@
 #pragma once
-// Modo LXO parser: not built yet; keeps the base Read/Save, which report that the
-// format is not available.
+// Modo LXO scenes: import only so far (mesh layers with UVs, vertex colours and material
+// tags, the item hierarchy, transforms, cameras, lights, material colours from the shader
+// tree). Saving keeps the base class answer (not available).
 #include <cstdint>
+#include <span>
 
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
@@ -9,11 +11,11 @@
 #include "plugin/host/XString.h"
 
 class CLxoIo : public C3DParser {
-public:
+  public:
     explicit CLxoIo(CFileIo& io);
     ~CLxoIo() override;
 
-private:
-    CHashMap<uint32_t, C3DSceneNode*> m_nodesByID{23};
-    CHashMap<uint32_t, uint32_t> m_materials{23};
+    C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // Reads LXO bytes held in memory (fuzzing, tests); same results as Read.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 };

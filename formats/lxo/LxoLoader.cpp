@@ -1,0 +1,816 @@
+// LXO scene building. Layers (points, polygons, the first UV map, material tags) are
+// buffered as they stream past; items keep only what the scene needs (names, parent and
+// transform links, transform values, mask selections, material channels). Everything is
+// bound at the end: each layer to its mesh item, transforms to their locators, masks and
+// materials to the polygon tags. Links to missing items are dropped, parent cycles cut.
+#include "formats/lxo/LxoLoader.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "plugin/host/Channel.h"
+#include "plugin/host/Material.h"
+#include "plugin/host/Object.h"
+#include "plugin/host/SceneNode.h"
+#include "plugin/host/XString.h"
+
+namespace {
+
+constexpr uint8_t kFace = 0, kCurve = 1, kSkipped = 2;
+constexpr uint32_t kPollEvery = 64; // chunks between two cancel polls
+constexpr size_t kMaxCount = 0x7FFFFFFF;
+
+CXStringW Wide(const std::string& s) {
+    return CXStringW(Utf8ToWide(s));
+}
+
+bool IsFaceType(uint32_t t) {
+    return t == lxoid::FACE || t == lxoid::SUBD || t == lxoid::PSUB;
+}
+bool IsCurveType(uint32_t t) {
+    return t == lxoid::CURV || t == lxoid::BEZR || t == lxoid::HCRV || t == lxoid::BCRV || t == lxoid::LINE;
+}
+
+// Rotation about one axis for row vectors (p' = p * M).
+C4x4Matrix AxisRotation(int axis, float angle) {
+    C4x4Matrix m;
+    const float c = std::cos(angle), s = std::sin(angle);
+    const int a = (axis + 1) % 3, b = (axis + 2) % 3;
+    m.m[a][a] = c;
+    m.m[a][b] = s;
+    m.m[b][a] = -s;
+    m.m[b][b] = c;
+    return m;
+}
+
+float Finite(float v, float fallback) {
+    return std::isfinite(v) ? v : fallback;
+}
+
+} // namespace
+
+LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled)
+    : LxoReader(stream), m_options(options), m_isCancelled(std::move(cancelled)) {}
+
+LxoLoader::~LxoLoader() = default;
+
+void LxoLoader::Log(const std::wstring& text) {
+    m_options.AddLogInfo(LOG_INFO, CXStringW(text));
+}
+
+LxoLoader::Layer& LxoLoader::CurrentLayer() {
+    // Geometry before any LAYR goes to an implicit first layer.
+    if (m_layers.empty()) m_layers.emplace_back();
+    return m_layers.back();
+}
+
+uint32_t LxoLoader::OnChunkHeader(uint32_t id, uint32_t) {
+    if (++m_chunks % kPollEvery == 0 && m_isCancelled && m_isCancelled()) {
+        m_cancelled = true;
+        return LXO_END_OF_DATA;
+    }
+    if (id == lxoid::POLS) {
+        Layer& l = CurrentLayer();
+        l.polsBase = static_cast<uint32_t>(l.polyKind.size());
+    }
+    m_uvActive = false;
+    m_rgbActive = false;
+    m_inSetup = false;
+    m_actionItem = -1;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnLayer(const LxoLayerInfo& layer) {
+    m_layers.emplace_back();
+    m_layers.back().info = layer;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnPoints(uint32_t count, const float* xyz) {
+    if (ChunkID() != lxoid::PNTS) return LXO_OK; // baked VRTS are not scene geometry
+    Layer& l = CurrentLayer();
+    // The host counts points, faces and corners in 32-bit signed integers.
+    if ((l.points.size() + size_t(count) * 3) / 3 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
+    l.points.insert(l.points.end(), xyz, xyz + size_t(count) * 3);
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t) {
+    Layer& l = CurrentLayer();
+    if (l.polyIndices.size() + count >= kMaxCount || l.polyKind.size() + 1 >= kMaxCount)
+        return LXO_ERR_OUT_OF_MEMORY;
+    const uint8_t kind = IsFaceType(type) ? kFace : IsCurveType(type) ? kCurve : kSkipped;
+    if (l.polyKind.size() == l.polsBase) {
+        // First polygon of the chunk: room for what its remaining bytes can hold (an index
+        // takes two bytes or more), so big meshes grow their arrays once.
+        const uint64_t left = ChunkUnread();
+        l.polyIndices.reserve(l.polyIndices.size() + static_cast<size_t>(left / 2) + count);
+        l.polyOffsets.reserve(l.polyOffsets.size() + static_cast<size_t>(left / 8) + 1);
+        l.polyKind.reserve(l.polyKind.size() + static_cast<size_t>(left / 8) + 1);
+    }
+    if (kind != kSkipped) l.polyIndices.insert(l.polyIndices.end(), indices, indices + count);
+    l.polyOffsets.push_back(static_cast<uint32_t>(l.polyIndices.size()));
+    l.polyKind.push_back(kind);
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) {
+    m_uvActive = false;
+    m_rgbActive = false;
+    if ((type == lxoid::RGB_ || type == lxoid::RGBA) && dimension >= 3) {
+        // One colour map per mesh too.
+        Layer& l = CurrentLayer();
+        if (l.rgbName.empty() && l.rgb.empty()) l.rgbName = name;
+        m_rgbActive = l.rgbName == name;
+        if (m_rgbActive) l.rgb.reserve(l.rgb.size() + count);
+        return LXO_OK;
+    }
+    if (type != lxoid::TXUV || dimension < 2) return LXO_OK;
+    Layer& l = CurrentLayer();
+    // One UV map per mesh: the first one named in the layer.
+    if (l.uvName.empty() && l.uv.empty()) l.uvName = name;
+    m_uvActive = l.uvName == name;
+    if (m_uvActive) l.uv.reserve(l.uv.size() + count); // count: the complete entries present
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) {
+    if (m_uvActive)
+        CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
+    else if (m_rgbActive)
+        CurrentLayer().rgb.push_back(Rgb(vertex, kNone, dimension, values));
+    return LXO_OK;
+}
+
+LxoLoader::RgbValue LxoLoader::Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension,
+                                   const float* values) {
+    return {vertex, polygon, {values[0], values[1], values[2], dimension > 3 ? values[3] : 1.0f}};
+}
+
+uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension,
+                                         const float* values) {
+    if (!m_uvActive && !m_rgbActive) return LXO_OK;
+    Layer& l = CurrentLayer();
+    const uint64_t p = uint64_t(l.polsBase) + polygon;
+    if (p >= l.polyKind.size()) return LXO_OK;
+    if (m_uvActive)
+        l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
+    else
+        l.rgb.push_back(Rgb(vertex, static_cast<uint32_t>(p), dimension, values));
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) {
+    if (type != lxoid::MATR) return LXO_OK;
+    Layer& l = CurrentLayer();
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint64_t p = uint64_t(l.polsBase) + pairs[i * 2];
+        if (p >= l.polyKind.size()) continue;
+        l.matTag.push_back(static_cast<uint32_t>(p));
+        l.matTag.push_back(pairs[i * 2 + 1]);
+    }
+    return LXO_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Items
+
+uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t referenceID) {
+    Item it;
+    m_itemType = type;
+    m_itemUnique.clear();
+    it.name = name;
+    it.id = referenceID;
+    const std::string_view t(type);
+    if (t == "mesh")
+        it.kind = Kind::Mesh;
+    else if (t == "locator" || t == "groupLocator")
+        it.kind = Kind::Locator;
+    else if (t == "translation")
+        it.kind = Kind::Translation;
+    else if (t == "rotation")
+        it.kind = Kind::Rotation;
+    else if (t == "scale")
+        it.kind = Kind::Scale;
+    else if (t == "mask")
+        it.kind = Kind::Mask;
+    else if (t == "advancedMaterial")
+        it.kind = Kind::Material;
+    else if (t == "lightMaterial")
+        it.kind = Kind::LightMaterial;
+    else if (t == "camera" && m_options.importCameras)
+        it.kind = Kind::Camera;
+    else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights)
+        it.kind = Kind::Light;
+    if (it.kind == Kind::Camera || it.kind == Kind::Light || it.kind == Kind::LightMaterial) {
+        it.shading = static_cast<int32_t>(m_optics.size());
+        m_optics.emplace_back();
+        // The sun is a distant light, a spot a spot; the other kinds (area, dome, cylinder
+        // and the rest) are approximated by a point light.
+        m_optics.back().lightKind = t == "sunLight"    ? LIGHT_DIRECTIONAL
+                                    : t == "spotLight" ? LIGHT_SPOT
+                                                       : LIGHT_POINT;
+    }
+    if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
+    if (it.kind == Kind::Mask || it.kind == Kind::Material) {
+        it.shading = static_cast<int32_t>(m_shading.size());
+        m_shading.emplace_back();
+    }
+    m_items.push_back(std::move(it));
+    m_inItem = true;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnItemEnd() {
+    m_inItem = false;
+    Item& it = m_items.back();
+    // Cameras, lights and the rest of the scene graph are not built; an unknown type that
+    // has a layer of its own is kept as a plain node.
+    const bool cameraOrLight = m_itemType == "camera" || m_itemType.find("Light") != std::string::npos;
+    if (it.kind == Kind::Other && it.hasLayer && !cameraOrLight) it.kind = Kind::Locator;
+    if (it.kind == Kind::Other) {
+        m_items.pop_back();
+        return LXO_OK;
+    }
+    if (it.name.empty()) it.name = !m_itemUnique.empty() ? m_itemUnique : m_itemType;
+    it.name.shrink_to_fit();
+    m_itemByID.emplace(it.id, static_cast<uint32_t>(m_items.size() - 1)); // the first of equal IDs wins
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnItemLayer(uint32_t, uint32_t, uint32_t) {
+    if (Item* it = Current()) it->hasLayer = true;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnItemUnique(const char* name) {
+    if (Current()) m_itemUnique = name;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnItemLink(const char* graph, uint32_t referenceID, uint32_t index) {
+    Item* it = Current();
+    if (!it) return LXO_OK;
+    if (std::strcmp(graph, "parent") == 0) {
+        if (it->parent == kNone) it->parent = referenceID;
+    } else if (std::strcmp(graph, "xfrmCore") == 0) {
+        // A second link to no item (0xFFFFFFFF) follows some rotations; only the first counts.
+        if (it->xfrmTarget == kNone && referenceID != kNone) {
+            it->xfrmTarget = referenceID;
+            it->xfrmOrdinal = index;
+        }
+    }
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::ParseItemSubChunk(int context) {
+    if (context != 0 || SubChunkID() != lxoid::CHAN) return LxoReader::ParseItemSubChunk(context);
+    // CHAN: U2 index into CHNM, U2 type, value.
+    uint16_t index = 0, type = 0;
+    if (uint32_t r = ReadU2(index)) return r;
+    if (uint32_t r = ReadU2(type)) return r;
+    if (uint32_t r = ReadChannelValue(type, m_chanValue)) return r;
+    // With the envelope bit the value is an envelope index, not the channel's value.
+    if ((type & 0x10) && (type & 0xFFDF) != 0x4E56) return LXO_OK;
+    const LxoStringList& names = ChannelNames();
+    if (index < names.size()) SetChannel(names[index], m_chanValue);
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnChannelVectorBegin(const char* name, uint32_t, uint32_t) {
+    m_vectorBase = name;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnChannelVectorElement(const char* name, const LxoChannelValue& value) {
+    std::string full = m_vectorBase;
+    full += '.';
+    full += name;
+    SetChannel(full, value);
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
+    Item* it = Current();
+    if (!it || it->shading < 0) return LXO_OK;
+    Shading& s = m_shading[static_cast<size_t>(it->shading)];
+    if (std::strcmp(name, "ptag") == 0)
+        s.ptag = value;
+    else if (std::strcmp(name, "ptyp") == 0)
+        s.ptyp = value;
+    return LXO_OK;
+}
+
+void LxoLoader::SetChannel(const std::string& name, const LxoChannelValue& value) {
+    if (Item* it = Current()) SetChannel(*it, name, value);
+}
+
+// The setup action repeats (or overrides) the items' channel values; other actions hold
+// animation and edits, which a static import leaves alone.
+uint32_t LxoLoader::OnAction(const char* type, const char*, uint32_t) {
+    m_inSetup = std::strcmp(type, "setup") == 0;
+    m_actionItem = -1;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnActionItem(uint32_t referenceID) {
+    m_actionItem = m_inSetup ? FindItem(referenceID) : -1;
+    return LXO_OK;
+}
+
+uint32_t LxoLoader::OnActionChannel(uint32_t, const char* name, const LxoChannelValue& value) {
+    if (m_actionItem >= 0) SetChannel(m_items[static_cast<size_t>(m_actionItem)], name, value);
+    return LXO_OK;
+}
+
+void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannelValue& value) {
+    Item* it = &item;
+    const float f = value.kind == 2 ? value.f : value.kind == 1 ? static_cast<float>(value.i) : 0.0f;
+    const bool number = value.kind == 1 || value.kind == 2;
+    switch (it->kind) {
+    case Kind::Translation:
+    case Kind::Rotation:
+    case Kind::Scale: {
+        static const char* const kBase[] = {"pos.", "rot.", "scl."};
+        const char* base = kBase[it->kind == Kind::Translation ? 0 : it->kind == Kind::Rotation ? 1 : 2];
+        if (number && name.size() == 5 && name.compare(0, 4, base) == 0 && name[4] >= 'X' && name[4] <= 'Z')
+            it->vec[name[4] - 'X'] = f;
+        else if (it->kind == Kind::Rotation && name == "order" && value.kind == 3)
+            if (std::strlen(value.text) == 3) std::memcpy(it->order, value.text, 4);
+        return;
+    }
+    case Kind::Camera:
+    case Kind::LightMaterial: {
+        Optics& o = m_optics[static_cast<size_t>(it->shading)];
+        if (it->kind == Kind::Camera) {
+            if (name == "projType" && value.kind == 3)
+                o.ortho = std::strcmp(value.text, "ortho") == 0;
+            else if (number && name == "focalLen")
+                o.focalLen = f;
+            else if (number && name == "apertureY")
+                o.apertureY = f;
+        } else if (number && name.size() == 10 && name.compare(0, 9, "lightCol.") == 0) {
+            const char c = name[9];
+            const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
+            if (k >= 0) o.color[k] = f;
+        }
+        return;
+    }
+    case Kind::Mask:
+    case Kind::Material: {
+        Shading& s = m_shading[static_cast<size_t>(it->shading)];
+        if (value.kind == 3) {
+            if (name == "ptag")
+                s.ptag = value.text;
+            else if (name == "ptyp")
+                s.ptyp = value.text;
+            return;
+        }
+        if (!number) return;
+        if (name == "enable")
+            s.enable = static_cast<int>(f);
+        else if (name == "diffAmt")
+            s.diffAmt = f;
+        else if (name == "specAmt")
+            s.specAmt = f;
+        else if (name == "tranAmt")
+            s.tranAmt = f;
+        else if (name == "rough")
+            s.rough = f;
+        else if (name == "smooth")
+            s.smooth = f;
+        else if (name == "smAngle")
+            s.smAngle = f;
+        else if (name.size() == 9 &&
+                 (name.compare(0, 8, "diffCol.") == 0 || name.compare(0, 8, "specCol.") == 0)) {
+            const char c = name[8];
+            const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
+            if (k >= 0) (name[0] == 'd' ? s.diffCol : s.specCol)[k] = f;
+        }
+        return;
+    }
+    default:
+        return;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Building
+
+int32_t LxoLoader::FindItem(uint32_t id) const {
+    const auto it = m_itemByID.find(id);
+    return it == m_itemByID.end() ? -1 : static_cast<int32_t>(it->second);
+}
+
+void LxoLoader::Bind() {
+    for (uint32_t i = 0; i < m_items.size(); ++i) {
+        const Item& it = m_items[i];
+        if (it.kind == Kind::Translation || it.kind == Kind::Rotation || it.kind == Kind::Scale) {
+            if (it.xfrmTarget != kNone) m_xfrms.push_back({it.xfrmTarget, it.xfrmOrdinal, i});
+            continue;
+        }
+        if (it.kind != Kind::Material) continue;
+        const int32_t p = FindItem(it.parent);
+        if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Mask) {
+            // The base material: an advanced material not inside a mask.
+            if (m_baseShading < 0) m_baseShading = it.shading;
+            continue;
+        }
+        // A material inside an enabled mask selecting a material tag; a later sibling sits
+        // above an earlier one and wins.
+        const Shading& ms = m_shading[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
+        if (!ms.enable || !m_shading[static_cast<size_t>(it.shading)].enable) continue;
+        if (!(ms.ptyp.empty() || ms.ptyp == "Material")) continue;
+        m_shadingByTag[ms.ptag] = it.shading;
+    }
+    std::stable_sort(m_xfrms.begin(), m_xfrms.end(), [](const Xfrm& a, const Xfrm& b) {
+        return a.target != b.target ? a.target < b.target : a.ordinal < b.ordinal;
+    });
+}
+
+uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
+    const LxoStringList& tags = Tags();
+    const bool untagged = tag == kNone || tag >= tags.size();
+    if (untagged && m_baseMaterial != kNone) return m_baseMaterial;
+    if (!untagged) {
+        if (m_materialOfTag.size() != tags.size()) m_materialOfTag.assign(tags.size(), kNone);
+        if (m_materialOfTag[tag] != kNone) return m_materialOfTag[tag];
+    }
+    std::string name = untagged ? std::string() : tags[tag];
+    if (!untagged) {
+        const auto found = m_materialByName.find(name);
+        if (found != m_materialByName.end()) return m_materialOfTag[tag] = found->second;
+    }
+    int32_t shading = -1;
+    if (!untagged) {
+        const auto found = m_shadingByTag.find(name);
+        if (found != m_shadingByTag.end()) shading = found->second;
+    }
+    if (shading < 0) shading = m_baseShading;
+
+    C3DMaterial* m = scene.CreateNewMaterial(MATERIAL_STANDARD);
+    if (untagged) name = "Base Material";
+    m->SetName(Wide(name));
+    if (shading >= 0) {
+        const Shading& s = m_shading[static_cast<size_t>(shading)];
+        m->diffuse.SetColor4f(Finite(s.diffCol[0], 0.8f), Finite(s.diffCol[1], 0.8f),
+                              Finite(s.diffCol[2], 0.8f));
+        m->diffuseFactor = std::clamp(Finite(s.diffAmt, 1.0f), 0.0f, 1.0f);
+        m->transparency = std::clamp(Finite(s.tranAmt, 0.0f), 0.0f, 1.0f);
+        if (s.smooth > 0 && std::isfinite(s.smAngle)) m->smoothAngle = s.smAngle * 57.29578f;
+        if (auto* sm = dynamic_cast<C3DStandardMaterial*>(m)) {
+            sm->specular.SetColor4f(Finite(s.specCol[0], 1.0f), Finite(s.specCol[1], 1.0f),
+                                    Finite(s.specCol[2], 1.0f));
+            sm->specularFactor = std::clamp(Finite(s.specAmt, 0.0f), 0.0f, 1.0f);
+            sm->shininess = std::clamp(1.0f - Finite(s.rough, 1.0f), 0.0f, 1.0f);
+        }
+    }
+    const uint32_t id = m->GetID();
+    if (untagged)
+        m_baseMaterial = id;
+    else
+        m_materialByName.emplace(name, m_materialOfTag[tag] = id);
+    return id;
+}
+
+C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves) {
+    const size_t np = l.points.size() / 3;
+    const size_t npoly = l.polyKind.size();
+    auto inRange = [&](size_t p) {
+        for (uint32_t k = l.polyOffsets[p]; k < l.polyOffsets[p + 1]; ++k)
+            if (l.polyIndices[k] >= np) return false;
+        return true;
+    };
+
+    // Faces: three corners or more, every index a point of the layer.
+    std::vector<int32_t> faceOf(npoly, -1);
+    CFaceList::IndexArray offsets, indices, materials;
+    CFaceList::FlagArray flags;
+    offsets.push_back(0);
+    size_t curveCount = 0;
+    // The usual layer (faces only, all good) hands its arrays over as they are.
+    bool plain = true;
+    for (size_t p = 0; p < npoly && plain; ++p)
+        plain = l.polyKind[p] == kFace && l.polyOffsets[p + 1] - l.polyOffsets[p] >= 3;
+    if (plain)
+        plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
+    if (plain) {
+        for (size_t p = 0; p < npoly; ++p)
+            faceOf[p] = static_cast<int32_t>(p);
+        offsets = std::move(l.polyOffsets);
+        indices = std::move(l.polyIndices);
+    }
+    for (size_t p = 0; p < npoly && !plain; ++p) {
+        const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
+        if (l.polyKind[p] == kCurve) {
+            if (n >= 2 && inRange(p)) ++curveCount;
+            continue;
+        }
+        if (l.polyKind[p] != kFace) continue;
+        if (n < 3 || !inRange(p)) {
+            ++m_droppedFaces;
+            continue;
+        }
+        faceOf[p] = static_cast<int32_t>(offsets.size() - 1);
+        indices.insert(indices.end(), l.polyIndices.begin() + l.polyOffsets[p],
+                       l.polyIndices.begin() + l.polyOffsets[p + 1]);
+        offsets.push_back(static_cast<uint32_t>(indices.size()));
+    }
+    const size_t nf = offsets.size() - 1;
+
+    if (curveCount) {
+        // Curves keep their control points as open polylines, in a point list of their own.
+        auto pts = std::make_unique<C3DPointList>();
+        auto lines = std::make_unique<C3DFaceList>();
+        std::vector<int32_t> remap(np, -1);
+        for (size_t p = 0; p < npoly; ++p) {
+            const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
+            if (l.polyKind[p] != kCurve || n < 2 || !inRange(p)) continue;
+            uint32_t* out = lines->AddFace(static_cast<int>(n));
+            for (uint32_t k = 0; k < n; ++k) {
+                const uint32_t v = l.polyIndices[l.polyOffsets[p] + k];
+                if (remap[v] < 0) {
+                    remap[v] = pts->GetSize();
+                    pts->Add(l.points[v * 3], l.points[v * 3 + 1], l.points[v * 3 + 2]);
+                }
+                out[k] = static_cast<uint32_t>(remap[v]);
+            }
+        }
+        curves = std::make_unique<C3DCurve>();
+        curves->SetPointList(pts.release(), true);
+        curves->SetFaceList(lines.release(), true);
+    }
+    if (nf == 0) return nullptr;
+
+    // Materials per face: PTAG MATR, the untagged ones the base material.
+    std::vector<uint32_t> tagOf(npoly, kNone);
+    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2)
+        tagOf[l.matTag[i]] = l.matTag[i + 1];
+    materials.resize(nf);
+    flags.resize(nf);
+    for (size_t p = 0; p < npoly; ++p)
+        if (faceOf[p] >= 0) materials[static_cast<size_t>(faceOf[p])] = MaterialForTag(*m_building, tagOf[p]);
+
+    auto mesh = std::make_unique<C3DObject>();
+    // Vertex maps: the continuous values first (one entry per point), then one entry per
+    // discontinuous value, used by that polygon's corner at that point. `setPoint` stores
+    // a continuous value, `addEntry` appends a discontinuous one and returns its index;
+    // the channel's face list is filled.
+    auto buildMap = [&](const auto& values, CFaceList& out, auto&& setPoint, auto&& addEntry) {
+        std::unordered_map<uint64_t, uint32_t> disc;
+        for (const auto& e : values) {
+            if (e.vertex >= np) continue;
+            if (e.polygon == kNone) {
+                setPoint(e);
+                continue;
+            }
+            if (faceOf[e.polygon] < 0) continue;
+            const auto [at, fresh] = disc.emplace(uint64_t(e.polygon) << 32 | e.vertex, 0u);
+            if (fresh) at->second = addEntry(e);
+        }
+        CFaceList::IndexArray coff(offsets), cidx(indices);
+        CFaceList::FlagArray cflags(nf);
+        if (!disc.empty()) {
+            for (size_t p = 0; p < npoly; ++p) {
+                if (faceOf[p] < 0) continue;
+                const size_t fi = static_cast<size_t>(faceOf[p]);
+                const uint32_t base = offsets[fi], n = offsets[fi + 1] - offsets[fi];
+                for (uint32_t k = 0; k < n; ++k) {
+                    const auto f = disc.find(uint64_t(p) << 32 | cidx[base + k]);
+                    if (f != disc.end()) cidx[base + k] = f->second;
+                }
+            }
+        }
+        out.Adopt(std::move(coff), std::move(cidx), std::move(cflags));
+    };
+    std::unique_ptr<CUVWChannel> uv;
+    if (!l.uv.empty()) {
+        uv = std::make_unique<CUVWChannel>();
+        CUVWPointList& up = *uv->GetUVWPointList();
+        up.SetSize(static_cast<int>(np));
+        std::fill(up.GetData(), up.GetData() + np * 3, 0.0f);
+        buildMap(
+            l.uv, *uv->GetUVWFaceList(),
+            [&](const UvValue& e) {
+                float* d = up.GetData() + size_t(e.vertex) * 3;
+                d[0] = e.u;
+                d[1] = e.v;
+            },
+            [&](const UvValue& e) { return static_cast<uint32_t>(up.Add(e.u, e.v, 0.0f)); });
+    }
+    // Vertex colours: points the map leaves out are white.
+    std::unique_ptr<CVCChannel> vc;
+    if (!l.rgb.empty()) {
+        vc = std::make_unique<CVCChannel>();
+        vc->SetWeight(1.0f);
+        CVCPointList& cp = *vc->GetVCPointList();
+        cp.SetSize(static_cast<int>(np));
+        std::fill(cp.Raw().begin(), cp.Raw().end(), CRGBColor(255, 255, 255));
+        auto color = [](const RgbValue& e) {
+            CRGBColor c;
+            c.SetColor4f(Finite(e.c[0], 1), Finite(e.c[1], 1), Finite(e.c[2], 1), Finite(e.c[3], 1));
+            return c;
+        };
+        buildMap(
+            l.rgb, *vc->GetVCFaceList(),
+            [&](const RgbValue& e) { cp[static_cast<int>(e.vertex)] = color(e); },
+            [&](const RgbValue& e) { return static_cast<uint32_t>(cp.Add(color(e))); });
+    }
+
+    auto pts = std::make_unique<C3DPointList>();
+    pts->Raw() = std::move(l.points);
+    auto faces = std::make_unique<C3DFaceList>();
+    faces->Adopt(std::move(offsets), std::move(indices), std::move(flags), std::move(materials));
+    mesh->SetPointList(pts.release(), true);
+    mesh->SetFaceList(faces.release(), true);
+    if (uv) mesh->SetGlobalUVWChannel(mesh->AddChannel(uv.release(), 0));
+    if (vc) mesh->SetGlobalVCChannel(mesh->AddChannel(vc.release(), -1));
+    return mesh.release();
+}
+
+C4x4Matrix LxoLoader::LocalMatrix(uint32_t itemIndex) const {
+    // m_xfrms is sorted by target, then ordinal: lower ordinals apply to the geometry first
+    // (scale, rotation, translation as Modo stacks them).
+    const uint32_t id = m_items[itemIndex].id;
+    auto at = std::lower_bound(m_xfrms.begin(), m_xfrms.end(), Xfrm{id, 0, 0},
+                               [](const Xfrm& a, const Xfrm& b) { return a.target < b.target; });
+    C4x4Matrix m;
+    for (; at != m_xfrms.end() && at->target == id; ++at) {
+        const Item& t = m_items[at->item];
+        const float v[3] = {t.vec[0], t.vec[1], t.vec[2]};
+        if (t.kind == Kind::Translation) {
+            m = m * C4x4Matrix::Translation(Finite(v[0], 0), Finite(v[1], 0), Finite(v[2], 0));
+        } else if (t.kind == Kind::Scale) {
+            m = m * C4x4Matrix::Scaling(Finite(v[0], 1), Finite(v[1], 1), Finite(v[2], 1));
+        } else {
+            // The order string names the axis applied first.
+            for (int k = 0; k < 3; ++k) {
+                const char c = t.order[k];
+                const int axis = (c | 0x20) - 'x';
+                if (axis >= 0 && axis <= 2) m = m * AxisRotation(axis, Finite(v[axis], 0));
+            }
+        }
+    }
+    return m;
+}
+
+C3DScene* LxoLoader::Load() {
+    m_result = Read();
+    if (m_cancelled) return nullptr;
+    if (m_result != LXO_OK) return nullptr;
+
+    auto scene = std::make_unique<C3DScene>();
+    m_building = scene.get();
+    Bind();
+
+    // Layers to mesh items: by the layer's item reference, else the n-th unbound mesh item.
+    std::vector<std::vector<uint32_t>> layersOf(m_items.size());
+    std::vector<uint32_t> unbound;
+    std::vector<bool> taken(m_items.size(), false);
+    for (uint32_t li = 0; li < m_layers.size(); ++li) {
+        const int32_t i = FindItem(m_layers[li].info.referenceID);
+        if (i >= 0 && m_items[static_cast<size_t>(i)].kind == Kind::Mesh) {
+            layersOf[static_cast<size_t>(i)].push_back(li);
+            taken[static_cast<size_t>(i)] = true;
+        } else {
+            unbound.push_back(li);
+        }
+    }
+    {
+        size_t next = 0;
+        std::vector<uint32_t> rest;
+        for (uint32_t li : unbound) {
+            while (next < m_items.size() && (m_items[next].kind != Kind::Mesh || taken[next]))
+                ++next;
+            if (next < m_items.size()) {
+                layersOf[next].push_back(li);
+                taken[next++] = true;
+            } else {
+                rest.push_back(li);
+            }
+        }
+        unbound.swap(rest);
+    }
+
+    // Node items: parents first. Depth by walking parent links, a cycle cut where found.
+    const size_t n = m_items.size();
+    auto isNode = [&](size_t i) {
+        const Kind k = m_items[i].kind;
+        return k == Kind::Mesh || k == Kind::Locator || k == Kind::Camera || k == Kind::Light;
+    };
+    // A light's colour is in the light material under it.
+    for (const Item& it : m_items) {
+        if (it.kind != Kind::LightMaterial) continue;
+        const int32_t p = FindItem(it.parent);
+        if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Light) continue;
+        Optics& light = m_optics[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
+        std::copy(m_optics[static_cast<size_t>(it.shading)].color,
+                  m_optics[static_cast<size_t>(it.shading)].color + 3, light.color);
+    }
+    std::vector<int32_t> parentOf(n, -1);
+    for (size_t i = 0; i < n; ++i) {
+        if (!isNode(i)) continue;
+        const int32_t p = FindItem(m_items[i].parent);
+        if (p >= 0 && static_cast<size_t>(p) != i && isNode(static_cast<size_t>(p))) parentOf[i] = p;
+    }
+    std::vector<int32_t> depth(n, -1); // -2: on the current path
+    std::vector<size_t> path;
+    for (size_t i = 0; i < n; ++i) {
+        if (!isNode(i) || depth[i] >= 0) continue;
+        path.clear();
+        size_t c = i;
+        for (;;) {
+            if (depth[c] >= 0) break;
+            if (depth[c] == -2) { // a cycle: its first member becomes a root
+                parentOf[c] = -1;
+                depth[c] = 0;
+                break;
+            }
+            depth[c] = -2;
+            path.push_back(c);
+            if (parentOf[c] < 0) {
+                depth[c] = 0;
+                path.pop_back();
+                break;
+            }
+            c = static_cast<size_t>(parentOf[c]);
+        }
+        for (size_t k = path.size(); k-- > 0;) {
+            const size_t q = path[k];
+            depth[q] = parentOf[q] < 0 ? 0 : depth[static_cast<size_t>(parentOf[q])] + 1;
+        }
+    }
+    std::vector<size_t> order;
+    for (size_t i = 0; i < n; ++i)
+        if (isNode(i)) order.push_back(i);
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return depth[a] < depth[b]; });
+
+    std::vector<C3DSceneNode*> nodeOf(n, nullptr);
+    auto addGeometry = [&](C3DSceneNode* node, uint32_t li, bool first) {
+        std::unique_ptr<C3DCurve> curves;
+        std::unique_ptr<C3DBaseObject> obj(BuildLayer(m_layers[li], curves));
+        C3DSceneNode* target = node;
+        if (!first && (obj || curves)) {
+            target = scene->AddNode(node, new C3DSceneNode());
+            target->SetName(node->GetName());
+        }
+        if (obj) {
+            target->SetObject(obj.release(), true);
+            if (curves) {
+                C3DSceneNode* c = scene->AddNode(target, new C3DSceneNode(curves.release()));
+                c->SetName(target->GetName() + CXStringW(L" curves"));
+            }
+        } else if (curves) {
+            target->SetObject(curves.release(), true);
+        }
+    };
+    for (size_t k = 0; k < order.size(); ++k) {
+        if (k % 1024 == 0 && m_isCancelled && m_isCancelled()) {
+            m_cancelled = true;
+            return nullptr;
+        }
+        const size_t i = order[k];
+        const Item& it = m_items[i];
+        C3DSceneNode* parent = parentOf[i] >= 0 ? nodeOf[static_cast<size_t>(parentOf[i])] : nullptr;
+        C3DSceneNode* node = scene->AddNode(parent, new C3DSceneNode());
+        nodeOf[i] = node;
+        node->SetName(Wide(it.name));
+        node->SetNodeLocalTM(LocalMatrix(static_cast<uint32_t>(i)));
+        if (it.kind == Kind::Camera || it.kind == Kind::Light) {
+            // Both look down their local -Z.
+            const Optics& o = m_optics[static_cast<size_t>(it.shading)];
+            if (it.kind == Kind::Camera) {
+                auto* cam = new C3DCamera();
+                cam->SetProjection(o.ortho ? PROJECTION_ORTHOGRAPHIC : PROJECTION_PERSPECTIVE);
+                const float focal = Finite(o.focalLen, 0.05f), aperture = Finite(o.apertureY, 0.024f);
+                if (focal > 0 && aperture > 0) cam->SetVFov(2.0f * std::atan(aperture / (2.0f * focal)));
+                node->SetObject(cam, true);
+            } else {
+                auto* light = new C3DLight(o.lightKind);
+                light->color.SetColor4f(Finite(o.color[0], 1), Finite(o.color[1], 1), Finite(o.color[2], 1));
+                node->SetObject(light, true);
+            }
+        }
+        bool first = true;
+        for (uint32_t li : layersOf[i]) {
+            addGeometry(node, li, first);
+            first = false;
+        }
+    }
+    // Layers no mesh item claims still hold geometry: they become root nodes.
+    for (uint32_t li : unbound) {
+        C3DSceneNode* node = scene->AddNode(nullptr, new C3DSceneNode());
+        const std::string& ln = m_layers[li].info.name;
+        node->SetName(Wide(ln.empty() ? "Layer " + std::to_string(li + 1) : ln));
+        addGeometry(node, li, true);
+    }
+    if (m_droppedFaces)
+        Log(L"Polygons with fewer than three corners or with corners past the points were skipped: " +
+            std::to_wstring(m_droppedFaces));
+    scene->SetUnit(UNIT_METER);
+    m_building = nullptr;
+    return scene.release();
+}
