@@ -59,7 +59,15 @@ struct Writer {
         node("Coordinate3");
         line("point [");
         const float* p = pts.GetData();
-        for (int i = 0; i < pts.GetSize(); ++i, p += 3) AppendFormat(out, "%s%.4f %.4f %.4f,\n", indent.c_str(), p[0], p[1], p[2]);
+        for (int i = 0; i < pts.GetSize(); ++i, p += 3) {
+            out += indent;
+            numfmt::AppendFixed(out, p[0], 4);
+            out += ' ';
+            numfmt::AppendFixed(out, p[1], 4);
+            out += ' ';
+            numfmt::AppendFixed(out, p[2], 4);
+            out += ",\n";
+        }
         line("]");
         end();
     }
@@ -156,7 +164,10 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
         AppendFormat(w.out, "%s%s [\n", w.indent.c_str(), field);
         for (int f : order) {
             w.out += w.indent;
-            for (uint32_t i : list.Face(f)) AppendFormat(w.out, "%i, ", static_cast<int>(i));
+            for (uint32_t i : list.Face(f)) {
+                numfmt::AppendInt(w.out, static_cast<int>(i));
+                w.out += ", ";
+            }
             w.out += "-1,\n";
         }
         w.line("]");

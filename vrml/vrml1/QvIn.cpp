@@ -149,52 +149,33 @@ bool QvIn::readString(std::string& out) {
     return false;
 }
 
-bool QvIn::readNumberToken(std::string_view& tok) {
-    if (!skipWhite()) return false;
-    size_t start = m_pos, end = start;
-    while (end < m_data.size()) {
-        char c = static_cast<char>(m_data[end]);
-        if ((c >= '0' && c <= '9') || c == '.' || c == '-' || c == '+' || c == 'e' || c == 'E' || c == 'x' ||
-            c == 'X' || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'))
-            ++end;
-        else
-            break;
-    }
-    if (end == start) return false;
-    tok = std::string_view(reinterpret_cast<const char*>(m_data.data()) + start, end - start);
-    m_pos = end;
-    return true;
-}
 
-bool QvIn::readDouble(double& v) {
-    std::string_view t;
-    size_t save = m_pos;
-    int line = m_line;
-    if (!readNumberToken(t)) return false;
-    const char* b = t.data();
-    const char* e = t.data() + t.size();
-    if (b < e && *b == '+') ++b;
-    auto r = std::from_chars(b, e, v);
+namespace {
+// A number read in place from the buffer: from_chars finds its own end, so there is no
+// separate scan for the token. Out-of-range values saturate as strtod's do.
+template <typename T> bool ReadReal(const uint8_t* data, size_t size, size_t& pos, T& v) {
+    const char* b = reinterpret_cast<const char*>(data) + pos;
+    const char* e = reinterpret_cast<const char*>(data) + size;
+    const char* p = b < e && *b == '+' ? b + 1 : b;
+    auto r = std::from_chars(p, e, v);
     if (r.ec == std::errc::result_out_of_range) {
-        // Saturate like strtod instead of failing.
-        v = (b < e && *b == '-') ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+        v = *p == '-' ? -std::numeric_limits<T>::infinity() : std::numeric_limits<T>::infinity();
     } else if (r.ec != std::errc()) {
-        m_pos = save;
-        m_line = line;
         return false;
     }
-    // Give back whatever the number did not use (a letter that starts a name, say).
-    m_pos -= static_cast<size_t>(e - r.ptr);
+    pos = static_cast<size_t>(r.ptr - reinterpret_cast<const char*>(data));
     return true;
+}
+} // namespace
+
+bool QvIn::readDouble(double& v) {
+    if (!skipWhite()) return false;
+    return ReadReal(m_data.data(), m_data.size(), m_pos, v);
 }
 
 bool QvIn::readFloat(float& v) {
-    double d;
-    if (!readDouble(d)) return false;
-    if (d > std::numeric_limits<float>::max()) v = std::numeric_limits<float>::infinity();
-    else if (d < -std::numeric_limits<float>::max()) v = -std::numeric_limits<float>::infinity();
-    else v = static_cast<float>(d);
-    return true;
+    if (!skipWhite()) return false;
+    return ReadReal(m_data.data(), m_data.size(), m_pos, v);
 }
 
 namespace {
@@ -233,34 +214,26 @@ bool ParseInteger(std::string_view t, int64_t& out, size_t& used) {
 }
 } // namespace
 
-bool QvIn::readInt(int32_t& v) {
-    std::string_view t;
-    size_t save = m_pos;
-    int line = m_line;
-    if (!readNumberToken(t)) return false;
-    int64_t x;
+// An integer read in place (ParseInteger finds its own end).
+bool QvIn::readInteger(int64_t& x) {
+    if (!skipWhite()) return false;
+    std::string_view t(reinterpret_cast<const char*>(m_data.data()) + m_pos, m_data.size() - m_pos);
     size_t used;
-    if (!ParseInteger(t, x, used)) {
-        m_pos = save;
-        m_line = line;
-        return false;
-    }
-    m_pos -= t.size() - used;
+    if (!ParseInteger(t, x, used)) return false;
+    m_pos += used;
+    return true;
+}
+
+bool QvIn::readInt(int32_t& v) {
+    int64_t x;
+    if (!readInteger(x)) return false;
     v = static_cast<int32_t>(std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
     return true;
 }
 
 bool QvIn::readUInt(uint32_t& v) {
-    std::string_view t;
-    Mark m = mark();
-    if (!readNumberToken(t)) return false;
     int64_t x;
-    size_t used;
-    if (!ParseInteger(t, x, used)) {
-        reset(m);
-        return false;
-    }
-    m_pos -= t.size() - used;
+    if (!readInteger(x)) return false;
     // Negative values wrap as an unsigned conversion does; large ones saturate.
     v = x < 0 ? static_cast<uint32_t>(std::max<int64_t>(x, -0xFFFFFFFFll)) : static_cast<uint32_t>(std::min<int64_t>(x, 0xFFFFFFFFll));
     return true;

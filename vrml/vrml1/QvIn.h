@@ -75,7 +75,7 @@ public:
     static constexpr int kMaxDepth = 512;
 
 private:
-    bool readNumberToken(std::string_view& tok);
+    bool readInteger(int64_t& x);
 
     std::span<const uint8_t> m_data;
     size_t m_pos = 0;

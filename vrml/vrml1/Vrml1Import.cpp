@@ -698,6 +698,13 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
     auto faces = std::make_unique<C3DFaceList>();
     faces->Reserve(c.faces(), c.coord.size());
     const bool perVertex = binding == QV_BIND_PER_VERTEX || binding == QV_BIND_PER_VERTEX_INDEXED;
+    // Host materials of this shape by material index, so each is looked up once per shape.
+    std::unordered_map<int, uint32_t> shapeMaterials;
+    auto materialOf = [&](int i) {
+        auto [it, fresh] = shapeMaterials.try_emplace(i, 0u);
+        if (fresh) it->second = Material(i);
+        return it->second;
+    };
     for (size_t fi = 0; fi < c.faces(); ++fi) {
         int matIndex = 0;
         switch (binding) {
@@ -711,7 +718,7 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
         }
         default: break;
         }
-        faces->SetCurrentMaterial(Material(matIndex));
+        faces->SetCurrentMaterial(materialOf(matIndex));
         const uint32_t b = c.faceStart[fi], e = c.faceStart[fi + 1];
         faces->AddFace(rn.corners.data() + b, static_cast<int>(e - b));
     }
