@@ -514,16 +514,22 @@ void CVrml1Converter::BuildPrimitive(QvNode* n, Frame& f) {
     AttachShape(n, obj.release(), f);
 }
 
-void CVrml1Converter::BuildShape(QvNode* n, Frame& f) {
-    // Vertices: the shape's own vertexProperty, else the state's coordinates.
-    const QvVertexShape* vs = As<QvVertexShape>(n);
-    const QvVertexProperty* vp = nullptr;
-    if (const QvNode* p = vs->vertexProperty.value; p && p->type() == QvNodeType::VertexProperty)
-        vp = As<QvVertexProperty>(p);
+const QvVertexProperty* CVrml1Converter::OwnVertices(const QvNode* shape) {
+    const QvNode* p = As<QvVertexShape>(shape)->vertexProperty.value;
+    return p && p->type() == QvNodeType::VertexProperty ? As<QvVertexProperty>(p) : nullptr;
+}
+
+// Vertices: the shape's own vertexProperty, else the state's coordinates, else the default.
+const QvMFVec3f& CVrml1Converter::Coordinates(const QvVertexProperty* own) const {
     static const QvCoordinate3 kDefaultCoords;
-    const QvMFVec3f* coords = &kDefaultCoords.point;
-    if (vp && vp->vertex.num()) coords = &vp->vertex;
-    else if (const QvElement* e = m_state.top(QvElement::Coordinate3)) coords = &As<QvCoordinate3>(e->node)->point;
+    if (own && own->vertex.num()) return own->vertex;
+    if (const QvElement* e = m_state.top(QvElement::Coordinate3)) return As<QvCoordinate3>(e->node)->point;
+    return kDefaultCoords.point;
+}
+
+void CVrml1Converter::BuildShape(QvNode* n, Frame& f) {
+    const QvVertexProperty* vp = OwnVertices(n);
+    const QvMFVec3f* coords = &Coordinates(vp);
     const int64_t ncoords = static_cast<int64_t>(coords->num());
 
     if (n->type() == QvNodeType::PointSet) {
@@ -673,14 +679,8 @@ Renumbered Renumber(const std::vector<int32_t>& coord, int64_t ncoords) {
 } // namespace
 
 void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
-    const QvVertexShape* vs = As<QvVertexShape>(n);
-    const QvVertexProperty* vp = nullptr;
-    if (const QvNode* p = vs->vertexProperty.value; p && p->type() == QvNodeType::VertexProperty)
-        vp = As<QvVertexProperty>(p);
-    static const QvCoordinate3 kDefaultCoords;
-    const QvMFVec3f* coords = &kDefaultCoords.point;
-    if (vp && vp->vertex.num()) coords = &vp->vertex;
-    else if (const QvElement* e = m_state.top(QvElement::Coordinate3)) coords = &As<QvCoordinate3>(e->node)->point;
+    const QvVertexProperty* vp = OwnVertices(n);
+    const QvMFVec3f* coords = &Coordinates(vp);
 
     Renumbered rn = Renumber(c.coord, static_cast<int64_t>(coords->num()));
     auto obj = std::make_unique<C3DObject>();
@@ -815,14 +815,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
 }
 
 void CVrml1Converter::BuildLines(QvNode* n, const Corners& c, Frame& f) {
-    const QvVertexShape* vs = As<QvVertexShape>(n);
-    const QvVertexProperty* vp = nullptr;
-    if (const QvNode* p = vs->vertexProperty.value; p && p->type() == QvNodeType::VertexProperty)
-        vp = As<QvVertexProperty>(p);
-    static const QvCoordinate3 kDefaultCoords;
-    const QvMFVec3f* coords = &kDefaultCoords.point;
-    if (vp && vp->vertex.num()) coords = &vp->vertex;
-    else if (const QvElement* e = m_state.top(QvElement::Coordinate3)) coords = &As<QvCoordinate3>(e->node)->point;
+    const QvVertexProperty* vp = OwnVertices(n);
+    const QvMFVec3f* coords = &Coordinates(vp);
 
     Renumbered rn = Renumber(c.coord, static_cast<int64_t>(coords->num()));
     auto curve = std::make_unique<C3DCurve>();
@@ -846,13 +840,7 @@ void CVrml1Converter::BuildLines(QvNode* n, const Corners& c, Frame& f) {
 
 void CVrml1Converter::BuildPoints(QvNode* n, Frame& f) {
     const QvPointSet* ps = As<QvPointSet>(n);
-    const QvVertexProperty* vp = nullptr;
-    if (const QvNode* p = ps->vertexProperty.value; p && p->type() == QvNodeType::VertexProperty)
-        vp = As<QvVertexProperty>(p);
-    static const QvCoordinate3 kDefaultCoords;
-    const QvMFVec3f* coords = &kDefaultCoords.point;
-    if (vp && vp->vertex.num()) coords = &vp->vertex;
-    else if (const QvElement* e = m_state.top(QvElement::Coordinate3)) coords = &As<QvCoordinate3>(e->node)->point;
+    const QvMFVec3f* coords = &Coordinates(OwnVertices(n));
     const int64_t ncoords = static_cast<int64_t>(coords->num());
     const int64_t start = std::max<int64_t>(0, ps->startIndex.value);
     if (start >= ncoords) return;

@@ -15,10 +15,12 @@
 #include "plugin/host/Options.h"
 #include "plugin/host/Parser.h"
 #include "plugin/host/Scene.h"
+#include "vrml/vrml1/QvFields.h"
 #include "vrml/vrml1/QvState.h"
 
 class QvNode;
 class QvIndexedShape;
+class QvVertexProperty;
 class QvVertexShape;
 struct QvFileContents;
 
@@ -76,6 +78,8 @@ private:
     void BuildLines(QvNode* shape, const Corners& c, Frame& f);
     void BuildPoints(QvNode* shape, Frame& f);
     C3DSceneNode* AttachShape(QvNode* shape, C3DBaseObject* object, Frame& f);
+    static const QvVertexProperty* OwnVertices(const QvNode* shape);
+    const QvMFVec3f& Coordinates(const QvVertexProperty* own) const;
 
     // The material of index `i` under the current state (one host material per combination).
     uint32_t Material(int i);
