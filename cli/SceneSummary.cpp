@@ -1,5 +1,7 @@
 #include "cli/SceneSummary.h"
 
+#include "plugin/host/FileHelpers.h"
+
 #include <cstdio>
 #include <string>
 
@@ -138,6 +140,12 @@ std::string DescribeScene(const C3DScene& scene) {
                 s += ", map \"" + Utf8(m->GetMaterialMapByIndex(i)->file) + "\"";
             s += "\n";
         }
+    }
+    // Files the scene needs (textures), and whether they are there.
+    if (!scene.GetRequiredFiles().empty()) {
+        s += "files:\n";
+        for (const CXStringW& f : scene.GetRequiredFiles())
+            s += "  \"" + Utf8(f) + "\" " + (fileExists(f) ? "found" : "missing") + "\n";
     }
     return s;
 }

@@ -71,8 +71,8 @@ void ResolveTextures(C3DScene& scene) {
                     const CXStringW have(Utf8ToWide(e.path().filename().string()));
                     if (have.CompareNoCase(want) != 0 || !e.is_regular_file(ec)) continue;
                     const CXStringW found(Utf8ToWide(e.path().string()));
+                    scene.ReplaceRequiredFile(map->GetFileName(), found);
                     map->SetFileName(found);
-                    scene.AddRequiredFile(found);
                     done = true;
                     break;
                 }

@@ -216,6 +216,13 @@ void C3DScene::AddTexturePath(const CXStringW& p) {
     if (std::find(m_texturePaths.begin(), m_texturePaths.end(), p) == m_texturePaths.end()) m_texturePaths.push_back(p);
 }
 
+void C3DScene::ReplaceRequiredFile(const CXStringW& from, const CXStringW& to) {
+    auto it = std::find(m_requiredFiles.begin(), m_requiredFiles.end(), from);
+    if (it == m_requiredFiles.end()) return AddRequiredFile(to);
+    if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), to) != m_requiredFiles.end()) m_requiredFiles.erase(it);
+    else *it = to;
+}
+
 void C3DScene::AddRequiredFile(const CXStringW& p) {
     if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), p) == m_requiredFiles.end())
         m_requiredFiles.push_back(p);

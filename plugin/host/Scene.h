@@ -89,6 +89,8 @@ public:
     void AddTexturePath(const CXStringW& p);
     const std::vector<CXStringW>& GetTexturePaths() const { return m_texturePaths; }
     void AddRequiredFile(const CXStringW& p);
+    // Points the required file `from` (when listed) at `to` instead (a texture found elsewhere).
+    void ReplaceRequiredFile(const CXStringW& from, const CXStringW& to);
     const std::vector<CXStringW>& GetRequiredFiles() const { return m_requiredFiles; }
     // Animation ticks per second, and the animated range in ticks.
     int GetTickCount() const { return m_ticks; }

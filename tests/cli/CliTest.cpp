@@ -489,3 +489,20 @@ TEST(CliWriteFailures, StandardOutputFailures) {
     EXPECT_EQ(WEXITSTATUS(st), 128 + SIGPIPE);
     EXPECT_EQ(ReadFile(d / "err2"), "");
 }
+
+TEST(Cli, InfoListsTheFilesASceneNeedsFoundOrMissing) {
+    TempDir d;
+    testsupport::WriteFile(d / "here.png", "png");
+    testsupport::WriteFile(d / "model.wrl",
+                           "#VRML V1.0 ascii\nSeparator {\n"
+                           " Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
+                           " Separator { Texture2 { filename \"here.png\" } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                           " Separator { Texture2 { filename \"gone.png\" } IndexedFaceSet { coordIndex [ 0, 2, 1 ] } }\n}\n");
+    CliRun r = Orbiscope("info " + Quote((d / "model.wrl").string()));
+    ASSERT_EQ(r.status, 0) << r.err;
+    const size_t files = r.out.find("files:\n");
+    ASSERT_NE(files, std::string::npos) << r.out;
+    const std::string list = r.out.substr(files);
+    EXPECT_NE(list.find("here.png\" found"), std::string::npos) << list;
+    EXPECT_NE(list.find("gone.png\" missing"), std::string::npos) << list;
+}

@@ -239,6 +239,8 @@ TEST(KmzCorpus, SamplePackages) {
         }
     EXPECT_GT(maps, 0);
     EXPECT_EQ(resolved, maps);
+    // The scene's list of needed files names the restored textures, not the model's missing paths.
+    for (const CXStringW& f : macky.scene->GetRequiredFiles()) EXPECT_TRUE(fileExists(f)) << PathToUtf8(f);
     auto shared = Read(d / "shared-textures.kmz");
     ASSERT_TRUE(shared.scene) << shared.error;
     EXPECT_GE(Meshes(*shared.scene), 2); // two models from one folder, plus the aliases' folder
