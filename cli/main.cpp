@@ -63,14 +63,16 @@ int Fail(int code, const std::string& sentence) {
     return code;
 }
 
-// Progress bar on stderr for reads that run longer than about a second.
+// Progress bar on stderr for reads that run longer than about a second, when stderr is a
+// terminal (a log file or a pipe gets the messages only).
 struct Progress {
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    bool terminal = isatty(STDERR_FILENO) != 0;
     bool shown = false;
     int lastPct = -1;
     static void Sink(int64_t done, int64_t total, void* user) {
         auto* p = static_cast<Progress*>(user);
-        if (total <= 0 || g_verbosity == 0) return;
+        if (total <= 0 || g_verbosity == 0 || !p->terminal) return;
         auto el = std::chrono::steady_clock::now() - p->start;
         if (!p->shown && el < std::chrono::seconds(1)) return;
         int pct = static_cast<int>(done * 100 / total);

@@ -58,8 +58,9 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
     } else {
         // Lines end in LF or CRLF, or (old files) in a lone CR: the first break tells.
         const size_t look = std::min<size_t>(m_size, 4096);
-        const void* lf = std::memchr(m_data, '\n', look);
-        const void* cr = std::memchr(m_data, '\r', look);
+        // memchr must not see the null pointer of empty input.
+        const void* lf = look ? std::memchr(m_data, '\n', look) : nullptr;
+        const void* cr = look ? std::memchr(m_data, '\r', look) : nullptr;
         m_crOnly = !lf && cr;
     }
 }
