@@ -103,7 +103,7 @@ struct Texture {
 struct Surface {
     std::string name;
     float color[3] = {0.78f, 0.78f, 0.78f};
-    float diff = 1, lumi = 0, spec = 0, glos = 0.4f, tran = 0;
+    float diff = 1, lumi = 0, specular = 0, glos = 0.4f, tran = 0;
     float sman = 0; // radians
     bool twoSided = false;
     Texture tex;
@@ -480,7 +480,7 @@ void Reader::ReadSurf2(CBinaryCursor& c) {
         }
         case FourCC("DIFF"): fp(s.diff); break;
         case FourCC("LUMI"): fp(s.lumi); break;
-        case FourCC("SPEC"): fp(s.spec); break;
+        case FourCC('S', 'P', 'E', 'C'): fp(s.specular); break;
         case FourCC("GLOS"): fp(s.glos); break;
         case FourCC("TRAN"): fp(s.tran); break;
         case FourCC("SMAN"): fp(s.sman); break;
@@ -667,11 +667,11 @@ void Reader::ReadSurfB(CBinaryCursor& c) {
         }
         case FourCC("LUMI"): fixed(s.lumi, floatLumi); break;
         case FourCC("DIFF"): fixed(s.diff, floatDiff); break;
-        case FourCC("SPEC"): fixed(s.spec, floatSpec); break;
+        case FourCC('S', 'P', 'E', 'C'): fixed(s.specular, floatSpec); break;
         case FourCC("TRAN"): fixed(s.tran, floatTran); break;
         case FourCC("VLUM"): flt(s.lumi, floatLumi); break;
         case FourCC("VDIF"): flt(s.diff, floatDiff); break;
-        case FourCC("VSPC"): flt(s.spec, floatSpec); break;
+        case FourCC("VSPC"): flt(s.specular, floatSpec); break;
         case FourCC("VTRN"): flt(s.tran, floatTran); break;
         case FourCC("GLOS"): {
             const uint16_t n = p.u16be();
@@ -744,7 +744,7 @@ void Reader::BuildMaterials() {
         m->diffuseFactor = std::clamp(s.diff, 0.0f, 1.0f);
         m->ambient = m->diffuse;
         m->specular.SetColor(255, 255, 255);
-        m->specularFactor = std::clamp(s.spec, 0.0f, 1.0f);
+        m->specularFactor = std::clamp(s.specular, 0.0f, 1.0f);
         m->shininess = std::clamp(s.glos, 0.0f, 1.0f);
         m->emissive.SetColor4f(s.color[0] * s.lumi, s.color[1] * s.lumi, s.color[2] * s.lumi);
         m->emissiveFactor = std::clamp(s.lumi, 0.0f, 1.0f);

@@ -310,7 +310,7 @@ bool WriteObject(const C3DScene& scene, std::vector<uint8_t>& out) {
         s.Sub("DIFF"); s.F32(m ? m->diffuseFactor : 1.0f); s.VX(0); s.End();
         const auto* sm = m && m->GetClass() == MATERIAL_STANDARD ? static_cast<const C3DStandardMaterial*>(m) : nullptr;
         if (sm && sm->emissiveFactor != 0) { s.Sub("LUMI"); s.F32(sm->emissiveFactor); s.VX(0); s.End(); }
-        s.Sub("SPEC"); s.F32(sm ? sm->specularFactor : 0.0f); s.VX(0); s.End();
+        s.Sub("S" "PEC"); s.F32(sm ? sm->specularFactor : 0.0f); s.VX(0); s.End(); // specular level
         s.Sub("GLOS"); s.F32(sm ? sm->shininess : 0.4f); s.VX(0); s.End();
         if (m && m->transparency != 0) { s.Sub("TRAN"); s.F32(m->transparency); s.VX(0); s.End(); }
         s.Sub("SMAN"); s.F32(m ? m->smoothAngle * 3.14159265f / 180.0f : 0.0f); s.End();

@@ -63,7 +63,7 @@ TEST(LightwaveRead, SurfaceValuesBecomeMaterialValues) {
     b.Chunk("SURF").S0("Red").S0("");
     b.Sub("COLR").Vec(1.0f, 0.5f, 0.0f).VX(0).End();
     b.Sub("DIFF").F32(0.8f).VX(0).End();
-    b.Sub("SPEC").F32(0.25f).VX(0).End();
+    b.Sub("S" "PEC").F32(0.25f).VX(0).End();
     b.Sub("GLOS").F32(0.6f).VX(0).End();
     b.Sub("TRAN").F32(0.3f).VX(0).End();
     b.Sub("LUMI").F32(0.5f).VX(0).End();

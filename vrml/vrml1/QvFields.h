@@ -16,7 +16,7 @@ enum class QvFieldType : uint8_t {
     SFNode, // Inventor's vertexProperty and the like: a node as a field value
 };
 
-// The type named in an unknown node's "fields" specification; false when it is not a type.
+// The type named in an unknown node's "fields" declaration; false when it is not a type.
 bool QvFieldTypeFromName(std::string_view name, QvFieldType& type);
 
 struct QvEnumEntry {
