@@ -36,6 +36,6 @@ int main(int argc, char** argv) {
         verts += scene->mMeshes[i]->mNumVertices;
         faces += scene->mMeshes[i]->mNumFaces;
     }
-    std::printf("assimp meshes=%u vertices=%llu faces=%llu seconds=%.3f\n", scene->mNumMeshes, verts, faces, best);
+    std::printf("assimp meshes=%u vertices=%llu faces=%llu seconds=%.6f\n", scene->mNumMeshes, verts, faces, best);
     return 0;
 }
