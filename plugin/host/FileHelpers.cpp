@@ -81,10 +81,6 @@ std::set<std::string>& Live() {
     static auto* s = new std::set<std::string>;
     return *s;
 }
-void Remember(const std::string& path) {
-    std::lock_guard<std::mutex> lock(LiveLock());
-    Live().insert(path);
-}
 void Forget(const std::string& path) {
     std::lock_guard<std::mutex> lock(LiveLock());
     Live().erase(path);
@@ -276,10 +272,12 @@ CXStringW fileCreateTmpName(const CXStringW& folder, const CXStringW& prefix, co
     const std::string suffix = PathToUtf8(ext), dir = FolderOrTemp(folder), pre = PathToUtf8(prefix);
     RemoveStale(dir, pre, suffix, false);
     std::string tmpl = dir + pre + OwnerTag(::getpid()) + "XXXXXX" + suffix;
+    // Created and remembered under the lock: a signal's clean-up never runs in between.
+    std::lock_guard<std::mutex> lock(LiveLock());
     int fd = mkostemps(tmpl.data(), static_cast<int>(suffix.size()), O_CLOEXEC);
     if (fd < 0) return CXStringW();
     ::close(fd);
-    Remember(tmpl);
+    Live().insert(tmpl);
     return CXStringW(Utf8ToWide(tmpl));
 }
 
@@ -287,8 +285,9 @@ CXStringW fileCreateTmpFolder(const CXStringW& parent, const CXStringW& prefix) 
     const std::string dir = FolderOrTemp(parent), pre = PathToUtf8(prefix);
     RemoveStale(dir, pre, "", true);
     std::string tmpl = dir + pre + OwnerTag(::getpid()) + "XXXXXX";
+    std::lock_guard<std::mutex> lock(LiveLock());
     if (!mkdtemp(tmpl.data())) return CXStringW();
-    Remember(tmpl);
+    Live().insert(tmpl);
     return CXStringW(Utf8ToWide(tmpl));
 }
 
