@@ -9,6 +9,7 @@
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 
 namespace {
 
@@ -112,26 +113,22 @@ CDxfIo::CDxfIo(CFileIo& io) : C3DParser(io) {}
 CDxfIo::~CDxfIo() {}
 
 C3DScene* CDxfIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    SetFile(&file);
-    C3DScene* scene = ReadMemory(file.GetData(), options);
-    SetFile(nullptr);
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        SetFile(ctx.File());
+        C3DScene* scene = ReadBytes(data, ctx);
+        SetFile(nullptr);
+        return scene;
+    });
 }
 
 C3DScene* CDxfIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    dxf::ReadOutcome r = dxf::ReadDxf(data, options, [this] { return IsCancelled(); });
-    if (!r.scene) {
-        m_fileIo.SetIoError(r.error, &options, r.error == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
-        return nullptr;
-    }
+    return ReadThroughMemory(*this, data, options,
+                             [this](std::span<const uint8_t> bytes, CReadContext& ctx) { return ReadBytes(bytes, ctx); });
+}
+
+C3DScene* CDxfIo::ReadBytes(std::span<const uint8_t> data, CReadContext& ctx) {
+    dxf::ReadOutcome r = dxf::ReadDxf(data, ctx.Options(), [&ctx] { return ctx.Cancelled(); });
+    if (!r.scene) return ctx.Fail(r.error, r.error == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
     return r.scene.release();
 }
 

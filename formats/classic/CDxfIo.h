@@ -12,6 +12,8 @@
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
+class CReadContext;
+
 class CDxfIo : public C3DParser {
 public:
     explicit CDxfIo(CFileIo& io);
@@ -28,6 +30,7 @@ public:
     static std::string FormatScene(const C3DScene& scene);
 
 private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CReadContext& ctx);
     CHashMap<CXStringW, C3DSceneNode*> m_blocks{23};
     CHashTable<CXStringW> m_layerNames{23};
     CHashTable<CXStringW> m_blockNames{23};

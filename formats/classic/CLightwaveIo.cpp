@@ -12,32 +12,29 @@
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 
 CLightwaveIo::CLightwaveIo(CFileIo& io) : C3DParser(io) {}
 CLightwaveIo::~CLightwaveIo() {}
 
 C3DScene* CLightwaveIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    m_file = &file;
-    C3DScene* scene = ReadMemory(file.GetData(), options, fileStripName(fileMakeAbsolutePath(L"", path)));
-    m_file = nullptr;
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        return ReadBytes(data, ctx, fileStripName(fileMakeAbsolutePath(L"", ctx.Path())));
+    });
 }
 
 C3DScene* CLightwaveIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options,
                                    const CXStringW& folder) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
+    return ReadThroughMemory(*this, data, options, [this, &folder](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadBytes(bytes, ctx, folder);
+    });
+}
+
+C3DScene* CLightwaveIo::ReadBytes(std::span<const uint8_t> data, CReadContext& ctx, const CXStringW& folder) {
     std::unique_ptr<C3DScene> scene;
-    const int rc = lightwave::ReadObject(data, folder, options, [this] { return IsCancelled(); }, scene, m_file);
-    if (rc != IO_OK) {
-        m_fileIo.SetIoError(rc, &options, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
-        return nullptr;
-    }
+    const int rc =
+        lightwave::ReadObject(data, folder, ctx.Options(), [&ctx] { return ctx.Cancelled(); }, scene, ctx.File());
+    if (rc != IO_OK) return ctx.Fail(rc, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
     return scene.release();
 }
 

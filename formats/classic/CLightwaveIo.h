@@ -9,6 +9,8 @@
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
+class CReadContext;
+
 class CLightwaveIo : public C3DParser {
 public:
     explicit CLightwaveIo(CFileIo& io);
@@ -21,6 +23,7 @@ public:
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder = {});
 
 private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CReadContext& ctx, const CXStringW& folder);
     CHashMap<uint32_t, uint32_t> m_surfaces{23};
     CHashMap<CXStringW, uint32_t> m_materialsByName{23};
 };

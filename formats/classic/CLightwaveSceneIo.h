@@ -9,6 +9,8 @@
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
+class CReadContext;
+
 class CLightwaveSceneIo : public C3DParser {
 public:
     explicit CLightwaveSceneIo(CFileIo& io);
@@ -19,6 +21,7 @@ public:
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder = {});
 
 private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CReadContext& ctx, const CXStringW& folder);
     CHashMap<uint32_t, C3DSceneNode*> m_nodesByID{23};
     CHashMap<CXStringW, C3DSceneNode*> m_nodesByName{23};
 };

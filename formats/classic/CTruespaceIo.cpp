@@ -12,28 +12,25 @@
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 
 CTruespaceIo::CTruespaceIo(CFileIo& io) : C3DParser(io) {}
 CTruespaceIo::~CTruespaceIo() {}
 
 C3DScene* CTruespaceIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    SetFile(&file);
-    C3DScene* scene = ReadData(file.GetData(), options, fileStripName(path));
-    SetFile(nullptr);
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        SetFile(ctx.File());
+        C3DScene* scene = ReadData(data, ctx.Options(), fileStripName(ctx.Path()));
+        SetFile(nullptr);
+        return scene;
+    });
 }
 
 C3DScene* CTruespaceIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options,
                                    const CXStringW& folder) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    return ReadData(data, options, folder);
+    return ReadThroughMemory(*this, data, options, [this, &folder](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadData(bytes, ctx.Options(), folder);
+    });
 }
 
 C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options,

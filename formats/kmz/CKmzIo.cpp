@@ -1,6 +1,5 @@
 #include "formats/kmz/CKmzIo.h"
 
-#include <clocale>
 #include <filesystem>
 #include <memory>
 
@@ -8,8 +7,8 @@
 #include "plugin/host/GenericIo.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/Zip.h"
+#include "plugin/host/ReadAdapter.h"
 
 namespace {
 
@@ -88,30 +87,26 @@ CKmzIo::CKmzIo(CFileIo& io) : C3DParser(io) {}
 CKmzIo::~CKmzIo() {}
 
 C3DScene* CKmzIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    CZip zip;
-    if (!LooksLikeZip(file.GetData()) || !zip.OpenMemory(file.GetData(), &options)) {
-        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
-        return nullptr;
-    }
-    C3DScene* scene = ReadArchive(zip, fileRemoveExtension(fileStripPath(path)), options);
-    zip.Close(false);
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        return ReadPackage(data, fileRemoveExtension(fileStripPath(ctx.Path())), ctx.Options());
+    });
 }
 
 C3DScene* CKmzIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadPackage(bytes, L"memory", ctx.Options());
+    });
+}
+
+C3DScene* CKmzIo::ReadPackage(std::span<const uint8_t> data, const CXStringW& name, CSceneImportOptions& options) {
     CZip zip;
     if (!LooksLikeZip(data) || !zip.OpenMemory(data, &options)) {
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;
     }
-    return ReadArchive(zip, L"memory", options);
+    C3DScene* scene = ReadArchive(zip, name, options);
+    zip.Close(false);
+    return scene;
 }
 
 C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOptions& options) {

@@ -26,6 +26,7 @@ public:
     static constexpr uint32_t kParserClass = 0x4B4D5A49; // 'KMZI'
 
 private:
+    C3DScene* ReadPackage(std::span<const uint8_t> data, const CXStringW& name, CSceneImportOptions& options);
     C3DScene* ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOptions& options);
 
     uint32_t m_state = 0;

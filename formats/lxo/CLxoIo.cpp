@@ -10,24 +10,24 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 
 CLxoIo::CLxoIo(CFileIo& io) : C3DParser(io) {}
 CLxoIo::~CLxoIo() {}
 
 C3DScene* CLxoIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    C3DScene* scene = ReadMemory(file.GetData(), options);
-    file.CloseFile();
-    return scene;
+    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
+        return ReadBytes(data, ctx.Options());
+    });
 }
 
 C3DScene* CLxoIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    CSwitchLocale locale(0, "English");
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadBytes(bytes, ctx.Options());
+    });
+}
+
+C3DScene* CLxoIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options) {
     if (data.empty()) {
         m_fileIo.SetIoError(IO_ERR_EMPTY, &options, LOG_ERROR);
         return nullptr;

@@ -18,4 +18,7 @@ class CLxoIo : public C3DParser {
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
     // Reads LXO bytes held in memory (fuzzing, tests); same results as Read.
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
+
+  private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options);
 };

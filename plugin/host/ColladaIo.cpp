@@ -19,7 +19,7 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Object.h"
-#include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 
 namespace {
 
@@ -658,16 +658,18 @@ private:
 } // namespace
 
 C3DScene* CColladaIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
-    return ReadMemory(file.GetData(), options, path);
+    return ReadThroughFile(*this, path, options, [this, &path](std::span<const uint8_t> data, CReadContext& ctx) {
+        return ReadBytes(data, ctx.Options(), path);
+    });
 }
 
 C3DScene* CColladaIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
+    return ReadThroughMemory(*this, data, options, [this, &path](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadBytes(bytes, ctx.Options(), path);
+    });
+}
+
+C3DScene* CColladaIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
     auto scene = std::make_unique<C3DScene>();
     Reader reader(*scene, options, *this, PathToUtf8(path));
     if (!reader.Load(data)) {

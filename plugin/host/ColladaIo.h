@@ -22,6 +22,9 @@ public:
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
     // A document held in memory; `path` (may be empty) is the base of image paths.
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
+
+private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path);
 };
 
 // The host's built-in formats, offered like a module's (action 0 lists, action 1 creates).

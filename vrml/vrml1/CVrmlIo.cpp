@@ -13,6 +13,7 @@
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/ReadAdapter.h"
 #include "vrml/vrml1/QvIn.h"
 #include "vrml/vrml1/QvNode.h"
 #include "vrml/vrml1/Vrml1Import.h"
@@ -215,18 +216,19 @@ CVrmlIo::CVrmlIo(CFileIo& io) : C3DParser(io) { m_aux = new (std::nothrow) Aux()
 CVrmlIo::~CVrmlIo() { delete m_aux; }
 
 C3DScene* CVrmlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
-    IoFile file(IsSilentMode());
-    if (fileIsDirectory(path) || !file.OpenFile(path, true)) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
-        return nullptr;
-    }
     m_path = path;
-    return ReadMemory(file.GetData(), options, path);
+    return ReadThroughFile(*this, path, options, [this, &path](std::span<const uint8_t> data, CReadContext& ctx) {
+        return ReadBytes(data, ctx.Options(), path);
+    });
 }
 
 C3DScene* CVrmlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
-    CSwitchLocale locale(LC_NUMERIC, "English");
+    return ReadThroughMemory(*this, data, options, [this, &path](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadBytes(bytes, ctx.Options(), path);
+    });
+}
+
+C3DScene* CVrmlIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
     QvFileContents contents;
     QvIn in(data);
     in.setSink([&](const std::string& message) {

@@ -31,6 +31,8 @@ public:
     static std::string SeparatorName(const CXStringW& name);
 
 private:
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path);
+
     CXStringW m_path;
     CHashMap<unsigned, int> m_indexMap{23};
     CStack<C3DSceneNode*> m_nodeStack{5};

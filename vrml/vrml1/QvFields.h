@@ -202,5 +202,5 @@ protected:
     bool startsValue(char c) const override;
 };
 
-// A field of the type an unknown node's specification names.
+// A field of the type an unknown node's "fields" list names.
 QvField* QvCreateField(QvFieldType type);
