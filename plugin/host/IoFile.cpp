@@ -128,7 +128,11 @@ bool IoFile::OpenFile(const CXStringW& path, bool forReading, std::string* error
     return OpenFile(WideToUtf8(path.view()), forReading, error);
 }
 
-bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string* error) {
+bool IoFile::RewriteFile(const CXStringW& path, std::string* error) {
+    return OpenForWriting(WideToUtf8(path.view()), O_WRONLY | O_TRUNC | O_CLOEXEC, error);
+}
+
+bool IoFile::OpenForWriting(const std::string& utf8Path, int flags, std::string* error) {
     CloseFile();
     m_writeError = false;
     m_writeErrno = 0;
@@ -136,20 +140,29 @@ bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string*
         SetError(error, ENOENT);
         return false;
     }
-    if (!forReading) {
-        int fd = ::open(utf8Path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (fd < 0) {
-            t_writeFailure = {errno, true};
-            SetError(error, errno);
-            return false;
-        }
-        m_fd = fd;
-        m_open = true;
-        m_writing = true;
-        m_written = 0;
-        m_wbuf.clear();
-        m_wbuf.reserve(kWriteBuffer);
-        return true;
+    int fd = ::open(utf8Path.c_str(), flags, 0666);
+    if (fd < 0) {
+        t_writeFailure = {errno, true};
+        SetError(error, errno);
+        return false;
+    }
+    m_fd = fd;
+    m_open = true;
+    m_writing = true;
+    m_written = 0;
+    m_wbuf.clear();
+    m_wbuf.reserve(kWriteBuffer);
+    return true;
+}
+
+bool IoFile::OpenFile(const std::string& utf8Path, bool forReading, std::string* error) {
+    if (!forReading) return OpenForWriting(utf8Path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, error);
+    CloseFile();
+    m_writeError = false;
+    m_writeErrno = 0;
+    if (utf8Path.empty() || utf8Path.find('\0') != std::string::npos) {
+        SetError(error, ENOENT);
+        return false;
     }
     int fd = ::open(utf8Path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {

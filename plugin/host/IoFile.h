@@ -38,6 +38,9 @@ public:
     // On failure returns false and, when given, fills `error` with the system's reason.
     bool OpenFile(const CXStringW& path, bool forReading, std::string* error = nullptr);
     bool OpenFile(const std::string& utf8Path, bool forReading, std::string* error = nullptr);
+    // Writes into a file that must already exist (a temporary name made beforehand): a
+    // clean-up that removed the name in between is not undone by creating it again.
+    bool RewriteFile(const CXStringW& path, std::string* error = nullptr);
     // Reads from caller-owned memory (kept alive by the caller until CloseFile).
     bool OpenMemory(const void* data, size_t size);
     // Flushes and closes; false when a buffered write failed.
@@ -88,6 +91,7 @@ public:
     int GetWriteErrno() const { return m_writeErrno; }
 
 private:
+    bool OpenForWriting(const std::string& utf8Path, int flags, std::string* error);
     bool FlushWrite();
     void NoteWriteError(int err);
     bool m_silent;

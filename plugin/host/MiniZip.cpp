@@ -69,11 +69,11 @@ bool Inflate(std::span<const uint8_t> in, uint64_t maxBytes, Sink&& sink) {
 }
 } // namespace
 
-bool CMiniZip::ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes) {
+bool CMiniZip::ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes, bool targetExists) {
     IoFile in(true);
     if (!in.OpenFile(path, true)) return false;
     IoFile out(true);
-    if (!out.OpenFile(target, false)) return false;
+    if (!(targetExists ? out.RewriteFile(target) : out.OpenFile(target, false))) return false;
     bool ok = Inflate(in.GetData(), maxBytes, [&out](const uint8_t* p, size_t n) { return out.FileWrite(p, n); });
     ok = out.CloseFile() && ok;
     if (!ok) fileDelete(target);

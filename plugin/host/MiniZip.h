@@ -10,8 +10,10 @@ public:
     // True when the file starts with the gzip magic bytes 1F 8B.
     static bool IsGZipFile(const CXStringW& path);
     // Inflates `path` into `target`; fails (and removes `target`) on damaged input or when the
-    // output would exceed `maxBytes`.
-    static bool ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes = 2ull << 30);
+    // output would exceed `maxBytes`. With `targetExists` the target is a temporary name
+    // made beforehand and is never created again (a signal's clean-up may have removed it).
+    static bool ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes = 2ull << 30,
+                            bool targetExists = false);
     // Inflates `path` into memory. Fails, leaving `out` empty, on damaged or truncated input and
     // when the output would exceed `maxBytes` (a cut-off output is never a success). The size
     // is measured before anything is stored, so memory never goes beyond the inflated size and a

@@ -50,6 +50,15 @@ TEST(MiniZip, ExtractsSingleAndConcatenatedMembers) {
     testsupport::WriteFile(dir / "empty.gz", Gzip(""));
     ASSERT_TRUE(CMiniZip::ExtractGZip(W(dir / "empty.gz"), W(dir / "empty.out")));
     EXPECT_EQ("", testsupport::ReadFile(dir / "empty.out"));
+
+    // Into a temporary made beforehand: filled when it is there, never created again when a
+    // clean-up has removed it in the meantime.
+    CXStringW tmp = fileCreateTmpName(W(dir.path()), L"~t", L".wrl");
+    ASSERT_TRUE(CMiniZip::ExtractGZip(W(dir / "one.gz"), tmp, 2ull << 30, true));
+    EXPECT_EQ(data, testsupport::ReadFile(PathToUtf8(tmp)));
+    fileDelete(tmp);
+    EXPECT_FALSE(CMiniZip::ExtractGZip(W(dir / "one.gz"), tmp, 2ull << 30, true));
+    EXPECT_FALSE(fileExists(tmp));
 }
 
 TEST(MiniZip, FailuresRemoveTheTarget) {

@@ -20,7 +20,7 @@ WorldFileState PrepareWorldFile(const CXStringW& path, CTempFileGuard& guard, CX
     std::error_code ec;
     uint64_t size = std::filesystem::file_size(PathToUtf8(path), ec);
     if (ec) size = 0;
-    if (!CMiniZip::ExtractGZip(path, tmp, CMiniZip::InflateLimit(size))) {
+    if (!CMiniZip::ExtractGZip(path, tmp, CMiniZip::InflateLimit(size), true)) {
         guard.Reset(CXStringW()); // ExtractGZip already removed it; make sure
         return WorldFileState::Failed;
     }
