@@ -1,9 +1,9 @@
 # User commands: `make demo` (main job) and `make test` (whole suite).
 # Each installs the Debian packages it needs when they are missing.
 
-BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config
+BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config pybind11-dev python3-dev python3-numpy python3-pytest
 FUZZ_PKGS  := clang libclang-rt-14-dev
-BENCH_PKGS := libassimp-dev libtinyobjloader-dev time
+BENCH_PKGS := libassimp-dev libtinyobjloader-dev time python3-meshio
 JOBS ?= $(shell nproc)
 
 .PHONY: all demo test test-asan fuzz fuzz-run bench deps deps-fuzz deps-bench build build-asan clean
