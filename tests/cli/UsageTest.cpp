@@ -216,19 +216,24 @@ TEST(CliUsage, EveryPrintingCommandSpeaksJsonThatValidates) {
 
 TEST(CliUsage, TheOptionsLogIsShownOncePerMessage) {
     TempDir d;
-    // Two references to a library that is not there: one warning, counted.
-    WriteFile(d / "m.obj", "mtllib nothere.mtl\nmtllib nothere.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
-    Outcome r = Orbiscope("info m.obj", d.path());
+    // Two inlined worlds that are not local files: one warning, counted.
+    WriteFile(d / "m.wrl", "#VRML V1.0 ascii\nSeparator {\n Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
+                           " IndexedFaceSet { coordIndex [ 0, 1, 2 ] }\n"
+                           " WWWInline { name \"http://example.com/a.wrl\" }\n"
+                           " WWWInline { name \"http://example.com/a.wrl\" }\n}\n");
+    Outcome r = Orbiscope("info m.wrl", d.path());
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "orbiscope: m.obj: warning: Material library not found: nothere.mtl (2 times)\n");
-    EXPECT_EQ(Orbiscope("info m.obj -q", d.path()).err, "");
-    Outcome v = Orbiscope("-v info m.obj", d.path());
-    EXPECT_NE(v.err.find("warning: Material library not found"), std::string::npos);
-    EXPECT_NE(v.err.find("orbiscope: read m.obj as "), std::string::npos) << v.err;
+    EXPECT_EQ(r.err, "orbiscope: m.wrl: warning: VRML 1.0: 'http://example.com/a.wrl' is not a local file; it was "
+                     "not read. (2 times)\n");
+    EXPECT_EQ(Orbiscope("info m.wrl -q", d.path()).err, "");
+    Outcome v = Orbiscope("-v info m.wrl", d.path());
+    EXPECT_NE(v.err.find("warning: VRML 1.0: "), std::string::npos);
+    EXPECT_NE(v.err.find("orbiscope: read m.wrl as "), std::string::npos) << v.err;
+    WriteFile(d / "m.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
     // The convert summary: what went out, file by file.
     Outcome c = Orbiscope("convert m.obj m.ply", d.path());
     ASSERT_EQ(c.status, 0) << c.err;
-    EXPECT_EQ(c.out.rfind("m.obj -> m.ply: wrote 1 nodes, 1 meshes, 3 points, 1 faces, 0 materials (m.ply ", 0), 0u) << c.out;
+    EXPECT_EQ(c.out.rfind("m.obj -> m.ply: wrote 2 nodes, 1 meshes, 3 points, 1 faces, 0 materials (m.ply ", 0), 0u) << c.out;
     EXPECT_NE(c.out.find(std::to_string(fs::file_size(d / "m.ply")) + " bytes)"), std::string::npos) << c.out;
 }
 
