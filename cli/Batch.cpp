@@ -282,8 +282,10 @@ int RunBatch(const BatchOptions& o) {
         else ++failed;
         // Warnings pass through as the worker said them; a failure gets its one line.
         if (g_verbosity >= 1 && !d.errText.empty() && d.status == "ok") std::fputs(d.errText.c_str(), stderr);
+        // A failure's sentence mostly names its file already.
         if (d.status != "ok" && d.status != "cancelled" && g_verbosity >= 1)
-            std::fprintf(stderr, "orbiscope: %s: %s\n", j.input.c_str(), d.message.c_str());
+            std::fprintf(stderr, "orbiscope: %s%s\n",
+                         d.message.find(j.input) == std::string::npos ? (j.input + ": ").c_str() : "", d.message.c_str());
         if (g_verbosity >= 2 && d.status == "ok")
             std::fprintf(stderr, "orbiscope: %s -> %s (%s s)\n", j.input.c_str(), j.output.c_str(), Seconds(d.seconds).c_str());
         report.Add(Record(j, d));

@@ -95,7 +95,8 @@ const Command kCommands[] = {
      "                                                 replace one mesh layer of an LXO file\n",
      CmdLxo, true, true},
     {"vrml97", "vrml97 check|print FILE          VRML97 tools (orbiscope help vrml97)",
-     "usage: orbiscope vrml97 check FILE    parse a VRML97 world and report diagnostics\n"
+     "usage: orbiscope vrml97 check FILE [--json]\n"
+     "                                      parse a VRML97 world and count its nodes by type\n"
      "       orbiscope vrml97 print FILE    parse a VRML97 world and print it back\n",
      CmdVrml97, true, true},
     {"version", "version [--json]                the version of orbiscope and of its module",

@@ -204,7 +204,9 @@ TEST(CliUsage, EveryPrintingCommandSpeaksJsonThatValidates) {
     EXPECT_EQ(number(written, "faces"), number(faces, "faces"));
     EXPECT_NE(number(conv.out, "faces"), number(written, "faces")); // the read had quads
 
-    for (const char* cmd : {"formats --json", "version --json"}) {
+    WriteFile(d / "box.wrl", "#VRML V2.0 utf8\nShape { geometry Box { size 1 2 3 } }\n");
+    for (const std::string& cmd : std::vector<std::string>{"formats --json", "version --json",
+                                                          "vrml97 check --json " + Q((d / "box.wrl").string())}) {
         Outcome r = Orbiscope(cmd);
         ASSERT_EQ(r.status, 0) << cmd;
         TempDir t;
@@ -254,7 +256,7 @@ TEST(CliBatch, AFolderWithADamagedFileConvertsTheRestAndReportsEach) {
     EXPECT_FALSE(fs::exists(d / "out" / "broken.ply"));
     EXPECT_NE(r.out.find("converted 3 of 4 files"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("1 failed"), std::string::npos) << r.out;
-    EXPECT_NE(r.err.find("in/broken.3ds: in/broken.3ds is not a file of this format, or it is damaged."),
+    EXPECT_NE(r.err.find("orbiscope: in/broken.3ds is not a file of this format, or it is damaged.\n"),
               std::string::npos) << r.err;
     const std::string report = ReadFile(d / "report.jsonl");
     EXPECT_EQ(Lines(report), 4) << report;
