@@ -312,3 +312,111 @@ TEST(CliCancel, AWriteStopsAtTheNextBufferOnceCancelled) {
     EXPECT_EQ(IoFileLastWriteFailure().error, ECANCELED);
     EXPECT_EQ(fs::file_size(d / "out"), 0u);
 }
+
+// ---------------------------------------------------------------------------
+// A batch's workers: a worker that dies costs its own file only; Ctrl-C to the batch
+// cancels the running workers (nothing half-written stays) and the inputs not started.
+
+namespace {
+void WriteBigObj(const fs::path& path, int vertices) {
+    std::string obj;
+    obj.reserve(static_cast<size_t>(vertices) * 40);
+    char line[96];
+    for (int i = 0; i < vertices; ++i) {
+        const int n = std::snprintf(line, sizeof line, "v %d.125 %d.5 -%d.25\n", i, i % 977, i % 13);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    for (int i = 1; i + 2 <= vertices; i += 3) {
+        const int n = std::snprintf(line, sizeof line, "f %d %d %d\n", i, i + 1, i + 2);
+        obj.append(line, static_cast<size_t>(n));
+    }
+    WriteFile(path, obj);
+}
+
+struct Batch {
+    pid_t pid = -1;
+    int status = 0;
+    explicit Batch(const fs::path& cwd, const std::vector<std::string>& args, const fs::path& output) {
+        const std::string bin = Bin();
+        pid = fork();
+        if (pid != 0) return;
+        if (chdir(cwd.c_str()) != 0) _exit(126);
+        const int e = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644); // both outputs
+        if (e < 0 || dup2(e, 2) < 0 || dup2(e, 1) < 0) _exit(126);
+        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
+        _exit(127);
+    }
+    ~Batch() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+    }
+    int Wait() {
+        waitpid(pid, &status, 0);
+        pid = -1;
+        return status;
+    }
+    // The worker running now, once its output is being written (up to 20 s).
+    pid_t WorkerWriting(const fs::path& outDir) {
+        for (int i = 0; i < 20000; ++i) {
+            const std::string kids = ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+            std::error_code ec;
+            for (auto& t : fs::directory_iterator(outDir, ec))
+                if (t.path().filename().string().rfind(".orbiscope-", 0) == 0)
+                    for (auto& f : fs::directory_iterator(t.path(), ec))
+                        if (fs::file_size(f.path(), ec) > 0 && !kids.empty()) return std::stoi(kids);
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
+                return -1;
+            }
+            usleep(1000);
+        }
+        return -1;
+    }
+};
+} // namespace
+
+TEST(CliBatch, AWorkerThatDiesCostsItsOwnFileOnly) {
+    TempDir d;
+    WriteBigObj(d / "a_big.obj", 1500000);
+    WriteFile(d / "b_small.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
+    Batch b(d.path(), {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
+            d / "err");
+    const pid_t worker = b.WorkerWriting(d / "out");
+    if (worker <= 0) GTEST_SKIP() << "the write ended before it could be caught: " << ReadFile(d / "err");
+    kill(worker, SIGKILL);
+    const int st = b.Wait();
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 1);
+    const std::string report = ReadFile(d / "r.jsonl");
+    EXPECT_NE(report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"crashed\", \"exit\": 137"),
+              std::string::npos) << report;
+    EXPECT_NE(report.find("\"input\": \"b_small.obj\", \"output\": \"out/b_small.ma\", \"status\": \"ok\""),
+              std::string::npos) << report;
+    EXPECT_TRUE(fs::exists(d / "out" / "b_small.ma"));
+    EXPECT_FALSE(fs::exists(d / "out" / "a_big.ma"));
+}
+
+TEST(CliBatch, CtrlCCancelsTheRunningWorkerAndTheRest) {
+    TempDir d;
+    WriteBigObj(d / "a_big.obj", 1500000);
+    WriteFile(d / "b_small.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
+    Batch b(d.path(), {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
+            d / "err");
+    if (b.WorkerWriting(d / "out") <= 0) GTEST_SKIP() << "the write ended before it could be caught";
+    kill(b.pid, SIGINT);
+    const int st = b.Wait();
+    ASSERT_TRUE(WIFEXITED(st)) << "ended by signal " << WTERMSIG(st);
+    EXPECT_EQ(WEXITSTATUS(st), 7);
+    const std::string report = ReadFile(d / "r.jsonl");
+    EXPECT_NE(report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"cancelled\", \"exit\": 7"),
+              std::string::npos) << report;
+    EXPECT_NE(report.find("\"input\": \"b_small.obj\", \"output\": \"out/b_small.ma\", \"status\": \"cancelled\""),
+              std::string::npos) << report;
+    EXPECT_TRUE(fs::is_empty(d / "out")); // no output, no temporary folder
+    EXPECT_NE(ReadFile(d / "err").find("converted 0 of 2 files"), std::string::npos) << ReadFile(d / "err");
+}
