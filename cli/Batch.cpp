@@ -51,9 +51,7 @@ bool Readable(const fs::path& p) {
 // The output's name: the input's relative place under DIR, with the writer's extension.
 fs::path OutputName(const fs::path& rel, const std::string& ext) {
     fs::path name = rel.filename();
-    if (Narrow(fileGetExtension(Wide(name.string()))) == ".gz" ||
-        Narrow(fileGetExtension(Wide(name.string()))) == ".GZ")
-        name = name.stem();
+    if (fileGetExtension(Wide(name.string())).CompareNoCase(L".gz") == 0) name = name.stem();
     name.replace_extension(ext);
     return rel.parent_path() / name;
 }
@@ -191,9 +189,11 @@ std::string Record(const Job& j, const Done& d) {
 }
 
 // The report is written beside its final name and moved there at the end, so a report
-// that was there stays whole until the new one is.
+// that was there stays whole until the new one is. Its temporary name is one the next
+// run recognises as a leftover when this one is killed outright.
 struct Report {
-    std::string path, tmp;
+    std::string path;
+    CXStringW tmp;
     FILE* f = nullptr;
     bool toStdout = false;
     bool Open(const std::string& p, std::string& err) {
@@ -204,8 +204,8 @@ struct Report {
             return true;
         }
         const fs::path target = fs::absolute(p);
-        tmp = (target.parent_path() / ("." + target.filename().string() + "." + std::to_string(getpid()) + ".tmp")).string();
-        f = std::fopen(tmp.c_str(), "w");
+        tmp = fileCreateTmpName(Wide(target.parent_path().string()), L".orbiscope-report-", L".tmp");
+        if (!tmp.IsEmpty()) f = std::fopen(Narrow(tmp).c_str(), "w");
         if (!f) err = "cannot write the report " + p + ": " + std::strerror(errno) + ".";
         return f != nullptr;
     }
@@ -220,9 +220,9 @@ struct Report {
         const int e = errno;
         std::fclose(f);
         f = nullptr;
-        if (!ok || std::rename(tmp.c_str(), fs::absolute(path).c_str()) != 0) {
+        if (!ok || !fileRename(tmp, Wide(fs::absolute(path).string()))) {
             err = "cannot write the report " + path + ": " + std::strerror(ok ? errno : e) + ".";
-            std::remove(tmp.c_str());
+            fileDelete(tmp);
             return false;
         }
         return true;
@@ -230,7 +230,7 @@ struct Report {
     ~Report() {
         if (f && !toStdout) {
             std::fclose(f);
-            std::remove(tmp.c_str());
+            fileDelete(tmp);
         }
     }
 };
