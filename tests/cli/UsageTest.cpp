@@ -216,6 +216,22 @@ TEST(CliUsage, EveryPrintingCommandSpeaksJsonThatValidates) {
     }
 }
 
+// An animated scene: the range and keys, and the node IDs the reader kept.
+TEST(CliUsage, InfoShowsTheAnimationAndTheNodeIds) {
+    SKIP_WITHOUT_CORPUS();
+    const fs::path scene = testsupport::CorpusDir() / "lws" / "move_x.lws";
+    if (!fs::exists(scene)) GTEST_SKIP() << "no " << scene;
+    Outcome text = Orbiscope("info " + Q(scene.string()));
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("animation: 160..9600 ticks (0.0333333..2 s at 4800 ticks/s), 180 keys on 1 nodes"),
+              std::string::npos) << text.out;
+    Outcome json = Orbiscope("info --json " + Q(scene.string()));
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_NE(json.out.find("\"firstKey\": 160, \"lastKey\": 9600"), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"id\": 268435456, \"name\": \"simple_cube\""), std::string::npos) << json.out;
+    EXPECT_VALID(json.out, "info.schema.json", false);
+}
+
 TEST(CliUsage, TheOptionsLogIsShownOncePerMessage) {
     TempDir d;
     // Two inlined worlds that are not local files: one warning, counted.
