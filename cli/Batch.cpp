@@ -68,9 +68,18 @@ std::vector<std::pair<fs::path, fs::path>> ListInputs(const BatchOptions& o, std
                 if (e.is_regular_file(fec) && Readable(e.path())) found.emplace_back(e.path(), e.path().lexically_relative(in));
             };
             if (o.recursive) {
+                // The output folder inside an input folder is not an input (nor is a second run's output).
+                std::error_code oec;
+                const fs::path outDir = fs::weakly_canonical(o.outputDir, oec);
                 for (auto it = fs::recursive_directory_iterator(in, fs::directory_options::skip_permission_denied, ec);
-                     !ec && it != fs::recursive_directory_iterator(); it.increment(ec))
+                     !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+                    std::error_code dec;
+                    if (it->is_directory(dec) && fs::weakly_canonical(it->path(), dec) == outDir) {
+                        it.disable_recursion_pending();
+                        continue;
+                    }
                     take(*it);
+                }
             } else {
                 for (auto it = fs::directory_iterator(in, ec); !ec && it != fs::directory_iterator(); it.increment(ec))
                     take(*it);

@@ -289,6 +289,13 @@ TEST(CliBatch, AFolderWithADamagedFileConvertsTheRestAndReportsEach) {
     for (auto& e : fs::directory_iterator(d.path())) entries += e.path().filename().string()[0] == '.';
     EXPECT_EQ(entries, 0);
 
+    // The output folder inside the input folder is not taken as input on the next run.
+    Outcome again = Orbiscope("convert in -r -o in/out --to stl", d.path());
+    EXPECT_EQ(again.status, 1) << again.err; // broken.3ds still fails
+    Outcome twice = Orbiscope("convert in -r -o in/out --to stl --json", d.path());
+    EXPECT_NE(twice.out.find("\"files\": 4,"), std::string::npos) << twice.out;
+    EXPECT_FALSE(fs::exists(d / "in" / "out" / "out"));
+
     // Without -r the folder's own files only; patterns as the shell would expand them;
     // every input fine: status 0 and a JSON summary.
     Outcome flat = Orbiscope("convert in -o flat --to stl", d.path());
