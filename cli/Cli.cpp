@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
 
 #include "cli/ExitCodes.h"
 #include "cli/Signals.h"
@@ -212,12 +213,12 @@ void ShowLog(const CIoOptions& options, const std::string& file) {
     if (g_verbosity == 0) return;
     // Once per text, in the order first seen, with how often it came.
     std::vector<std::pair<const IoLogInfo*, int>> seen;
+    std::unordered_map<std::wstring, size_t> where;
     for (const IoLogInfo& l : options.GetLog()) {
-        auto it = std::find_if(seen.begin(), seen.end(), [&](auto& p) {
-            return p.first->level == l.level && p.first->text.Compare(l.text) == 0;
-        });
-        if (it == seen.end()) seen.emplace_back(&l, 1);
-        else ++it->second;
+        std::wstring key = std::to_wstring(l.level) + L":" + std::wstring(l.text.view());
+        auto [it, fresh] = where.emplace(std::move(key), seen.size());
+        if (fresh) seen.emplace_back(&l, 1);
+        else ++seen[it->second].second;
     }
     for (auto& [l, count] : seen) {
         std::string line = "orbiscope: " + file + ": " + (l->level >= LOG_ERROR ? "error: " : "warning: ") + Narrow(l->text);

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "plugin/host/FileHelpers.h"
@@ -134,11 +136,9 @@ Texture Resolve(const C3DScene& scene, const CXStringW& name, const std::string&
 // Every file the scene refers to, once: the required files, then the materials' maps.
 std::vector<Texture> Textures(const C3DScene& scene, const std::string& file) {
     std::vector<CXStringW> names;
+    std::unordered_set<std::wstring> seen;
     auto add = [&](const CXStringW& n) {
-        if (n.IsEmpty()) return;
-        for (const CXStringW& k : names)
-            if (k.Compare(n) == 0) return;
-        names.push_back(n);
+        if (!n.IsEmpty() && seen.emplace(n.view()).second) names.push_back(n);
     };
     for (const CXStringW& f : scene.GetRequiredFiles()) add(f);
     CMaterialPos mp;
@@ -342,19 +342,16 @@ std::string DescribeSceneJson(const C3DScene& scene, const std::string& file, co
     s += "  \"nodes\": [";
     bool first = true;
     // Each node's place in the walk, so children can name their parent.
-    std::vector<const C3DSceneNode*> order;
+    std::unordered_map<const C3DSceneNode*, size_t> order;
     C3DBaseObject* o;
     for (C3DNodePos p = scene.GetFirstNode(); C3DSceneNode* n = scene.GetNextNode(o, p);) {
-        int parent = -1;
-        for (size_t i = order.size(); i-- > 0;)
-            if (order[i] == n->GetParent()) {
-                parent = static_cast<int>(i);
-                break;
-            }
-        order.push_back(n);
+        const auto up = order.find(n->GetParent());
+        const long long parent = up == order.end() ? -1 : static_cast<long long>(up->second);
+        const size_t index = order.size();
+        order.emplace(n, index);
         s += first ? "\n" : ",\n";
         first = false;
-        s += "    {\"index\": " + std::to_string(order.size() - 1) + ", \"parent\": " + std::to_string(parent) +
+        s += "    {\"index\": " + std::to_string(index) + ", \"parent\": " + std::to_string(parent) +
              ", \"id\": " + std::to_string(n->GetNodeID()) + ", \"name\": " + JsonString(Utf8(n->GetName())) +
              ", \"kind\": \"" + KindName(n->GetKindOf()) + "\", \"depth\": " + std::to_string(Depth(n)) +
              ", \"hidden\": " + (n->IsFlagSet(NODE_HIDDEN) ? "true" : "false");
