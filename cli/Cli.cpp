@@ -384,6 +384,7 @@ int ReadScene(const std::string& path, const std::string& fromID, std::unique_pt
         if (g_verbosity >= 2) ShowLog(options, path);
         int r = io.GetIoError();
         if (r == 0) r = IO_ERR_FORMAT;
+        if (g_cancel.load()) r = IO_ERR_CANCELLED; // whatever the reader made of being stopped
         std::string s = ResultSentence(r, path, true);
         if (!io.GetIoErrorText().IsEmpty() && r != IO_ERR_CANCELLED) s += " (" + Narrow(io.GetIoErrorText()) + ")";
         return Fail(ResultExitCode(r), s);

@@ -16,6 +16,7 @@
 #include <orbiscope/Version.h>
 #include "plugin/host/Cancel.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/MiniZip.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -442,4 +443,23 @@ TEST(CliBatch, CtrlCCancelsTheRunningWorkerAndTheRest) {
               std::string::npos) << report;
     EXPECT_TRUE(fs::is_empty(d / "out")); // no output, no temporary folder
     EXPECT_NE(ReadFile(d / "err").find("converted 0 of 2 files"), std::string::npos) << ReadFile(d / "err");
+}
+
+// A reader's temporary (a gzip world inflated before the parse) is not cut short by the
+// thread's cancel: the reader reports the cancel itself, not a damaged archive.
+TEST(CliCancel, AGzipWorldIsInflatedWholeWhileCancelled) {
+    TempDir d;
+    std::string world = "#VRML V2.0 utf8\n";
+    while (world.size() < (3u << 20)) world += "Shape { geometry Box { size 1 2 3 } }\n";
+    WriteFile(d / "w.wrl", world);
+    ASSERT_EQ(std::system(("gzip -c " + Q((d / "w.wrl").string()) + " > " + Q((d / "w.wrl.gz").string())).c_str()), 0);
+    std::atomic<bool> cancel{true};
+    SetThreadCancelToken(&cancel);
+    const bool ok = CMiniZip::ExtractGZip(CXStringW(Utf8ToWide((d / "w.wrl.gz").string())),
+                                          CXStringW(Utf8ToWide((d / "out.wrl").string())));
+    const bool stillCancelled = ShouldCancelThread(0);
+    SetThreadCancelToken(nullptr);
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(stillCancelled); // the token is back afterwards
+    EXPECT_EQ(ReadFile(d / "out.wrl"), world);
 }
