@@ -196,7 +196,9 @@ int Run(int argc, char** argv) {
     for (const std::string& o : leading) {
         if (o == "-q" || o == "--quiet") g_verbosity = 0;
         else if (o == "-v" || o == "--verbose") g_verbosity = 2;
-        else if (o == "--version" || o == "-V") return CmdVersion(std::vector<std::string>(args.begin() + static_cast<long>(i), args.end()));
+        else if (o == "--version" || o == "-V")
+            return CmdVersion(std::count(leading.begin(), leading.end(), "--json") ? std::vector<std::string>{"--json"}
+                                                                                   : std::vector<std::string>{});
         else if (IsHelp(o)) return CmdHelp({});
         else if (o != "--json") {
             std::vector<std::string> known{"-q", "-v", "--quiet", "--verbose", "--help", "--version", "--json"};
