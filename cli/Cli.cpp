@@ -465,7 +465,7 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
     }
     if (!parser->CheckSaveOptions(result.prepared.get(), options)) {
         parser->ReleaseParser(false, nullptr);
-        ShowLog(options, out);
+        if (g_verbosity >= 2) ShowLog(options, out);
         return Fail(EXIT_NOTHING_TO_WRITE, "there is nothing in the scene that can be written to " + out + ".");
     }
     fs::path tmpTarget = tmpDir / target.filename();
