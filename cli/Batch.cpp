@@ -285,10 +285,17 @@ int RunBatch(const BatchOptions& o) {
     std::map<pid_t, Worker> running;
     size_t next = 0;
     int ok = 0, failed = 0, cancelled = 0;
+    // On a terminal, a counter of the inputs done, rewritten in place.
+    const bool counter = g_verbosity >= 1 && isatty(STDERR_FILENO) != 0;
+    size_t finished = 0;
+    auto clearCounter = [&] {
+        if (counter && finished) std::fprintf(stderr, "\r%40s\r", "");
+    };
     auto record = [&](const Job& j, const Done& d) {
         if (d.status == "ok") ++ok;
         else if (d.status == "cancelled") ++cancelled;
         else ++failed;
+        clearCounter();
         // Warnings pass through as the worker said them; a failure gets its one line.
         if (g_verbosity >= 1 && !d.errText.empty() && d.status == "ok") std::fputs(d.errText.c_str(), stderr);
         // A failure's sentence mostly names its file already.
@@ -298,6 +305,11 @@ int RunBatch(const BatchOptions& o) {
         if (g_verbosity >= 2 && d.status == "ok")
             std::fprintf(stderr, "orbiscope: %s -> %s (%s s)\n", j.input.c_str(), j.output.c_str(), Seconds(d.seconds).c_str());
         report.Add(Record(j, d));
+        ++finished;
+        if (counter) {
+            std::fprintf(stderr, "\r[%zu/%zu] converted", finished, jobs.size());
+            std::fflush(stderr);
+        }
     };
     while (next < jobs.size() || !running.empty()) {
         while (next < jobs.size() && static_cast<int>(running.size()) < slots) {
@@ -335,6 +347,7 @@ int RunBatch(const BatchOptions& o) {
         running.erase(it);
         record(jobs[w.job], Finish(w, status));
     }
+    clearCounter();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const double rate = seconds > 0 ? static_cast<double>(jobs.size()) / seconds : 0;
     std::string reportErr;
