@@ -1,12 +1,12 @@
 # User commands: `make demo` (main job) and `make test` (whole suite).
 # Each installs the Debian packages it needs when they are missing.
 
-BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config pybind11-dev python3-dev python3-numpy python3-pytest
+BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config python3-jsonschema pybind11-dev python3-dev python3-numpy python3-pytest
 FUZZ_PKGS  := clang libclang-rt-14-dev
 BENCH_PKGS := libassimp-dev libtinyobjloader-dev time python3-meshio
 JOBS ?= $(shell nproc)
 
-.PHONY: all demo test test-asan fuzz fuzz-run bench deps deps-fuzz deps-bench build build-asan clean
+.PHONY: all demo test test-asan fuzz fuzz-run bench deps deps-fuzz deps-bench build build-asan clean consumer
 
 all: build
 
@@ -43,6 +43,11 @@ fuzz: deps-fuzz
 # Runs every fuzz target for FUZZ_SECONDS each (default 60).
 fuzz-run: fuzz
 	@./tools/fuzz-all.sh $(or $(FUZZ_SECONDS),60)
+
+# Installs the build into build/stage and builds the program of docs/library.md against
+# it twice (CMake package, pkg-config), then runs both on the bundled example.
+consumer: build
+	@./tools/check-consumer.sh
 
 bench: deps-bench build
 	@./bench/run.sh

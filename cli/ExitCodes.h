@@ -2,6 +2,7 @@
 // Exit statuses of orbiscope (documented in --help).
 enum ExitCode : int {
     EXIT_OK = 0,
+    EXIT_SOME_FAILED = 1, // a batch: at least one input was not converted
     EXIT_USAGE = 2,
     EXIT_CANNOT_OPEN = 3,
     EXIT_BAD_FORMAT = 4,

@@ -13,6 +13,13 @@ struct SceneTotals {
 SceneTotals CountScene(const C3DScene& scene);
 // One line: "3 nodes, 2 meshes, 1208 points, 2400 faces, 2 materials".
 std::string SummaryLine(const C3DScene& scene);
-// The node tree, materials, cameras and keys, indented.
-std::string DescribeScene(const C3DScene& scene);
+// The unit's name ("inch"), "none" when the file does not say.
+const char* UnitName(int unit);
+// The node tree, materials, bounding box, units, textures, animation, indented. `file` is
+// the scene's own file: texture names relative to it are looked up beside it.
+std::string DescribeScene(const C3DScene& scene, const std::string& file);
+// The same as one JSON document (docs/json-schema/info.schema.json, "schema" names its version).
 std::string DescribeSceneJson(const C3DScene& scene, const std::string& file, const std::string& format);
+// The totals as a JSON object ({"nodes": 3, ...}).
+std::string TotalsJson(const SceneTotals& t);
+std::string JsonString(const std::string& s);

@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "cli/ExitCodes.h"
 #include "plugin/host/FileHelpers.h"
@@ -19,9 +20,17 @@ namespace {
 std::mutex g_commit;
 std::atomic<bool>* g_cancel = nullptr;
 sigset_t g_caught;
+std::mutex g_childLock;
+std::vector<pid_t> g_children;
+
+void PassOn(int sig) {
+    std::lock_guard<std::mutex> lock(g_childLock);
+    for (pid_t p : g_children) kill(p, sig);
+}
 
 [[noreturn]] void EndBySignal(int sig) {
     g_commit.lock(); // never released: nothing is moved into place any more
+    PassOn(sig == SIGINT ? SIGTERM : sig); // the workers clean up after themselves
     fileRemoveTmpOfThisProcess();
     std::signal(sig, SIG_DFL);
     sigset_t one;
@@ -38,7 +47,10 @@ void Watch() {
         int sig = 0;
         if (sigwait(&g_caught, &sig) != 0) continue;
         if (g_cancel) g_cancel->store(true);
-        if (sig == SIGINT && ++interrupts == 1) continue; // cancel; a second one ends at once
+        if (sig == SIGINT && ++interrupts == 1) { // cancel; a second one ends at once
+            PassOn(SIGINT);
+            continue;
+        }
         EndBySignal(sig);
     }
 }
@@ -57,6 +69,16 @@ void InstallSignalHandling(std::atomic<bool>* cancel) {
         // No thread to take them: the signals keep their default action.
         pthread_sigmask(SIG_UNBLOCK, &g_caught, nullptr);
     }
+}
+
+void AddChildProcess(int pid) {
+    std::lock_guard<std::mutex> lock(g_childLock);
+    g_children.push_back(pid);
+}
+
+void RemoveChildProcess(int pid) {
+    std::lock_guard<std::mutex> lock(g_childLock);
+    std::erase(g_children, pid);
 }
 
 CommitSection::CommitSection() { g_commit.lock(); }

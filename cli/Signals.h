@@ -12,6 +12,11 @@
 // thread and taken by one watcher thread.
 void InstallSignalHandling(std::atomic<bool>* cancel);
 
+// Worker processes of a batch: the signals this process takes are passed on to them
+// (a first Ctrl-C cancels them too; a termination ends them before this process ends).
+void AddChildProcess(int pid);
+void RemoveChildProcess(int pid);
+
 // Held while finished files are moved into place: a termination waits for the moves to end.
 class CommitSection {
 public:

@@ -9,8 +9,10 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cli/ExitCodes.h"
+#include "cli/SceneSummary.h"
 #include "cli/ToolCommands.h"
 #include "plugin/host/MiniZip.h"
 #include "vrml/vrml97/Doc.h"
@@ -22,7 +24,7 @@
 namespace {
 
 int Usage() {
-    std::fprintf(stderr, "usage: orbiscope vrml97 check FILE\n"
+    std::fprintf(stderr, "usage: orbiscope vrml97 check FILE [--json]\n"
                          "       orbiscope vrml97 print FILE\n");
     return EXIT_USAGE;
 }
@@ -54,6 +56,15 @@ Loaded LoadWorld(VrmlScene& scene, const char* path) {
 } // namespace
 
 int RunVrml97Command(int argc, char** argv) {
+    // "--json" may stand anywhere; the rest are the two operands.
+    bool json = false;
+    std::vector<char*> words;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--json") == 0) json = true;
+        else words.push_back(argv[i]);
+    }
+    argc = static_cast<int>(words.size());
+    argv = words.data();
     if (argc != 2) return Usage();
     std::string cmd = argv[0];
     const char* path = argv[1];
@@ -79,6 +90,16 @@ int RunVrml97Command(int argc, char** argv) {
             std::fprintf(stderr, "orbiscope: cannot write the world of '%s' to standard output.\n", path);
             return EXIT_CANNOT_WRITE;
         }
+        return EXIT_OK;
+    }
+    if (json) {
+        std::string out = "{\"file\": " + JsonString(path) + ", \"nodes\": " + std::to_string(total) + ", \"types\": {";
+        bool first = true;
+        for (const auto& [type, n] : counts) {
+            out += (first ? "" : ", ") + JsonString(type) + ": " + std::to_string(n);
+            first = false;
+        }
+        std::printf("%s}}\n", out.c_str());
         return EXIT_OK;
     }
     std::printf("%s: %zu nodes\n", path, total);

@@ -310,8 +310,13 @@ bool IoFile::FileReverseRead(void* buffer, size_t bytes) {
 
 bool IoFile::FlushWrite() {
     if (!m_writing || m_wbuf.empty()) return !m_writeError;
+    // Writers do not poll the cancel flag themselves: a cancelled write fails at its next
+    // buffer, and the host drops what was written. A write's size is not known beforehand,
+    // so its progress goes out with no total.
+    if (!m_writeError && ShouldCancelThread(0)) NoteWriteError(ECANCELED);
     if (!m_writeError && !WriteAll(m_fd, m_wbuf.data(), m_wbuf.size(), m_written)) NoteWriteError(errno);
     m_wbuf.clear();
+    if (!m_writeError) ReportThreadProgress(m_written, 0);
     return !m_writeError;
 }
 
@@ -322,7 +327,9 @@ bool IoFile::FileWrite(const void* buffer, size_t bytes) {
     // buffer first would only cost a second pass over the bytes.
     if (bytes >= kDirectWrite) {
         if (!FlushWrite()) return false;
-        if (!WriteAll(m_fd, b, bytes, m_written)) NoteWriteError(errno);
+        if (ShouldCancelThread(0)) NoteWriteError(ECANCELED);
+        else if (!WriteAll(m_fd, b, bytes, m_written)) NoteWriteError(errno);
+        else ReportThreadProgress(m_written, 0);
         return !m_writeError;
     }
     if (m_wbuf.size() + bytes > kWriteBuffer && !FlushWrite()) return false;

@@ -9,6 +9,7 @@
 #include <vector>
 #include <zlib.h>
 
+#include "plugin/host/Cancel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 
@@ -70,6 +71,14 @@ bool Inflate(std::span<const uint8_t> in, uint64_t maxBytes, Sink&& sink) {
 } // namespace
 
 bool CMiniZip::ExtractGZip(const CXStringW& path, const CXStringW& target, uint64_t maxBytes, bool targetExists) {
+    // The file is a reader's temporary: the reader checks for cancel once it is there and
+    // says so with its own result, so the thread's cancel must not cut the file short (a
+    // cancelled write would read as a damaged archive).
+    struct NoCancel {
+        std::atomic<bool>* token = GetThreadCancelToken();
+        NoCancel() { SetThreadCancelToken(nullptr); }
+        ~NoCancel() { SetThreadCancelToken(token); }
+    } noCancel;
     IoFile in(true);
     if (!in.OpenFile(path, true)) return false;
     IoFile out(true);

@@ -10,6 +10,7 @@
 #include <set>
 #include <streambuf>
 
+#include <orbiscope/Version.h>
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/System.h"
 #include "vrml/vrml97/VrmlNamespace.h"
@@ -68,11 +69,7 @@ void VrmlScene::clearWorld() {
 
 const char* VrmlScene::urlDoc() const { return d_url ? d_url->url() : ""; }
 
-const char* VrmlScene::version() {
-    static char buf[32];
-    std::snprintf(buf, sizeof buf, "%d.%d.%d", 0, 5, 0);
-    return buf;
-}
+const char* VrmlScene::version() { return ORBISCOPE_VERSION; }
 
 bool VrmlScene::load(const char* url, const char* localCopy) {
     if (!url) return false;
