@@ -636,6 +636,8 @@ std::vector<std::string> AnchorDirs() {
         dirs.push_back(ORBISCOPE_MODULE_DIR);
 #endif
         dirs.push_back((self.parent_path() / "lib").string());
+        // Installed: <prefix>/lib/python3.X/dist-packages beside <prefix>/lib.
+        dirs.push_back(self.parent_path().parent_path().string());
         dirs.push_back(self.string());
     }
     return dirs;
