@@ -37,7 +37,8 @@ constexpr char kLifted = '\x01';
 
 CXStringW Wide(std::string_view s) { return CXStringW(Utf8ToWide(s)); }
 
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+// Blank, tab, line feed, vertical tab, form feed, carriage return.
+inline bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 bool StartsWith(const char* p, const char* e, std::string_view w) {
     return static_cast<size_t>(e - p) >= w.size() && std::memcmp(p, w.data(), w.size()) == 0;
@@ -141,6 +142,7 @@ public:
         while (m_s < m_e && IsSpace(*m_s)) ++m_s;
         if (m_s >= m_e) return false;
         if (*m_s == '+') ++m_s;
+        if (Short(v)) return true;
         auto r = std::from_chars(m_s, m_e, v);
         if (r.ec != std::errc()) {
             v = 0;
@@ -154,17 +156,53 @@ public:
     bool Next(uint32_t& v) {
         while (m_s < m_e && IsSpace(*m_s)) ++m_s;
         if (m_s >= m_e) return false;
+        // The common case, at most nine digits, without the library call.
+        uint32_t x = static_cast<unsigned>(*m_s - '0');
+        if (x < 10u) {
+            const char* d = m_s + 1;
+            const char* stop = m_e - d > 8 ? d + 8 : m_e;
+            for (unsigned c; d < stop && (c = static_cast<unsigned>(*d - '0')) < 10u; ++d) x = x * 10 + c;
+            if (d == m_e || IsSpace(*d)) {
+                v = x;
+                m_s = d;
+                return true;
+            }
+        }
+        return LongIndex(v);
+    }
+
+private:
+    // Decimals of at most seven digits without exponent (what exporters mostly write): the
+    // digits and the power of ten are both exact floats, so one division rounds correctly.
+    bool Short(float& v) {
+        static constexpr float kTen[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f};
+        const char* s = m_s;
+        const bool neg = s < m_e && *s == '-';
+        s += neg;
+        uint32_t m = 0;
+        int digits = 0, frac = -1;
+        for (; s < m_e; ++s) {
+            const unsigned d = static_cast<unsigned>(*s - '0');
+            if (d < 10u) {
+                if (++digits > 7) return false;
+                m = m * 10 + d;
+                if (frac >= 0) ++frac;
+            } else if (*s == '.' && frac < 0) {
+                frac = 0;
+            } else {
+                break;
+            }
+        }
+        if (digits == 0 || (s < m_e && !IsSpace(*s))) return false;
+        const float x = static_cast<float>(m) / kTen[frac < 0 ? 0 : frac];
+        v = neg ? -x : x;
+        m_s = s;
+        return true;
+    }
+
+    __attribute__((noinline)) bool LongIndex(uint32_t& v) {
         const char* s = m_s;
         if (*s == '+') ++s;
-        // The common case, at most nine digits, without the library call.
-        uint32_t x = 0;
-        const char* d = s;
-        while (d < m_e && d - s < 9 && static_cast<unsigned>(*d - '0') < 10u) x = x * 10 + static_cast<uint32_t>(*d++ - '0');
-        if (d > s && (d == m_e || IsSpace(*d))) {
-            v = x;
-            m_s = d;
-            return true;
-        }
         auto r = std::from_chars(s, m_e, v);
         if (r.ec == std::errc::result_out_of_range) {
             v = 0;
@@ -179,7 +217,6 @@ public:
         return true;
     }
 
-private:
     const char* m_s;
     const char* m_e;
 };
@@ -400,13 +437,21 @@ private:
             size_t off = std::min<uint64_t>(in.attribute("offset").as_ullong(0), 1024);
             maxOffset = std::max(maxOffset, off);
             std::string sem = in.attribute("semantic").value();
+            // Only the sources the mesh keeps are read (it keeps no normals).
+            auto used = [this](pugi::xml_node i, const std::string& semantic) -> const Source* {
+                if (semantic != "POSITION" && semantic != "TEXCOORD" && semantic != "COLOR") return nullptr;
+                return GetSource(Fragment(i.attribute("source").value()));
+            };
             if (sem == "VERTEX") {
                 pugi::xml_node verts = mesh.find_child_by_attribute("vertices", "id", std::string(Fragment(in.attribute("source").value())).c_str());
-                for (pugi::xml_node vi : verts.children("input"))
-                    out.push_back({vi.attribute("semantic").value(), GetSource(Fragment(vi.attribute("source").value())), off,
-                                   vi.attribute("set").as_int(0)});
+                for (pugi::xml_node vi : verts.children("input")) {
+                    std::string vsem = vi.attribute("semantic").value();
+                    const Source* src = used(vi, vsem);
+                    out.push_back({std::move(vsem), src, off, vi.attribute("set").as_int(0)});
+                }
             } else {
-                out.push_back({sem, GetSource(Fragment(in.attribute("source").value())), off, in.attribute("set").as_int(0)});
+                const Source* src = used(in, sem);
+                out.push_back({std::move(sem), src, off, in.attribute("set").as_int(0)});
             }
         }
         stride = maxOffset + 1;
@@ -532,12 +577,25 @@ private:
                     m_stopped = true;
                     return;
                 }
-                for (size_t k = 0; k < n; ++k) {
-                    const uint32_t* v = c + k * stride;
-                    to.indices.push_back(v[vOff]);
-                    if (asLine) continue;
-                    if (uv) to.uv.push_back(tOff != SIZE_MAX && v[tOff] < uvMissing ? v[tOff] : uvMissing);
-                    if (vc) to.vc.push_back(cOff != SIZE_MAX && v[cOff] < vcMissing ? v[cOff] : vcMissing);
+                const size_t at = to.indices.size();
+                to.indices.resize(at + n);
+                uint32_t* idx = to.indices.data() + at;
+                for (size_t k = 0; k < n; ++k) idx[k] = c[k * stride + vOff];
+                if (!asLine && uv) {
+                    to.uv.resize(at + n);
+                    uint32_t* t = to.uv.data() + at;
+                    for (size_t k = 0; k < n; ++k) {
+                        const uint32_t* v = c + k * stride;
+                        t[k] = tOff != SIZE_MAX && v[tOff] < uvMissing ? v[tOff] : uvMissing;
+                    }
+                }
+                if (!asLine && vc) {
+                    to.vc.resize(at + n);
+                    uint32_t* t = to.vc.data() + at;
+                    for (size_t k = 0; k < n; ++k) {
+                        const uint32_t* v = c + k * stride;
+                        t[k] = cOff != SIZE_MAX && v[cOff] < vcMissing ? v[cOff] : vcMissing;
+                    }
                 }
                 to.offsets.push_back(static_cast<uint32_t>(to.indices.size()));
                 to.flags.push_back(0);

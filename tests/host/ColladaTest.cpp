@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -216,6 +219,27 @@ TEST(Collada, NumberListsReadAlikeWhateverTheirMarkup) {
         ASSERT_EQ(fl->GetNumberOfFaces(), 3);
         std::vector<uint32_t> all(fl->GetIndexes().begin(), fl->GetIndexes().end());
         EXPECT_EQ(all, (std::vector<uint32_t>{0, 1, 2, 0, 2, 3, 3, 2, 1}));
+    }
+}
+
+TEST(Collada, DecimalsReadAsTheNearestFloat) {
+    // Short decimals take a quicker path than long ones; both must give the nearest float.
+    const char* values[] = {"0.1", "-8.12345", "16777.21", "9999999", "0.3333333", "1234567.8", "-0", "7.", ".5", "1e-3",
+                            "3.4028236e38", "2.5e-46", "0.000001"};
+    std::string list;
+    for (const char* v : values) list += std::string(v) + " ";
+    const size_t n = std::size(values) / 3 * 3;
+    auto r = ReadText(Doc("<source id=\"p\"><float_array id=\"pa\">" + list + "</float_array><technique_common><accessor source=\"#pa\" count=\"" +
+                              std::to_string(n / 3) + "\" stride=\"3\"/></technique_common></source>"
+                              "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+                              "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+                          "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    const float* xyz = Nodes(*r.scene, KINDOF_MESH).at(0)->GetGeomObject()->GetPointList()->GetData();
+    for (size_t i = 0; i < n; ++i) {
+        float want = std::strtof(values[i], nullptr);
+        if (!std::isfinite(want)) want = 0; // out of range reads as 0
+        EXPECT_EQ(std::memcmp(&xyz[i], &want, sizeof want), 0) << values[i] << " read as " << xyz[i];
     }
 }
 
