@@ -784,9 +784,11 @@ private:
         std::string_view name, sid;
         std::vector<float> v;
     };
-    static std::vector<Transform> Transforms(pugi::xml_node node) {
+    // Charged: a node reached through many instances is read again each time.
+    std::vector<Transform> Transforms(pugi::xml_node node) {
         std::vector<Transform> out;
         for (pugi::xml_node t : node.children()) {
+            if (!Charge(1)) break;
             const std::string_view name = t.name();
             if (name != "matrix" && name != "translate" && name != "scale" && name != "rotate" && name != "lookat") continue;
             Transform& tf = out.emplace_back();
@@ -942,34 +944,43 @@ private:
         const char* id = node.attribute("id").value();
         if (!*id) return;
         auto it = m_channels.find(id);
-        if (it == m_channels.end()) return;
+        if (it == m_channels.end() || m_keysLogged) return;
+        // Every visit of the node (instanced nodes) makes its keys again: bounded in all.
+        uint64_t keys = 0;
+        for (const Channel& c : it->second) keys += c.count;
+        if (m_keysMade + keys > kMaxKeys) {
+            Log("Collada: too many animation keys; the rest were left out.");
+            m_keysLogged = true;
+            return;
+        }
+        m_keysMade += keys;
         const std::vector<Transform> base = Transforms(node);
         std::vector<std::pair<const Channel*, size_t>> used; // channel, element
         std::vector<float> times;
+        std::unordered_map<std::string_view, size_t> bySid;
+        for (size_t e = base.size(); e-- > 0;)
+            if (!base[e].sid.empty()) bySid[base[e].sid] = e; // the first of a repeated sid
         for (const Channel& c : it->second) {
-            for (size_t e = 0; e < base.size(); ++e)
-                if (base[e].sid == c.sid) {
-                    used.emplace_back(&c, e);
-                    times.insert(times.end(), c.times.begin(), c.times.begin() + static_cast<long>(c.count));
-                    break;
-                }
+            auto e = bySid.find(c.sid);
+            if (e == bySid.end()) continue;
+            used.emplace_back(&c, e->second);
+            for (size_t i = 0; i < c.count; ++i)
+                if (std::isfinite(c.times[i])) times.push_back(c.times[i]); // NaN would break the sort
         }
         std::sort(times.begin(), times.end());
         times.erase(std::unique(times.begin(), times.end()), times.end());
         const uint64_t work = times.size() * (used.size() + base.size());
         if (times.empty()) return;
-        if (m_keysMade + times.size() > kMaxKeys || m_keyWork + work > 64 * kMaxKeys) {
+        if (m_keyWork + work > 64 * kMaxKeys) {
             if (!m_keysLogged) Log("Collada: too many animation keys; the rest were left out.");
             m_keysLogged = true;
             return;
         }
-        m_keysMade += times.size();
         m_keyWork += work;
         const double ticks = m_scene.GetTickCount();
         std::vector<Transform> now = base;
         float v[16];
         for (float t : times) {
-            if (!std::isfinite(t)) continue;
             for (size_t e = 0; e < base.size(); ++e) now[e].v = base[e].v;
             for (const auto& [c, e] : used) {
                 Sample(*c, t, v);
