@@ -141,6 +141,16 @@ std::string DescribeScene(const C3DScene& scene) {
             s += "\n";
         }
     }
+    // The models a package merged (a KMZ keeps their references, one a line, as 'KMZM').
+    const std::string models = Utf8(const_cast<C3DScene&>(scene).GetCustomData().GetString(0x4B4D5A4D));
+    if (!models.empty()) {
+        s += "models:\n";
+        for (size_t at = 0, nl; at < models.size(); at = nl + 1) {
+            nl = models.find('\n', at);
+            if (nl == std::string::npos) nl = models.size();
+            if (nl > at) s += "  \"" + models.substr(at, nl - at) + "\"\n";
+        }
+    }
     // Files the scene needs (textures), and whether they are there.
     if (!scene.GetRequiredFiles().empty()) {
         s += "files:\n";

@@ -1,5 +1,6 @@
 // orbiscope: a thin command-line host. It loads the format module with dlopen and
 // drives its parsers exactly as the browser does.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -222,6 +223,27 @@ bool SameFile(const std::string& a, const std::string& b) {
     return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+// Textures a scene unpacked into a folder it owns (a KMZ's) go with the scene: they are
+// copied beside the output (into the folder that is moved into place) and the maps name
+// them there, so that the written file's references still resolve afterwards.
+void CopyOwnedTextures(const C3DScene& scene, C3DScene& prepared, const fs::path& tmpDir) {
+    std::vector<std::string> owned;
+    for (const CXStringW& f : scene.GetOwnedFolders()) owned.push_back(PathToUtf8(f) + "/");
+    if (owned.empty()) return;
+    CMaterialPos pos;
+    for (C3DMaterial* m = prepared.GetFirstMaterial(pos); m; m = prepared.GetNextMaterial(pos))
+        for (int i = 0; i < m->GetMaterialMapCount(); ++i) {
+            CMaterialMap* map = m->GetMaterialMapByIndex(i);
+            const std::string file = PathToUtf8(map->GetFileName());
+            if (std::none_of(owned.begin(), owned.end(), [&](const std::string& o) { return file.rfind(o, 0) == 0; }))
+                continue;
+            const fs::path src(file), dst = tmpDir / src.filename();
+            std::error_code ec;
+            if (!fs::exists(dst, ec)) fs::copy_file(src, dst, ec);
+            if (!ec && fs::exists(dst, ec)) map->SetFileName(Wide(src.filename().string()));
+        }
+}
+
 // Writes into a fresh folder beside the target under the target's own name, then moves
 // every file written into place: a failed save leaves what was there untouched.
 int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry& entry) {
@@ -254,6 +276,7 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
         parser->ReleaseParser(false, nullptr);
         return Fail(EXIT_NOTHING_TO_WRITE, "there is nothing in the scene that can be written to " + out + ".");
     }
+    CopyOwnedTextures(scene, *prepared, tmpDir);
     fs::path tmpTarget = tmpDir / target.filename();
     IoFileClearWriteFailure();
     bool ok = parser->Save(Wide(tmpTarget.string()), prepared.get(), options);
