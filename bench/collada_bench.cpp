@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <memory>
 
+#include <sys/resource.h>
+
 #include "plugin/host/ColladaIo.h"
 #include "plugin/host/FileIo.h"
 #include "plugin/host/Object.h"
@@ -23,7 +25,7 @@ int main(int argc, char** argv) {
     const double mb = static_cast<double>(std::filesystem::file_size(path)) / 1e6;
     const CXStringW wpath(path.wstring());
     double best = 1e30;
-    uint64_t points = 0, faces = 0, bytes = 0;
+    uint64_t points = 0, faces = 0, bytes = 0, sceneBytes = 0;
     for (int r = 0; r < runs; ++r) {
         CFileIo io(wpath);
         CColladaIo parser(io);
@@ -36,6 +38,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         points = faces = bytes = 0;
+        sceneBytes = scene->MemoryBytes();
         C3DNodePos pos = scene->GetFirstNode(KINDOF_MESH);
         C3DBaseObject* obj = nullptr;
         while (scene->GetNextNode(obj, pos)) {
@@ -45,8 +48,12 @@ int main(int argc, char** argv) {
             bytes += g->GetPointList()->Raw().size() * 4 + g->GetFaceList()->GetNumberOfIndices() * 4;
         }
     }
-    std::printf("read %.1f MB, best of %d: %.3f s = %.1f MB/s; %llu points, %llu faces, geometry %.1f MB\n", mb, runs,
-                best, mb / best, static_cast<unsigned long long>(points), static_cast<unsigned long long>(faces),
-                bytes / 1e6);
+    // Peak resident memory of the whole run (one scene alive at a time) beside the scene's arrays.
+    struct rusage ru {};
+    getrusage(RUSAGE_SELF, &ru);
+    std::printf("read %.1f MB, best of %d: %.4f s = %.1f MB/s; %llu points, %llu faces, geometry %.1f MB, "
+                "scene arrays %.1f MB, peak RSS %.1f MB\n",
+                mb, runs, best, mb / best, static_cast<unsigned long long>(points), static_cast<unsigned long long>(faces),
+                bytes / 1e6, sceneBytes / 1e6, ru.ru_maxrss / 1e3);
     return 0;
 }

@@ -415,6 +415,27 @@ int StreamOut(const fs::path& file) {
     // A reader that went away or a full disk: FinishStandardOutput tells which.
     return EXIT_OK;
 }
+
+// Textures a scene unpacked into a folder it owns (a KMZ's) go with the scene: they are
+// copied beside the output (into the folder that is moved into place) and the maps name
+// them there, so that the written file's references still resolve afterwards.
+void CopyOwnedTextures(const C3DScene& scene, C3DScene& prepared, const fs::path& tmpDir) {
+    std::vector<std::string> owned;
+    for (const CXStringW& f : scene.GetOwnedFolders()) owned.push_back(PathToUtf8(f) + "/");
+    if (owned.empty()) return;
+    CMaterialPos pos;
+    for (C3DMaterial* m = prepared.GetFirstMaterial(pos); m; m = prepared.GetNextMaterial(pos))
+        for (int i = 0; i < m->GetMaterialMapCount(); ++i) {
+            CMaterialMap* map = m->GetMaterialMapByIndex(i);
+            const std::string file = PathToUtf8(map->GetFileName());
+            if (std::none_of(owned.begin(), owned.end(), [&](const std::string& o) { return file.rfind(o, 0) == 0; }))
+                continue;
+            const fs::path src(file), dst = tmpDir / src.filename();
+            std::error_code ec;
+            if (!fs::exists(dst, ec)) fs::copy_file(src, dst, ec);
+            if (!ec && fs::exists(dst, ec)) map->SetFileName(Wide(src.filename().string()));
+        }
+}
 } // namespace
 
 // Writes into a fresh folder beside the target under the target's own name, then moves
@@ -468,6 +489,7 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
         if (g_verbosity >= 2) ShowLog(options, out);
         return Fail(EXIT_NOTHING_TO_WRITE, "there is nothing in the scene that can be written to " + out + ".");
     }
+    CopyOwnedTextures(scene, *result.prepared, tmpDir);
     fs::path tmpTarget = tmpDir / target.filename();
     IoFileClearWriteFailure();
     bool ok;

@@ -202,6 +202,7 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
     }
 
     bool abandoned = false;
+    CXStringW merged;
     for (const CXStringW& ref : models) {
         if (IsCancelled()) break;
         if (!IsSafeReference(ref)) continue;
@@ -227,6 +228,7 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
         }
         result->AddScene(*model);
         result->AddTexturePath(Join(tmp, FolderPart(ref)));
+        merged += ref + L"\n";
     }
     if (abandoned) return finish();
     if (IsCancelled()) {
@@ -237,6 +239,7 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
     } else {
         if (aliases.GetCount() > 0) result->AddTexturePath(tmp);
         ResolveTextures(*result);
+        result->GetCustomData().SetString(kMergedModels, merged);
     }
     return finish();
 }

@@ -24,6 +24,8 @@ public:
 
     // Parser-data class under which the scene keeps its unpacked folder.
     static constexpr uint32_t kParserClass = 0x4B4D5A49; // 'KMZI'
+    // Scene custom data: the model references merged, one per line, in reading order.
+    static constexpr uint32_t kMergedModels = 0x4B4D5A4D; // 'KMZM'
 
 private:
     C3DScene* ReadPackage(std::span<const uint8_t> data, const CXStringW& name, CSceneImportOptions& options);

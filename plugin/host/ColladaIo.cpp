@@ -1,3 +1,8 @@
+// Collada documents. Big documents are almost all number lists, so the lists are lifted
+// out of the text before the XML parse: the DOM holds only the structure, and each list
+// is read once, straight from the file's bytes into the scene's arrays, when its geometry
+// is built (in document order, so the pages behind can go back). UTF-16 documents and
+// ones with a document type are parsed whole instead.
 #include "plugin/host/ColladaIo.h"
 
 #include <pugixml.hpp>
@@ -18,6 +23,7 @@
 #include "plugin/host/Channel.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/Keys.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/ReadAdapter.h"
 
@@ -25,39 +31,201 @@ namespace {
 
 constexpr int kMaxNodeDepth = 256;
 constexpr uint64_t kMaxInstances = 1u << 20;
+constexpr uint64_t kMaxKeys = 1u << 20;
+// Marks a lifted list in the structure text: a character XML text may not hold.
+constexpr char kLifted = '\x01';
 
 CXStringW Wide(std::string_view s) { return CXStringW(Utf8ToWide(s)); }
 
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+// Blank, tab, line feed, vertical tab, form feed, carriage return.
+inline bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-// Numbers of an element's text (blank separated); stops at the first thing that is not one.
-template <typename T> void ParseList(const char* s, std::vector<T>& out) {
-    out.clear();
-    if (!s) return;
-    const char* e = s + std::strlen(s);
+bool StartsWith(const char* p, const char* e, std::string_view w) {
+    return static_cast<size_t>(e - p) >= w.size() && std::memcmp(p, w.data(), w.size()) == 0;
+}
+
+// Just past the first `w` at or after `p`; null when there is none.
+const char* PastNext(const char* p, const char* e, std::string_view w) {
+    std::string_view rest(p, static_cast<size_t>(e - p));
+    const size_t at = rest.find(w);
+    return at == std::string_view::npos ? nullptr : p + at + w.size();
+}
+
+bool IsListElement(std::string_view name) {
+    if (size_t colon = name.rfind(':'); colon != std::string_view::npos) name = name.substr(colon + 1);
+    return name == "float_array" || name == "int_array" || name == "p" || name == "vcount" || name == "h" ||
+           name == "v";
+}
+
+struct Range {
+    size_t begin, size;
+};
+
+// Copies the document's structure to `out`, with the text of each number list replaced by
+// a mark and its place in `lists`. False when the text is not one this scan follows (the
+// caller then parses the original); it does not judge well-formedness, the parser does.
+bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>& lists, const IoFile* file) {
+    if (in.size() >= 2 && (in[0] == 0 || in[1] == 0 || (in[0] == 0xFF && in[1] == 0xFE) || (in[0] == 0xFE && in[1] == 0xFF)))
+        return false; // UTF-16 or UTF-32
+    const char* b = reinterpret_cast<const char*>(in.data());
+    const char* e = b + in.size();
+    const char* s = b;
+    const char* released = b;
+    constexpr size_t kStep = 8u << 20;
     while (s < e) {
-        while (s < e && IsSpace(*s)) ++s;
-        if (s >= e) break;
-        T v{};
-        if (*s == '+') ++s;
-        auto r = std::from_chars(s, e, v);
-        if (r.ec == std::errc::result_out_of_range) {
-            while (s < e && !IsSpace(*s)) ++s;
-            out.push_back(T{});
-            continue;
+        if (file && static_cast<size_t>(s - released) > kStep) {
+            released = s;
+            file->ReleaseBefore(s - b);
         }
-        if (r.ec != std::errc()) {
-            if constexpr (std::is_floating_point_v<T>) {
-                // NaN, INF and the like: read as 0 rather than stopping the list.
-                while (s < e && !IsSpace(*s)) ++s;
-                out.push_back(T{});
-                continue;
-            }
+        const char* lt = static_cast<const char*>(std::memchr(s, '<', static_cast<size_t>(e - s)));
+        if (!lt) {
+            out.append(s, e);
             break;
         }
-        out.push_back(v);
-        s = r.ptr;
+        out.append(s, lt);
+        const char* end;
+        if (StartsWith(lt, e, "<!--")) {
+            end = PastNext(lt + 4, e, "-->");
+        } else if (StartsWith(lt, e, "<![CDATA[")) {
+            end = PastNext(lt + 9, e, "]]>");
+        } else if (StartsWith(lt, e, "<?")) {
+            end = PastNext(lt + 2, e, "?>");
+        } else if (StartsWith(lt, e, "<!")) {
+            return false; // a document type
+        } else if (StartsWith(lt, e, "</")) {
+            end = PastNext(lt + 2, e, ">");
+        } else {
+            const char* q = lt + 1;
+            while (q < e && !IsSpace(*q) && *q != '>' && *q != '/') ++q;
+            const std::string_view name(lt + 1, static_cast<size_t>(q - lt - 1));
+            char quote = 0;
+            for (; q < e; ++q) {
+                if (quote) {
+                    if (*q == quote) quote = 0;
+                } else if (*q == '"' || *q == '\'') {
+                    quote = *q;
+                } else if (*q == '>') {
+                    break;
+                }
+            }
+            if (q >= e) return false;
+            end = q + 1;
+            out.append(lt, end);
+            s = end;
+            if (q[-1] != '/' && IsListElement(name)) {
+                // Only plain text up to the element's end tag is lifted (no entities, comments or markup).
+                const char* next = static_cast<const char*>(std::memchr(end, '<', static_cast<size_t>(e - end)));
+                if (next && next > end && next + 1 < e && next[1] == '/' &&
+                    !std::memchr(end, '&', static_cast<size_t>(next - end))) {
+                    out += kLifted;
+                    out += std::to_string(lists.size());
+                    lists.push_back({static_cast<size_t>(end - b), static_cast<size_t>(next - end)});
+                    s = next;
+                }
+            }
+            continue;
+        }
+        if (!end) return false;
+        out.append(lt, end);
+        s = end;
     }
+    return true;
+}
+
+// Blank-separated numbers of a list, read one at a time.
+class NumberScan {
+public:
+    explicit NumberScan(std::string_view t) : m_s(t.data()), m_e(t.data() + t.size()) {}
+    size_t Left() const { return static_cast<size_t>(m_e - m_s); }
+    // NaN, INF words and numbers out of range read as 0 rather than ending the list.
+    bool Next(float& v) {
+        while (m_s < m_e && IsSpace(*m_s)) ++m_s;
+        if (m_s >= m_e) return false;
+        if (*m_s == '+') ++m_s;
+        if (Short(v)) return true;
+        auto r = std::from_chars(m_s, m_e, v);
+        if (r.ec != std::errc()) {
+            v = 0;
+            while (m_s < m_e && !IsSpace(*m_s)) ++m_s;
+            return true;
+        }
+        m_s = r.ptr;
+        return true;
+    }
+    // Indices: a number out of range reads as 0; anything else that is not one ends the list.
+    bool Next(uint32_t& v) {
+        while (m_s < m_e && IsSpace(*m_s)) ++m_s;
+        if (m_s >= m_e) return false;
+        // The common case, at most nine digits, without the library call.
+        uint32_t x = static_cast<unsigned>(*m_s - '0');
+        if (x < 10u) {
+            const char* d = m_s + 1;
+            const char* stop = m_e - d > 8 ? d + 8 : m_e;
+            for (unsigned c; d < stop && (c = static_cast<unsigned>(*d - '0')) < 10u; ++d) x = x * 10 + c;
+            if (d == m_e || IsSpace(*d)) {
+                v = x;
+                m_s = d;
+                return true;
+            }
+        }
+        return LongIndex(v);
+    }
+
+private:
+    // Decimals of at most seven digits without exponent (what exporters mostly write): the
+    // digits and the power of ten are both exact floats, so one division rounds correctly.
+    bool Short(float& v) {
+        static constexpr float kTen[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f};
+        const char* s = m_s;
+        const bool neg = s < m_e && *s == '-';
+        s += neg;
+        uint32_t m = 0;
+        int digits = 0, frac = -1;
+        for (; s < m_e; ++s) {
+            const unsigned d = static_cast<unsigned>(*s - '0');
+            if (d < 10u) {
+                if (++digits > 7) return false;
+                m = m * 10 + d;
+                if (frac >= 0) ++frac;
+            } else if (*s == '.' && frac < 0) {
+                frac = 0;
+            } else {
+                break;
+            }
+        }
+        if (digits == 0 || (s < m_e && !IsSpace(*s))) return false;
+        const float x = static_cast<float>(m) / kTen[frac < 0 ? 0 : frac];
+        v = neg ? -x : x;
+        m_s = s;
+        return true;
+    }
+
+    __attribute__((noinline)) bool LongIndex(uint32_t& v) {
+        const char* s = m_s;
+        if (*s == '+') ++s;
+        auto r = std::from_chars(s, m_e, v);
+        if (r.ec == std::errc::result_out_of_range) {
+            v = 0;
+            while (m_s < m_e && !IsSpace(*m_s)) ++m_s;
+            return true;
+        }
+        if (r.ec != std::errc()) {
+            m_s = m_e;
+            return false;
+        }
+        m_s = r.ptr;
+        return true;
+    }
+
+    const char* m_s;
+    const char* m_e;
+};
+
+template <typename T> void ParseList(std::string_view text, std::vector<T>& out) {
+    out.clear();
+    NumberScan sc(text);
+    T v;
+    while (sc.Next(v)) out.push_back(v);
 }
 
 std::string_view Fragment(const char* url) {
@@ -100,39 +268,75 @@ struct Input {
     int set = 0;
 };
 
-// One built geometry: its mesh (face material IDs hold the primitive's symbol number) and curves.
+// One built geometry: its mesh (face material IDs hold the primitive's symbol number) and
+// curves. `uses` counts the instance_geometry elements naming it; with one, the first
+// instance takes the mesh itself and later visits of that element copy what it placed.
 struct BuiltGeometry {
     std::unique_ptr<C3DObject> mesh;
     std::vector<std::unique_ptr<C3DCurve>> curves;
     std::vector<std::string> symbols;
+    uint32_t uses = 0;
+    bool taken = false, placedMesh = false;
+    std::vector<const C3DBaseObject*> placed;
 };
+
+// An animation channel on a node's transform element: the keys' times (seconds) and values.
+struct Channel {
+    std::string sid;
+    int member = -1; // -1: the whole element; else one value of it
+    std::vector<float> times, values;
+    size_t stride = 1, count = 0;
+};
+
+using FaceArray = CFaceList::IndexArray;
 
 class Reader {
 public:
-    Reader(C3DScene& scene, CIoOptions& log, const CFileParser& parser, std::string file)
-        : m_scene(scene), m_log(log), m_parser(parser), m_file(std::move(file)) {}
+    Reader(C3DScene& scene, CIoOptions& log, const CFileParser& parser, std::string file, const IoFile* io)
+        : m_scene(scene), m_log(log), m_parser(parser), m_file(std::move(file)), m_io(io) {}
 
     bool Load(std::span<const uint8_t> data) {
-        pugi::xml_parse_result r = m_doc.load_buffer(data.data(), data.size(), pugi::parse_default, pugi::encoding_auto);
+        m_data = data;
+        m_budget = (64ull << 20) + 16ull * data.size();
+        pugi::xml_parse_result r;
+        if (LiftLists(data, m_structure, m_lists, m_io)) {
+            m_lifted = true;
+            r = m_doc.load_buffer_inplace(m_structure.data(), m_structure.size(), pugi::parse_default, pugi::encoding_auto);
+        } else {
+            m_lists.clear();
+            std::string().swap(m_structure);
+            r = m_doc.load_buffer(data.data(), data.size(), pugi::parse_default, pugi::encoding_auto);
+        }
         if (!r) return false;
         m_root = m_doc.child("COLLADA");
         if (!m_root) return false;
-        m_budget = (64ull << 20) + 16ull * data.size();
         IndexIds(m_root);
         return true;
     }
 
     void Convert() {
         ReadAsset();
+        ReadAnimations();
         pugi::xml_node vs;
         if (pugi::xml_node inst = m_root.child("scene").child("instance_visual_scene")) vs = ById(Fragment(inst.attribute("url").value()));
         if (!vs) vs = m_root.child("library_visual_scenes").child("visual_scene");
         if (!vs) return;
+        // Geometries in document order, so their lists are read front to back.
+        for (pugi::xml_node lib : m_root.children("library_geometries"))
+            for (pugi::xml_node g : lib.children("geometry")) {
+                if (Stopped()) return;
+                if (m_parser.IsCancelled()) {
+                    m_cancelled = true;
+                    return;
+                }
+                if (m_uses.count(g.attribute("id").value())) BuildGeometry(g);
+            }
         std::vector<pugi::xml_node> stack;
         for (pugi::xml_node n : vs.children("node")) {
             if (Stopped()) break;
             WalkNode(n, nullptr, stack);
         }
+        if (m_keyed) m_scene.SetAnimationRange(m_firstTick, m_lastTick);
     }
     bool Cancelled() const { return m_cancelled; }
 
@@ -144,6 +348,9 @@ private:
             pugi::xml_node n = todo.back();
             todo.pop_back();
             if (const char* id = n.attribute("id").value(); *id) m_ids.emplace(id, n);
+            if (std::strcmp(n.name(), "instance_geometry") == 0) {
+                ++m_uses[std::string(Fragment(n.attribute("url").value()))];
+            }
             for (pugi::xml_node c = n.last_child(); c; c = c.previous_sibling())
                 if (c.type() == pugi::node_element) todo.push_back(c);
         }
@@ -164,6 +371,24 @@ private:
         return true;
     }
 
+    // An element's text; a lifted list comes from the document's own bytes.
+    std::string_view Text(pugi::xml_node n) {
+        const char* v = n.child_value();
+        if (!m_lifted || *v != kLifted) return v;
+        size_t i = 0;
+        auto r = std::from_chars(v + 1, v + std::strlen(v), i);
+        if (r.ec != std::errc() || *r.ptr || i >= m_lists.size()) return {};
+        const Range& l = m_lists[i];
+        return {reinterpret_cast<const char*>(m_data.data()) + l.begin, l.size};
+    }
+    // The pages of lists read so far may go (a mapped file brings them back if needed again).
+    void Consumed(std::string_view text) {
+        if (!m_lifted || !m_io || text.empty()) return;
+        const auto end = static_cast<size_t>(text.data() + text.size() - reinterpret_cast<const char*>(m_data.data()));
+        if (end > m_data.size() || end < m_releasedTo + (4u << 20)) return;
+        m_releasedTo = end;
+        m_io->ReleaseBefore(static_cast<int64_t>(end));
+    }
     void ReadAsset() {
         pugi::xml_node unit = m_root.child("asset").child("unit");
         double meter = unit ? unit.attribute("meter").as_double(1.0) : 1.0;
@@ -181,13 +406,19 @@ private:
         m_scene.SetScaleFactor(meter * 100.0);
     }
 
+    // Sources are read per geometry and dropped once it is built.
     const Source* GetSource(std::string_view id) {
         if (auto it = m_sources.find(std::string(id)); it != m_sources.end()) return &it->second;
         pugi::xml_node n = ById(id);
         if (!n || std::strcmp(n.name(), "source") != 0) return nullptr;
         Source s;
         pugi::xml_node arr = n.child("float_array");
-        ParseList(arr.child_value(), s.data);
+        const std::string_view text = Text(arr);
+        if (!Charge(text.size() / 4)) return nullptr;
+        // Room for the declared count, as far as the text could hold it.
+        s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1));
+        ParseList(text, s.data);
+        Consumed(text);
         pugi::xml_node acc = n.child("technique_common").child("accessor");
         s.stride = std::max<size_t>(1, acc ? acc.attribute("stride").as_ullong(1) : 1);
         s.offset = acc ? acc.attribute("offset").as_ullong(0) : 0;
@@ -195,7 +426,6 @@ private:
         // The accessor may claim more than the array holds: keep what is there.
         const uint64_t fit = s.data.size() > s.offset ? (s.data.size() - s.offset) / s.stride : 0;
         s.count = static_cast<size_t>(std::min<uint64_t>(count, fit));
-        if (s.stride > s.data.size() + 16) s.count = 0;
         return &m_sources.emplace(std::string(id), std::move(s)).first->second;
     }
 
@@ -207,27 +437,55 @@ private:
             size_t off = std::min<uint64_t>(in.attribute("offset").as_ullong(0), 1024);
             maxOffset = std::max(maxOffset, off);
             std::string sem = in.attribute("semantic").value();
+            // Only the sources the mesh keeps are read (it keeps no normals).
+            auto used = [this](pugi::xml_node i, const std::string& semantic) -> const Source* {
+                if (semantic != "POSITION" && semantic != "TEXCOORD" && semantic != "COLOR") return nullptr;
+                return GetSource(Fragment(i.attribute("source").value()));
+            };
             if (sem == "VERTEX") {
                 pugi::xml_node verts = mesh.find_child_by_attribute("vertices", "id", std::string(Fragment(in.attribute("source").value())).c_str());
-                for (pugi::xml_node vi : verts.children("input"))
-                    out.push_back({vi.attribute("semantic").value(), GetSource(Fragment(vi.attribute("source").value())), off,
-                                   vi.attribute("set").as_int(0)});
+                for (pugi::xml_node vi : verts.children("input")) {
+                    std::string vsem = vi.attribute("semantic").value();
+                    const Source* src = used(vi, vsem);
+                    out.push_back({std::move(vsem), src, off, vi.attribute("set").as_int(0)});
+                }
             } else {
-                out.push_back({sem, GetSource(Fragment(in.attribute("source").value())), off, in.attribute("set").as_int(0)});
+                const Source* src = used(in, sem);
+                out.push_back({std::move(sem), src, off, in.attribute("set").as_int(0)});
             }
         }
         stride = maxOffset + 1;
         return out;
     }
 
-    const BuiltGeometry* BuildGeometry(pugi::xml_node geom) {
+    BuiltGeometry* BuildGeometry(pugi::xml_node geom) {
         const std::string id = geom.attribute("id").value();
         if (auto it = m_geometries.find(id); it != m_geometries.end()) return it->second.get();
         auto built = std::make_unique<BuiltGeometry>();
+        if (auto u = m_uses.find(id); u != m_uses.end()) built->uses = u->second;
         pugi::xml_node mesh = geom.child("mesh");
         if (mesh) BuildMesh(mesh, *built);
+        m_sources.clear();
         return m_geometries.emplace(id, std::move(built)).first->second.get();
     }
+
+    // The faces of one mesh (or of one primitive's curve) as the flat arrays the face
+    // lists adopt, with the corner indices of the texture and colour channels beside them.
+    struct FaceArrays {
+        FaceArray offsets{0}, indices, materials, uv, vc;
+        CFaceList::FlagArray flags;
+        void Reserve(size_t faces, size_t corners) {
+            hostmem::ReserveLarge(offsets, offsets.size() + faces);
+            hostmem::ReserveLarge(indices, indices.size() + corners);
+            hostmem::ReserveLarge(materials, materials.size() + faces);
+            hostmem::ReserveLarge(flags, flags.size() + faces);
+        }
+        std::unique_ptr<C3DFaceList> Take() {
+            auto fl = std::make_unique<C3DFaceList>();
+            fl->Adopt(std::move(offsets), std::move(indices), std::move(flags), std::move(materials));
+            return fl;
+        }
+    };
 
     void BuildMesh(pugi::xml_node mesh, BuiltGeometry& out) {
         // Points: the POSITION source of <vertices>, shared by every primitive.
@@ -235,26 +493,26 @@ private:
         const Source* pos = nullptr;
         for (pugi::xml_node vi : verts.children("input"))
             if (std::strcmp(vi.attribute("semantic").value(), "POSITION") == 0) pos = GetSource(Fragment(vi.attribute("source").value()));
-        if (!pos || pos->count == 0) return;
-        auto obj = std::make_unique<C3DObject>();
+        if (!pos || pos->count == 0 || pos->count > static_cast<size_t>(INT32_MAX)) return;
         auto points = std::make_unique<C3DPointList>();
-        points->Reserve(pos->count);
+        points->SetSize(static_cast<int>(pos->count));
+        float* xyz = points->GetData();
         for (size_t i = 0; i < pos->count; ++i) {
             const float* p = pos->at(i);
-            points->Add(p[0], pos->stride > 1 ? p[1] : 0, pos->stride > 2 ? p[2] : 0);
+            xyz[3 * i] = p[0];
+            xyz[3 * i + 1] = pos->stride > 1 ? p[1] : 0;
+            xyz[3 * i + 2] = pos->stride > 2 ? p[2] : 0;
         }
-        const uint32_t npoints = static_cast<uint32_t>(pos->count);
-        auto faces = std::make_unique<C3DFaceList>();
+        const auto npoints = static_cast<uint32_t>(pos->count);
+        FaceArrays faces;
         std::unique_ptr<CUVWChannel> uv;
         std::unique_ptr<CVCChannel> vc;
         const Source* uvSource = nullptr;
         const Source* colorSource = nullptr;
-        std::vector<uint32_t> tmp, tmpUv, tmpVc;
-        std::vector<uint32_t> p;
-        std::vector<uint32_t> vcount;
+        std::vector<uint32_t> buf, list;
 
         for (pugi::xml_node prim : mesh.children()) {
-            const std::string kind = prim.name();
+            const std::string_view kind = prim.name();
             const bool lines = kind == "lines" || kind == "linestrips";
             if (!(kind == "triangles" || kind == "polylist" || kind == "polygons" || kind == "tristrips" ||
                   kind == "trifans" || lines))
@@ -280,15 +538,15 @@ private:
             if (vOff == SIZE_MAX) continue;
             if (tOff != SIZE_MAX && !uv) {
                 uv = std::make_unique<CUVWChannel>();
+                C3DPointList& uvp = *uv->GetUVWPointList();
+                uvp.SetSize(static_cast<int>(uvSource->count + 1)); // the last: the corner of faces without coordinates
+                float* d = uvp.GetData();
                 for (size_t i = 0; i < uvSource->count; ++i) {
                     const float* t = uvSource->at(i);
-                    uv->GetUVWPointList()->Add(t[0], uvSource->stride > 1 ? t[1] : 0, 0);
+                    d[3 * i] = t[0];
+                    d[3 * i + 1] = uvSource->stride > 1 ? t[1] : 0;
                 }
-                uv->GetUVWPointList()->Add(0, 0, 0); // the corner of faces without coordinates
-                for (int f = 0; f < faces->GetNumberOfFaces(); ++f) {
-                    tmpUv.assign(static_cast<size_t>(faces->GetFaceSize(f)), static_cast<uint32_t>(uvSource->count));
-                    uv->GetUVWFaceList()->AddFace(tmpUv.data(), static_cast<int>(tmpUv.size()));
-                }
+                faces.uv.assign(faces.indices.size(), static_cast<uint32_t>(uvSource->count));
             }
             if (cOff != SIZE_MAX && !vc) {
                 vc = std::make_unique<CVCChannel>();
@@ -299,61 +557,79 @@ private:
                                                         colorSource->stride > 3 ? Byte(c[3]) : 255));
                 }
                 vc->GetVCPointList()->Add(CRGBColor(255, 255, 255));
-                for (int f = 0; f < faces->GetNumberOfFaces(); ++f) {
-                    tmpVc.assign(static_cast<size_t>(faces->GetFaceSize(f)), static_cast<uint32_t>(colorSource->count));
-                    vc->GetVCFaceList()->AddFace(tmpVc.data(), static_cast<int>(tmpVc.size()));
-                }
+                faces.vc.assign(faces.indices.size(), static_cast<uint32_t>(colorSource->count));
             }
             const char* sym = prim.attribute("material").value();
-            uint32_t symbol = static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
+            auto symbol = static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
             if (symbol == out.symbols.size()) out.symbols.push_back(sym);
+            const uint32_t uvMissing = uv ? static_cast<uint32_t>(uvSource->count) : 0;
+            const uint32_t vcMissing = vc ? static_cast<uint32_t>(colorSource->count) : 0;
 
-            // One polygon given by vertex positions [first, first + n) of `p` (in units of stride).
-            std::unique_ptr<C3DCurve> curve;
-            std::unique_ptr<C3DFaceList> curveFaces;
-            auto addPoly = [&](const std::vector<uint32_t>& src, size_t first, size_t n, bool asLine) {
-                if ((first + n) * stride > src.size() || n < (asLine ? 2u : 3u)) return;
-                tmp.clear();
-                tmpUv.clear();
-                tmpVc.clear();
-                for (size_t k = 0; k < n; ++k) {
-                    const uint32_t* v = src.data() + (first + k) * stride;
-                    if (v[vOff] >= npoints) return; // a corner that names no point: the face goes
-                    tmp.push_back(v[vOff]);
-                    if (uv) tmpUv.push_back(tOff != SIZE_MAX && v[tOff] < uvSource->count ? v[tOff] : static_cast<uint32_t>(uvSource->count));
-                    if (vc) tmpVc.push_back(cOff != SIZE_MAX && v[cOff] < colorSource->count ? v[cOff] : static_cast<uint32_t>(colorSource->count));
-                }
-                if (asLine) {
-                    curveFaces->AddFace(tmp.data(), static_cast<int>(tmp.size()));
+            FaceArrays curve;
+            // One polygon (or line) of `n` corners, each `stride` indices.
+            auto addPoly = [&](const uint32_t* c, size_t n, bool asLine) {
+                if (n < (asLine ? 2u : 3u)) return;
+                for (size_t k = 0; k < n; ++k)
+                    if (c[k * stride + vOff] >= npoints) return; // a corner that names no point: the face goes
+                FaceArrays& to = asLine ? curve : faces;
+                if (to.indices.size() + n > UINT32_MAX) {
+                    if (!m_stopped) Log("Collada: a mesh too large for one face list was cut.");
+                    m_stopped = true;
                     return;
                 }
-                faces->SetCurrentMaterial(symbol);
-                faces->AddFace(tmp.data(), static_cast<int>(tmp.size()));
-                if (uv) uv->GetUVWFaceList()->AddFace(tmpUv.data(), static_cast<int>(tmpUv.size()));
-                if (vc) vc->GetVCFaceList()->AddFace(tmpVc.data(), static_cast<int>(tmpVc.size()));
-            };
-            if (lines) {
-                curve = std::make_unique<C3DCurve>();
-                curveFaces = std::make_unique<C3DFaceList>();
-                curveFaces->SetCurrentMaterial(symbol);
-            }
-            const uint64_t declared = prim.attribute("count").as_ullong(0);
-            if (kind == "triangles" || kind == "lines") {
-                ParseList(prim.child("p").child_value(), p);
-                if (!Charge(p.size())) return;
-                const size_t n = kind == "triangles" ? 3 : 2;
-                const uint64_t fit = p.size() / (stride * n);
-                for (uint64_t i = 0; i < std::min(declared, fit); ++i) addPoly(p, i * n, n, lines);
-            } else if (kind == "polylist") {
-                ParseList(prim.child("vcount").child_value(), vcount);
-                ParseList(prim.child("p").child_value(), p);
-                if (!Charge(p.size())) return;
-                size_t first = 0;
-                for (size_t i = 0; i < vcount.size() && i < declared; ++i) {
-                    if (vcount[i] > p.size()) break;
-                    addPoly(p, first, vcount[i], false);
-                    first += vcount[i];
+                const size_t at = to.indices.size();
+                to.indices.resize(at + n);
+                uint32_t* idx = to.indices.data() + at;
+                for (size_t k = 0; k < n; ++k) idx[k] = c[k * stride + vOff];
+                if (!asLine && uv) {
+                    to.uv.resize(at + n);
+                    uint32_t* t = to.uv.data() + at;
+                    for (size_t k = 0; k < n; ++k) {
+                        const uint32_t* v = c + k * stride;
+                        t[k] = tOff != SIZE_MAX && v[tOff] < uvMissing ? v[tOff] : uvMissing;
+                    }
                 }
+                if (!asLine && vc) {
+                    to.vc.resize(at + n);
+                    uint32_t* t = to.vc.data() + at;
+                    for (size_t k = 0; k < n; ++k) {
+                        const uint32_t* v = c + k * stride;
+                        t[k] = cOff != SIZE_MAX && v[cOff] < vcMissing ? v[cOff] : vcMissing;
+                    }
+                }
+                to.offsets.push_back(static_cast<uint32_t>(to.indices.size()));
+                to.flags.push_back(0);
+                to.materials.push_back(symbol);
+            };
+            // `n` corners from `sc` into `buf`; false when the list ends first.
+            auto corners = [&](NumberScan& sc, size_t n) {
+                buf.resize(n * stride);
+                for (uint32_t& x : buf)
+                    if (!sc.Next(x)) return false;
+                return true;
+            };
+            const uint64_t declared = prim.attribute("count").as_ullong(0);
+            if (kind == "triangles" || kind == "lines" || kind == "polylist") {
+                const std::string_view text = Text(prim.child("p"));
+                if (!Charge(text.size() / 2)) return;
+                NumberScan sc(text);
+                const size_t perFace = kind == "lines" ? 2 : 3;
+                // The declared count is only believed as far as the text could hold it.
+                const uint64_t room = text.size() / (2 * stride * perFace) + 1;
+                (lines ? curve : faces).Reserve(std::min(declared, room), std::min(declared, room) * perFace);
+                if (uv && !lines) hostmem::ReserveLarge(faces.uv, faces.indices.capacity());
+                if (kind == "polylist") {
+                    const std::string_view counts = Text(prim.child("vcount"));
+                    NumberScan vcount(counts);
+                    uint32_t n = 0;
+                    for (uint64_t i = 0; i < declared && vcount.Next(n); ++i) {
+                        if (static_cast<uint64_t>(n) * stride > sc.Left() || !corners(sc, n)) break;
+                        addPoly(buf.data(), n, false);
+                    }
+                } else {
+                    for (uint64_t i = 0; i < declared && corners(sc, perFace); ++i) addPoly(buf.data(), perFace, lines);
+                }
+                Consumed(text);
             } else {
                 // polygons, strips, fans and line strips: one <p> each (polygons may hold holes in <ph>).
                 std::vector<pugi::xml_node> lists;
@@ -365,38 +641,56 @@ private:
                     }
                 }
                 for (pugi::xml_node l : lists) {
-                    ParseList(l.child_value(), p);
-                    if (!Charge(p.size() * 3)) return;
-                    const size_t n = p.size() / stride;
-                    if (kind == "polygons") addPoly(p, 0, n, false);
-                    else if (kind == "linestrips") addPoly(p, 0, n, true);
+                    const std::string_view text = Text(l);
+                    if (!Charge(text.size() * 2)) return;
+                    ParseList(text, list);
+                    Consumed(text);
+                    const size_t n = list.size() / stride;
+                    auto corner = [&](size_t o) { return list.begin() + static_cast<long>(o * stride); };
+                    if (kind == "polygons") addPoly(list.data(), n, false);
+                    else if (kind == "linestrips") addPoly(list.data(), n, true);
                     else if (kind == "tristrips") {
                         for (size_t k = 0; k + 2 < n; ++k) {
-                            std::vector<uint32_t> tri;
+                            buf.clear();
                             const size_t order[3] = {k + (k & 1), k + 1 - (k & 1), k + 2};
-                            for (size_t o : order) tri.insert(tri.end(), p.begin() + static_cast<long>(o * stride), p.begin() + static_cast<long>((o + 1) * stride));
-                            addPoly(tri, 0, 3, false);
+                            for (size_t o : order) buf.insert(buf.end(), corner(o), corner(o + 1));
+                            addPoly(buf.data(), 3, false);
                         }
                     } else { // trifans
                         for (size_t k = 1; k + 1 < n; ++k) {
-                            std::vector<uint32_t> tri;
-                            for (size_t o : {size_t(0), k, k + 1}) tri.insert(tri.end(), p.begin() + static_cast<long>(o * stride), p.begin() + static_cast<long>((o + 1) * stride));
-                            addPoly(tri, 0, 3, false);
+                            buf.clear();
+                            for (size_t o : {size_t(0), k, k + 1}) buf.insert(buf.end(), corner(o), corner(o + 1));
+                            addPoly(buf.data(), 3, false);
                         }
                     }
                 }
             }
-            if (lines && curveFaces->GetNumberOfFaces() > 0) {
-                curve->SetPointList(new C3DPointList(*points));
-                curve->SetFaceList(curveFaces.release());
-                out.curves.push_back(std::move(curve));
+            if (lines && curve.materials.size() > 0) {
+                auto c = std::make_unique<C3DCurve>();
+                c->SetPointList(new C3DPointList(*points));
+                c->SetFaceList(curve.Take().release());
+                out.curves.push_back(std::move(c));
             }
         }
-        if (faces->GetNumberOfFaces() == 0) return;
+        if (faces.materials.empty()) return;
+        auto obj = std::make_unique<C3DObject>();
+        FaceArray uvOffsets, vcOffsets;
+        if (uv) uvOffsets = faces.offsets;
+        if (vc) vcOffsets = faces.offsets;
+        CFaceList::FlagArray uvFlags, vcFlags;
+        if (uv) uvFlags.resize(faces.flags.size());
+        if (vc) vcFlags.resize(faces.flags.size());
+        FaceArray uvIdx = std::move(faces.uv), vcIdx = std::move(faces.vc);
         obj->SetPointList(points.release());
-        obj->SetFaceList(faces.release());
-        if (uv) obj->SetGlobalUVWChannel(obj->AddChannel(uv.release(), 1));
-        if (vc) obj->SetGlobalVCChannel(obj->AddChannel(vc.release(), -1));
+        obj->SetFaceList(faces.Take().release());
+        if (uv) {
+            uv->GetUVWFaceList()->Adopt(std::move(uvOffsets), std::move(uvIdx), std::move(uvFlags));
+            obj->SetGlobalUVWChannel(obj->AddChannel(uv.release(), 1));
+        }
+        if (vc) {
+            vc->GetVCFaceList()->Adopt(std::move(vcOffsets), std::move(vcIdx), std::move(vcFlags));
+            obj->SetGlobalVCChannel(obj->AddChannel(vc.release(), -1));
+        }
         out.mesh = std::move(obj);
     }
 
@@ -485,24 +779,41 @@ private:
         return id;
     }
 
-    // Transform elements of a node, in document order (each acts before the ones above it).
-    C4x4Matrix NodeMatrix(pugi::xml_node node) {
-        C4x4Matrix m;
+    // Transform elements of a node, in document order, with their values.
+    struct Transform {
+        std::string_view name, sid;
         std::vector<float> v;
+    };
+    // Charged: a node reached through many instances is read again each time.
+    std::vector<Transform> Transforms(pugi::xml_node node) {
+        std::vector<Transform> out;
         for (pugi::xml_node t : node.children()) {
+            if (!Charge(1)) break;
             const std::string_view name = t.name();
+            if (name != "matrix" && name != "translate" && name != "scale" && name != "rotate" && name != "lookat") continue;
+            Transform& tf = out.emplace_back();
+            tf.name = name;
+            tf.sid = t.attribute("sid").value();
+            ParseList(t.child_value(), tf.v);
+        }
+        return out;
+    }
+    // Each element acts before the ones above it.
+    static C4x4Matrix Compose(const std::vector<Transform>& list) {
+        C4x4Matrix m;
+        for (const Transform& t : list) {
+            const std::vector<float>& v = t.v;
             C4x4Matrix step;
-            ParseList(t.child_value(), v);
-            if (name == "matrix" && v.size() >= 16) {
+            if (t.name == "matrix" && v.size() >= 16) {
                 for (int r = 0; r < 4; ++r)
                     for (int c = 0; c < 4; ++c) step.m[c][r] = v[static_cast<size_t>(r * 4 + c)]; // column vectors: transpose
-            } else if (name == "translate" && v.size() >= 3) {
+            } else if (t.name == "translate" && v.size() >= 3) {
                 step = C4x4Matrix::Translation(v[0], v[1], v[2]);
-            } else if (name == "scale" && v.size() >= 3) {
+            } else if (t.name == "scale" && v.size() >= 3) {
                 step = C4x4Matrix::Scaling(v[0], v[1], v[2]);
-            } else if (name == "rotate" && v.size() >= 4) {
+            } else if (t.name == "rotate" && v.size() >= 4) {
                 step = Rotation(v[0], v[1], v[2], v[3] * 3.14159265358979f / 180.0f);
-            } else if (name == "lookat" && v.size() >= 9) {
+            } else if (t.name == "lookat" && v.size() >= 9) {
                 C3DVector eye(v[0], v[1], v[2]), target(v[3], v[4], v[5]), up(v[6], v[7], v[8]);
                 C3DVector z = (eye - target).Normalized(), x = up.Cross(z).Normalized(), y = z.Cross(x);
                 step.m[0][0] = x.x; step.m[0][1] = x.y; step.m[0][2] = x.z;
@@ -530,6 +841,166 @@ private:
         return m;
     }
 
+    // Animation channels, by the id of the node they move. A channel names one transform
+    // element of the node by its sid, whole or one value of it ("ANGLE", "X", "(2)(3)").
+    void ReadAnimations() {
+        std::vector<pugi::xml_node> todo;
+        for (pugi::xml_node lib : m_root.children("library_animations"))
+            for (pugi::xml_node a : lib.children("animation")) todo.push_back(a);
+        while (!todo.empty() && !Stopped()) {
+            pugi::xml_node a = todo.back();
+            todo.pop_back();
+            for (pugi::xml_node c : a.children("animation")) todo.push_back(c);
+            for (pugi::xml_node ch : a.children("channel")) AddChannel(ch);
+        }
+    }
+
+    static int Member(std::string_view sel) {
+        if (sel.empty()) return -1;
+        if (sel[0] == '.') {
+            sel.remove_prefix(1);
+            if (sel == "X" || sel == "R" || sel == "S" || sel == "U") return 0;
+            if (sel == "Y" || sel == "G" || sel == "T" || sel == "V") return 1;
+            if (sel == "Z" || sel == "B" || sel == "P") return 2;
+            if (sel == "ANGLE" || sel == "W" || sel == "A" || sel == "Q") return 3;
+            return -2;
+        }
+        // "(i)" or "(row)(column)" of a matrix
+        int idx[2] = {-1, -1}, n = 0;
+        while (!sel.empty() && n < 2) {
+            if (sel[0] != '(') return -2;
+            int v = 0;
+            auto r = std::from_chars(sel.data() + 1, sel.data() + sel.size(), v);
+            if (r.ec != std::errc() || r.ptr == sel.data() + sel.size() || *r.ptr != ')' || v < 0 || v > 15) return -2;
+            idx[n++] = v;
+            sel.remove_prefix(static_cast<size_t>(r.ptr + 1 - sel.data()));
+        }
+        if (!sel.empty()) return -2;
+        const int m = n == 1 ? idx[0] : idx[0] * 4 + idx[1];
+        return m < 16 ? m : -2;
+    }
+
+    // A source's values as read through its accessor (without the per-geometry cache).
+    bool ReadValues(pugi::xml_node src, std::vector<float>& out, size_t& stride, size_t& count) {
+        if (!src || std::strcmp(src.name(), "source") != 0) return false;
+        const std::string_view text = Text(src.child("float_array"));
+        if (!Charge(text.size() / 4)) return false;
+        ParseList(text, out);
+        pugi::xml_node acc = src.child("technique_common").child("accessor");
+        stride = std::clamp<uint64_t>(acc.attribute("stride").as_ullong(1), 1, 16);
+        const uint64_t offset = std::min<uint64_t>(acc.attribute("offset").as_ullong(0), out.size());
+        out.erase(out.begin(), out.begin() + static_cast<long>(offset));
+        count = static_cast<size_t>(std::min<uint64_t>(acc ? acc.attribute("count").as_ullong(0) : out.size(), out.size() / stride));
+        return true;
+    }
+
+    void AddChannel(pugi::xml_node ch) {
+        const std::string_view target = ch.attribute("target").value();
+        const size_t slash = target.find('/');
+        if (slash == std::string_view::npos) return;
+        const std::string_view rest = target.substr(slash + 1);
+        const size_t cut = std::min(rest.find_first_of(".("), rest.size());
+        Channel c;
+        c.sid = rest.substr(0, cut);
+        c.member = Member(rest.substr(cut));
+        if (c.member == -2 || c.sid.find('/') != std::string::npos) {
+            if (!m_animLogged) Log("Collada: animation channels on nested or unknown targets were left out.");
+            m_animLogged = true;
+            return;
+        }
+        pugi::xml_node sampler = ById(Fragment(ch.attribute("source").value()));
+        pugi::xml_node in, out;
+        for (pugi::xml_node i : sampler.children("input")) {
+            const std::string_view sem = i.attribute("semantic").value();
+            if (sem == "INPUT") in = ById(Fragment(i.attribute("source").value()));
+            else if (sem == "OUTPUT") out = ById(Fragment(i.attribute("source").value()));
+        }
+        size_t timeStride = 1, timeCount = 0;
+        std::vector<float> t;
+        if (!ReadValues(in, t, timeStride, timeCount) || !ReadValues(out, c.values, c.stride, c.count)) return;
+        c.count = std::min(c.count, timeCount);
+        if (c.count == 0) return;
+        c.times.resize(c.count);
+        for (size_t i = 0; i < c.count; ++i) c.times[i] = t[i * timeStride];
+        m_channels[std::string(target.substr(0, slash))].push_back(std::move(c));
+    }
+
+    // The channel's value(s) at `time`: linear between its keys, held beyond both ends.
+    static void Sample(const Channel& c, double time, float* out) {
+        const auto end = c.times.begin() + static_cast<long>(c.count);
+        const size_t hi = static_cast<size_t>(std::upper_bound(c.times.begin(), end, time) - c.times.begin());
+        const size_t a = hi == 0 ? 0 : hi - 1, b = std::min(hi, c.count - 1);
+        double f = 0;
+        if (a != b && c.times[b] > c.times[a]) f = (time - c.times[a]) / (c.times[b] - c.times[a]);
+        for (size_t k = 0; k < c.stride; ++k) {
+            const float va = c.values[a * c.stride + k], vb = c.values[b * c.stride + k];
+            out[k] = static_cast<float>(va + (vb - va) * f);
+        }
+    }
+
+    // Matrix keys for a node whose transform elements are animated: at every key time of
+    // its channels, the node's whole transform with each channel's value put in.
+    void AnimateNode(pugi::xml_node node, C3DSceneNode* me) {
+        const char* id = node.attribute("id").value();
+        if (!*id) return;
+        auto it = m_channels.find(id);
+        if (it == m_channels.end() || m_keysLogged) return;
+        // Every visit of the node (instanced nodes) makes its keys again: bounded in all.
+        uint64_t keys = 0;
+        for (const Channel& c : it->second) keys += c.count;
+        if (m_keysMade + keys > kMaxKeys) {
+            Log("Collada: too many animation keys; the rest were left out.");
+            m_keysLogged = true;
+            return;
+        }
+        m_keysMade += keys;
+        const std::vector<Transform> base = Transforms(node);
+        std::vector<std::pair<const Channel*, size_t>> used; // channel, element
+        std::vector<float> times;
+        std::unordered_map<std::string_view, size_t> bySid;
+        for (size_t e = base.size(); e-- > 0;)
+            if (!base[e].sid.empty()) bySid[base[e].sid] = e; // the first of a repeated sid
+        for (const Channel& c : it->second) {
+            auto e = bySid.find(c.sid);
+            if (e == bySid.end()) continue;
+            used.emplace_back(&c, e->second);
+            for (size_t i = 0; i < c.count; ++i)
+                if (std::isfinite(c.times[i])) times.push_back(c.times[i]); // NaN would break the sort
+        }
+        std::sort(times.begin(), times.end());
+        times.erase(std::unique(times.begin(), times.end()), times.end());
+        const uint64_t work = times.size() * (used.size() + base.size());
+        if (times.empty()) return;
+        if (m_keyWork + work > 64 * kMaxKeys) {
+            if (!m_keysLogged) Log("Collada: too many animation keys; the rest were left out.");
+            m_keysLogged = true;
+            return;
+        }
+        m_keyWork += work;
+        const double ticks = m_scene.GetTickCount();
+        std::vector<Transform> now = base;
+        float v[16];
+        for (float t : times) {
+            for (size_t e = 0; e < base.size(); ++e) now[e].v = base[e].v;
+            for (const auto& [c, e] : used) {
+                Sample(*c, t, v);
+                std::vector<float>& to = now[e].v;
+                if (c->member < 0) {
+                    for (size_t k = 0; k < c->stride && k < to.size(); ++k) to[k] = v[k];
+                } else if (static_cast<size_t>(c->member) < to.size()) {
+                    to[static_cast<size_t>(c->member)] = v[0];
+                }
+            }
+            const auto tick = static_cast<int32_t>(std::clamp(std::round(t * ticks), -2e9, 2e9));
+            auto key = std::make_unique<C3DMatrixKey>(tick);
+            key->matrix = Compose(now);
+            me->AddKey(std::move(key), CURVE_LINEAR);
+            m_firstTick = m_keyed ? std::min(m_firstTick, tick) : tick;
+            m_lastTick = m_keyed ? std::max(m_lastTick, tick) : tick;
+            m_keyed = true;
+        }
+    }
+
     C3DSceneNode* AddNode(C3DSceneNode* parent, C3DBaseObject* obj, const std::string& name) {
         if (++m_instances > kMaxInstances) {
             delete obj;
@@ -542,7 +1013,6 @@ private:
         m_scene.AddNode(parent, n);
         return n;
     }
-
     void WalkNode(pugi::xml_node node, C3DSceneNode* parent, std::vector<pugi::xml_node>& stack) {
         if (Stopped()) return;
         if (m_parser.IsCancelled()) {
@@ -561,7 +1031,8 @@ private:
         const char* nm = node.attribute("name").value();
         C3DSceneNode* me = AddNode(parent, new C3DGroup(), *nm ? nm : node.attribute("id").value());
         if (!me) return;
-        me->SetNodeLocalTM(NodeMatrix(node));
+        me->SetNodeLocalTM(Compose(Transforms(node)));
+        AnimateNode(node, me);
         stack.push_back(node);
         for (pugi::xml_node c : node.children()) {
             if (Stopped()) break;
@@ -607,9 +1078,33 @@ private:
 
     void InstanceGeometry(pugi::xml_node inst, C3DSceneNode* node) {
         pugi::xml_node geom = ById(Fragment(inst.attribute("url").value()));
-        if (!geom) return;
-        const BuiltGeometry* g = BuildGeometry(geom);
+        if (!geom || std::strcmp(geom.name(), "geometry") != 0) return;
+        BuiltGeometry* g = BuildGeometry(geom);
         if (!g || Stopped()) return;
+        const char* nm = geom.attribute("name").value();
+        const std::string name = *nm ? nm : geom.attribute("id").value();
+        // The node's first mesh rides on the node itself.
+        auto place = [&](std::unique_ptr<C3DBaseObject> obj, bool mesh) -> const C3DBaseObject* {
+            const C3DBaseObject* raw = obj.get();
+            if (mesh && node->GetBaseObject() && node->GetKindOf() == KINDOF_GROUP && !node->GetChildNode()) {
+                node->SetObject(obj.release());
+                return raw;
+            }
+            return AddNode(node, obj.release(), name) ? raw : nullptr;
+        };
+        auto cost = [](const C3DBaseObject& o) {
+            const auto& go = static_cast<const C3DGeomObject&>(o);
+            return go.GetPointList()->size() * 3 + go.GetFaceList()->GetNumberOfIndices();
+        };
+        const bool single = g->uses == 1;
+        if (single && g->taken) {
+            // This same element reached again (an instanced node): copies of what it placed.
+            for (size_t i = 0; i < g->placed.size(); ++i) {
+                if (!Charge(cost(*g->placed[i])) || !place(g->placed[i]->Clone(), i == 0 && g->placedMesh))
+                    return;
+            }
+            return;
+        }
         // Symbols of the geometry's primitives to host materials, through bind_material.
         std::vector<uint32_t> map(g->symbols.size(), NO_MATERIAL);
         for (size_t s = 0; s < g->symbols.size(); ++s) {
@@ -618,60 +1113,74 @@ private:
             std::string_view target = im ? Fragment(im.attribute("target").value()) : std::string_view(g->symbols[s]);
             if (!target.empty() && ById(target)) map[s] = Material(target);
         }
-        const char* nm = geom.attribute("name").value();
-        std::string name = *nm ? nm : geom.attribute("id").value();
-        if (g->mesh) {
-            const uint64_t cost = g->mesh->GetPointList()->size() * 3 + g->mesh->GetFaceList()->GetNumberOfIndices();
-            if (!Charge(cost)) return;
-            std::unique_ptr<C3DBaseObject> copy = g->mesh->Clone();
-            for (uint32_t& mid : static_cast<C3DGeomObject&>(*copy).GetFaceList()->GetMaterialIDs())
+        auto remap = [&](C3DBaseObject& o) {
+            for (uint32_t& mid : static_cast<C3DGeomObject&>(o).GetFaceList()->GetMaterialIDs())
                 mid = mid < map.size() ? map[mid] : NO_MATERIAL;
-            if (node->GetBaseObject() && node->GetKindOf() == KINDOF_GROUP && !node->GetChildNode()) {
-                node->SetObject(copy.release()); // the node's first geometry rides on the node itself
-            } else {
-                AddNode(node, copy.release(), name);
+        };
+        if (g->mesh) {
+            if (!Charge(cost(*g->mesh))) return;
+            std::unique_ptr<C3DBaseObject> obj = single ? std::unique_ptr<C3DBaseObject>(std::move(g->mesh)) : g->mesh->Clone();
+            remap(*obj);
+            const C3DBaseObject* at = place(std::move(obj), true);
+            if (!at) return;
+            if (single) {
+                g->placed.push_back(at);
+                g->placedMesh = true;
             }
         }
-        for (const auto& c : g->curves) {
-            if (!Charge(c->GetPointList()->size() * 3)) return;
-            std::unique_ptr<C3DBaseObject> copy = c->Clone();
-            for (uint32_t& mid : static_cast<C3DGeomObject&>(*copy).GetFaceList()->GetMaterialIDs())
-                mid = mid < map.size() ? map[mid] : NO_MATERIAL;
-            AddNode(node, copy.release(), name);
+        for (auto& c : g->curves) {
+            if (!c || !Charge(cost(*c))) return;
+            std::unique_ptr<C3DBaseObject> obj = single ? std::unique_ptr<C3DBaseObject>(std::move(c)) : c->Clone();
+            remap(*obj);
+            const C3DBaseObject* at = place(std::move(obj), false);
+            if (!at) return;
+            if (single) g->placed.push_back(at);
         }
+        g->taken = single;
     }
 
     C3DScene& m_scene;
     CIoOptions& m_log;
     const CFileParser& m_parser;
     std::string m_file;
+    const IoFile* m_io;
+    std::span<const uint8_t> m_data;
+    std::string m_structure;
+    std::vector<Range> m_lists;
+    bool m_lifted = false;
+    size_t m_releasedTo = 0;
     pugi::xml_document m_doc;
     pugi::xml_node m_root;
     std::unordered_map<std::string, pugi::xml_node> m_ids;
+    std::unordered_map<std::string, uint32_t> m_uses;
     std::unordered_map<std::string, Source> m_sources;
     std::unordered_map<std::string, std::unique_ptr<BuiltGeometry>> m_geometries;
     std::unordered_map<std::string, uint32_t> m_materials;
-    uint64_t m_budget = 0, m_used = 0, m_instances = 0;
-    bool m_stopped = false, m_cancelled = false, m_depthLogged = false;
+    std::unordered_map<std::string, std::vector<Channel>> m_channels;
+    uint64_t m_budget = 0, m_used = 0, m_instances = 0, m_keysMade = 0, m_keyWork = 0;
+    int32_t m_firstTick = 0, m_lastTick = 0;
+    bool m_stopped = false, m_cancelled = false, m_depthLogged = false, m_animLogged = false, m_keysLogged = false,
+         m_keyed = false;
 };
 
 } // namespace
 
 C3DScene* CColladaIo::Read(const CXStringW& path, CSceneImportOptions& options) {
     return ReadThroughFile(*this, path, options, [this, &path](std::span<const uint8_t> data, CReadContext& ctx) {
-        return ReadBytes(data, ctx.Options(), path);
+        return ReadBytes(data, ctx.Options(), path, ctx.File());
     });
 }
 
 C3DScene* CColladaIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
     return ReadThroughMemory(*this, data, options, [this, &path](std::span<const uint8_t> bytes, CReadContext& ctx) {
-        return ReadBytes(bytes, ctx.Options(), path);
+        return ReadBytes(bytes, ctx.Options(), path, nullptr);
     });
 }
 
-C3DScene* CColladaIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
+C3DScene* CColladaIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
+                                const IoFile* file) {
     auto scene = std::make_unique<C3DScene>();
-    Reader reader(*scene, options, *this, PathToUtf8(path));
+    Reader reader(*scene, options, *this, PathToUtf8(path), file);
     if (!reader.Load(data)) {
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;

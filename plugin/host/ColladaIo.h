@@ -13,6 +13,8 @@
 #include "plugin/host/Scene.h"
 #include "plugin/host/XString.h"
 
+class IoFile;
+
 // The host's own type ID for Collada ('DAE ').
 constexpr uint32_t COLLADA_TYPE_ID = 0x44414520;
 
@@ -24,7 +26,7 @@ public:
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
 
 private:
-    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path);
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path, const IoFile* file);
 };
 
 // The host's built-in formats, offered like a module's (action 0 lists, action 1 creates).

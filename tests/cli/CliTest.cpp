@@ -508,3 +508,22 @@ TEST(Cli, InfoListsTheFilesASceneNeedsFoundOrMissing) {
     EXPECT_NE(list.find("here.png\" found"), std::string::npos) << list;
     EXPECT_NE(list.find("gone.png\" missing"), std::string::npos) << list;
 }
+
+TEST(Cli, KmzPackagesListTheirModelsAndConvertWithTheirTextures) {
+    SKIP_WITHOUT_CORPUS();
+    const fs::path kmz = testsupport::CorpusDir() / "kmz" / "shared-textures.kmz";
+    CliRun info = Orbiscope("info " + Quote(kmz.string()));
+    ASSERT_EQ(info.status, 0) << info.err;
+    EXPECT_NE(info.out.find("models:\n  \"geometry\\bldg.dae\"\n  \"geometry\\wall.dae\"\n"), std::string::npos) << info.out;
+    // The unpacked folder goes when the command ends: the textures travel with the output.
+    TempDir d;
+    CliRun conv = Orbiscope("convert " + Quote(kmz.string()) + " out.obj", d.path());
+    ASSERT_EQ(conv.status, 0) << conv.err;
+    const std::string mtl = ReadFile(d / "out.mtl");
+    int maps = 0;
+    for (size_t at = mtl.find("map_Kd "); at != std::string::npos; at = mtl.find("map_Kd ", at + 1), ++maps) {
+        const std::string name = mtl.substr(at + 7, mtl.find('\n', at) - at - 7);
+        EXPECT_TRUE(fs::exists(fs::path(name).is_absolute() ? fs::path(name) : d / name)) << name;
+    }
+    EXPECT_GT(maps, 0) << mtl;
+}

@@ -2,6 +2,11 @@
 // the node tree and its transforms, instances, encodings, damaged documents, real files.
 #include <gtest/gtest.h>
 
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <map>
 #include <memory>
 #include <string>
 
@@ -188,6 +193,129 @@ TEST(Collada, EncodingsDamageAndBounds) {
     EXPECT_FALSE(r.scene && !Nodes(*r.scene, KINDOF_MESH).empty());
 }
 
+TEST(Collada, NumberListsReadAlikeWhateverTheirMarkup) {
+    // An attribute holding '>', a list with a character reference, one in a CDATA section,
+    // a commented-out list: the lifted lists and the DOM's text must give the same mesh.
+    const std::string doc = Doc(
+        "<!-- <p>9 9 9</p> --><source id=\"p\"><float_array id=\"pa\" name=\"a>b\" count=\"12\">0 0 0 1 0 0 1 1 0 0 1 0</float_array>"
+        "<technique_common><accessor source=\"#pa\" count=\"4\" stride=\"3\"/></technique_common></source>"
+        "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+        "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0&#32;1 2</p></triangles>"
+        "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p><![CDATA[0 2 3]]></p></triangles>"
+        "<polylist count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><vcount>3</vcount><p>3 2 1</p></polylist>",
+        "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
+    std::string u16 = "\xFF\xFE"; // parsed whole, without lifting
+    for (char c : doc) {
+        u16 += c;
+        u16 += '\0';
+    }
+    for (const std::string& text : {doc, u16}) {
+        auto r = ReadText(text);
+        ASSERT_TRUE(r.scene) << r.error;
+        const C3DGeomObject* g = Nodes(*r.scene, KINDOF_MESH).at(0)->GetGeomObject();
+        ASSERT_EQ(g->GetPointList()->GetSize(), 4);
+        EXPECT_EQ(g->GetPointList()->GetPoint(2).y, 1.0f);
+        const C3DFaceList* fl = g->GetFaceList();
+        ASSERT_EQ(fl->GetNumberOfFaces(), 3);
+        std::vector<uint32_t> all(fl->GetIndexes().begin(), fl->GetIndexes().end());
+        EXPECT_EQ(all, (std::vector<uint32_t>{0, 1, 2, 0, 2, 3, 3, 2, 1}));
+    }
+}
+
+TEST(Collada, DecimalsReadAsTheNearestFloat) {
+    // Short decimals take a quicker path than long ones; both must give the nearest float.
+    const char* values[] = {"0.1", "-8.12345", "16777.21", "9999999", "0.3333333", "1234567.8", "-0", "7.", ".5", "1e-3",
+                            "3.4028236e38", "2.5e-46", "0.000001"};
+    std::string list;
+    for (const char* v : values) list += std::string(v) + " ";
+    const size_t n = std::size(values) / 3 * 3;
+    auto r = ReadText(Doc("<source id=\"p\"><float_array id=\"pa\">" + list + "</float_array><technique_common><accessor source=\"#pa\" count=\"" +
+                              std::to_string(n / 3) + "\" stride=\"3\"/></technique_common></source>"
+                              "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+                              "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+                          "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    const float* xyz = Nodes(*r.scene, KINDOF_MESH).at(0)->GetGeomObject()->GetPointList()->GetData();
+    for (size_t i = 0; i < n; ++i) {
+        float want = std::strtof(values[i], nullptr);
+        if (!std::isfinite(want)) want = 0; // out of range reads as 0
+        EXPECT_EQ(std::memcmp(&xyz[i], &want, sizeof want), 0) << values[i] << " read as " << xyz[i];
+    }
+}
+
+TEST(Collada, GeometryOfOneInstanceReachedTwice) {
+    // The geometry is named by one instance_geometry only, inside a library node that two
+    // scene nodes instance: both copies get the mesh, its curve and its material.
+    auto r = ReadText(Doc(kSquare + "<triangles count=\"2\" material=\"s\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2 0 2 3</p></triangles>"
+                                    "<lines count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1</p></lines>",
+                          "<node id=\"a\"><instance_node url=\"#lib\"/></node><node id=\"b\"><instance_node url=\"#lib\"/></node>",
+                          "<library_effects><effect id=\"fx\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>0 1 0 1</color>"
+                          "</diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
+                          "<library_materials><material id=\"green\"><instance_effect url=\"#fx\"/></material></library_materials>"
+                          "<library_nodes><node id=\"lib\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
+                          "<instance_material symbol=\"s\" target=\"#green\"/></technique_common></bind_material></instance_geometry>"
+                          "</node></library_nodes>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 2u);
+    EXPECT_NE(meshes[0]->GetGeomObject(), meshes[1]->GetGeomObject());
+    for (const C3DSceneNode* m : meshes) {
+        const C3DFaceList* fl = m->GetGeomObject()->GetFaceList();
+        ASSERT_EQ(fl->GetNumberOfFaces(), 2);
+        const C3DMaterial* mat = r.scene->GetMaterialByID(fl->GetMaterialID(1));
+        ASSERT_TRUE(mat);
+        EXPECT_EQ(mat->GetDiffuseColor().g, 255);
+    }
+    EXPECT_EQ(Nodes(*r.scene, KINDOF_CURVE).size(), 2u);
+    EXPECT_EQ(r.scene->GetMaterialNumber(), 1);
+}
+
+TEST(Collada, AnimatedTransformsBecomeMatrixKeys) {
+    const std::string anims =
+        "<library_animations><animation id=\"a1\">"
+        "<source id=\"t1\"><float_array id=\"t1a\" count=\"2\">0 1</float_array><technique_common><accessor source=\"#t1a\" count=\"2\"/></technique_common></source>"
+        "<source id=\"v1\"><float_array id=\"v1a\" count=\"6\">0 0 0 10 0 0</float_array><technique_common><accessor source=\"#v1a\" count=\"2\" stride=\"3\"/></technique_common></source>"
+        "<sampler id=\"s1\"><input semantic=\"INPUT\" source=\"#t1\"/><input semantic=\"OUTPUT\" source=\"#v1\"/></sampler>"
+        "<channel source=\"#s1\" target=\"n/t\"/>"
+        "<animation id=\"inner\">" // nested animations count too
+        "<source id=\"t2\"><float_array id=\"t2a\" count=\"1\">0.5</float_array><technique_common><accessor source=\"#t2a\" count=\"1\"/></technique_common></source>"
+        "<source id=\"v2\"><float_array id=\"v2a\" count=\"1\">90</float_array><technique_common><accessor source=\"#v2a\" count=\"1\"/></technique_common></source>"
+        "<sampler id=\"s2\"><input semantic=\"INPUT\" source=\"#t2\"/><input semantic=\"OUTPUT\" source=\"#v2\"/></sampler>"
+        "<channel source=\"#s2\" target=\"n/r.ANGLE\"/>"
+        "<source id=\"t3\"><float_array id=\"t3a\" count=\"2\">0 2</float_array><technique_common><accessor source=\"#t3a\" count=\"2\"/></technique_common></source>"
+        "<source id=\"v3\"><float_array id=\"v3a\" count=\"2\">0 7</float_array><technique_common><accessor source=\"#v3a\" count=\"2\"/></technique_common></source>"
+        "<sampler id=\"s3\"><input semantic=\"INPUT\" source=\"#t3\"/><input semantic=\"OUTPUT\" source=\"#v3\"/></sampler>"
+        "<channel source=\"#s3\" target=\"m/transform(0)(3)\"/>"
+        "</animation></animation></library_animations>";
+    auto r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+                          "<node id=\"n\"><translate sid=\"t\">0 0 0</translate><rotate sid=\"r\">0 0 1 0</rotate><instance_geometry url=\"#g\"/></node>"
+                          "<node id=\"m\"><matrix sid=\"transform\">1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1</matrix><scale>2 2 2</scale></node>",
+                          anims));
+    ASSERT_TRUE(r.scene) << r.error;
+    C3DNodePos pos = r.scene->GetFirstNode();
+    C3DSceneNode* n = r.scene->GetNextNode(pos);
+    C3DSceneNode* m = r.scene->GetNextNode(pos);
+    ASSERT_TRUE(n && m);
+    // Keys at every time either channel has (0, 0.5 and 1 s at 4800 ticks a second), each
+    // the whole transform: the move interpolated, the turn held before its only key.
+    ASSERT_EQ(n->GetKeyNbr(KEY_MATRIX), 3);
+    const C3DPoint expect[3] = {{0, 1, 0}, {5, 1, 0}, {10, 1, 0}};
+    for (int i = 0; i < 3; ++i) {
+        auto* k = static_cast<C3DMatrixKey*>(n->GetKeyByIndex(KEY_MATRIX, i));
+        EXPECT_EQ(k->GetTime(), 2400 * i);
+        const C3DPoint p = k->matrix.TransformPoint(C3DPoint(1, 0, 0));
+        EXPECT_NEAR(p.x, expect[i].x, 1e-4) << i;
+        EXPECT_NEAR(p.y, expect[i].y, 1e-4) << i;
+    }
+    // One value of a matrix: row 0, column 3 is the move along x, under the node's scale.
+    ASSERT_EQ(m->GetKeyNbr(KEY_MATRIX), 2);
+    auto* last = static_cast<C3DMatrixKey*>(m->GetKeyByIndex(KEY_MATRIX, 1));
+    EXPECT_EQ(last->GetTime(), 9600);
+    EXPECT_NEAR(last->matrix.TransformPoint(C3DPoint(1, 0, 0)).x, 9, 1e-4);
+    EXPECT_EQ(r.scene->GetAnimationStart(), 0);
+    EXPECT_EQ(r.scene->GetAnimationEnd(), 9600);
+}
+
 TEST(Collada, ReachedThroughTheGenericReader) {
     testsupport::TempDir dir;
     testsupport::WriteFile(dir / "m.dae", Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
@@ -210,6 +338,21 @@ TEST(ColladaCorpus, EveryDocumentReads) {
         std::unique_ptr<C3DScene> s(parser.Read(CXStringW(Utf8ToWide(f.string())), opt));
         EXPECT_TRUE(s) << f << " error " << io.GetIoError();
         read += s != nullptr;
+        // Meshes, points and faces counted from the documents' own counts, for four of them.
+        static const std::map<std::string, std::array<int, 3>> kCounted = {
+            {"duck.dae", {1, 2108, 2144}},
+            {"teapot_instancenodes.DAE", {2, 1060, 2048}}, // the teapot and its instanced node
+            {"cube_triangulate.dae", {1, 8, 12}},
+            {"COLLADA.dae", {2, 3370, 6720}}};
+        auto it = kCounted.find(f.filename().string());
+        if (!s || it == kCounted.end()) continue;
+        std::array<int, 3> have{};
+        for (const C3DSceneNode* n : Nodes(*s, KINDOF_MESH)) {
+            ++have[0];
+            have[1] += n->GetGeomObject()->GetPointList()->GetSize();
+            have[2] += n->GetGeomObject()->GetFaceList()->GetNumberOfFaces();
+        }
+        EXPECT_EQ(have, it->second) << f;
     }
     EXPECT_EQ(read, 10);
 }

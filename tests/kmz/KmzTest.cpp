@@ -110,6 +110,8 @@ TEST(Kmz, TwoModelsMergeWithTheirFoldersAsTexturePaths) {
         for (C3DMaterial* m = r.scene->GetFirstMaterial(pos); m; m = r.scene->GetNextMaterial(pos))
             EXPECT_TRUE(fileExists(m->GetMaterialMap(MAP_DIFFUSE)->GetFileName()));
         EXPECT_EQ(TmpFolders("kmztwo"), before + 1);
+        // The references merged, as the KML gave them, for the info listing.
+        EXPECT_EQ(r.scene->GetCustomData().GetString(CKmzIo::kMergedModels), CXStringW(L"a\\one.dae\nb\\two.dae\n"));
     }
     EXPECT_EQ(TmpFolders("kmztwo"), before); // gone with the scene
 }
