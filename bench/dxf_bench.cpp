@@ -13,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 
@@ -61,11 +60,9 @@ int main(int argc, char** argv) {
     long readerPeakKB = -1;
     size_t sceneBytes = 0;
     {
-        std::string buf;
-        {
-            std::ifstream in(path, std::ios::binary);
-            buf.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        }
+        std::string buf(static_cast<size_t>(fs::file_size(path)), '\0');
+        std::ifstream(path, std::ios::binary).read(buf.data(), static_cast<std::streamsize>(buf.size()));
+        std::ofstream("/proc/self/clear_refs") << "5";
         const long base = StatusKB("VmHWM:");
         CFileIo io;
         CDxfIo parser(io);
