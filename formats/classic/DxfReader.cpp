@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "formats/classic/DxfCodePages.h"
 #include "formats/classic/DxfColors.h"
 #include "formats/classic/DxfTags.h"
 #include "plugin/host/HostTypes.h"
@@ -155,9 +156,21 @@ bool ValidUtf8(std::string_view s) {
     return true;
 }
 
-// Names: UTF-8 when the bytes are valid UTF-8, else one character per byte; \U+XXXX decoded.
-CXStringW DecodeName(std::string_view s) {
-    std::wstring w = ValidUtf8(s) ? Utf8ToWide(s) : WidenBytes(s);
+// Names: UTF-8 when the bytes are valid UTF-8, else one character per byte (through the
+// drawing's code page when it names one we know); \U+XXXX decoded.
+CXStringW DecodeName(std::string_view s, const char16_t* codePage) {
+    std::wstring w;
+    if (ValidUtf8(s)) {
+        w = Utf8ToWide(s);
+    } else if (codePage) {
+        w.reserve(s.size());
+        for (const char c : s) {
+            const auto b = static_cast<uint8_t>(c);
+            w += b < 0x80 ? static_cast<wchar_t>(b) : static_cast<wchar_t>(codePage[b - 0x80]);
+        }
+    } else {
+        w = WidenBytes(s);
+    }
     std::wstring out;
     out.reserve(w.size());
     for (size_t i = 0; i < w.size(); ++i) {
@@ -274,6 +287,7 @@ private:
     std::unordered_map<std::string, uint32_t> m_blockOf;
     Block* m_block = nullptr; // inside BLOCK ... ENDBLK
     long long m_insUnits = 0;
+    const char16_t* m_codePage = nullptr; // $DWGCODEPAGE, when a single-byte page we know
 
     // POLYLINE ... VERTEX ... SEQEND being gathered.
     struct Vertex {
@@ -352,7 +366,7 @@ uint32_t Reader::LayerIndex(std::string_view name) {
     }
     const auto idx = static_cast<uint32_t>(m_layers.size());
     m_layers.emplace_back();
-    m_layers.back().name = DecodeName(name);
+    m_layers.back().name = DecodeName(name, m_codePage);
     m_layerOf.emplace(std::move(key), idx);
     return idx;
 }
@@ -437,6 +451,7 @@ void Reader::Header() {
     std::string_view var;
     for (const CDxfTag& t : m_body) {
         if (t.code == 9) { var = t.text; continue; }
+        if (var == "$DWGCODEPAGE" && t.code == 3) m_codePage = DxfCodePageHighHalf(t.text);
         if (var == "$INSUNITS" && t.code == 70) {
             long long v;
             if (CDxfTagReader::ToInt(t, v)) m_insUnits = v;
@@ -1061,7 +1076,7 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
                 m_blockOf.emplace(key, static_cast<uint32_t>(m_blocks.size()));
                 m_blocks.emplace_back();
                 m_block = &m_blocks.back();
-                m_block->name = DecodeName(e.name);
+                m_block->name = DecodeName(e.name, m_codePage);
                 m_block->base = e.p[0];
                 m_block->paper = key.rfind("*paper_space", 0) == 0;
                 // Blocks are in a vector that may grow: refer to them by index from here on.

@@ -704,4 +704,15 @@ TEST(DxfRead, LayerNamesDecodeEscapesUtf8AndSingleBytes) {
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"A\u00C4b")));
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn")));
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn2")));
+    // A drawing that names its code page: single bytes go through it; UTF-8 stays UTF-8.
+    const Pairs header = {{0, "SECTION"}, {2, "HEADER"}, {9, "$DWGCODEPAGE"}, {3, "ansi_1251"}, {0, "ENDSEC"}};
+    Read cyr = ReadBytes(Drawing({{0, "POINT"}, {8, "\xCF\xF0\xE8"}, {0, "POINT"}, {8, "\xD0\x96"}}, header));
+    ASSERT_TRUE(cyr.scene);
+    EXPECT_TRUE(cyr.scene->FindNodeByName(CXStringW(L"\u041F\u0440\u0438")));
+    EXPECT_TRUE(cyr.scene->FindNodeByName(CXStringW(L"\u0416")));
+    // A page we do not know: Latin-1, as without one.
+    const Pairs dos = {{0, "SECTION"}, {2, "HEADER"}, {9, "$DWGCODEPAGE"}, {3, "DOS437"}, {0, "ENDSEC"}};
+    Read lat = ReadBytes(Drawing({{0, "POINT"}, {8, "\xCF"}}, dos));
+    ASSERT_TRUE(lat.scene);
+    EXPECT_TRUE(lat.scene->FindNodeByName(CXStringW(L"\u00CF")));
 }
