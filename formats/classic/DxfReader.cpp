@@ -1068,12 +1068,12 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             if (type == "BLOCK") {
                 if (m_poly) PolylineEnd();
                 const Entity& e = Parse();
-                std::string key = LowerKey(e.name);
-                if (m_blockOf.count(key)) {
+                const auto [at, added] = m_blockOf.try_emplace(LowerKey(e.name), static_cast<uint32_t>(m_blocks.size()));
+                if (!added) {
                     m_block = nullptr; // a second definition of a name: the first one stays
                     continue;
                 }
-                m_blockOf.emplace(key, static_cast<uint32_t>(m_blocks.size()));
+                const std::string& key = at->first;
                 m_blocks.emplace_back();
                 m_block = &m_blocks.back();
                 m_block->name = DecodeName(e.name, m_codePage);
