@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "formats/classic/DxfCodePages.h"
 #include "formats/classic/DxfColors.h"
 #include "formats/classic/DxfTags.h"
 #include "plugin/host/HostTypes.h"
@@ -155,9 +156,21 @@ bool ValidUtf8(std::string_view s) {
     return true;
 }
 
-// Names: UTF-8 when the bytes are valid UTF-8, else one character per byte; \U+XXXX decoded.
-CXStringW DecodeName(std::string_view s) {
-    std::wstring w = ValidUtf8(s) ? Utf8ToWide(s) : WidenBytes(s);
+// Names: UTF-8 when the bytes are valid UTF-8, else one character per byte (through the
+// drawing's code page when it names one we know); \U+XXXX decoded.
+CXStringW DecodeName(std::string_view s, const char16_t* codePage) {
+    std::wstring w;
+    if (ValidUtf8(s)) {
+        w = Utf8ToWide(s);
+    } else if (codePage) {
+        w.reserve(s.size());
+        for (const char c : s) {
+            const auto b = static_cast<uint8_t>(c);
+            w += b < 0x80 ? static_cast<wchar_t>(b) : static_cast<wchar_t>(codePage[b - 0x80]);
+        }
+    } else {
+        w = WidenBytes(s);
+    }
     std::wstring out;
     out.reserve(w.size());
     for (size_t i = 0; i < w.size(); ++i) {
@@ -183,22 +196,35 @@ CXStringW DecodeName(std::string_view s) {
     return CXStringW(std::move(out));
 }
 
-// The pairs of one entity, with the single-valued codes picked out.
+// The pairs of one entity, with the single-valued codes picked out. Reset between groups
+// touches only what says which values are present.
 struct Entity {
     Vec p[4];
     bool hasZ[4] = {};
-    double f[22] = {};   // codes 38..59
-    bool hasF[22] = {};
-    long long i[10] = {}; // codes 70..79
-    bool hasI[10] = {};
+    double f[22] = {};   // codes 38..59, present when their bit of hasF is set
+    uint32_t hasF = 0;
+    long long i[10] = {}; // codes 70..79, likewise with hasI
+    uint32_t hasI = 0;
     Vec normal{0, 0, 1};
     std::string_view layer = "0", name;
     long long aci = kDxfByLayer;
     long long rgb = -1;
     bool paper = false;
     bool hasColor = false;
-    double F(int code, double def = 0) const { return hasF[code - 38] ? f[code - 38] : def; }
-    long long I(int code, long long def = 0) const { return hasI[code - 70] ? i[code - 70] : def; }
+    double F(int code, double def = 0) const { return hasF >> (code - 38) & 1 ? f[code - 38] : def; }
+    long long I(int code, long long def = 0) const { return hasI >> (code - 70) & 1 ? i[code - 70] : def; }
+    bool HasI(int code) const { return hasI >> (code - 70) & 1; }
+    void Reset() {
+        for (Vec& v : p) v = {};
+        for (bool& z : hasZ) z = false;
+        hasF = hasI = 0;
+        normal = {0, 0, 1};
+        layer = "0";
+        name = {};
+        aci = kDxfByLayer;
+        rgb = -1;
+        paper = hasColor = false;
+    }
 };
 
 class Reader {
@@ -212,7 +238,8 @@ private:
     void Section(std::string_view name);
     void Header();
     void LayerEntry();
-    void Parse(Entity& e);
+    const Entity& Parse(); // the current group's values (its bad ones now counted)
+    void Take(const CDxfTag& t, Entity& e);
     void EntityGroup(std::string_view type);
     uint32_t LayerIndex(std::string_view name);
     ColorRef ColorOf(const Entity& e, uint32_t layer) const;
@@ -246,6 +273,8 @@ private:
     bool m_truncatedGroup = false;
     std::string_view m_type;
     std::vector<CDxfTag> m_body;
+    Entity m_group;
+    size_t m_groupBad = 0;
 
     enum class Sect { None, Header, Tables, Blocks, Entities, Other } m_section = Sect::None;
     std::vector<Layer> m_layers;
@@ -258,6 +287,7 @@ private:
     std::unordered_map<std::string, uint32_t> m_blockOf;
     Block* m_block = nullptr; // inside BLOCK ... ENDBLK
     long long m_insUnits = 0;
+    const char16_t* m_codePage = nullptr; // $DWGCODEPAGE, when a single-byte page we know
 
     // POLYLINE ... VERTEX ... SEQEND being gathered.
     struct Vertex {
@@ -302,6 +332,11 @@ bool Reader::NextGroup() {
     m_type = t.text;
     m_body.clear();
     m_truncatedGroup = false;
+    m_group.Reset();
+    m_groupBad = 0;
+    // The single-valued codes are taken as they come; only groups that repeat codes
+    // (or hold the header's variables) keep their pairs.
+    const bool keep = m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE";
     while (m_tags->Next(t)) {
         if (t.code == 0) {
             m_pending = t;
@@ -309,6 +344,8 @@ bool Reader::NextGroup() {
             return true;
         }
         if (t.code == 999) continue;
+        Take(t, m_group);
+        if (!keep) continue;
         if (m_body.size() < kMaxGroupTags) m_body.push_back(t);
         else m_truncatedGroup = true;
     }
@@ -329,7 +366,7 @@ uint32_t Reader::LayerIndex(std::string_view name) {
     }
     const auto idx = static_cast<uint32_t>(m_layers.size());
     m_layers.emplace_back();
-    m_layers.back().name = DecodeName(name);
+    m_layers.back().name = DecodeName(name, m_codePage);
     m_layerOf.emplace(std::move(key), idx);
     return idx;
 }
@@ -354,38 +391,51 @@ Geom* Reader::Target(uint32_t layer) {
     return l.top.get();
 }
 
-void Reader::Parse(Entity& e) {
-    for (const CDxfTag& t : m_body) {
-        const int c = t.code;
-        if (c == 8) { e.layer = t.text; continue; }
-        if (c == 2) { e.name = t.text; continue; }
-        if (c == 420) {
-            long long v;
-            if (CDxfTagReader::ToInt(t, v)) e.rgb = v & 0xFFFFFF;
-            else ++m_badValues;
-            continue;
-        }
-        const bool wanted = (c >= 10 && c <= 13) || (c >= 20 && c <= 23) || (c >= 30 && c <= 33) ||
-                            (c >= 38 && c <= 79) || c == 210 || c == 220 || c == 230;
-        if (!wanted) continue;
-        if (c >= 60 && c <= 79) {
-            long long v;
-            if (!CDxfTagReader::ToInt(t, v)) { ++m_badValues; continue; }
-            if (c == 62) { e.aci = v; e.hasColor = true; }
-            else if (c == 67) e.paper = v == 1;
-            else if (c >= 70) { e.i[c - 70] = v; e.hasI[c - 70] = true; }
-            continue;
-        }
-        double v;
-        if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) { ++m_badValues; continue; }
-        if (c >= 10 && c <= 13) e.p[c - 10].x = v;
-        else if (c >= 20 && c <= 23) e.p[c - 20].y = v;
-        else if (c >= 30 && c <= 33) { e.p[c - 30].z = v; e.hasZ[c - 30] = true; }
-        else if (c >= 38 && c <= 59) { e.f[c - 38] = v; e.hasF[c - 38] = true; }
-        else if (c == 210) e.normal.x = v;
-        else if (c == 220) e.normal.y = v;
-        else if (c == 230) e.normal.z = v;
+const Entity& Reader::Parse() {
+    m_badValues += m_groupBad;
+    m_groupBad = 0;
+    return m_group;
+}
+
+void Reader::Take(const CDxfTag& t, Entity& e) {
+    const int c = t.code;
+    double v;
+    switch (c) {
+    case 8: e.layer = t.text; return;
+    case 2: e.name = t.text; return;
+    case 420: {
+        long long x;
+        if (CDxfTagReader::ToInt(t, x)) e.rgb = x & 0xFFFFFF;
+        else ++m_groupBad;
+        return;
     }
+    case 10: case 11: case 12: case 13:
+    case 20: case 21: case 22: case 23:
+    case 30: case 31: case 32: case 33:
+    case 210: case 220: case 230:
+        break;
+    default:
+        if (c >= 60 && c <= 79) {
+            long long x;
+            if (!CDxfTagReader::ToInt(t, x)) { ++m_groupBad; return; }
+            if (c == 62) { e.aci = x; e.hasColor = true; }
+            else if (c == 67) e.paper = x == 1;
+            else if (c >= 70) { e.i[c - 70] = x; e.hasI |= 1u << (c - 70); }
+            return;
+        }
+        if (c < 38 || c > 59) return;
+        if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) { ++m_groupBad; return; }
+        e.f[c - 38] = v;
+        e.hasF |= 1u << (c - 38);
+        return;
+    }
+    if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) { ++m_groupBad; return; }
+    if (c < 20) e.p[c - 10].x = v;
+    else if (c < 30) e.p[c - 20].y = v;
+    else if (c < 40) { e.p[c - 30].z = v; e.hasZ[c - 30] = true; }
+    else if (c == 210) e.normal.x = v;
+    else if (c == 220) e.normal.y = v;
+    else e.normal.z = v;
 }
 
 void Reader::Section(std::string_view name) {
@@ -401,6 +451,7 @@ void Reader::Header() {
     std::string_view var;
     for (const CDxfTag& t : m_body) {
         if (t.code == 9) { var = t.text; continue; }
+        if (var == "$DWGCODEPAGE" && t.code == 3) m_codePage = DxfCodePageHighHalf(t.text);
         if (var == "$INSUNITS" && t.code == 70) {
             long long v;
             if (CDxfTagReader::ToInt(t, v)) m_insUnits = v;
@@ -409,9 +460,7 @@ void Reader::Header() {
 }
 
 void Reader::LayerEntry() {
-    Entity e;
-    e.layer = {};
-    Parse(e);
+    const Entity& e = Parse();
     if (e.name.empty()) return;
     const uint32_t idx = LayerIndex(e.name);
     if (m_layerDefined.size() <= idx) m_layerDefined.resize(idx + 1, false);
@@ -613,7 +662,7 @@ void Reader::PolylineVertex(const Entity& e) {
     v.bulge = e.F(42);
     v.flags = e.I(70);
     int n = 0;
-    for (int c = 71; c <= 74 && e.hasI[c - 70]; ++c) {
+    for (int c = 71; c <= 74 && e.HasI(c); ++c) {
         const long long x = e.i[c - 70];
         if (x == 0) break;
         v.idx[n++] = static_cast<int>(std::clamp(x < 0 ? -x : x, 0LL, 1LL << 30));
@@ -722,17 +771,14 @@ void Reader::PolylineEnd() {
 void Reader::EntityGroup(std::string_view type) {
     if (m_poly) {
         if (type == "VERTEX") {
-            Entity e;
-            Parse(e);
-            PolylineVertex(e);
+            PolylineVertex(Parse());
             return;
         }
         PolylineEnd();
         if (type == "SEQEND") return;
     }
     if (type == "SEQEND" || type == "ATTRIB" || type == "VERTEX") return;
-    Entity e;
-    Parse(e);
+    const Entity& e = Parse();
     if (type == "POLYLINE") {
         PolylineStart(e);
         return;
@@ -1021,17 +1067,16 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
         if (m_section == Sect::Blocks) {
             if (type == "BLOCK") {
                 if (m_poly) PolylineEnd();
-                Entity e;
-                Parse(e);
-                std::string key = LowerKey(e.name);
-                if (m_blockOf.count(key)) {
+                const Entity& e = Parse();
+                const auto [at, added] = m_blockOf.try_emplace(LowerKey(e.name), static_cast<uint32_t>(m_blocks.size()));
+                if (!added) {
                     m_block = nullptr; // a second definition of a name: the first one stays
                     continue;
                 }
-                m_blockOf.emplace(key, static_cast<uint32_t>(m_blocks.size()));
+                const std::string& key = at->first;
                 m_blocks.emplace_back();
                 m_block = &m_blocks.back();
-                m_block->name = DecodeName(e.name);
+                m_block->name = DecodeName(e.name, m_codePage);
                 m_block->base = e.p[0];
                 m_block->paper = key.rfind("*paper_space", 0) == 0;
                 // Blocks are in a vector that may grow: refer to them by index from here on.

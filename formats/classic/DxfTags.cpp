@@ -1,9 +1,10 @@
 #include "formats/classic/DxfTags.h"
 
-#include <charconv>
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 
+#include "formats/classic/DxfScan.h"
 #include "plugin/host/BinaryCursor.h"
 
 namespace {
@@ -69,24 +70,12 @@ bool CDxfTagReader::IsBinary(std::span<const uint8_t> data) {
     return data.size() >= kSentinelSize && std::memcmp(data.data(), kSentinel, kSentinelSize) == 0;
 }
 
-bool CDxfTagReader::Next(CDxfTag& tag) {
-    if (m_failed) return false;
-    return m_binary ? NextBinary(tag) : NextAscii(tag);
-}
-
 bool CDxfTagReader::Line(std::string_view& line) {
     if (m_pos >= m_size) return false;
     const char* p = m_data + m_pos;
     const size_t left = m_size - m_pos;
     const char eol = m_crOnly ? '\r' : '\n';
-    // Lines are mostly a few bytes long: a plain loop beats a library call for those.
-    size_t len = 0;
-    const size_t quick = std::min<size_t>(left, 32);
-    while (len < quick && p[len] != eol) ++len;
-    if (len == quick && len < left) {
-        const void* end = std::memchr(p + len, eol, left - len);
-        len = end ? static_cast<size_t>(static_cast<const char*>(end) - p) : left;
-    }
+    const size_t len = dxfscan::LineLength(p, left, eol);
     line = std::string_view(p, len); // a CR before the LF is trimmed with the blanks
     m_pos += len < left ? len + 1 : len;
     return true;
@@ -113,21 +102,27 @@ bool ParseCode(std::string_view s, int& code) {
 
 } // namespace
 
-bool CDxfTagReader::NextAscii(CDxfTag& tag) {
-    std::string_view codeLine, value;
+bool CDxfTagReader::SlowCode(int& code) {
+    std::string_view codeLine;
     if (!Line(codeLine)) return false;
-    int code = 0;
     if (!ParseCode(codeLine, code)) {
         // A blank line at the very end is no error.
         if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
         return false;
     }
-    if (!Line(value)) return false; // a code without its value ends the data
-    tag.code = code;
-    tag.text = TrimBlanks(value);
-    tag.binary = false;
-    tag.number = 0;
     return true;
+}
+
+void CDxfTagReader::SlowValue(CDxfTag& tag) {
+    const char* p = m_data + m_pos;
+    const size_t left = m_size - m_pos;
+    size_t len = dxfscan::LineLength(p, left, m_crOnly ? '\r' : '\n');
+    m_pos += len < left ? len + 1 : len;
+    // Trim blanks (and the CR of a CRLF).
+    size_t b = 0;
+    while (b < len && (p[b] == ' ' || p[b] == '\t')) ++b;
+    while (len > b && (p[len - 1] == ' ' || p[len - 1] == '\t' || p[len - 1] == '\r')) --len;
+    tag.text = std::string_view(p + b, len - b);
 }
 
 bool CDxfTagReader::NextBinary(CDxfTag& tag) {
@@ -143,7 +138,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     }
     if (c.failed()) { m_failed = true; return false; }
     tag.code = code;
-    tag.binary = true;
+    tag.hasNumber = true;
     tag.text = {};
     tag.number = 0;
     switch (DxfValueKindOf(code)) {
@@ -153,7 +148,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
         if (!nul) { m_failed = true; return false; }
         const size_t len = static_cast<size_t>(static_cast<const char*>(nul) - (m_data + start));
         tag.text = std::string_view(m_data + start, len);
-        tag.binary = false; // strings read as text
+        tag.hasNumber = false; // strings read as text
         m_pos = start + len + 1;
         return true;
     }
@@ -166,7 +161,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     case DxfValueKind::Chunk: {
         const size_t n = c.u8();
         if (!c.skip(n)) { m_failed = true; return false; }
-        tag.binary = false;
+        tag.hasNumber = false;
         break;
     }
     }
@@ -175,43 +170,18 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     return true;
 }
 
-bool CDxfTagReader::ToDouble(const CDxfTag& tag, double& out) {
-    if (tag.binary) {
-        out = tag.number;
-        return true;
-    }
-    const char* b = tag.text.data();
-    const char* e = b + tag.text.size();
-    if (b != e && *b == '+') ++b;
+bool CDxfTagReader::TextToDouble(std::string_view text, double& out) {
+    const char* b = text.data();
+    const char* e = b + text.size();
     {
-        // Plain decimals ("-12.500000"): an exact integer over an exact power of ten
-        // is rounded once, so this equals the full parse.
-        static constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11,
-                                            1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
         const char* q = b;
-        const bool neg = q != e && *q == '-';
-        if (neg) ++q;
-        uint64_t m = 0;
-        int digits = 0, frac = 0;
-        bool dot = false, ok = q != e;
-        for (; q != e && ok; ++q) {
-            const char c = *q;
-            if (c >= '0' && c <= '9') {
-                m = m * 10 + static_cast<uint64_t>(c - '0');
-                ++digits;
-                frac += dot;
-            } else if (c == '.' && !dot) {
-                dot = true;
-            } else {
-                ok = false;
-            }
-        }
-        if (ok && digits > 0 && digits <= 15 && frac <= 22) {
-            const double v = static_cast<double>(m) / kPow10[frac];
-            out = neg ? -v : v;
+        double v;
+        if (dxfscan::PlainDecimal(q, e, v) && q == e) {
+            out = v;
             return true;
         }
     }
+    if (b != e && *b == '+') ++b;
     double v = 0;
     auto [p, ec] = std::from_chars(b, e, v);
     if (ec != std::errc() || p != e || b == e) return false;
@@ -219,14 +189,9 @@ bool CDxfTagReader::ToDouble(const CDxfTag& tag, double& out) {
     return true;
 }
 
-bool CDxfTagReader::ToInt(const CDxfTag& tag, long long& out) {
-    if (tag.binary) {
-        if (!(tag.number > -9.2e18 && tag.number < 9.2e18)) return false;
-        out = static_cast<long long>(tag.number);
-        return true;
-    }
-    const char* b = tag.text.data();
-    const char* e = b + tag.text.size();
+bool CDxfTagReader::TextToInt(std::string_view text, long long& out) {
+    const char* b = text.data();
+    const char* e = b + text.size();
     if (b != e && *b == '+') ++b;
     long long v = 0;
     auto [p, ec] = std::from_chars(b, e, v);
@@ -236,7 +201,7 @@ bool CDxfTagReader::ToInt(const CDxfTag& tag, long long& out) {
     }
     // Some writers put "1.0" where an integer belongs.
     double d;
-    if (!ToDouble(tag, d) || !(d > -9.2e18 && d < 9.2e18)) return false;
+    if (!TextToDouble(text, d) || !(d > -9.2e18 && d < 9.2e18)) return false;
     out = static_cast<long long>(d);
     return true;
 }

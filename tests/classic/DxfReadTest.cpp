@@ -148,6 +148,63 @@ TEST(DxfTags, LineEndsAlignedCodesAndBadCodes) {
     EXPECT_EQ(d, 7);
 }
 
+// Pairs are read in place a word at a time; a plain line-by-line reading (trim, then the
+// library's parse) must see the same codes, texts and numbers, near the end of the data too.
+TEST(DxfTags, InPlaceReadingAgreesWithLineByLine) {
+    uint64_t state = 777;
+    auto next = [&state](uint64_t n) {
+        state = state * 6364136223846793005ull + 1442695040888963407ull;
+        return (state >> 33) % n;
+    };
+    auto digits = [&](uint64_t n) {
+        std::string d;
+        for (uint64_t i = 0; i < n; ++i) d += static_cast<char>('0' + next(10));
+        return d;
+    };
+    for (int round = 0; round < 3000; ++round) {
+        const char* eol = next(4) == 0 ? "\r\n" : next(8) == 0 ? "\r" : "\n";
+        std::vector<std::pair<int, std::string>> pairs;
+        std::string s;
+        const int count = 1 + static_cast<int>(next(round % 2 ? 3 : 12)); // short streams test the tail
+        for (int k = 0; k < count; ++k) {
+            const int code = static_cast<int>(next(10) == 0 ? next(100000000) : next(1100));
+            std::string value;
+            switch (next(6)) {
+            case 0: value = "LAYER" + digits(next(12)); break;
+            case 1: value = digits(1 + next(9)); break;
+            default: {
+                value = (next(5) == 0 ? "-" : next(9) == 0 ? "+" : "") + digits(next(11));
+                if (next(4)) value += "." + digits(next(11));
+                if (next(10) == 0) value += "e" + digits(1 + next(2));
+            }
+            }
+            pairs.push_back({code, value});
+            s += std::string(next(4) == 0 ? next(4) : 0, ' ') + std::to_string(code) +
+                 (next(6) == 0 ? " " : "") + eol;
+            s += (next(8) == 0 ? " " : "") + value + (next(8) == 0 ? "\t" : "") + eol;
+        }
+        if (next(3) == 0 && !pairs.back().second.empty())
+            s.resize(s.size() - std::strlen(eol)); // no line end after the last value
+        CDxfTagReader r({reinterpret_cast<const uint8_t*>(s.data()), s.size()});
+        CDxfTag t;
+        for (const auto& [code, value] : pairs) {
+            ASSERT_TRUE(r.Next(t)) << s;
+            ASSERT_EQ(t.code, code) << s;
+            ASSERT_EQ(t.text, value) << s;
+            const char* b = value.data() + (value[0] == '+' ? 1 : 0);
+            double full = 0, mine = 0;
+            const auto [end, ec] = std::from_chars(b, value.data() + value.size(), full);
+            const bool number = ec == std::errc() && end == value.data() + value.size() && b != end;
+            ASSERT_EQ(CDxfTagReader::ToDouble(t, mine), number) << value;
+            if (number) {
+                ASSERT_EQ(mine, full) << value;
+            }
+        }
+        EXPECT_FALSE(r.Next(t));
+        EXPECT_FALSE(r.Failed()) << s;
+    }
+}
+
 TEST(DxfColors, IndexTable) {
     EXPECT_EQ(DxfAciToRgb(1), 0xFF0000u);
     EXPECT_EQ(DxfAciToRgb(7), 0xFFFFFFu);
@@ -647,4 +704,15 @@ TEST(DxfRead, LayerNamesDecodeEscapesUtf8AndSingleBytes) {
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"A\u00C4b")));
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn")));
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn2")));
+    // A drawing that names its code page: single bytes go through it; UTF-8 stays UTF-8.
+    const Pairs header = {{0, "SECTION"}, {2, "HEADER"}, {9, "$DWGCODEPAGE"}, {3, "ansi_1251"}, {0, "ENDSEC"}};
+    Read cyr = ReadBytes(Drawing({{0, "POINT"}, {8, "\xCF\xF0\xE8"}, {0, "POINT"}, {8, "\xD0\x96"}}, header));
+    ASSERT_TRUE(cyr.scene);
+    EXPECT_TRUE(cyr.scene->FindNodeByName(CXStringW(L"\u041F\u0440\u0438")));
+    EXPECT_TRUE(cyr.scene->FindNodeByName(CXStringW(L"\u0416")));
+    // A page we do not know: Latin-1, as without one.
+    const Pairs dos = {{0, "SECTION"}, {2, "HEADER"}, {9, "$DWGCODEPAGE"}, {3, "DOS437"}, {0, "ENDSEC"}};
+    Read lat = ReadBytes(Drawing({{0, "POINT"}, {8, "\xCF"}}, dos));
+    ASSERT_TRUE(lat.scene);
+    EXPECT_TRUE(lat.scene->FindNodeByName(CXStringW(L"\u00CF")));
 }
