@@ -307,14 +307,11 @@ std::string DescribeScene(const C3DScene& scene, const std::string& file) {
     // The models a package merged (a KMZ keeps their references, one a line, as 'KMZM').
     const std::string models = Utf8(const_cast<C3DScene&>(scene).GetCustomData().GetString(0x4B4D5A4D));
     if (!models.empty()) {
-        s += "models:
-";
+        s += "models:\n";
         for (size_t at = 0, nl; at < models.size(); at = nl + 1) {
-            nl = models.find('
-', at);
+            nl = models.find('\n', at);
             if (nl == std::string::npos) nl = models.size();
-            if (nl > at) s += "  \"" + models.substr(at, nl - at) + "\"
-";
+            if (nl > at) s += "  \"" + models.substr(at, nl - at) + "\"\n";
         }
     }
     // Files the scene needs (textures), where they are, and whether they are there.
