@@ -312,24 +312,6 @@ TEST(StlWrite, NoMeshGivesHeaderOnlyAndSkipsFlaggedFaces) {
     const std::string got = testsupport::ReadFile(dir / "s.stl");
     EXPECT_EQ(GetU32(got, 80), 1u); // the count equals the records written
     EXPECT_EQ(got.size(), 84u + 50u);
-
-    int err = 0;
-    EXPECT_FALSE(SaveScene<CStlIo>(&scene, dir / "missing" / "x.stl", &err));
-    EXPECT_EQ(err, IO_ERR_OPEN);
-    EXPECT_FALSE(std::filesystem::exists(dir / "missing"));
-}
-
-TEST(StlOptions, DefaultOptionWords) {
-    CFileIo io;
-    CStlIo p(io);
-    CSceneExportOptions e;
-    e.prepFlags2 = 7;
-    p.SaveDefaultOptions(e);
-    EXPECT_EQ(e.prepFlags, 0x00000004000C6403ull);
-    EXPECT_EQ(e.prepFlags2, 0u);
-    CSceneImportOptions i;
-    p.LoadDefaultOptions(i);
-    EXPECT_EQ(i.readerFlags, 2u);
 }
 
 namespace {
@@ -338,20 +320,18 @@ namespace {
 // normal channel and the colour channel.
 std::string DescribeStl(C3DScene& s) {
     std::string out;
-    auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
-    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     C3DSceneNode* node = nullptr;
     C3DGeomObject* g = FirstMesh(s, &node);
     if (!g) return "no mesh";
     out += "node " + WideToUtf8(node->GetName().view()) + "\n";
-    points("points", *g->GetPointList());
-    list("faces", *g->GetFaceList());
+    out += DumpPoints("points", *g->GetPointList());
+    out += DumpFaces("faces", *g->GetFaceList());
     if (auto* sn = static_cast<CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))) {
-        points("normals", *sn->GetNormalVectorList());
-        list("nfaces", *sn->GetNormalFaceList());
+        out += DumpPoints("normals", *sn->GetNormalVectorList());
+        out += DumpFaces("nfaces", *sn->GetNormalFaceList());
     }
     if (CVCChannel* vc = g->GetGlobalVCChannel()) {
-        list("colour faces", *vc->GetVCFaceList());
+        out += DumpFaces("colour faces", *vc->GetVCFaceList());
         for (const CRGBColor& c : vc->GetVCPointList()->Raw()) out += " " + std::to_string(c.GetRGBA());
     }
     return out;
