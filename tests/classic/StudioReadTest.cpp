@@ -107,12 +107,10 @@ TEST(StudioRead, FirstBytesDecideTheResultCode) {
     EXPECT_EQ(bad.error, IO_ERR_FORMAT);
     EXPECT_EQ(bad.level, LOG_ERROR);
 
-    CFileIo io;
-    CSceneImportOptions opt;
-    C3DStudioIo parser(io);
-    EXPECT_EQ(parser.Read(CXStringW(L"/nonexistent/dir/x.3ds"), opt), nullptr);
-    EXPECT_EQ(io.GetIoError(), IO_ERR_OPEN);
-    EXPECT_EQ(io.GetIoErrorLevel(), LOG_ERROR);
+    ReadResult missing = ReadFileWith<C3DStudioIo>("/nonexistent/dir/x.3ds");
+    EXPECT_FALSE(missing.scene);
+    EXPECT_EQ(missing.error, IO_ERR_OPEN);
+    EXPECT_EQ(missing.level, LOG_ERROR);
 }
 
 TEST(StudioRead, MasterScaleSetsUnitAndFactor) {

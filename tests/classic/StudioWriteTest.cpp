@@ -21,7 +21,7 @@ std::string SaveBytes(C3DScene& scene, int* error = nullptr) {
     CFileIo io;
     CSceneExportOptions opt;
     C3DStudioIo parser(io);
-    bool ok = parser.Save(CXStringW(Utf8ToWide(p.string())), &scene, opt);
+    bool ok = parser.Save(WidePath(p), &scene, opt);
     if (error) *error = io.GetIoError();
     return ok ? testsupport::ReadFile(p) : std::string();
 }
