@@ -71,8 +71,6 @@ TEST(VrmlScene, LoadFromUrlsUsesOnlyBackslashAsSeparator) {
     SpyInstall spy;
     VrmlScene scene;
     std::string base = dir.path().string() + "/";
-    std::string part = base + "models\\part.wrl#Cam";
-    // The backslash path resolves on this system only through the name part; use a local copy.
     {
         std::string real = base + "models/part.wrl#Cam";
         VrmlMFString urls(real.c_str());
@@ -152,9 +150,7 @@ TEST(VrmlScene, SaveStopsOnSharingThatMultipliesTheText) {
                 " Transform { children USE A" + std::to_string(k - 1) + " } ] }\n";
     auto p = ParseVrml(text);
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-    delete nodes;
+    AdoptWorld(scene, p);
     // Cut by the bytes written...
     std::ostringstream os;
     bool ok = true;
@@ -191,9 +187,7 @@ TEST(VrmlScene, AScriptCannotHoldItselfOrItsParentThroughIs) {
     VrmlNode* inner = p[1]->asGroup()->child(0);
     EXPECT_EQ(inner->getField("s")->asSFNode()->get(), p[0]); // a finished node may be named
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-    delete nodes;
+    AdoptWorld(scene, p);
     std::ostringstream os;
     EXPECT_TRUE(scene.save(os));
     EXPECT_EQ(os.str().find("USE"), std::string::npos) << os.str();
@@ -254,9 +248,7 @@ TEST(VrmlScene, ALongChainOfSharedNodesIsReleasedWithoutRecursion) {
     ASSERT_EQ(p.size(), static_cast<size_t>(links));
     {
         VrmlScene scene;
-        VrmlMFNode* nodes = p.nodes.release();
-        scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-        delete nodes;
+        AdoptWorld(scene, p);
         p.ns.reset();
     } // the scene, its namespace and the whole chain go here
     SUCCEED();
