@@ -137,7 +137,8 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
         b.Add(m).End();
         auto r = cobtest::Read(b.Bytes());
         ASSERT_TRUE(r.scene) << ascii;
-        const C3DFaceList* f = cobtest::Nodes(*r.scene)[0]->GetGeomObject()->GetFaceList();
+        const C3DGeomObject* g = cobtest::Nodes(*r.scene)[0]->GetGeomObject();
+        const C3DFaceList* f = g->GetFaceList();
         ASSERT_EQ(f->GetNumberOfFaces(), 1) << ascii;
         auto face = f->Face(0);
         ASSERT_EQ(face.size(), 10u);
@@ -146,13 +147,7 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
         const std::vector<uint32_t> got(face.begin(), face.end());
         EXPECT_EQ(got, (std::vector<uint32_t>{3, 7, 4, 5, 6, 7, 3, 2, 1, 0})) << ascii;
         // The UV face follows the same corners.
-        EXPECT_EQ(cobtest::Nodes(*r.scene)[0]
-                      ->GetGeomObject()
-                      ->GetGlobalUVWChannel()
-                      ->GetUVWFaceList()
-                      ->Face(0)
-                      .size(),
-                  10u);
+        EXPECT_EQ(g->GetGlobalUVWChannel()->GetUVWFaceList()->Face(0).size(), 10u);
     }
 }
 
