@@ -3,6 +3,7 @@
 // shortcuts that run a parser on bytes or files and look nodes up.
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -74,7 +75,27 @@ struct ReadResult {
     int error = 0;
     int level = 0;
     std::vector<IoLogInfo> log;
+    bool Logged(const std::wstring& part) const {
+        for (const IoLogInfo& l : log)
+            if (l.text.str().find(part) != std::wstring::npos) return true;
+        return false;
+    }
 };
+
+inline CXStringW WidePath(const std::filesystem::path& p) { return CXStringW(Utf8ToWide(p.string())); }
+
+// Reads a file through `Parser`: the scene, the result code and level, and the log.
+template <typename Parser> ReadResult ReadFileWith(const std::filesystem::path& p) {
+    CFileIo io;
+    CSceneImportOptions opt;
+    Parser parser(io);
+    ReadResult r;
+    r.scene.reset(parser.Read(WidePath(p), opt));
+    r.error = io.GetIoError();
+    r.level = io.GetIoErrorLevel();
+    r.log = opt.GetLog();
+    return r;
+}
 
 inline ReadResult ReadStudio(const std::string& bytes, bool shapes = false) {
     CFileIo io;

@@ -257,9 +257,7 @@ TEST(LightwaveRead, ImageBlockWithUvMapAndClipRegistersTheTexture) {
     EXPECT_EQ(ch->GetName(), L"main");
     ASSERT_EQ(r.scene->GetRequiredFiles().size(), 1u);
     EXPECT_EQ(r.scene->GetRequiredFiles()[0], L"/nonexistent/folder/Images/brick.png");
-    bool logged = false;
-    for (auto& l : r.log) logged |= l.find(L"not found") != std::wstring::npos;
-    EXPECT_TRUE(logged);
+    EXPECT_TRUE(r.Logged(L"not found"));
 }
 
 TEST(LightwaveRead, PlanarProjectionComputesUvsFromCentreAndSize) {
@@ -353,9 +351,7 @@ TEST(LightwaveRead, OldFormatDetailPolygonsAndSurfaces) {
     EXPECT_FLOAT_EQ(base->diffuseFactor, 0.75f); // the float value wins over the fixed one
     EXPECT_FLOAT_EQ(base->shininess, 0.4f);      // exponent 64
     EXPECT_TRUE(base->IsFlagSet(MATF_TWO_SIDED));
-    bool logged = false;
-    for (auto& l : r.log) logged |= l.find(L"1 polygons") != std::wstring::npos;
-    EXPECT_TRUE(logged);
+    EXPECT_TRUE(r.Logged(L"1 polygons"));
 }
 
 TEST(LightwaveRead, OldFormatCylindricalTextureMakesUvs) {

@@ -56,6 +56,11 @@ struct ReadResult {
     std::unique_ptr<C3DScene> scene;
     int error = 0;
     std::vector<std::wstring> log;
+    bool Logged(const std::wstring& part) const {
+        for (const std::wstring& l : log)
+            if (l.find(part) != std::wstring::npos) return true;
+        return false;
+    }
 };
 
 inline ReadResult ReadObjectBytes(const std::string& bytes, const std::wstring& folder = L"") {

@@ -50,19 +50,16 @@ const Expect kCorpus[] = {
 };
 
 std::unique_ptr<C3DScene> ReadPath(const fs::path& p, int* error = nullptr) {
-    CFileIo io;
-    CSceneImportOptions opt;
-    C3DStudioIo parser(io);
-    std::unique_ptr<C3DScene> s(parser.Read(CXStringW(Utf8ToWide(p.string())), opt));
-    if (error) *error = io.GetIoError();
-    return s;
+    ReadResult r = ReadFileWith<C3DStudioIo>(p);
+    if (error) *error = r.error;
+    return std::move(r.scene);
 }
 
 bool SavePath(C3DScene& scene, const fs::path& p) {
     CFileIo io;
     CSceneExportOptions opt;
     C3DStudioIo parser(io);
-    return parser.Save(CXStringW(Utf8ToWide(p.string())), &scene, opt);
+    return parser.Save(WidePath(p), &scene, opt);
 }
 
 std::vector<int32_t> KeyTimes(const C3DSceneNode& n) {

@@ -21,13 +21,10 @@ std::unique_ptr<C3DScene> WriteAndReadBack(const C3DScene& scene, const fs::path
     C3DStudioIo writer(io);
     writer.SaveDefaultOptions(opt);
     auto prepared = PrepareSceneForExport(scene, opt.prepFlags, &opt);
-    EXPECT_TRUE(writer.Save(CXStringW(Utf8ToWide(file.string())), prepared.get(), opt));
-    CFileIo rio;
-    CSceneImportOptions ropt;
-    C3DStudioIo reader(rio);
-    std::unique_ptr<C3DScene> back(reader.Read(CXStringW(Utf8ToWide(file.string())), ropt));
-    EXPECT_TRUE(back) << "read error " << rio.GetIoError();
-    return back;
+    EXPECT_TRUE(writer.Save(WidePath(file), prepared.get(), opt));
+    ReadResult back = ReadFileWith<C3DStudioIo>(file);
+    EXPECT_TRUE(back.scene) << "read error " << back.error;
+    return std::move(back.scene);
 }
 
 struct Totals {

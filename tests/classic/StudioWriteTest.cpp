@@ -21,7 +21,7 @@ std::string SaveBytes(C3DScene& scene, int* error = nullptr) {
     CFileIo io;
     CSceneExportOptions opt;
     C3DStudioIo parser(io);
-    bool ok = parser.Save(CXStringW(Utf8ToWide(p.string())), &scene, opt);
+    bool ok = parser.Save(WidePath(p), &scene, opt);
     if (error) *error = io.GetIoError();
     return ok ? testsupport::ReadFile(p) : std::string();
 }
@@ -147,7 +147,6 @@ TEST(StudioWrite, MeshesPastTheLimitsAreLeftOutSilently) {
     addBig(L"Fits", 65535, 32767, 1);   // 65535 triangles
     addBig(L"TooMany", 4, 32767, 2);    // 65536 triangles
     addBig(L"TooBig", 65536, 0, 1);     // 65536 points
-    CSceneImportOptions opt;
     std::string file = SaveBytes(scene);
     EXPECT_EQ(ObjectNames(file), (std::vector<std::string>{"Fits"}));
     // Their keyframer nodes are still written, under new names the editor part lacks,

@@ -14,15 +14,7 @@
 namespace {
 
 cobtest::ReadResult ReadCorpus(const std::string& name) {
-    const auto path = testsupport::CorpusDir() / "cob" / name;
-    CFileIo io;
-    CSceneImportOptions opt;
-    CTruespaceIo parser(io);
-    cobtest::ReadResult r;
-    r.scene.reset(parser.Read(CXStringW(Utf8ToWide(path.string())), opt));
-    r.error = io.GetIoError();
-    r.log = opt.GetLog();
-    return r;
+    return classictest::ReadFileWith<CTruespaceIo>(testsupport::CorpusDir() / "cob" / name);
 }
 
 const C3DGeomObject* Mesh(const C3DScene& s, const wchar_t* name) {

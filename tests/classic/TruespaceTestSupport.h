@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "formats/classic/CTruespaceIo.h"
+#include "tests/classic/ClassicTestSupport.h"
 #include "plugin/host/FileIo.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
@@ -28,12 +29,12 @@ struct Face {
 struct Object {
     std::string type = "PolH"; // or "Grou"
     int32_t id = 0, parent = 0;
-    std::string name;
+    std::string name{};
     uint16_t dup = 0;
     float tm[12] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0}; // 3 rows of 4
-    std::vector<float> points;                           // xyz
-    std::vector<float> uvs;                              // uv
-    std::vector<Face> faces;
+    std::vector<float> points{};                         // xyz
+    std::vector<float> uvs{};                            // uv
+    std::vector<Face> faces{};
 };
 
 struct Mat {
@@ -43,7 +44,7 @@ struct Mat {
     float alpha = 1, ka = 0.25f, ks = 0.5f, exp = 0.1f, ior = 1;
     bool hasKd = false;
     float kd = 0.6f;
-    std::string texture; // t: record (binary only)
+    std::string texture{}; // t: record (binary only)
 };
 
 // Builds one file, binary or ASCII, from chunks added in order.
@@ -216,16 +217,7 @@ class Builder {
     std::string m_out;
 };
 
-struct ReadResult {
-    std::unique_ptr<C3DScene> scene;
-    int error = 0;
-    std::vector<IoLogInfo> log;
-    bool Logged(const std::wstring& part) const {
-        for (const IoLogInfo& l : log)
-            if (l.text.str().find(part) != std::wstring::npos) return true;
-        return false;
-    }
-};
+using classictest::ReadResult;
 
 inline ReadResult Read(const std::string& bytes) {
     CFileIo io;
@@ -234,6 +226,7 @@ inline ReadResult Read(const std::string& bytes) {
     ReadResult r;
     r.scene.reset(parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, opt));
     r.error = io.GetIoError();
+    r.level = io.GetIoErrorLevel();
     r.log = opt.GetLog();
     return r;
 }

@@ -37,7 +37,7 @@ std::unique_ptr<C3DScene> Triangle() {
     return s;
 }
 
-std::string Chunk(const std::string& head, const std::string& body) {
+std::string AsciiChunk(const std::string& head, const std::string& body) {
     char size[16];
     std::snprintf(size, sizeof size, "%08zu", body.size() + 1);
     return head + " Size " + size + "\n" + body;
@@ -52,41 +52,26 @@ std::string Write(const C3DScene& s, bool ascii) {
 // A richer file to go round: a group holding two meshes, UVs, a texture, two materials
 // on one mesh (mat# 1 and 2, kept as they were), a quad and a pentagon, feet.
 std::string Rich() {
-    Builder b(false);
-    Object g;
-    g.type = "Grou";
-    g.id = 10;
-    g.name = "Rig";
-    const float gtm[12] = {0, -1, 0, 5, 1, 0, 0, 0, 0, 0, 1, 2};
-    std::copy(gtm, gtm + 12, g.tm);
-    b.Add(g).Unit(11, 10, 5);
-    Object a;
-    a.id = 20;
-    a.parent = 10;
-    a.name = "Arm";
-    a.dup = 3;
-    const float atm[12] = {0, -1, 0, 6, 1, 0, 0, 1, 0, 0, 1, 2};
-    std::copy(atm, atm + 12, a.tm);
-    a.points = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 2, 0.5f, 0, 0.5f, 2, 0.25f};
-    a.uvs = {0, 0, 1, 0, 1, 1, 0, 1};
-    a.faces = {Face{{{0, 0}, {1, 1}, {2, 2}, {3, 3}}, 1, false},
-               Face{{{1, 1}, {4, 2}, {2, 2}, {5, 3}, {3, 0}}, 2, false}};
-    b.Add(a);
-    Mat m1, m2;
-    m1.id = 21, m1.parent = 20, m1.number = 1, m1.texture = "skin.png";
-    m2.id = 22, m2.parent = 20, m2.number = 2, m2.rgb[1] = 1, m2.alpha = 0.25f, m2.hasKd = true, m2.kd = 0.5f;
-    b.Add(m1).Add(m2);
-    Object leg;
-    leg.id = 30;
-    leg.parent = 10;
-    leg.name = "Leg";
-    leg.points = {0, 0, 0, 0, 0, 1, 1, 0, 0};
-    leg.uvs = {0.5f, 0.5f};
-    leg.faces = {Face{{{0, 0}, {1, 0}, {2, 0}}, 4, false}};
-    Mat m3;
-    m3.id = 31, m3.parent = 30, m3.number = 4, m3.ior = 1.5f;
-    b.Add(leg).Add(m3).End();
-    return b.Bytes();
+    const Object g{.type = "Grou", .id = 10, .name = "Rig", .tm = {0, -1, 0, 5, 1, 0, 0, 0, 0, 0, 1, 2}};
+    const Object arm{.id = 20,
+                     .parent = 10,
+                     .name = "Arm",
+                     .dup = 3,
+                     .tm = {0, -1, 0, 6, 1, 0, 0, 1, 0, 0, 1, 2},
+                     .points = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 2, 0.5f, 0, 0.5f, 2, 0.25f},
+                     .uvs = {0, 0, 1, 0, 1, 1, 0, 1},
+                     .faces = {Face{{{0, 0}, {1, 1}, {2, 2}, {3, 3}}, 1, false},
+                               Face{{{1, 1}, {4, 2}, {2, 2}, {5, 3}, {3, 0}}, 2, false}}};
+    const Mat m1{.id = 21, .parent = 20, .number = 1, .texture = "skin.png"};
+    const Mat m2{.id = 22, .parent = 20, .number = 2, .rgb = {0.5f, 1, 1}, .alpha = 0.25f, .hasKd = true, .kd = 0.5f};
+    const Object leg{.id = 30,
+                     .parent = 10,
+                     .name = "Leg",
+                     .points = {0, 0, 0, 0, 0, 1, 1, 0, 0},
+                     .uvs = {0.5f, 0.5f},
+                     .faces = {Face{{{0, 0}, {1, 0}, {2, 0}}, 4, false}}};
+    const Mat m3{.id = 31, .parent = 30, .number = 4, .ior = 1.5f};
+    return Builder(false).Add(g).Unit(11, 10, 5).Add(arm).Add(m1).Add(m2).Add(leg).Add(m3).End().Bytes();
 }
 
 } // namespace
@@ -94,18 +79,18 @@ std::string Rich() {
 TEST(TruespaceWrite, AsciiTriangleExactBytes) {
     auto s = Triangle();
     std::string expected = "Caligari V00.01ALH             \n";
-    expected += Chunk("PolH V0.08 Id 100 Parent 0",
+    expected += AsciiChunk("PolH V0.08 Id 100 Parent 0",
                       "Name Tri\ncenter 0 0 0\nx axis 1 0 0\ny axis 0 1 0\nz axis 0 0 1\nTransform\n"
                       "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n"
                       "World Vertices 3\n0 0 0\n1 0 0\n0 1 0\n"
                       "Texture Vertices 1\n0 0\n"
                       "Faces 1\nFace verts 3 flags 0 mat 0\n<2,0> <1,0> <0,0> \n"
                       "DrawFlags 0\n");
-    expected += Chunk("Unit V0.01 Id 101 Parent 100", "Units 2\n");
+    expected += AsciiChunk("Unit V0.01 Id 101 Parent 100", "Units 2\n");
     expected +=
-        Chunk("Mat1 V0.08 Id 102 Parent 100", "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
+        AsciiChunk("Mat1 V0.08 Id 102 Parent 100", "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
                                               "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
-    expected += Chunk(
+    expected += AsciiChunk(
         "ShBx V0.04 Id 103 Parent 102",
         "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
         "colour: color (255, 0, 0)\nFlags: 3\n"
@@ -170,14 +155,7 @@ TEST(TruespaceWrite, BinaryRoundTripKeepsTheScene) {
     EXPECT_EQ(Write(*again.scene, false), written);
 }
 
-TEST(TruespaceWrite, AsciiRoundTripKeepsTheScene) {
-    auto first = cobtest::Read(Rich());
-    ASSERT_TRUE(first.scene);
-    auto again = cobtest::Read(Write(*first.scene, true));
-    ASSERT_TRUE(again.scene) << again.error;
-    EXPECT_EQ(cobtest::Describe(*first.scene, 5), cobtest::Describe(*again.scene, 5));
-}
-
+// Both encodings through the parser, after the host's preparation: the scene comes back.
 TEST(TruespaceWrite, SaveThroughTheParserWithItsPreparation) {
     auto first = cobtest::Read(Rich());
     ASSERT_TRUE(first.scene);
@@ -190,7 +168,7 @@ TEST(TruespaceWrite, SaveThroughTheParserWithItsPreparation) {
         if (ascii) opt.GetParserOptions().SetInt(CTruespaceIo::kOptionAscii, 1);
         auto prepared = PrepareSceneForExport(*first.scene, opt.prepFlags, &opt);
         const auto path = dir / (ascii ? "a.cob" : "b.cob");
-        ASSERT_TRUE(parser.Save(CXStringW(Utf8ToWide(path.string())), prepared.get(), opt));
+        ASSERT_TRUE(parser.Save(classictest::WidePath(path), prepared.get(), opt));
         const std::string bytes = testsupport::ReadFile(path);
         EXPECT_EQ(bytes[15], ascii ? 'A' : 'B');
         auto back = cobtest::Read(bytes);
@@ -215,7 +193,7 @@ TEST(TruespaceWrite, LeavesOutWhatItCannotWrite) {
     CSceneExportOptions opt;
     C3DScene empty;
     testsupport::TempDir dir;
-    EXPECT_FALSE(parser.Save(CXStringW(Utf8ToWide((dir / "x.cob").string())), &empty, opt));
+    EXPECT_FALSE(parser.Save(classictest::WidePath(dir / "x.cob"), &empty, opt));
     EXPECT_EQ(io.GetIoError(), IO_ERR_NOTHING_TO_WRITE);
     CFileIo io2;
     CTruespaceIo parser2(io2);

@@ -88,6 +88,14 @@ inline C3DGeomObject* FirstMesh(C3DScene& s, C3DSceneNode** node = nullptr) {
     return n ? static_cast<C3DGeomObject*>(o) : nullptr;
 }
 
+// Every node in traversal order.
+inline std::vector<C3DSceneNode*> Nodes(C3DScene& s) {
+    std::vector<C3DSceneNode*> out;
+    C3DNodePos pos = s.GetFirstNode();
+    while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
+    return out;
+}
+
 // A mesh node with the given points and faces (all faces get `material`).
 inline C3DGeomObject* AddMesh(C3DScene& s, const std::vector<float>& xyz, const std::vector<std::vector<uint32_t>>& faces,
                               const wchar_t* name = L"mesh", uint32_t material = NO_MATERIAL) {

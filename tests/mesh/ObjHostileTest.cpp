@@ -21,6 +21,15 @@ std::vector<std::wstring> MaterialNames(const C3DScene& s) {
     return out;
 }
 
+// Reads OBJ text from memory, its libraries through `loader`.
+std::unique_ptr<C3DScene> ReadObjWith(const std::string& obj, const meshio::MtlLoader& loader) {
+    CFileIo io;
+    CSceneImportOptions opts;
+    return std::unique_ptr<C3DScene>(
+        meshio::ReadObj({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()}, TEXT_MODE_AUTO, loader, io, opts)
+            .scene);
+}
+
 size_t HeapInUse() {
     const struct mallinfo2 m = mallinfo2();
     return m.uordblks + m.hblkhd;
@@ -67,11 +76,7 @@ TEST(ObjHostile, LoaderReadsEachFileOnce) {
     for (int i = 0; i < 200; ++i) obj += "mtllib ." + std::string(size_t(i) + 1, '/') + (i % 2 ? "a.mtl\n" : "b.mtl\n");
     obj += "mtllib ./b.mtl\n"; // spelt as before: not even looked up again
     obj += kTri;
-    CFileIo io;
-    CSceneImportOptions opts;
-    meshio::ObjReadResult res = meshio::ReadObj({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
-                                                TEXT_MODE_AUTO, loader, io, opts);
-    std::unique_ptr<C3DScene> scene(res.scene);
+    std::unique_ptr<C3DScene> scene = ReadObjWith(obj, loader);
     ASSERT_TRUE(scene);
     EXPECT_EQ(read, 2);
     EXPECT_EQ(located, 202);
@@ -89,11 +94,7 @@ TEST(ObjHostile, ManyDistinctLibraryNamesStayLinear) {
         ++calls;
         return false;
     };
-    CFileIo io;
-    CSceneImportOptions opts;
-    meshio::ObjReadResult res = meshio::ReadObj({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
-                                                TEXT_MODE_AUTO, missing, io, opts);
-    std::unique_ptr<C3DScene> scene(res.scene);
+    std::unique_ptr<C3DScene> scene = ReadObjWith(obj, missing);
     ASSERT_TRUE(scene);
     EXPECT_EQ(calls, 200000); // each name looked up once; the old linear search took minutes
 }
@@ -110,11 +111,7 @@ TEST(ObjHostile, EmptyGroupsStayCompact) {
         during = HeapInUse();
         return false;
     };
-    CFileIo io;
-    CSceneImportOptions opts;
-    meshio::ObjReadResult res = meshio::ReadObj({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
-                                                TEXT_MODE_AUTO, probe, io, opts);
-    std::unique_ptr<C3DScene> scene(res.scene);
+    std::unique_ptr<C3DScene> scene = ReadObjWith(obj, probe);
     ASSERT_TRUE(scene);
     // Sanitizer builds replace the allocator and report no heap figures: the bound is then
     // checked only by the plain build.
@@ -123,7 +120,6 @@ TEST(ObjHostile, EmptyGroupsStayCompact) {
     }
     // Only the groups with faces become nodes, in the order the groups were first named.
     std::vector<std::wstring> names;
-    C3DNodePos pos = scene->GetFirstNode();
-    while (C3DSceneNode* n = scene->GetNextNode(pos)) names.emplace_back(n->GetName().view());
+    for (C3DSceneNode* n : Nodes(*scene)) names.emplace_back(n->GetName().view());
     EXPECT_EQ(names, (std::vector<std::wstring>{L"default", L"17", L"tail"}));
 }

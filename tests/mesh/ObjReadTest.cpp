@@ -25,13 +25,6 @@ ReadOutcome ReadObjText(const std::string& obj, const std::string& mtl = "", con
     return ReadPath<CWavefrontIo>(dir / "in.obj", wven);
 }
 
-std::vector<C3DSceneNode*> Nodes(C3DScene& s) {
-    std::vector<C3DSceneNode*> out;
-    C3DNodePos pos = s.GetFirstNode();
-    while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
-    return out;
-}
-
 } // namespace
 
 TEST(ObjRead, FaceFormsAllRead) {
@@ -306,27 +299,25 @@ namespace {
 // flags and materials, and the UV and normal channels.
 std::string Describe(C3DScene& s) {
     std::string out;
-    auto list = [&](const char* tag, const CFaceList& fl) { out += DumpFaces(tag, fl); };
-    auto points = [&](const char* tag, const C3DPointList& pl) { out += DumpPoints(tag, pl); };
     for (C3DSceneNode* n : Nodes(s)) {
         out += "node " + WideToUtf8(n->GetName().view()) + " id " + std::to_string(n->GetNodeID()) + "\n";
         auto* g = static_cast<C3DGeomObject*>(n->GetBaseObject());
         if (!g || !g->GetFaceList()) continue;
-        points("points", *g->GetPointList());
-        list("faces", *g->GetFaceList());
+        out += DumpPoints("points", *g->GetPointList());
+        out += DumpFaces("faces", *g->GetFaceList());
         auto* fl = static_cast<const C3DFaceList*>(g->GetFaceList());
         out += "materials";
         for (int f = 0; f < fl->GetNumberOfFaces(); ++f) out += " " + std::to_string(fl->GetMaterialID(f));
         out += "\n";
         if (auto* uv = g->GetGlobalUVWChannel()) {
             EXPECT_EQ(uv->GetUVWFaceList()->GetNumberOfFaces(), fl->GetNumberOfFaces()) << "UV faces not parallel";
-            points("uv", *uv->GetUVWPointList());
-            list("uvfaces", *uv->GetUVWFaceList());
+            out += DumpPoints("uv", *uv->GetUVWPointList());
+            out += DumpFaces("uvfaces", *uv->GetUVWFaceList());
         }
         if (auto* sn = static_cast<CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))) {
             EXPECT_EQ(sn->GetNormalFaceList()->GetNumberOfFaces(), fl->GetNumberOfFaces()) << "normals not parallel";
-            points("normals", *sn->GetNormalVectorList());
-            list("nfaces", *sn->GetNormalFaceList());
+            out += DumpPoints("normals", *sn->GetNormalVectorList());
+            out += DumpFaces("nfaces", *sn->GetNormalFaceList());
         }
     }
     return out;

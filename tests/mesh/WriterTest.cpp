@@ -119,33 +119,57 @@ TEST(ObjWrite, NodesGroupsAndGlobalIndices) {
     EXPECT_TRUE(r.scene->FindNodeByName(L"two_quoted_"));
 }
 
-TEST(ObjWrite, FailedWriteReportsOpenError) {
-    C3DScene scene;
-    Triangle(scene);
-    testsupport::TempDir dir;
-    int err = 0;
-    EXPECT_FALSE(SaveScene<CWavefrontIo>(&scene, dir / "no" / "x.obj", &err));
-    EXPECT_EQ(err, IO_ERR_OPEN);
+// The export words each writer asks the host for: the preparation flags, the second word
+// (cleared, set, or left as it was), and the writers' own extras.
+TEST(MeshOptions, DefaultWordsOfEveryWriter) {
+    CFileIo io;
+    auto defaults = [](const C3DParser& p, uint32_t wven = 0) {
+        CSceneExportOptions e;
+        e.prepFlags2 = 7;
+        if (wven) e.GetParserOptions().SetUInt(CWavefrontIo::kWvenKey, wven);
+        p.SaveDefaultOptions(e);
+        return e;
+    };
+    const struct {
+        const char* name;
+        CSceneExportOptions e;
+        uint64_t flags;
+        uint32_t flags2;
+    } cases[] = {{"stl", defaults(CStlIo(io)), 0x00000004000C6403ull, 0},
+                 {"ply", defaults(CPlyIo(io)), 0x00000004000E6003ull, 0},
+                 {"ma", defaults(CMayaAsciiIo(io)), 0x0000000400084031ull, 7},
+                 {"obj", defaults(CWavefrontIo(io)), 0x0000000400094003ull, 0x20000}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.e.prepFlags, c.flags) << c.name;
+        EXPECT_EQ(c.e.prepFlags2, c.flags2) << c.name;
+    }
+    EXPECT_EQ(cases[1].e.writerProfile, 68u);
+    EXPECT_EQ(cases[2].e.writerExtra, 4u);
+    EXPECT_EQ(cases[3].e.textOptions[0], 0x3000000u);
+    EXPECT_EQ(cases[3].e.writeBom, 0u);
+    const CSceneExportOptions objAnsi = defaults(CWavefrontIo(io), 2);
+    EXPECT_EQ(objAnsi.writeBom, 1u);
+    EXPECT_EQ(objAnsi.writeBomMtl, 1u);
+    for (auto [wven, mode] : {std::pair(0, 40), std::pair(1, 16), std::pair(2, 8), std::pair(7, 40)})
+        EXPECT_EQ(CWavefrontIo::TextModeFor(wven), mode) << wven;
+    CSceneImportOptions in;
+    CStlIo(io).LoadDefaultOptions(in);
+    EXPECT_EQ(in.readerFlags, 2u);
 }
 
-TEST(ObjOptions, DefaultWordsAndTextModes) {
-    CFileIo io;
-    CWavefrontIo p(io);
-    CSceneExportOptions e;
-    p.SaveDefaultOptions(e);
-    EXPECT_EQ(e.prepFlags, 0x0000000400094003ull);
-    EXPECT_EQ(e.prepFlags2, 0x20000u);
-    EXPECT_EQ(e.textOptions[0], 0x3000000u);
-    EXPECT_EQ(e.writeBom, 0u);
-    CSceneExportOptions e2;
-    e2.GetParserOptions().SetUInt(CWavefrontIo::kWvenKey, 2);
-    p.SaveDefaultOptions(e2);
-    EXPECT_EQ(e2.writeBom, 1u);
-    EXPECT_EQ(e2.writeBomMtl, 1u);
-    EXPECT_EQ(CWavefrontIo::TextModeFor(0), 40);
-    EXPECT_EQ(CWavefrontIo::TextModeFor(1), 16);
-    EXPECT_EQ(CWavefrontIo::TextModeFor(2), 8);
-    EXPECT_EQ(CWavefrontIo::TextModeFor(7), 40);
+// A target folder that does not exist: every writer fails with the open code and
+// creates nothing.
+TEST(MeshWrite, UnopenableTargetReportsOpenError) {
+    C3DScene scene;
+    Triangle(scene)->ComputeFaceNormals();
+    testsupport::TempDir dir;
+    const auto target = dir / "missing";
+    int err = 0;
+    EXPECT_FALSE(SaveScene<CStlIo>(&scene, target / "x.stl", &err) || err != IO_ERR_OPEN) << "stl " << err;
+    EXPECT_FALSE(SaveScene<CWavefrontIo>(&scene, target / "x.obj", &err) || err != IO_ERR_OPEN) << "obj " << err;
+    EXPECT_FALSE(SaveScene<CPlyIo>(&scene, target / "x.ply", &err) || err != IO_ERR_OPEN) << "ply " << err;
+    EXPECT_FALSE(SaveScene<CMayaAsciiIo>(&scene, target / "x.ma", &err) || err != IO_ERR_OPEN) << "ma " << err;
+    EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 TEST(PlyWrite, GoldenPlainMesh) {
@@ -163,15 +187,6 @@ TEST(PlyWrite, GoldenPlainMesh) {
     PutU32(want, 2);
     want += "\xC0\xC0\xC0";
     EXPECT_EQ(testsupport::ReadFile(dir / "t.ply"), want);
-
-    CFileIo io;
-    CPlyIo p(io);
-    CSceneExportOptions e;
-    e.prepFlags2 = 9;
-    p.SaveDefaultOptions(e);
-    EXPECT_EQ(e.writerProfile, 68u);
-    EXPECT_EQ(e.prepFlags, 0x00000004000E6003ull);
-    EXPECT_EQ(e.prepFlags2, 0u);
 }
 
 TEST(PlyWrite, ColoursAndTextureCoordinates) {
@@ -300,15 +315,6 @@ TEST(MayaWrite, TenEdgesPerLineCurvesAndSkippedObjects) {
     ASSERT_TRUE(SaveScene<CMayaAsciiIo>(&empty, dir / "empty.ma"));
     EXPECT_TRUE(std::filesystem::exists(dir / "empty.ma"));
     EXPECT_EQ(testsupport::ReadFile(dir / "empty.ma"), "");
-
-    CFileIo io;
-    CMayaAsciiIo p(io);
-    CSceneExportOptions opts;
-    opts.prepFlags2 = 5;
-    p.SaveDefaultOptions(opts);
-    EXPECT_EQ(opts.prepFlags, 0x0000000400084031ull);
-    EXPECT_EQ(opts.writerExtra, 4u);
-    EXPECT_EQ(opts.prepFlags2, 5u); // left as it was
 }
 
 namespace {

@@ -44,6 +44,10 @@ TEST(VrmlNodeType, TransformDeclaresGroupFirst) {
     EXPECT_EQ(t->findExposedField("translation"), VrmlField::SFVEC3F);
     EXPECT_EQ(t->findExposedField("bboxSize"), 0); // a plain field
     EXPECT_EQ(t->findEventOut("children_changed"), VrmlField::MFNODE);
+    // An exposed field's eventOut is found by its "_changed" name; a plain field has none.
+    VrmlNodeTransform node;
+    EXPECT_EQ(node.getEventOut("translation_changed"), &node.d_translation);
+    EXPECT_EQ(node.getEventOut("bboxSize_changed"), nullptr);
 }
 
 TEST(VrmlNodeType, IndexedLineSetHasOnlyTheSharedDeclarations) {
@@ -161,12 +165,6 @@ TEST(VrmlNode, ExposedFieldEventsSetAndEmit) {
     VrmlMFInt idx;
     q[0]->eventIn(1.0, "set_coordIndex", &idx);
     EXPECT_TRUE(q[0]->isModified());
-}
-
-TEST(VrmlNode, GetEventOutAcceptsTheExposedForm) {
-    VrmlNodeTransform t;
-    EXPECT_EQ(t.getEventOut("translation_changed"), &t.d_translation);
-    EXPECT_EQ(t.getEventOut("bboxSize_changed"), nullptr);
 }
 
 TEST(VrmlNodeGroup, AddChildrenAcceptsOnlyChildNodes) {

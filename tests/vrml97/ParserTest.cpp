@@ -70,16 +70,11 @@ TEST(VrmlParser, CoordIndexGetsItsClosingMinusOne) {
     EXPECT_EQ(Ints(ifs->d_colorIndex), (std::vector<int32_t>{3}));
 }
 
-TEST(VrmlParser, IntegersReadTheStrtolWayWithOctal) {
-    auto p = ParseVrml("Switch { whichChoice 010 } Switch { whichChoice 0x1F } Switch { whichChoice -12 }");
-    ASSERT_EQ(p.size(), 3u);
-    EXPECT_EQ(p[0]->asSwitch()->d_whichChoice.get(), 8);
-    EXPECT_EQ(p[1]->asSwitch()->d_whichChoice.get(), 31);
-    EXPECT_EQ(p[2]->asSwitch()->d_whichChoice.get(), -12);
-}
-
-TEST(VrmlParser, IntegersBeyond32BitsSaturateInsteadOfWrapping) {
+// Integers read the strtol way (octal and hex included), and beyond 32 bits they
+// saturate instead of wrapping, in single values and in lists alike.
+TEST(VrmlParser, IntegersReadTheStrtolWayAndSaturate) {
     const std::pair<const char*, int32_t> cases[] = {
+        {"010", 8},                   {"0x1F", 31},                  {"-12", -12},
         {"2147483647", 2147483647},   {"2147483648", 2147483647},    {"4294967295", 2147483647},
         {"4294967296", 2147483647},   {"99999999999", 2147483647},   {"0xFFFFFFFF", 2147483647},
         {"037777777777", 2147483647}, {"-2147483648", INT32_MIN},    {"-2147483649", INT32_MIN},
@@ -100,33 +95,24 @@ TEST(VrmlParser, IntegersBeyond32BitsSaturateInsteadOfWrapping) {
     EXPECT_EQ(img.pixels()[2], 0x00); // -2^31: low byte 00
 }
 
-TEST(VrmlParser, AnEmptyImageOfNoComponentsIsValid) {
-    // PixelTexture's own default, written out: no complaint, an empty image.
-    auto p = ParseVrml("PixelTexture { image 0 0 0 } PixelTexture { image 1 1 1 7 }");
-    EXPECT_EQ(p.diagnostics, "");
-    ASSERT_EQ(p.size(), 2u);
-    const VrmlSFImage& img = p[0]->asPixelTexture()->d_image;
-    EXPECT_EQ(img.width(), 0);
-    EXPECT_EQ(img.height(), 0);
-    EXPECT_EQ(img.componentCount(), 0);
-    EXPECT_EQ(p[1]->asPixelTexture()->d_image.pixels()[0], 7);
-    // A count beyond four components is still refused.
-    auto q = ParseVrml("PixelTexture { image 1 1 5 7 }");
-    EXPECT_NE(q.diagnostics.find("invalid SFImage size"), std::string::npos);
-}
-
-TEST(VrmlParser, ImagePixelsKeepOnlyTheLowByte) {
-    auto p = ParseVrml("PixelTexture { image 1 1 3 255 } PixelTexture { image 1 1 3 0xFF0000 }"
+// PixelTexture's own default written out is an empty image, without complaint; pixels
+// keep only their low byte.
+TEST(VrmlParser, ImagesKeepTheLowByteAndMayBeEmpty) {
+    auto p = ParseVrml("PixelTexture { image 0 0 0 } PixelTexture { image 1 1 3 255 } PixelTexture { image 1 1 3 0xFF0000 }"
                        "PixelTexture { image 2 1 1 0x12 0x3456 }");
-    ASSERT_EQ(p.size(), 3u);
-    const VrmlSFImage& a = p[0]->asPixelTexture()->d_image;
+    EXPECT_EQ(p.diagnostics, "");
+    ASSERT_EQ(p.size(), 4u);
+    const VrmlSFImage& e = p[0]->asPixelTexture()->d_image;
+    EXPECT_EQ(e.width(), 0);
+    EXPECT_EQ(e.height(), 0);
+    EXPECT_EQ(e.componentCount(), 0);
+    const VrmlSFImage& a = p[1]->asPixelTexture()->d_image;
     ASSERT_EQ(a.componentCount(), 3);
     EXPECT_EQ(a.pixels()[0], 0xFF);
     EXPECT_EQ(a.pixels()[1], 0);
     EXPECT_EQ(a.pixels()[2], 0);
-    const VrmlSFImage& b = p[1]->asPixelTexture()->d_image;
-    EXPECT_EQ(b.pixels()[0], 0);
-    const VrmlSFImage& c = p[2]->asPixelTexture()->d_image;
+    EXPECT_EQ(p[2]->asPixelTexture()->d_image.pixels()[0], 0);
+    const VrmlSFImage& c = p[3]->asPixelTexture()->d_image;
     EXPECT_EQ(c.pixels()[0], 0x12);
     EXPECT_EQ(c.pixels()[1], 0x56);
 }

@@ -73,10 +73,7 @@ TEST(VrmlProto, RoutesAddedBeforeInstantiationReachTheClones) {
     VrmlNodeProto* b = p[0]->asProto();
     ASSERT_TRUE(b);
     b->instantiate();
-    VrmlNode* ts = nullptr;
-    b->getNodes()[0]->visitChildren([](VrmlNode*) {});
-    VrmlNode* tr = b->getNodes()[0];
-    ts = tr->asTransform()->d_children[2];
+    VrmlNode* ts = b->getNodes()[0]->asTransform()->d_children[2];
     ASSERT_TRUE(ts && ts->asTouchSensor());
     ASSERT_EQ(ts->routes().size(), 1u);
     EXPECT_EQ(ts->routes()[0].fromEventOut, "touchTime");
@@ -115,9 +112,7 @@ TEST(VrmlProto, SelfReferenceCannotRecurse) {
     auto p = ParseVrml("PROTO P [] { Group { children P {} } } P {}");
     EXPECT_NE(p.diagnostics.find("Unknown node type 'P'"), std::string::npos);
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-    delete nodes;
+    AdoptWorld(scene, p);
 }
 
 TEST(VrmlProto, ExternProtoFetchesLocalFilesAndStopsCycles) {
@@ -158,9 +153,7 @@ TEST(VrmlProto, NestedInstantiationIsBounded) {
     text += "L40 {}\n";
     auto p = ParseVrml(text);
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
-    delete nodes;
+    std::string msg = CaptureDiagnostics([&] { AdoptWorld(scene, p); });
     // Nesting is allowed deep; the clone budget is what ends the doubling.
     EXPECT_NE(msg.find("too many nodes cloned"), std::string::npos);
     EXPECT_EQ(msg.find("nested too deeply"), std::string::npos);
@@ -178,9 +171,7 @@ TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {
         text += "P19 {}\n";
         auto p = ParseVrml(text);
         VrmlScene scene;
-        VrmlMFNode* nodes = p.nodes.release();
-        std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
-        delete nodes;
+        std::string msg = CaptureDiagnostics([&] { AdoptWorld(scene, p); });
         EXPECT_EQ(msg, "") << wrap;
         ASSERT_EQ(scene.root()->size(), 1u) << wrap;
         std::map<std::string, size_t> counts;
@@ -194,9 +185,7 @@ TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {
     deep += "P200 {}\n";
     auto p = ParseVrml(deep);
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    std::string msg = CaptureDiagnostics([&] { scene.replaceWorld(*nodes, p.ns, nullptr, nullptr); });
-    delete nodes;
+    std::string msg = CaptureDiagnostics([&] { AdoptWorld(scene, p); });
     EXPECT_NE(msg.find("nested too deeply"), std::string::npos);
 }
 

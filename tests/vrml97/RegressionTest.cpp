@@ -16,13 +16,11 @@ TEST(VrmlRegressions, EverySavedInputReads) {
         auto p = ParseVrml(data);
         VrmlScene scene;
         if (p.nodes) {
-            VrmlMFNode* nodes = p.nodes.release();
             CaptureDiagnostics([&] {
-                scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
+                AdoptWorld(scene, p);
                 std::ostringstream os;
                 scene.save(os);
             });
-            delete nodes;
         }
         ++n;
     }

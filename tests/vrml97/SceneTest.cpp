@@ -14,21 +14,19 @@
 
 namespace {
 
-// Records what would have gone to a web browser.
+// Records what would have gone to a web browser, while it is installed.
 class BrowserSpy : public System {
 public:
+    BrowserSpy() { theSystem = this; }
+    ~BrowserSpy() override { theSystem = m_old; }
     bool openInBrowser(const char* url, int, char**) override {
         urls.push_back(url);
         return false;
     }
     std::vector<std::string> urls;
-};
 
-struct SpyInstall {
-    BrowserSpy spy;
-    System* old = theSystem;
-    SpyInstall() { theSystem = &spy; }
-    ~SpyInstall() { theSystem = old; }
+private:
+    System* m_old = theSystem;
 };
 
 std::string Save(VrmlScene& s) {
@@ -68,11 +66,9 @@ TEST(VrmlScene, LoadFromUrlsUsesOnlyBackslashAsSeparator) {
     std::filesystem::create_directories(dir / "models");
     testsupport::WriteFile(dir / "models" / "part.wrl", "#VRML V2.0 utf8\nDEF Cam Viewpoint {} DEF Other Viewpoint {}\n");
     testsupport::WriteFile(dir / "a.wrl.gz", "#VRML V2.0 utf8\nShape { geometry Box {} }\n"); // the name decides, not the bytes
-    SpyInstall spy;
+    BrowserSpy spy;
     VrmlScene scene;
     std::string base = dir.path().string() + "/";
-    std::string part = base + "models\\part.wrl#Cam";
-    // The backslash path resolves on this system only through the name part; use a local copy.
     {
         std::string real = base + "models/part.wrl#Cam";
         VrmlMFString urls(real.c_str());
@@ -83,14 +79,14 @@ TEST(VrmlScene, LoadFromUrlsUsesOnlyBackslashAsSeparator) {
         std::string htm = base + "models\\part.htm";
         VrmlMFString urls(htm.c_str());
         EXPECT_FALSE(scene.loadFromUrls(&urls));
-        ASSERT_EQ(spy.spy.urls.size(), 1u);
-        EXPECT_EQ(spy.spy.urls[0], htm);
+        ASSERT_EQ(spy.urls.size(), 1u);
+        EXPECT_EQ(spy.urls[0], htm);
     }
     {
         std::string bare = base + "x\\.wrl"; // name part ".wrl" is only 4 characters
         VrmlMFString urls(bare.c_str());
         EXPECT_FALSE(scene.loadFromUrls(&urls));
-        EXPECT_EQ(spy.spy.urls.size(), 2u);
+        EXPECT_EQ(spy.urls.size(), 2u);
     }
     {
         // A slash is not a separator here: "dir/page.htm/x" has no world extension.
@@ -98,14 +94,14 @@ TEST(VrmlScene, LoadFromUrlsUsesOnlyBackslashAsSeparator) {
         const char* list[] = {nullptr, gz.c_str()};
         VrmlMFString urls(2, list);
         EXPECT_TRUE(scene.loadFromUrls(&urls));
-        EXPECT_EQ(spy.spy.urls.size(), 2u);
+        EXPECT_EQ(spy.urls.size(), 2u);
         EXPECT_TRUE(scene.root()->child(0)->asShape());
     }
     {
         std::string slashy = base + "models/part.wrl/view";
         VrmlMFString urls(slashy.c_str());
         EXPECT_FALSE(scene.loadFromUrls(&urls));
-        EXPECT_EQ(spy.spy.urls.size(), 3u);
+        EXPECT_EQ(spy.urls.size(), 3u);
     }
 }
 
@@ -152,9 +148,7 @@ TEST(VrmlScene, SaveStopsOnSharingThatMultipliesTheText) {
                 " Transform { children USE A" + std::to_string(k - 1) + " } ] }\n";
     auto p = ParseVrml(text);
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-    delete nodes;
+    AdoptWorld(scene, p);
     // Cut by the bytes written...
     std::ostringstream os;
     bool ok = true;
@@ -191,9 +185,7 @@ TEST(VrmlScene, AScriptCannotHoldItselfOrItsParentThroughIs) {
     VrmlNode* inner = p[1]->asGroup()->child(0);
     EXPECT_EQ(inner->getField("s")->asSFNode()->get(), p[0]); // a finished node may be named
     VrmlScene scene;
-    VrmlMFNode* nodes = p.nodes.release();
-    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-    delete nodes;
+    AdoptWorld(scene, p);
     std::ostringstream os;
     EXPECT_TRUE(scene.save(os));
     EXPECT_EQ(os.str().find("USE"), std::string::npos) << os.str();
@@ -254,9 +246,7 @@ TEST(VrmlScene, ALongChainOfSharedNodesIsReleasedWithoutRecursion) {
     ASSERT_EQ(p.size(), static_cast<size_t>(links));
     {
         VrmlScene scene;
-        VrmlMFNode* nodes = p.nodes.release();
-        scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
-        delete nodes;
+        AdoptWorld(scene, p);
         p.ns.reset();
     } // the scene, its namespace and the whole chain go here
     SUCCEED();

@@ -25,6 +25,12 @@ inline Parsed ParseVrml(const std::string& text) {
     return p;
 }
 
+// Hands the parsed nodes and their namespace to `scene` as its world.
+inline void AdoptWorld(VrmlScene& scene, Parsed& p) {
+    std::unique_ptr<VrmlMFNode> nodes = std::move(p.nodes);
+    scene.replaceWorld(*nodes, p.ns, nullptr, nullptr);
+}
+
 inline std::string PrintField(const VrmlField& f) {
     std::ostringstream os;
     f.print(os);
