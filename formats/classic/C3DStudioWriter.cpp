@@ -11,6 +11,7 @@
 #include "plugin/host/Keys.h"
 #include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/TextHelpers.h"
 
 namespace {
 
@@ -20,11 +21,7 @@ constexpr uint32_t kMaxCount = 65535;
 // 3DS strings are 8-bit: Latin-1, anything beyond becomes '?'.
 std::string Narrow(const CXStringW& s) {
     std::string out;
-    out.reserve(s.size());
-    for (wchar_t c : s.view()) {
-        if (c == 0) break;
-        out += static_cast<unsigned>(c) < 256 ? static_cast<char>(c) : '?';
-    }
+    AppendLatin1(out, s.view().substr(0, s.view().find(L'\0')));
     return out;
 }
 
