@@ -1,10 +1,10 @@
 // CVrml97Io::ReadMemory: the same scene as a read from a file, gzip inflated in
 // memory, and no file touched: Inline worlds and EXTERNPROTOs are not read.
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <span>
 
+#include "tests/vrml97/GzipTestUtil.h"
 #include "tests/vrml97/import/ImportTestUtil.h"
 #include "vrml/vrml97/Doc.h"
 
@@ -23,20 +23,6 @@ ReadResult ReadBytes(const std::string& bytes) {
     r.level = io.GetIoErrorLevel();
     for (auto& l : options.GetLog()) r.log.push_back(l.text.str());
     return r;
-}
-
-std::string Gzip(const std::string& data) {
-    z_stream z{};
-    EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    std::string out(deflateBound(&z, data.size()) + 32, '\0');
-    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-    z.avail_in = static_cast<uInt>(data.size());
-    z.next_out = reinterpret_cast<Bytef*>(out.data());
-    z.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
 }
 
 const char* kBoxes = "DEF A Transform { translation 1 2 3 children Shape { geometry Box {} } }\n"
