@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "plugin/host/BinaryCursor.h"
-#include "plugin/host/ChunkWalker.h"
+#include "plugin/host/ChunkLayout.h"
 
 class IoFile;
 

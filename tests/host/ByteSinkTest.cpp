@@ -1,6 +1,7 @@
 // The writers' byte sink: chunk headers read back by the chunk walker, sizes patched
 // whether the header is still buffered or already out, and the size-field limits.
 #include "plugin/host/ByteSink.h"
+#include "plugin/host/ChunkWalker.h"
 
 #include <gtest/gtest.h>
 
