@@ -37,8 +37,13 @@ TEST(Vrml97ImportMemory, AWorldInMemoryGivesTheSceneItsFileGives) {
     ASSERT_TRUE(mem.scene);
     const auto a = AllNodes(*file.scene), b = AllNodes(*mem.scene);
     ASSERT_EQ(a.size(), b.size());
+    // Generated names carry the process-wide counter, which the second read continues.
+    auto shape = [](std::string n) {
+        std::erase_if(n, [](char c) { return c >= '0' && c <= '9'; });
+        return n;
+    };
     for (size_t i = 0; i < a.size(); ++i) {
-        EXPECT_EQ(Name(a[i]), Name(b[i]));
+        EXPECT_EQ(shape(Name(a[i])), shape(Name(b[i])));
         EXPECT_EQ(a[i]->GetKindOf(), b[i]->GetKindOf());
     }
     EXPECT_EQ(mem.scene->GetUnit(), 5);
