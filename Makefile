@@ -4,9 +4,10 @@
 BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config python3-jsonschema pybind11-dev python3-dev python3-numpy python3-pytest
 FUZZ_PKGS  := clang libclang-rt-14-dev
 BENCH_PKGS := libassimp-dev libtinyobjloader-dev time python3-meshio
+FORMAT_PKGS := clang-format-14
 JOBS ?= $(shell nproc)
 
-.PHONY: all demo test test-asan fuzz fuzz-run bench deps deps-fuzz deps-bench build build-asan clean consumer
+.PHONY: all demo test test-asan fuzz fuzz-run bench deps deps-fuzz deps-bench deps-format format-check build build-asan clean consumer
 
 all: build
 
@@ -18,6 +19,13 @@ deps-fuzz:
 
 deps-bench:
 	@./tools/ensure-packages.sh $(BUILD_PKGS) $(BENCH_PKGS)
+
+deps-format:
+	@./tools/ensure-packages.sh $(FORMAT_PKGS)
+
+# Formatting drift against .clang-format (skips with a message without clang-format-14).
+format-check: deps-format
+	@./tools/check-format.sh
 
 build: deps
 	@cmake --preset default >/dev/null

@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/XString.h"
 
 namespace {
@@ -21,9 +22,6 @@ std::string_view SkipSpace(std::string_view s) {
     return s.substr(i);
 }
 
-bool StartsWithNoCase(std::string_view s, std::string_view word) {
-    return s.size() >= word.size() && CXStringA(s.substr(0, word.size())).CompareNoCase(word) == 0;
-}
 
 // IFF container: "FORM", a size, then the form type.
 bool IsForm(std::span<const uint8_t> head, std::string_view type) {

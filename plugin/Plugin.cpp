@@ -8,11 +8,7 @@
 #define ORBISCOPE_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
-CXStringW Widen(const char* s) {
-    CXStringW w;
-    for (; *s; ++s) w += static_cast<wchar_t>(static_cast<unsigned char>(*s));
-    return w;
-}
+CXStringW Widen(const char* s) { return CXStringW(WidenBytes(s)); }
 
 void AppendFormats(CXArray<CFileExt>& list) {
     // One record reused for every row, as the host expects appended copies.

@@ -11,20 +11,17 @@
 #include "plugin/host/Keys.h"
 #include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/TextHelpers.h"
 
 namespace {
 
-constexpr size_t kFlushBytes = 4u << 20;
+constexpr size_t kBufferBytes = 4u << 20;
 constexpr uint32_t kMaxCount = 65535;
 
 // 3DS strings are 8-bit: Latin-1, anything beyond becomes '?'.
 std::string Narrow(const CXStringW& s) {
     std::string out;
-    out.reserve(s.size());
-    for (wchar_t c : s.view()) {
-        if (c == 0) break;
-        out += static_cast<unsigned>(c) < 256 ? static_cast<char>(c) : '?';
-    }
+    AppendLatin1(out, s.view().substr(0, s.view().find(L'\0')));
     return out;
 }
 
@@ -53,9 +50,7 @@ CTCBParams SplineAt(const C3DKeyframable& k, uint64_t type, int32_t time) {
 
 } // namespace
 
-C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene) : m_file(file), m_scene(scene) {
-    m_buf.reserve(kFlushBytes + (1u << 20));
-}
+C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene) : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene) {}
 
 uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
     const auto& off = faces.GetOffsets();
@@ -69,72 +64,34 @@ CXStringW C3DStudioWriter::ShortTextureName(const CXStringW& path) {
     return name.GetNameWithoutExt().Left(8) + name.GetExtension().Left(4);
 }
 
-uint8_t* C3DStudioWriter::Grow(size_t n) {
-    size_t at = m_buf.size();
-    m_buf.resize(at + n);
-    return m_buf.data() + at;
-}
-void C3DStudioWriter::PutU16(uint16_t v) { PutU16le(Grow(2), v); }
-void C3DStudioWriter::PutU32(uint32_t v) { PutU32le(Grow(4), v); }
-void C3DStudioWriter::PutF32(float v) { PutF32le(Grow(4), v); }
 void C3DStudioWriter::PutString(const CXStringW& s) {
     std::string n = Narrow(s);
-    uint8_t* p = Grow(n.size() + 1);
+    uint8_t* p = m_out.Reserve(n.size() + 1);
     std::memcpy(p, n.data(), n.size());
     p[n.size()] = 0;
 }
 
-void C3DStudioWriter::Begin(uint16_t id) {
-    m_open.push_back(m_flushed + m_buf.size());
-    uint8_t* p = Grow(6);
-    PutU16le(p, id);
-    PutU32le(p + 2, 0);
-}
+void C3DStudioWriter::Begin(uint16_t id) { m_open.push_back(m_out.BeginChunk(kChunk3DS, id)); }
 
 void C3DStudioWriter::End() {
-    const uint64_t start = m_open.back();
+    m_out.EndChunk(m_open.back());
     m_open.pop_back();
-    const uint64_t end = m_flushed + m_buf.size();
-    const uint32_t len = static_cast<uint32_t>(end - start);
-    if (start >= m_flushed) {
-        PutU32le(m_buf.data() + (start - m_flushed) + 2, len);
-    } else {
-        // The header already went to the file: seek back, rewrite, return to the end.
-        uint8_t b[4];
-        PutU32le(b, len);
-        if (!m_file.FileSeek(static_cast<int64_t>(start + 2), 0) || !m_file.FileWrite(b, 4) ||
-            !m_file.FileSeek(static_cast<int64_t>(m_flushed), 0))
-            m_failed = true;
-    }
-    FlushIfFull();
-}
-
-void C3DStudioWriter::FlushIfFull() {
-    if (m_buf.size() >= kFlushBytes) Flush();
-}
-
-bool C3DStudioWriter::Flush() {
-    if (m_buf.empty()) return true;
-    if (!m_file.FileWrite(m_buf.data(), m_buf.size())) m_failed = true;
-    m_flushed += m_buf.size();
-    m_buf.clear();
-    return !m_failed;
 }
 
 bool C3DStudioWriter::Write() {
     Begin(0x4D4D);
     Begin(0x0002);
-    PutU32(3);
+    m_out.U32le(3);
     End();
 
     Begin(0x3D3D);
     Begin(0x3D3E);
-    PutU32(3);
+    m_out.U32le(3);
     End();
     CMaterialPos mpos;
     for (C3DMaterial* m = m_scene.GetFirstMaterial(mpos); m; m = m_scene.GetNextMaterial(mpos)) WriteMaterial(*m);
     Begin(0x0100);
-    PutF32(m_scene.GetUnit() == UNIT_NONE ? 1.0f : static_cast<float>(m_scene.GetScaleFactor() / 2.54));
+    m_out.F32le(m_scene.GetUnit() == UNIT_NONE ? 1.0f : static_cast<float>(m_scene.GetScaleFactor() / 2.54));
     End();
     // Transforms at time 0 in tree order (parents first), each from its parent's.
     C3DBaseObject* obj = nullptr;
@@ -164,16 +121,16 @@ bool C3DStudioWriter::Write() {
     m_nodeCounter = 0;
     Begin(0xB000);
     Begin(0xB00A);
-    PutU16(5);
+    m_out.U16le(5);
     PutString(CXStringW());
-    PutU32(100);
+    m_out.U32le(100);
     End();
     Begin(0xB008);
-    PutU32(0);
-    PutU32(100);
+    m_out.U32le(0);
+    m_out.U32le(100);
     End();
     Begin(0xB009);
-    PutU32(0);
+    m_out.U32le(0);
     End();
     pos = m_scene.GetFirstNode(KINDOF_ALL);
     while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
@@ -182,8 +139,7 @@ bool C3DStudioWriter::Write() {
     }
     End();
     End();
-    Flush();
-    return !m_failed;
+    return m_out.Flush();
 }
 
 void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
@@ -203,7 +159,7 @@ void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
     for (int i = 0; i < 3; ++i) {
         Begin(static_cast<uint16_t>(0xA010 + 0x10 * i));
         Begin(0x0011);
-        uint8_t* p = Grow(3);
+        uint8_t* p = m_out.Reserve(3);
         p[0] = colors[i]->r;
         p[1] = colors[i]->g;
         p[2] = colors[i]->b;
@@ -212,13 +168,13 @@ void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
     }
     Begin(0xA050);
     Begin(0x0031);
-    PutF32(m.transparency);
+    m_out.F32le(m.transparency);
     End();
     End();
     if (const CMaterialMap* map = m.GetMaterialMap(MAP_DIFFUSE)) {
         Begin(0xA200);
         Begin(0x0030);
-        PutU16(100);
+        m_out.U16le(100);
         End();
         Begin(0xA300);
         PutString(ShortTextureName(map->file));
@@ -259,9 +215,9 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
 
     const size_t np = pts.size();
     Begin(0x4110);
-    PutU16(static_cast<uint16_t>(np));
+    m_out.U16le(static_cast<uint16_t>(np));
     {
-        uint8_t* out = Grow(np * 12);
+        uint8_t* out = m_out.Reserve(np * 12);
         const float* in = pts.GetData();
         for (size_t i = 0; i < np; ++i) {
             C3DPoint p(in[i * 3], in[i * 3 + 1], in[i * 3 + 2]);
@@ -280,8 +236,8 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
         const CUVWPointList& up = *uv->GetUVWPointList();
         const size_t nuv = up.size();
         Begin(0x4140);
-        PutU16(static_cast<uint16_t>(np));
-        uint8_t* out = Grow(np * 8);
+        m_out.U16le(static_cast<uint16_t>(np));
+        uint8_t* out = m_out.Reserve(np * 8);
         const float* d = up.GetData();
         for (size_t i = 0; i < np; ++i) {
             float u = 0, v = 0;
@@ -297,7 +253,7 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
 
     Begin(0x4160);
     for (int r = 0; r < 4; ++r)
-        for (int k = 0; k < 3; ++k) PutF32(tm.m[r][k]);
+        for (int k = 0; k < 3; ++k) m_out.F32le(tm.m[r][k]);
     End();
 
     // Triangles: quads split in two, larger faces keep their first triangle only.
@@ -306,9 +262,9 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
     std::vector<uint32_t> triMaterial;
     triMaterial.reserve(ntri);
     Begin(0x4120);
-    PutU16(static_cast<uint16_t>(ntri));
+    m_out.U16le(static_cast<uint16_t>(ntri));
     {
-        uint8_t* out = Grow(ntri * 8);
+        uint8_t* out = m_out.Reserve(ntri * 8);
         auto tri = [&](uint32_t a, uint32_t b, uint32_t c, uint16_t flags, uint32_t mat) {
             PutU16le(out, static_cast<uint16_t>(a));
             PutU16le(out + 2, static_cast<uint16_t>(b));
@@ -371,8 +327,8 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
         const CXStringW* written = m_materialWritten.Find(mat);
         PutString(written ? *written : CXStringW());
         const uint32_t n = groups[g].second;
-        PutU16(static_cast<uint16_t>(n));
-        uint8_t* out = Grow(size_t(n) * 2);
+        m_out.U16le(static_cast<uint16_t>(n));
+        uint8_t* out = m_out.Reserve(size_t(n) * 2);
         for (uint32_t k = 0; k < n; ++k) PutU16le(out + k * 2, numbers[start[g] + k]);
         End();
     }
@@ -392,19 +348,19 @@ void C3DStudioWriter::WriteNode(C3DSceneNode& node, uint32_t kind) {
     m_nodeIDs.SetAt(&node, id);
     Begin(0xB002);
     Begin(0xB030);
-    PutU16(static_cast<uint16_t>(id));
+    m_out.U16le(static_cast<uint16_t>(id));
     End();
 
     Begin(0xB010);
     PutString(kind == KINDOF_GROUP ? CXStringW(L"$$$DUMMY") : NodeName(node));
-    PutU16(0x4000);
-    PutU16(0);
+    m_out.U16le(0x4000);
+    m_out.U16le(0);
     uint16_t parentID = 0xFFFF;
     const C3DSceneNode* parent = node.GetParent();
     if (parent && parent != m_scene.GetRoot()) {
         if (const uint32_t* pid = m_nodeIDs.Find(parent)) parentID = static_cast<uint16_t>(*pid);
     }
-    PutU16(parentID);
+    m_out.U16le(parentID);
     End();
 
     Begin(0xB013);
@@ -412,9 +368,9 @@ void C3DStudioWriter::WriteNode(C3DSceneNode& node, uint32_t kind) {
     if (node.GetKeyNbr(KEY_PIVOT) > 0) {
         if (const auto* k = dynamic_cast<const C3DVectorKey*>(node.GetKeyByIndex(KEY_PIVOT, 0))) pivot = -k->value;
     }
-    PutF32(pivot.x);
-    PutF32(pivot.y);
-    PutF32(pivot.z);
+    m_out.F32le(pivot.x);
+    m_out.F32le(pivot.y);
+    m_out.F32le(pivot.z);
     End();
 
     if (kind == KINDOF_GROUP) {
@@ -425,12 +381,12 @@ void C3DStudioWriter::WriteNode(C3DSceneNode& node, uint32_t kind) {
         Begin(0xB014);
         C3DBox box;
         if (!node.GetBoundingBox(0, box, false) || !box.IsValid()) box.min = box.max = C3DPoint();
-        PutF32(box.min.x);
-        PutF32(box.min.y);
-        PutF32(box.min.z);
-        PutF32(box.max.x);
-        PutF32(box.max.y);
-        PutF32(box.max.z);
+        m_out.F32le(box.min.x);
+        m_out.F32le(box.min.y);
+        m_out.F32le(box.min.z);
+        m_out.F32le(box.max.x);
+        m_out.F32le(box.max.y);
+        m_out.F32le(box.max.z);
         End();
     } else {
         WriteTracks(node);
@@ -490,28 +446,28 @@ void C3DStudioWriter::WriteTracks(C3DSceneNode& node) {
     for (int track = 0; track < 3; ++track) {
         if (!counts[track]) continue;
         Begin(static_cast<uint16_t>(0xB020 + track));
-        PutU16(0);
-        PutU32(0);
-        PutU32(0);
-        PutU32(counts[track]);
+        m_out.U16le(0);
+        m_out.U32le(0);
+        m_out.U32le(0);
+        m_out.U32le(counts[track]);
         for (size_t i = 0; i < samples.size(); ++i) {
             const Sample& sm = samples[i];
             if (track == 0 ? !usesPos(sm, i) : track == 1 ? !usesRot(sm) : !usesScale(sm)) continue;
-            PutU32(static_cast<uint32_t>(sm.time));
+            m_out.U32le(static_cast<uint32_t>(sm.time));
             CTCBParams tcb = SplineAt(node, kTags[track], sm.time);
             const float v[5] = {tcb.tension, tcb.continuity, tcb.bias, tcb.easeIn, tcb.easeOut};
             uint16_t flags = 0;
             for (int b = 0; b < 5; ++b)
                 if (v[b] != 0.0f) flags = static_cast<uint16_t>(flags | (1u << b));
-            PutU16(flags);
+            m_out.U16le(flags);
             for (int b = 0; b < 5; ++b)
-                if (v[b] != 0.0f) PutF32(v[b]);
+                if (v[b] != 0.0f) m_out.F32le(v[b]);
             if (track == 0) {
-                PutF32(sm.t.x); PutF32(sm.t.y); PutF32(sm.t.z);
+                m_out.F32le(sm.t.x); m_out.F32le(sm.t.y); m_out.F32le(sm.t.z);
             } else if (track == 1) {
-                PutF32(sm.angle); PutF32(sm.axis.x); PutF32(sm.axis.y); PutF32(sm.axis.z);
+                m_out.F32le(sm.angle); m_out.F32le(sm.axis.x); m_out.F32le(sm.axis.y); m_out.F32le(sm.axis.z);
             } else {
-                PutF32(sm.s.x); PutF32(sm.s.y); PutF32(sm.s.z);
+                m_out.F32le(sm.s.x); m_out.F32le(sm.s.y); m_out.F32le(sm.s.z);
             }
         }
         End();

@@ -9,11 +9,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "plugin/host/ByteSink.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
-
-class IoFile;
 
 class C3DStudioWriter {
 public:
@@ -27,17 +26,10 @@ public:
     static CXStringW ShortTextureName(const CXStringW& path);
 
 private:
-    // Chunk output: bytes gather in a buffer; a chunk's length is patched when it
-    // ends, in the buffer or, once flushed, in the file.
+    // Chunks nest: End closes the last one begun.
     void Begin(uint16_t id);
     void End();
-    uint8_t* Grow(size_t n);
-    void PutU16(uint16_t v);
-    void PutU32(uint32_t v);
-    void PutF32(float v);
     void PutString(const CXStringW& s);
-    void FlushIfFull();
-    bool Flush();
 
     void WriteMaterial(const C3DMaterial& m);
     bool IsExported(const C3DSceneNode& node, const C3DBaseObject* obj) const;
@@ -46,12 +38,10 @@ private:
     void WriteTracks(C3DSceneNode& node);
     const CXStringW& NodeName(const C3DSceneNode& node);
 
-    IoFile& m_file;
+    CIoFileTarget m_target;
+    CByteSink m_out;
     C3DScene& m_scene;
-    std::vector<uint8_t> m_buf;
-    uint64_t m_flushed = 0;
-    std::vector<uint64_t> m_open;
-    bool m_failed = false;
+    std::vector<CByteSink::Mark> m_open;
 
     CHashTable<CXStringW> m_objectNames{23};
     CHashTable<CXStringW> m_materialNames{23};

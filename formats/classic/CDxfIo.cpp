@@ -10,6 +10,7 @@
 #include "plugin/host/Object.h"
 #include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/TextHelpers.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ public:
     void Pair(const char* code, const CXStringW& value) {
         m_s += code;
         m_s += '\n';
-        for (wchar_t c : value.view()) m_s += static_cast<uint32_t>(c) <= 0xFF ? static_cast<char>(c) : '?';
+        AppendLatin1(m_s, value.view());
         m_s += '\n';
     }
     void PairInt(const char* code, long long value) {

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "plugin/host/BinaryCursor.h"
+#include "plugin/host/ByteSink.h"
 #include "plugin/host/Channel.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Material.h"
@@ -22,61 +23,51 @@ namespace {
 
 constexpr uint32_t kMaxCorners = 1023;
 
+// The host's byte sink over the output vector, with IFF chunk layouts.
 class Sink {
 public:
-    explicit Sink(std::vector<uint8_t>& b) : m_b(b) {}
-    void Id(const char* id) { m_b.insert(m_b.end(), id, id + 4); }
-    void U8(uint8_t v) { m_b.push_back(v); }
-    void U16(uint16_t v) {
-        const size_t at = Grow(2);
-        PutU16be(&m_b[at], v);
-    }
-    void U32(uint32_t v) {
-        const size_t at = Grow(4);
-        PutU32be(&m_b[at], v);
-    }
-    void F32(float f) {
-        const size_t at = Grow(4);
-        PutF32be(&m_b[at], f);
-    }
+    explicit Sink(std::vector<uint8_t>& b) : m_b(b), m_target(b), m_out(m_target) {}
+    ~Sink() { m_out.Flush(); }
+    Sink(const Sink&) = delete;
+    Sink& operator=(const Sink&) = delete;
+    void Id(const char* id) { m_out.Bytes(id, 4); }
+    void U8(uint8_t v) { m_out.U8(v); }
+    void U16(uint16_t v) { m_out.U16be(v); }
+    void U32(uint32_t v) { m_out.U32be(v); }
+    void F32(float f) { m_out.F32be(f); }
     void Vec(float x, float y, float z) {
-        const size_t at = Grow(12);
-        PutF32be(&m_b[at], x);
-        PutF32be(&m_b[at + 4], y);
-        PutF32be(&m_b[at + 8], z);
+        uint8_t* p = m_out.Reserve(12);
+        PutF32be(p, x);
+        PutF32be(p + 4, y);
+        PutF32be(p + 8, z);
     }
     void VX(uint32_t i) {
         if (i < 0xFF00) U16(static_cast<uint16_t>(i));
         else U32(i | 0xFF000000u);
     }
     void S0(const std::string& s) {
-        m_b.insert(m_b.end(), s.begin(), s.end());
-        m_b.push_back(0);
-        if ((s.size() + 1) & 1) m_b.push_back(0);
+        m_out.Bytes(s.data(), s.size());
+        m_out.U8(0);
+        if ((s.size() + 1) & 1) m_out.U8(0);
     }
-    // Chunks with U4 lengths, sub-chunks with U2 lengths; End pads odd payloads.
-    void Chunk(const char* id) { Id(id); m_open.push_back({m_b.size(), 4}); U32(0); }
-    void Sub(const char* id) { Id(id); m_open.push_back({m_b.size(), 2}); U16(0); }
+    // Chunks with U4 lengths, sub-chunks with U2 lengths; odd payloads are padded.
+    void Chunk(const char* id) { m_open.push_back(m_out.BeginChunk(kChunkIFF, FourCC(id))); }
+    void Sub(const char* id) { m_open.push_back(m_out.BeginChunk(kSubChunkIFF, FourCC(id))); }
     void End() {
-        const Open o = m_open.back();
+        m_out.EndChunk(m_open.back());
         m_open.pop_back();
-        const size_t len = m_b.size() - o.at - o.width;
-        if (o.width == 4) PutU32be(&m_b[o.at], static_cast<uint32_t>(len));
-        else PutU16be(&m_b[o.at], static_cast<uint16_t>(len));
-        if (len & 1) m_b.push_back(0);
     }
-    size_t Size() const { return m_b.size(); }
     void Reserve(size_t n) { m_b.reserve(n); }
 
 private:
-    size_t Grow(size_t n) {
-        const size_t at = m_b.size();
-        m_b.resize(at + n);
-        return at;
+    static uint32_t FourCC(const char* id) {
+        return uint32_t(uint8_t(id[0])) << 24 | uint32_t(uint8_t(id[1])) << 16 | uint32_t(uint8_t(id[2])) << 8 |
+               uint8_t(id[3]);
     }
-    struct Open { size_t at, width; };
     std::vector<uint8_t>& m_b;
-    std::vector<Open> m_open;
+    CMemoryTarget m_target;
+    CByteSink m_out;
+    std::vector<CByteSink::Mark> m_open;
 };
 
 std::string Narrow(const CXStringW& s) { return WideToUtf8(s.view()); }

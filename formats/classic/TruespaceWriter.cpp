@@ -12,6 +12,7 @@
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/TextHelpers.h"
 
 namespace tsio {
 
@@ -20,8 +21,7 @@ namespace {
 // Names go out one byte per character (trueSpace keeps ANSI names); beyond Latin-1: '?'.
 std::string NarrowName(const CXStringW& w) {
     std::string s;
-    for (wchar_t c : w.str())
-        s.push_back(static_cast<uint32_t>(c) < 256 ? static_cast<char>(c) : '?');
+    AppendLatin1(s, w.view());
     if (s.size() > 0xFFFF) s.resize(0xFFFF);
     return s;
 }

@@ -1,5 +1,5 @@
-// LXO writer and chunk objects. Output goes through one large buffer; a size field
-// that is still in the buffer is patched there, so closing small chunks costs no seek.
+// LXO writer and chunk objects on the host's byte sink: a size field that is still in
+// its buffer is patched there, so closing small chunks costs no seek.
 #include "formats/lxo/LxoWriter.h"
 
 #include <algorithm>
@@ -20,16 +20,13 @@ LxoWriter::LxoWriter(const char* utf8Path) {
         std::printf("Error creating LXO file <%s>\n", utf8Path ? utf8Path : "");
         return;
     }
-    m_buf.resize(kBufferSize);
+    m_target.Reset(m_file);
 }
 
 LxoWriter::~LxoWriter() { Finish(); }
 
 uint32_t LxoWriter::Flush() {
-    if (!m_file) return Fail(LXO_ERR_WRITE);
-    if (m_used && std::fwrite(m_buf.data(), 1, m_used, m_file) != m_used) return Fail(LXO_ERR_WRITE);
-    m_bufStart += m_used;
-    m_used = 0;
+    if (!m_file || !m_out.Flush()) return Fail(LXO_ERR_WRITE);
     return LXO_OK;
 }
 
@@ -38,9 +35,11 @@ uint8_t* LxoWriter::Reserve(size_t n) {
         Fail(LXO_ERR_WRITE);
         return nullptr;
     }
-    if (m_buf.size() - m_used < n && Flush()) return nullptr;
-    uint8_t* p = m_buf.data() + m_used;
-    m_used += n;
+    uint8_t* p = m_out.Reserve(n);
+    if (m_out.Failed()) {
+        Fail(LXO_ERR_WRITE);
+        return nullptr;
+    }
     return p;
 }
 
@@ -51,6 +50,7 @@ uint32_t LxoWriter::Finish() {
     Flush();
     if (std::fclose(m_file) != 0) Fail(LXO_ERR_WRITE);
     m_file = nullptr;
+    m_target.Reset(nullptr);
     return m_error;
 }
 
@@ -60,23 +60,14 @@ int LxoWriter::AppendDescriptor() {
 }
 
 void LxoWriter::Appended(uint64_t n) {
-    m_bufStart += n;
-    if (fseeko(m_file, static_cast<off_t>(m_bufStart), SEEK_SET) != 0) Fail(LXO_ERR_WRITE);
+    m_out.SkipAppended(n);
+    if (fseeko(m_file, static_cast<off_t>(Tell()), SEEK_SET) != 0) Fail(LXO_ERR_WRITE);
 }
 
 uint32_t LxoWriter::WriteBytes(const void* data, size_t n) {
     if (!m_file) return Fail(LXO_ERR_WRITE);
-    if (n >= m_buf.size() / 2) {
-        // Large blocks skip the buffer.
-        if (uint32_t r = Flush()) return r;
-        if (n && std::fwrite(data, 1, n, m_file) != n) return Fail(LXO_ERR_WRITE);
-        m_bufStart += n;
-        return LXO_OK;
-    }
-    uint8_t* p = Reserve(n);
-    if (!p) return LXO_ERR_WRITE;
-    if (n) std::memcpy(p, data, n);
-    return LXO_OK;
+    m_out.Bytes(data, n);
+    return m_out.Failed() ? Fail(LXO_ERR_WRITE) : LXO_OK;
 }
 
 uint32_t LxoWriter::WriteU4(const uint32_t* values, size_t n) {
@@ -120,7 +111,7 @@ uint32_t LxoWriter::WriteS0(std::string_view s) {
     // A string stops at its first NUL.
     const size_t len = std::min(s.size(), s.find('\0'));
     const size_t total = (len + 1) + ((len + 1) & 1);
-    if (total >= m_buf.size() / 2) {
+    if (total >= kBufferSize / 2) {
         if (uint32_t r = WriteBytes(s.data(), len)) return r;
         const uint8_t tail[2] = {0, static_cast<uint8_t>(len ? s[0] : 0)};
         return WriteBytes(tail, total - len);
@@ -136,32 +127,32 @@ uint32_t LxoWriter::WriteS0(std::string_view s) {
 
 uint32_t LxoWriter::PatchU4(uint64_t pos, uint32_t v) {
     if (!m_file) return Fail(LXO_ERR_WRITE);
-    if (pos >= m_bufStart && pos + 4 <= Tell()) {
-        PutU32be(m_buf.data() + (pos - m_bufStart), v);
-        return LXO_OK;
-    }
-    uint8_t b[4];
-    PutU32be(b, v);
-    if (uint32_t r = Flush()) return r;
-    if (fseeko(m_file, static_cast<off_t>(pos), SEEK_SET) != 0 || std::fwrite(b, 1, 4, m_file) != 4 ||
-        fseeko(m_file, static_cast<off_t>(m_bufStart), SEEK_SET) != 0)
-        return Fail(LXO_ERR_WRITE);
-    return LXO_OK;
+    m_out.PatchU32be(pos, v);
+    return m_out.Failed() ? Fail(LXO_ERR_WRITE) : LXO_OK;
 }
 
 uint32_t LxoWriter::PatchU2(uint64_t pos, uint16_t v) {
     if (!m_file) return Fail(LXO_ERR_WRITE);
-    if (pos >= m_bufStart && pos + 2 <= Tell()) {
-        PutU16be(m_buf.data() + (pos - m_bufStart), v);
-        return LXO_OK;
+    m_out.PatchU16be(pos, v);
+    return m_out.Failed() ? Fail(LXO_ERR_WRITE) : LXO_OK;
+}
+
+CByteSink::Mark LxoWriter::BeginChunk(const ChunkLayout& layout, uint32_t id) {
+    if (!m_file) {
+        Fail(LXO_ERR_WRITE);
+        return {Tell(), layout};
     }
-    uint8_t b[2];
-    PutU16be(b, v);
-    if (uint32_t r = Flush()) return r;
-    if (fseeko(m_file, static_cast<off_t>(pos), SEEK_SET) != 0 || std::fwrite(b, 1, 2, m_file) != 2 ||
-        fseeko(m_file, static_cast<off_t>(m_bufStart), SEEK_SET) != 0)
-        return Fail(LXO_ERR_WRITE);
-    return LXO_OK;
+    const CByteSink::Mark mark = m_out.BeginChunk(layout, id);
+    if (m_out.Failed()) Fail(LXO_ERR_WRITE);
+    return mark;
+}
+
+uint32_t LxoWriter::EndChunk(const CByteSink::Mark& mark) {
+    if (!m_file) return Fail(LXO_ERR_WRITE);
+    // A size past its field is refused without marking the file as failed.
+    if (!m_out.EndChunk(mark)) return LXO_ERR_WRITE;
+    if (m_out.Failed()) return Fail(LXO_ERR_WRITE);
+    return m_error;
 }
 
 uint32_t LxoWriter::WriteItemHeader(std::string_view type, std::string_view name, uint32_t& referenceID, bool assign) {
@@ -186,9 +177,7 @@ int LxoWriter::ChannelIndex(std::string_view name) const {
 // Chunk objects
 
 LxoChunk::LxoChunk(LxoWriter& writer, uint32_t id) : m_writer(writer), m_id(id) {
-    m_writer.WriteU4(id);
-    m_sizePos = m_writer.Tell();
-    m_writer.WriteU4(0u);
+    m_sizePos = m_writer.BeginChunk(kChunkLXO, id).start + 4;
 }
 
 LxoChunk::~LxoChunk() { Close(); }
@@ -196,16 +185,11 @@ LxoChunk::~LxoChunk() { Close(); }
 uint32_t LxoChunk::Close() {
     if (!m_open) return LXO_OK;
     m_open = false;
-    const uint64_t size = m_writer.Tell() - m_sizePos - 4;
-    if (size > UINT32_MAX) return LXO_ERR_WRITE;
-    if (uint32_t r = m_writer.PatchU4(m_sizePos, static_cast<uint32_t>(size))) return r;
-    return m_writer.Error();
+    return m_writer.EndChunk({m_sizePos - 4, kChunkLXO});
 }
 
 LxoSubChunk::LxoSubChunk(LxoWriter& writer, uint32_t id) : m_writer(writer), m_id(id) {
-    m_writer.WriteU4(id);
-    m_sizePos = m_writer.Tell();
-    m_writer.WriteU2(0);
+    m_sizePos = m_writer.BeginChunk(kSubChunkLXO, id).start + 4;
 }
 
 LxoSubChunk::~LxoSubChunk() { Close(); }
@@ -213,10 +197,7 @@ LxoSubChunk::~LxoSubChunk() { Close(); }
 uint32_t LxoSubChunk::Close() {
     if (!m_open) return LXO_OK;
     m_open = false;
-    const uint64_t size = m_writer.Tell() - m_sizePos - 2;
-    if (size > 0xFFFF) return LXO_ERR_WRITE;
-    if (uint32_t r = m_writer.PatchU2(m_sizePos, static_cast<uint16_t>(size))) return r;
-    return m_writer.Error();
+    return m_writer.EndChunk({m_sizePos - 4, kSubChunkLXO});
 }
 
 LxoFileChunk::LxoFileChunk(LxoWriter& w) : LxoChunk(w, lxoid::FORM) {

@@ -1,5 +1,5 @@
 #pragma once
-// LXO writer: a buffered big-endian output stream with back-patching, and the chunk
+// LXO writer: a big-endian output stream on the host's byte sink, and the chunk
 // objects that write an ID and a size placeholder when created and patch the size when
 // closed. Strings are written as S0 with the pad byte equal to the string's first
 // character (readers ignore it). The form size is written when the writer finishes.
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "formats/lxo/LxoTypes.h"
+#include "plugin/host/ByteSink.h"
 
 class LxoWriter {
 public:
@@ -24,7 +25,7 @@ public:
     // Writes the form size (file length - 8) and closes; returns the first error met.
     uint32_t Finish();
     uint32_t Error() const { return m_error; }
-    uint64_t Tell() const { return m_bufStart + m_used; }
+    uint64_t Tell() const { return m_out.Tell(); }
 
     uint32_t WriteU4(const uint32_t* values, size_t n);
     uint32_t WriteU4(uint32_t v) { return WriteU4(&v, 1); }
@@ -53,17 +54,21 @@ public:
     const std::vector<std::string>& ChannelNames() const { return m_channelNames; }
 
 private:
+    friend class LxoChunk;
+    friend class LxoSubChunk;
     uint32_t Fail(uint32_t e) {
         if (!m_error) m_error = e;
         return e;
     }
     uint32_t Flush();
-    uint8_t* Reserve(size_t n); // room for n bytes in the buffer (n <= buffer size)
+    uint8_t* Reserve(size_t n); // null when the file is not open or a write failed
+    // Chunk headers for the chunk objects; Close patches the size through the sink.
+    CByteSink::Mark BeginChunk(const ChunkLayout& layout, uint32_t id);
+    uint32_t EndChunk(const CByteSink::Mark& mark);
 
     FILE* m_file = nullptr;
-    std::vector<uint8_t> m_buf;
-    size_t m_used = 0;
-    uint64_t m_bufStart = 0; // file offset of m_buf[0]
+    CStdioTarget m_target;
+    CByteSink m_out{m_target};
     uint32_t m_error = 0;
     uint32_t m_refCounter = 0;
     std::vector<std::string> m_channelNames;

@@ -19,6 +19,7 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/ReadAdapter.h"
 #include "plugin/host/SwitchLocale.h"
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/TextScanner.h"
 
 namespace {
@@ -29,17 +30,6 @@ constexpr size_t kHeader = 80;
 constexpr size_t kRecord = 50;
 constexpr int kMaxWord = 1024;
 
-// Case-insensitive compare of a whole word.
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i) {
-        char x = a[i], y = b[i];
-        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x + 32);
-        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y + 32);
-        if (x != y) return false;
-    }
-    return true;
-}
 
 constexpr size_t kBlock = 1024; // binary records converted per step
 // From this many records a binary read is worth a second thread (about 8 MB of arrays).

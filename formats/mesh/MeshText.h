@@ -10,6 +10,7 @@
 
 #include "plugin/host/IoFile.h"
 #include "plugin/host/NumberFormat.h"
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/TextScanner.h"
 #include "plugin/host/XString.h"
 
@@ -77,7 +78,7 @@ public:
     // A wide text in the file's encoding (UTF-8, or Latin-1 in ANSI mode).
     void Wide(const CXStringW& s) {
         if (m_file.GetTextMode() == TEXT_MODE_ANSI) {
-            for (wchar_t c : s.view()) Put(c < 256 ? static_cast<char>(c) : '?');
+            for (wchar_t c : s.view()) Put(NarrowLatin1(c));
         } else {
             Put(WideToUtf8(s.view()));
         }

@@ -21,6 +21,7 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/TextScanner.h"
 
 namespace meshio {
@@ -48,14 +49,6 @@ struct MtlRecord {
     std::unique_ptr<MtlMap> colorMap, bumpMap, normalMap;
 };
 
-char Lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
-
-bool StartsWithNoCase(std::string_view s, std::string_view prefix) {
-    if (s.size() < prefix.size()) return false;
-    for (size_t i = 0; i < prefix.size(); ++i)
-        if (Lower(s[i]) != Lower(prefix[i])) return false;
-    return true;
-}
 
 // "%d" for face indices. Plain face lines never get here (the quick path takes them),
 // so the scanner's exact rules are all this needs.
@@ -131,20 +124,6 @@ void ParseMtl(std::string_view text, std::vector<MtlRecord>& out) {
         else if (is("map_bump") || is("bump")) cur->bumpMap = ParseMap(c.Remaining());
         else if (is("map_norm")) cur->normalMap = ParseMap(c.Remaining());
     }
-}
-
-bool IsValidUtf8(std::string_view s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        const uint8_t c = static_cast<uint8_t>(s[i]);
-        if (c < 0x80) { ++i; continue; }
-        size_t n = (c >= 0xC2 && c <= 0xDF) ? 1 : (c >= 0xE0 && c <= 0xEF) ? 2 : (c >= 0xF0 && c <= 0xF4) ? 3 : 0;
-        if (n == 0 || i + n >= s.size()) return false;
-        for (size_t k = 1; k <= n; ++k)
-            if ((static_cast<uint8_t>(s[i + k]) & 0xC0) != 0x80) return false;
-        i += n + 1;
-    }
-    return true;
 }
 
 // Characters of a line as the text mode decodes it: bytes in Latin-1 (ANSI, or AUTO when
@@ -430,7 +409,7 @@ bool CObjParser::CountPass() {
             continue;
         }
         const char* const ls = p;
-        const char c0 = Lower(*p);
+        const char c0 = AsciiLower(*p);
         if (c0 == 'f') {
             // Vertex tokens, to reserve the index arrays exactly.
             const char* q;
@@ -448,7 +427,7 @@ bool CObjParser::CountPass() {
             switch (c0) {
             case 'v':
                 if (line.size() >= 2) {
-                    const char c2 = Lower(line[1]);
+                    const char c2 = AsciiLower(line[1]);
                     if (c2 == ' ' || c2 == '\t') ++m_nv;
                     else if (c2 == 'n') ++m_nn;
                     else if (c2 == 't') ++m_nt;
@@ -937,10 +916,10 @@ void CObjParser::EmitFace(FaceForm form) {
 
 // "g", "o", "usemtl" and "#" records (and anything else) of the filling pass.
 void CObjParser::OtherRecord(std::string_view line) {
-    switch (Lower(line[0])) {
+    switch (AsciiLower(line[0])) {
     case 'g':
     case 'o': {
-        if (Lower(line[0]) == 'g') {
+        if (AsciiLower(line[0]) == 'g') {
             m_current = GroupFor(textscan::Trim(line.substr(1)));
         } else {
             TextCursor c(line.substr(1));

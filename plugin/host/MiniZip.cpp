@@ -93,16 +93,21 @@ bool CMiniZip::InflateGZip(const CXStringW& path, std::string& out, uint64_t max
     out.clear();
     IoFile in(true);
     if (!in.OpenFile(path, true)) return false;
+    return InflateGZip(in.GetData(), out, maxBytes);
+}
+
+bool CMiniZip::InflateGZip(std::span<const uint8_t> data, std::string& out, uint64_t maxBytes) {
+    out.clear();
     // First pass: the size only. A bomb stops at the limit having stored nothing.
     uint64_t total = 0;
-    if (!Inflate(in.GetData(), maxBytes, [&total](const uint8_t*, size_t n) {
+    if (!Inflate(data, maxBytes, [&total](const uint8_t*, size_t n) {
             total += n;
             return true;
         }))
         return false;
     if (total > out.max_size()) return false;
     out.reserve(static_cast<size_t>(total));
-    bool ok = Inflate(in.GetData(), total, [&out](const uint8_t* p, size_t n) {
+    bool ok = Inflate(data, total, [&out](const uint8_t* p, size_t n) {
         out.append(reinterpret_cast<const char*>(p), n);
         return true;
     });

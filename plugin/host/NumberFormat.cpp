@@ -11,6 +11,7 @@
 #include <cstring>
 #include <locale.h>
 #include <string_view>
+#include <type_traits>
 
 #include "plugin/host/XString.h"
 
@@ -206,15 +207,6 @@ void AppendFloatField(std::string& out, double v, char conv, const FieldFormat& 
     AppendNumber(out, body, s, finite);
 }
 
-void AppendStringField(std::string& out, std::string_view str, const FieldFormat& s) {
-    if (s.prec >= 0 && str.size() > static_cast<size_t>(s.prec)) str = str.substr(0, static_cast<size_t>(s.prec));
-    size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
-    size_t pad = str.size() < w ? w - str.size() : 0;
-    if (!s.left) out.append(pad, ' ');
-    out.append(str);
-    if (s.left) out.append(pad, ' ');
-}
-
 // One conversion the fast path does not handle, through vsnprintf in the C locale.
 template <typename T> void AppendSlow(std::string& out, std::string_view conversion, T value) {
     std::string f(conversion);
@@ -233,35 +225,63 @@ template <typename T> void AppendSlow(std::string& out, std::string_view convers
 
 } // namespace
 
-void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
+namespace {
+
+// Appends ASCII or UTF-8 text produced by the narrow field functions: as is into a
+// narrow string, byte by byte (numbers are ASCII) into a wide one.
+template <typename T, typename F> void Narrowed(std::basic_string<T>& out, F&& fn) {
+    if constexpr (std::is_same_v<T, char>) {
+        fn(out);
+    } else {
+        std::string tmp;
+        fn(tmp);
+        for (char c : tmp) out += static_cast<T>(static_cast<unsigned char>(c));
+    }
+}
+
+template <typename T> void AppendPadded(std::basic_string<T>& out, std::basic_string_view<T> body, const FieldFormat& s) {
+    const size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
+    const size_t pad = body.size() < w ? w - body.size() : 0;
+    if (!s.left) out.append(pad, T(' '));
+    out.append(body);
+    if (s.left) out.append(pad, T(' '));
+}
+
+// The one interpreter behind both flavours. Numbers take the to_chars path; in a
+// wide format "%s"/"%c" take wide arguments and "%hs"/"%hc" narrow UTF-8 ones (the
+// convention the host's wide strings come from); in a narrow one it is the other way
+// round, as in C, and wide text is written as UTF-8.
+template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, va_list apIn) {
+    constexpr bool kWide = std::is_same_v<T, wchar_t>;
     va_list ap;
     va_copy(ap, apIn);
     const size_t startSize = out.size();
     while (*fmt) {
-        const char* pct = std::strchr(fmt, '%');
-        if (!pct) {
-            out.append(fmt);
-            break;
+        if (*fmt != T('%')) {
+            const T* run = fmt;
+            while (*fmt && *fmt != T('%')) ++fmt;
+            out.append(run, static_cast<size_t>(fmt - run));
+            continue;
         }
-        out.append(fmt, static_cast<size_t>(pct - fmt));
-        const char* p = pct + 1;
-        if (*p == '%') {
-            out += '%';
+        const T* pct = fmt;
+        const T* p = pct + 1;
+        if (*p == T('%')) {
+            out += T('%');
             fmt = p + 1;
             continue;
         }
         FieldFormat s;
         bool alt = false;
         for (;; ++p) {
-            if (*p == '-') s.left = true;
-            else if (*p == '+') s.plus = true;
-            else if (*p == ' ') s.space = true;
-            else if (*p == '0') s.zero = true;
-            else if (*p == '#') alt = true;
-            else if (*p == '\'') {} // grouping is a locale matter; the C locale has none
+            if (*p == T('-')) s.left = true;
+            else if (*p == T('+')) s.plus = true;
+            else if (*p == T(' ')) s.space = true;
+            else if (*p == T('0')) s.zero = true;
+            else if (*p == T('#')) alt = true;
+            else if (*p == T('\'')) {} // grouping is a locale matter; the C locale has none
             else break;
         }
-        if (*p == '*') {
+        if (*p == T('*')) {
             s.width = va_arg(ap, int);
             if (s.width < 0) {
                 s.left = true;
@@ -269,48 +289,51 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             }
             ++p;
         } else {
-            while (*p >= '0' && *p <= '9') {
+            while (*p >= T('0') && *p <= T('9')) {
                 if (s.width < 0) s.width = 0;
-                if (s.width < 100000) s.width = s.width * 10 + (*p - '0');
+                if (s.width < 100000) s.width = s.width * 10 + static_cast<int>(*p - T('0'));
                 ++p;
             }
         }
-        if (*p == '.') {
+        if (*p == T('.')) {
             ++p;
             s.prec = 0;
-            if (*p == '*') {
+            if (*p == T('*')) {
                 s.prec = va_arg(ap, int);
                 if (s.prec < 0) s.prec = -1;
                 ++p;
             } else {
-                while (*p >= '0' && *p <= '9') {
-                    if (s.prec < 100000) s.prec = s.prec * 10 + (*p - '0');
+                while (*p >= T('0') && *p <= T('9')) {
+                    if (s.prec < 100000) s.prec = s.prec * 10 + static_cast<int>(*p - T('0'));
                     ++p;
                 }
             }
         }
-        int lenL = 0; // 1: l, 2: ll/j/z/t/q
+        int lenL = 0; // 1: l, 2: ll/j/z/t/q/L (L and q also mean long double)
         int lenH = 0; // 1: h, 2: hh
         bool longDouble = false;
-        if (*p == 'h') {
+        if (*p == T('h')) {
             lenH = 1;
-            if (*++p == 'h') { lenH = 2; ++p; }
-        } else if (*p == 'l') {
+            if (*++p == T('h')) { lenH = 2; ++p; }
+        } else if (*p == T('l')) {
             lenL = 1;
-            if (*++p == 'l') { lenL = 2; ++p; }
-        } else if (*p == 'j' || *p == 'z' || *p == 't' || *p == 'q') {
+            if (*++p == T('l')) { lenL = 2; ++p; }
+        } else if (*p == T('j') || *p == T('z') || *p == T('t')) {
             lenL = 2;
             ++p;
-        } else if (*p == 'L') {
+        } else if (*p == T('L') || *p == T('q')) {
+            lenL = 2;
             longDouble = true;
             ++p;
         }
-        char conv = *p;
-        if (!conv) {
+        const T convT = *p;
+        if (!convT) {
+            // A lone '%' at the end: printed as is.
             out.append(pct);
             break;
         }
         fmt = p + 1;
+        const char conv = static_cast<uint32_t>(convT) < 0x80 ? static_cast<char>(convT) : '\0';
         // The slow path rebuilds the conversion with resolved '*' values.
         auto slowSpec = [&](const char* lenMod) {
             std::string f = "%";
@@ -332,7 +355,7 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             if (lenH == 2) v = static_cast<signed char>(v);
             else if (lenH == 1) v = static_cast<short>(v);
             unsigned long long mag = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-            AppendIntegerField(out, mag, v < 0, 10, false, s, true);
+            Narrowed(out, [&](std::string& o) { AppendIntegerField(o, mag, v < 0, 10, false, s, true); });
             break;
         }
         case 'u': case 'x': case 'X': case 'o': {
@@ -340,74 +363,87 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
             if (lenH == 2) v = static_cast<unsigned char>(v);
             else if (lenH == 1) v = static_cast<unsigned short>(v);
             if (alt) {
-                AppendSlow(out, slowSpec("ll"), v);
+                Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec("ll"), v); });
                 break;
             }
             int base = conv == 'u' ? 10 : (conv == 'o' ? 8 : 16);
-            AppendIntegerField(out, v, false, base, conv == 'X', s, false);
+            Narrowed(out, [&](std::string& o) { AppendIntegerField(o, v, false, base, conv == 'X', s, false); });
             break;
         }
         case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': {
             if (longDouble) {
-                AppendSlow(out, slowSpec("L"), va_arg(ap, long double));
+                long double v = va_arg(ap, long double);
+                Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec("L"), v); });
                 break;
             }
             double v = va_arg(ap, double);
-            if (alt) AppendSlow(out, slowSpec(""), v);
-            else AppendFloatField(out, v, conv, s);
+            if (alt) Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec(""), v); });
+            else Narrowed(out, [&](std::string& o) { AppendFloatField(o, v, conv, s); });
             break;
         }
         case 'a': case 'A':
-            if (longDouble) AppendSlow(out, slowSpec("L"), va_arg(ap, long double));
-            else AppendSlow(out, slowSpec(""), va_arg(ap, double));
-            break;
-        case 'c': {
-            if (lenL) {
-                std::string u = WideToUtf8(std::wstring(1, static_cast<wchar_t>(va_arg(ap, wint_t))));
-                FieldFormat t = s;
-                t.prec = -1;
-                AppendStringField(out, u, t);
+            if (longDouble) {
+                long double v = va_arg(ap, long double);
+                Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec("L"), v); });
             } else {
-                char c = static_cast<char>(va_arg(ap, int));
-                FieldFormat t = s;
-                t.prec = -1;
-                AppendStringField(out, std::string_view(&c, 1), t);
+                double v = va_arg(ap, double);
+                Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec(""), v); });
+            }
+            break;
+        case 'c': case 'C': {
+            FieldFormat t = s;
+            t.prec = -1;
+            const bool wideArg = conv == 'C' || (kWide ? lenH == 0 : lenL == 1);
+            if (wideArg) {
+                const auto w = static_cast<wchar_t>(va_arg(ap, wint_t));
+                if constexpr (kWide) AppendPadded(out, std::wstring_view(&w, 1), t);
+                else AppendPadded(out, std::string_view(WideToUtf8(std::wstring_view(&w, 1))), t);
+            } else {
+                const T c = static_cast<T>(static_cast<unsigned char>(va_arg(ap, int)));
+                AppendPadded(out, std::basic_string_view<T>(&c, 1), t);
             }
             break;
         }
-        case 's': {
-            if (lenL) {
-                const wchar_t* w = va_arg(ap, const wchar_t*);
-                if (!w) {
-                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", FieldFormat{s.left, false, false, false, s.width, -1});
-                    break;
+        case 's': case 'S': {
+            FieldFormat t = s;
+            t.prec = -1;
+            const bool wideArg = conv == 'S' || (kWide ? lenH == 0 : lenL == 1);
+            const void* arg = va_arg(ap, const void*);
+            if (!arg) {
+                // glibc prints "(null)" unless the precision cuts it.
+                static constexpr T kNull[] = {T('('), T('n'), T('u'), T('l'), T('l'), T(')')};
+                AppendPadded(out, std::basic_string_view<T>(kNull, (s.prec < 0 || s.prec >= 6) ? 6 : 0), t);
+                break;
+            }
+            if (wideArg) {
+                const auto* w = static_cast<const wchar_t*>(arg);
+                if constexpr (kWide) {
+                    size_t n = 0;
+                    while ((s.prec < 0 || n < static_cast<size_t>(s.prec)) && w[n]) ++n;
+                    AppendPadded(out, std::wstring_view(w, n), t);
+                } else {
+                    // Precision counts output bytes and never splits a character.
+                    std::string u;
+                    for (size_t k = 0; w[k]; ++k) {
+                        std::string one = WideToUtf8(std::wstring_view(w + k, 1));
+                        if (s.prec >= 0 && u.size() + one.size() > static_cast<size_t>(s.prec)) break;
+                        u += one;
+                    }
+                    AppendPadded(out, std::string_view(u), t);
                 }
-                // Precision counts bytes and never splits a character.
-                std::string u;
-                for (size_t k = 0; w[k]; ++k) {
-                    std::string one = WideToUtf8(std::wstring_view(w + k, 1));
-                    if (s.prec >= 0 && u.size() + one.size() > static_cast<size_t>(s.prec)) break;
-                    u += one;
-                }
-                FieldFormat t = s;
-                t.prec = -1;
-                AppendStringField(out, u, t);
             } else {
-                const char* str = va_arg(ap, const char*);
-                if (!str) {
-                    AppendStringField(out, (s.prec < 0 || s.prec >= 6) ? "(null)" : "", FieldFormat{s.left, false, false, false, s.width, -1});
-                    break;
-                }
-                size_t n = s.prec < 0 ? std::strlen(str) : strnlen(str, static_cast<size_t>(s.prec));
-                FieldFormat t = s;
-                t.prec = -1;
-                AppendStringField(out, std::string_view(str, n), t);
+                const auto* str = static_cast<const char*>(arg);
+                const size_t n = s.prec < 0 ? std::strlen(str) : strnlen(str, static_cast<size_t>(s.prec));
+                if constexpr (kWide) AppendPadded(out, std::wstring_view(Utf8ToWide(std::string_view(str, n))), t);
+                else AppendPadded(out, std::string_view(str, n), t);
             }
             break;
         }
-        case 'p':
-            AppendSlow(out, slowSpec(""), va_arg(ap, void*));
+        case 'p': {
+            void* v = va_arg(ap, void*);
+            Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec(""), v); });
             break;
+        }
         case 'n':
             *va_arg(ap, int*) = static_cast<int>(out.size() - startSize);
             break;
@@ -419,6 +455,11 @@ void AppendFormatV(std::string& out, const char* fmt, va_list apIn) {
     }
     va_end(ap);
 }
+
+} // namespace
+
+void AppendFormatV(std::string& out, const char* fmt, va_list ap) { FormatCore(out, fmt, ap); }
+void AppendFormatV(std::wstring& out, const wchar_t* fmt, va_list ap) { FormatCore(out, fmt, ap); }
 
 void AppendFormat(std::string& out, const char* fmt, ...) {
     va_list ap;

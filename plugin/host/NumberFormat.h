@@ -119,15 +119,18 @@ inline char* WriteInt(char* p, int64_t v) {
     return WriteUInt(p, static_cast<uint64_t>(v));
 }
 
-// printf in the C locale, appended to `out`. Flags - + space 0, widths and
-// precisions (also '*') and the conversions d i u x X o c s f F e E g G % take the
-// fast path; anything else (the '#' flag, %a, %p, %n) goes to vsnprintf under the
-// C locale. "%ls" takes a wide string and writes it as UTF-8.
+// printf in the C locale, appended to `out`: the one printf-style interpreter of the
+// host (CXTString::Format runs on it too). Flags - + space 0, widths and precisions
+// (also '*') and the conversions d i u x X o c s f F e E g G % take the fast path;
+// the '#' flag, long doubles, %a and %p go to snprintf under the C locale. A narrow
+// format takes "%ls"/"%lc"/"%S"/"%C" as wide text and writes it as UTF-8; a wide one
+// takes "%s"/"%c" as wide and "%hs"/"%hc" as narrow UTF-8 text.
 void AppendFormat(std::string& out, const char* fmt, ...)
 #if defined(__GNUC__)
     __attribute__((format(printf, 2, 3)))
 #endif
     ;
 void AppendFormatV(std::string& out, const char* fmt, va_list ap);
+void AppendFormatV(std::wstring& out, const wchar_t* fmt, va_list ap);
 
 } // namespace numfmt

@@ -2,6 +2,7 @@
 // conversion swallows (even ones the number does not use, as in "1e"), when the
 // result is a matching failure and when EOF. The oracle tests compare it with
 // sscanf on generated input; from_chars does the conversions.
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/TextScanner.h"
 
 #include <charconv>
@@ -302,8 +303,7 @@ template <typename C> void StoreChars(void* dst, bool wide, const C* s, size_t n
             std::memcpy(d, s, n);
         } else {
             for (size_t k = 0; k < n; ++k) {
-                auto u = static_cast<uint32_t>(s[k]);
-                d[k] = u <= 0xFF ? static_cast<char>(u) : '?';
+                d[k] = NarrowLatin1(s[k]);
             }
         }
         if (terminate) d[n] = 0;

@@ -1,38 +1,17 @@
-// CXTString formatting, scanning and UTF conversions.
-// Format walks the format string itself: numeric fields go to snprintf under a
-// thread-local C locale (so a comma-decimal process locale never shows), string
-// and character fields are copied here. That is also where the wide flavour
-// differs from glibc's vswprintf: the host's code comes from a runtime where "%s"
-// in a wide format takes a wide string, so here it does ("%hs" takes a narrow
-// UTF-8 one). In narrow formats "%s" is narrow and "%ls" wide, as in C.
+// CXTString formatting, scanning and UTF conversions. Format runs on the host's one
+// printf-style interpreter (NumberFormat.h), which never consults the process locale.
+// The wide flavour differs from glibc's vswprintf there: the host's code comes from a
+// runtime where "%s" in a wide format takes a wide string ("%hs" a narrow UTF-8 one).
 #include "plugin/host/XString.h"
 
-#include <clocale>
 #include <cstdio>
 #include <cstring>
-#include <locale.h>
+
+#include "plugin/host/NumberFormat.h"
 
 #include "plugin/host/TextScanner.h"
 
 namespace {
-
-locale_t CNumericLocale() {
-    static locale_t loc = newlocale(LC_ALL_MASK, "C", nullptr);
-    return loc;
-}
-
-// Switches this thread to the C locale for the duration of one Format call.
-class CLocaleScope {
-public:
-    CLocaleScope() : m_old(CNumericLocale() ? uselocale(CNumericLocale()) : nullptr) {}
-    ~CLocaleScope() {
-        if (m_old) uselocale(m_old);
-    }
-    CLocaleScope(const CLocaleScope&) = delete;
-    CLocaleScope& operator=(const CLocaleScope&) = delete;
-private:
-    locale_t m_old;
-};
 
 void AppendUtf8(std::string& out, uint32_t cp) {
     if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
@@ -53,232 +32,6 @@ void AppendUtf8(std::string& out, uint32_t cp) {
     }
 }
 
-template <typename T> void AppendAscii(std::basic_string<T>& out, const char* s, size_t n) {
-    if constexpr (std::is_same_v<T, char>) {
-        out.append(s, n);
-    } else {
-        for (size_t i = 0; i < n; ++i) out += static_cast<T>(static_cast<unsigned char>(s[i]));
-    }
-}
-
-template <typename T> void Pad(std::basic_string<T>& out, size_t n, T c) { out.append(n, c); }
-
-// Appends `body` padded to `width` (left-justified when asked).
-template <typename T> void AppendPadded(std::basic_string<T>& out, std::basic_string_view<T> body, int width, bool left) {
-    size_t w = width > 0 ? static_cast<size_t>(width) : 0;
-    size_t pad = body.size() < w ? w - body.size() : 0;
-    if (!left) Pad(out, pad, T(' '));
-    out.append(body);
-    if (left) Pad(out, pad, T(' '));
-}
-
-template <typename T> void FormatInto(std::basic_string<T>& out, const T* fmt, va_list ap) {
-    CLocaleScope cLocale;
-    char narrowFmt[64];
-    std::string num;
-    num.resize(128);
-    auto runSnprintf = [&](auto value) {
-        for (;;) {
-            int n = std::snprintf(num.data(), num.size(), narrowFmt, value);
-            if (n < 0) {
-                num.clear();
-                return;
-            }
-            if (static_cast<size_t>(n) < num.size()) {
-                AppendAscii(out, num.data(), static_cast<size_t>(n));
-                return;
-            }
-            num.resize(static_cast<size_t>(n) + 1);
-        }
-    };
-    while (*fmt) {
-        if (*fmt != '%') {
-            out += *fmt++;
-            continue;
-        }
-        const T* convStart = fmt++;
-        if (*fmt == '%') {
-            out += T('%');
-            ++fmt;
-            continue;
-        }
-        std::string flags;
-        bool left = false;
-        while (*fmt == '-' || *fmt == '+' || *fmt == ' ' || *fmt == '#' || *fmt == '0' || *fmt == '\'') {
-            if (*fmt == '-') left = true;
-            if (*fmt != '\'') flags += static_cast<char>(*fmt); // grouping would consult the locale
-            ++fmt;
-        }
-        int width = -1;
-        if (*fmt == '*') {
-            width = va_arg(ap, int);
-            if (width < 0) {
-                left = true;
-                flags += '-';
-                width = width == -2147483647 - 1 ? 0 : -width;
-            }
-            ++fmt;
-        } else if (*fmt >= '0' && *fmt <= '9') {
-            width = 0;
-            while (*fmt >= '0' && *fmt <= '9') {
-                if (width < 100000) width = width * 10 + (*fmt - '0');
-                ++fmt;
-            }
-        }
-        int prec = -1;
-        if (*fmt == '.') {
-            ++fmt;
-            prec = 0;
-            if (*fmt == '*') {
-                prec = va_arg(ap, int);
-                if (prec < 0) prec = -1;
-                ++fmt;
-            } else {
-                while (*fmt >= '0' && *fmt <= '9') {
-                    if (prec < 100000) prec = prec * 10 + (*fmt - '0');
-                    ++fmt;
-                }
-            }
-        }
-        char len[3] = {0, 0, 0};
-        if (*fmt == 'h' || *fmt == 'l') {
-            len[0] = static_cast<char>(*fmt++);
-            if (*fmt == len[0]) len[1] = static_cast<char>(*fmt++);
-        } else if (*fmt == 'L' || *fmt == 'j' || *fmt == 'z' || *fmt == 't' || *fmt == 'q') {
-            len[0] = static_cast<char>(*fmt == 'q' ? 'L' : *fmt);
-            ++fmt;
-        }
-        T conv = *fmt;
-        if (!conv) {
-            // A lone '%' at the end: printed as is.
-            out.append(convStart, fmt);
-            break;
-        }
-        ++fmt;
-        auto makeSpec = [&](const char* lenMod, char c) {
-            std::string s = "%" + flags;
-            if (width >= 0) s += std::to_string(width);
-            if (prec >= 0) s += "." + std::to_string(prec);
-            s += lenMod;
-            s += c;
-            std::snprintf(narrowFmt, sizeof(narrowFmt), "%s", s.c_str());
-        };
-        const bool ll = len[0] == 'l' && len[1] == 'l';
-        const bool l = len[0] == 'l' && !len[1];
-        switch (conv) {
-        case 'd': case 'i': {
-            long long v;
-            if (ll || len[0] == 'j' || len[0] == 'L') v = va_arg(ap, long long);
-            else if (l || len[0] == 'z' || len[0] == 't') v = va_arg(ap, long);
-            else v = va_arg(ap, int);
-            if (len[0] == 'h' && len[1]) v = static_cast<signed char>(v);
-            else if (len[0] == 'h') v = static_cast<short>(v);
-            makeSpec("ll", static_cast<char>(conv));
-            runSnprintf(v);
-            break;
-        }
-        case 'u': case 'o': case 'x': case 'X': {
-            unsigned long long v;
-            if (ll || len[0] == 'j' || len[0] == 'L') v = va_arg(ap, unsigned long long);
-            else if (l || len[0] == 'z' || len[0] == 't') v = va_arg(ap, unsigned long);
-            else v = va_arg(ap, unsigned);
-            if (len[0] == 'h' && len[1]) v = static_cast<unsigned char>(v);
-            else if (len[0] == 'h') v = static_cast<unsigned short>(v);
-            makeSpec("ll", static_cast<char>(conv));
-            runSnprintf(v);
-            break;
-        }
-        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
-            if (len[0] == 'L') {
-                makeSpec("L", static_cast<char>(conv));
-                runSnprintf(va_arg(ap, long double));
-            } else {
-                makeSpec("", static_cast<char>(conv));
-                runSnprintf(va_arg(ap, double));
-            }
-            break;
-        case 'p':
-            makeSpec("", 'p');
-            runSnprintf(va_arg(ap, void*));
-            break;
-        case 'c': case 'C': {
-            T c[4];
-            std::basic_string_view<T> body;
-            std::string utf8;
-            bool wideArg = std::is_same_v<T, wchar_t> ? (len[0] != 'h') : (l || conv == 'C');
-            if (conv == 'C') wideArg = true;
-            if (wideArg) {
-                auto w = static_cast<wchar_t>(va_arg(ap, wint_t));
-                if constexpr (std::is_same_v<T, wchar_t>) {
-                    c[0] = w;
-                    body = std::basic_string_view<T>(c, 1);
-                } else {
-                    AppendUtf8(utf8, static_cast<uint32_t>(w));
-                    body = utf8;
-                }
-            } else {
-                int v = va_arg(ap, int);
-                c[0] = static_cast<T>(static_cast<unsigned char>(v));
-                body = std::basic_string_view<T>(c, 1);
-            }
-            AppendPadded(out, body, width, left);
-            break;
-        }
-        case 's': case 'S': {
-            bool wideArg = std::is_same_v<T, wchar_t> ? (len[0] != 'h') : (l || conv == 'S');
-            if (conv == 'S') wideArg = true;
-            std::basic_string<T> tmp;
-            std::basic_string_view<T> body;
-            const void* arg = va_arg(ap, const void*);
-            if (!arg) {
-                // glibc prints "(null)" unless the precision cuts it.
-                static const char nul[] = "(null)";
-                if (prec < 0 || prec >= 6) AppendAscii(tmp, nul, 6);
-                body = tmp;
-                AppendPadded(out, body, width, left);
-                break;
-            }
-            if (wideArg) {
-                const auto* w = static_cast<const wchar_t*>(arg);
-                if constexpr (std::is_same_v<T, wchar_t>) {
-                    size_t n = 0;
-                    while ((prec < 0 || n < static_cast<size_t>(prec)) && w[n]) ++n;
-                    body = std::basic_string_view<T>(w, n);
-                } else {
-                    // Precision counts output bytes and never splits a character.
-                    for (size_t k = 0; w[k]; ++k) {
-                        std::string one;
-                        AppendUtf8(one, static_cast<uint32_t>(w[k]));
-                        if (prec >= 0 && tmp.size() + one.size() > static_cast<size_t>(prec)) break;
-                        tmp += one;
-                    }
-                    body = tmp;
-                }
-            } else {
-                const auto* s = static_cast<const char*>(arg);
-                size_t n = 0;
-                while ((prec < 0 || n < static_cast<size_t>(prec)) && s[n]) ++n;
-                if constexpr (std::is_same_v<T, char>) {
-                    body = std::string_view(s, n);
-                } else {
-                    tmp = Utf8ToWide(std::string_view(s, n));
-                    body = tmp;
-                }
-            }
-            AppendPadded(out, body, width, left);
-            break;
-        }
-        case 'n':
-            *va_arg(ap, int*) = static_cast<int>(out.size());
-            break;
-        default:
-            // Unknown conversion: copied through untouched.
-            out.append(convStart, fmt);
-            break;
-        }
-    }
-}
-
 } // namespace
 
 template <typename T> void CXTString<T>::FormatV(const T* fmt, va_list ap) {
@@ -286,7 +39,7 @@ template <typename T> void CXTString<T>::FormatV(const T* fmt, va_list ap) {
     if (fmt) {
         va_list copy;
         va_copy(copy, ap);
-        FormatInto(out, fmt, copy);
+        numfmt::AppendFormatV(out, fmt, copy);
         va_end(copy);
     }
     m_s = std::move(out);

@@ -1,3 +1,4 @@
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/Zip.h"
 
 #include <sys/stat.h>
@@ -12,7 +13,6 @@
 
 namespace {
 
-char Fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
 
 std::string FileNameOf(std::string_view s) {
     size_t slash = s.find_last_of("/\\");
@@ -45,7 +45,7 @@ bool WildcardMatch(std::string_view p, std::string_view t, bool fold) {
                 step = 2;
                 literal = true;
             }
-            if ((!literal && pc == '?') || (fold ? Fold(pc) == Fold(t[ti]) : pc == t[ti])) {
+            if ((!literal && pc == '?') || (fold ? AsciiLower(pc) == AsciiLower(t[ti]) : pc == t[ti])) {
                 pi += step;
                 ++ti;
                 continue;
@@ -139,7 +139,7 @@ uint32_t CZip::FindFile(const CXStringW& name, bool caseSensitive, bool ignorePa
         if (have.size() != want.size()) continue;
         bool same = true;
         for (size_t k = 0; k < have.size() && same; ++k)
-            same = caseSensitive ? have[k] == want[k] : Fold(have[k]) == Fold(want[k]);
+            same = caseSensitive ? have[k] == want[k] : AsciiLower(have[k]) == AsciiLower(want[k]);
         if (same) return i;
     }
     return kNotFound;

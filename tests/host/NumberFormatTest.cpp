@@ -1,5 +1,6 @@
 // The writers' number formatter against snprintf in the C locale.
 #include "plugin/host/NumberFormat.h"
+#include "plugin/host/XString.h"
 
 #include <gtest/gtest.h>
 
@@ -237,4 +238,27 @@ TEST(NumberFormat, CommaLocaleIsIgnored) {
     AppendFixed(s, 0.5);
     AppendFormat(s, " %.2f %g %#.1f %a", 1.25, 2.5, 3.0, 1.0);
     EXPECT_EQ("0.500000 1.25 2.5 3.0 0x1p+0", s);
+}
+
+TEST(NumberFormat, NarrowAndWideFormatsAreOneInterpreter) {
+    // CXTString::Format and AppendFormat share the interpreter: the wide form of a number
+    // is the narrow one widened, and the conversions glibc knows for wide text in a narrow
+    // format (%S, %C) and long long under L are taken, not copied through.
+    const char* fmts[] = {"%f", "%.3e", "%10.4g", "%-8.2f|", "%+.0f", "%#.1f", "%a"};
+    const wchar_t* wfmts[] = {L"%f", L"%.3e", L"%10.4g", L"%-8.2f|", L"%+.0f", L"%#.1f", L"%a"};
+    for (double d : {0.0, -0.0, 1.0 / 3, -2.5e-7, 123456789.125, 1e300}) {
+        for (size_t i = 0; i < std::size(fmts); ++i) {
+            std::string n;
+            AppendFormatV3(n, fmts[i], d);
+            CXStringW w;
+            w.Format(wfmts[i], d);
+            EXPECT_EQ(std::wstring(n.begin(), n.end()), w.str()) << fmts[i];
+        }
+    }
+    CXStringW w;
+    w.Format(L"%05d|%-4x|%llu|%hhd", -42, 255u, 18446744073709551615ull, 300);
+    EXPECT_EQ(std::wstring(L"-0042|ff  |18446744073709551615|44"), w.str());
+    std::string s;
+    AppendFormatV3(s, "%S|%C|%Ld", L"\u00e9t\u00e9", static_cast<wint_t>(L'\u00df'), 1234567890123ll);
+    EXPECT_EQ("\xC3\xA9t\xC3\xA9|\xC3\x9F|1234567890123", s);
 }

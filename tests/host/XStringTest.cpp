@@ -1,4 +1,5 @@
 // CXTString Format/ScanS against the C library, the wide-format conventions, UTF-8.
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/XString.h"
 
 #include <gtest/gtest.h>
@@ -128,4 +129,26 @@ TEST(XString, CommaLocaleNeitherFormatsNorScans) {
         EXPECT_EQ("1.500000", Snprintf("%f", 1.5));
     }
     EXPECT_EQ("1,500000", Snprintf("%f", 1.5));
+}
+
+TEST(XString, SharedTextHelpers) {
+    // Strict UTF-8: overlong forms, surrogates, code points past U+10FFFF and cut
+    // sequences are not UTF-8; long ASCII runs (the 8-byte path) around them change nothing.
+    const std::string ascii(37, 'a');
+    for (const char* good : {"", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xF4\x8F\xBF\xBF", "\xED\x9F\xBF"})
+        EXPECT_TRUE(IsValidUtf8(ascii + good + ascii)) << good;
+    for (const char* bad : {"\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xC3",
+                            "\xE2\x82", "\x80", "\xFF"}) {
+        EXPECT_FALSE(IsValidUtf8(ascii + bad + ascii)) << bad;
+        EXPECT_FALSE(IsValidUtf8(ascii + bad)) << bad;
+    }
+    std::string narrow = "x";
+    AppendLatin1(narrow, L"\u00e9\u00ff\u0100\u20ac\U0001F600");
+    EXPECT_EQ(narrow, "x\xE9\xFF???");
+    EXPECT_EQ(NarrowLatin1(static_cast<wchar_t>(-1)), '?');
+    EXPECT_TRUE(EqualsNoCase("SoLiD", "solid"));
+    EXPECT_FALSE(EqualsNoCase("solid", "solids"));
+    EXPECT_FALSE(EqualsNoCase("\xC9", "\xE9")); // ASCII folding only
+    EXPECT_TRUE(StartsWithNoCase("NEWMTL red", "newmtl"));
+    EXPECT_FALSE(StartsWithNoCase("new", "newmtl"));
 }

@@ -10,22 +10,9 @@
 
 #include "plugin/host/MiniZip.h"
 #include "tests/support/TestSupport.h"
+#include "tests/vrml97/GzipTestUtil.h"
 
 namespace {
-
-std::string Gzip(const std::string& text) {
-    z_stream zs{};
-    EXPECT_EQ(deflateInit2(&zs, 9, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    std::string out(deflateBound(&zs, text.size()) + 64, '\0');
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    zs.avail_in = static_cast<uInt>(text.size());
-    zs.next_out = reinterpret_cast<Bytef*>(out.data());
-    zs.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(deflate(&zs, Z_FINISH), Z_STREAM_END);
-    out.resize(zs.total_out);
-    deflateEnd(&zs);
-    return out;
-}
 
 CXStringW W(const std::filesystem::path& p) { return CXStringW(Utf8ToWide(p.string())); }
 

@@ -4,6 +4,8 @@
 // process-wide state, so reads are serialised by one module-wide lock.
 #include <cstdint>
 #include <mutex>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "plugin/host/Parser.h"
@@ -23,12 +25,20 @@ public:
 
     void LoadDefaultOptions(CSceneImportOptions& options) const override;
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
+    // A world held in memory (gzip-compressed or not). It has no folder, so its Inline
+    // worlds and EXTERNPROTOs are not read and nothing touches the file system.
+    C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 
     // The lock every VRML97 read holds for its whole length.
     static std::mutex& ReadLock();
 
 private:
     C3DScene* ReadLocked(const CXStringW& path, CSceneImportOptions& options);
+    C3DScene* ReadBytesLocked(std::span<const uint8_t> data, CSceneImportOptions& options);
+    // Converts m_scene into a new host scene and decides the outcome. `worldFile` is
+    // empty for a world from memory.
+    C3DScene* Convert(const std::string& worldFile, uint64_t inputBytes, CSceneImportOptions& options);
+    C3DScene* DamagedGzip(CSceneImportOptions& options);
     void ReleaseState();
 
     VrmlScene* m_scene = nullptr;                          // the world being converted (owned)

@@ -81,6 +81,7 @@ FILE* Doc::fopen(const char* mode) {
 }
 
 void Doc::setFileAccess(bool allowed) { g_fileAccess = allowed; }
+bool Doc::fileAccess() { return g_fileAccess; }
 
 void Doc::fclose() {
     if (d_fp) std::fclose(d_fp);

@@ -26,6 +26,7 @@ public:
     FILE* fopen(const char* mode);
     // Turns every file open off or on (the fuzzer reads from memory only).
     static void setFileAccess(bool allowed);
+    static bool fileAccess();
     void fclose();
     std::ostream* outputStream();
     void closeOutput();

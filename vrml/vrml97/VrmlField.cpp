@@ -1,13 +1,14 @@
 // VRML97 field values: storage, sharing and the text forms the world writer uses.
-// Numbers print like a default text stream (six significant digits) but through
-// to_chars, so no locale can turn the decimal point into a comma.
+// Numbers print like a default text stream (six significant digits, "%g") through
+// the host's number formatter, so no locale can turn the decimal point into a comma.
 #include "vrml/vrml97/VrmlField.h"
 
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <ostream>
+#include <string>
 
+#include "plugin/host/NumberFormat.h"
 #include "vrml/vrml97/VrmlNode.h"
 
 namespace {
@@ -28,23 +29,21 @@ char* dupString(const char* s) {
 } // namespace
 
 void VrmlWriteNumber(std::ostream& os, double v) {
-    char buf[64];
-    auto r = std::to_chars(buf, buf + sizeof buf, v, std::chars_format::general, 6);
-    os.write(buf, r.ptr - buf);
+    std::string text;
+    numfmt::AppendGeneral(text, v, 6);
+    os.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
 void VrmlWriteNumber(std::ostream& os, float v) { VrmlWriteNumber(os, static_cast<double>(v)); }
 
 void VrmlWriteNumber(std::ostream& os, int32_t v) {
-    char buf[16];
-    auto r = std::to_chars(buf, buf + sizeof buf, v);
-    os.write(buf, r.ptr - buf);
+    char buf[24];
+    os.write(buf, numfmt::WriteInt(buf, v) - buf);
 }
 
 static void VrmlWriteNumber(std::ostream& os, uint32_t v) {
-    char buf[16];
-    auto r = std::to_chars(buf, buf + sizeof buf, v);
-    os.write(buf, r.ptr - buf);
+    char buf[24];
+    os.write(buf, numfmt::WriteUInt(buf, v) - buf);
 }
 
 static void writeComponents(std::ostream& os, const float* v, int n) {

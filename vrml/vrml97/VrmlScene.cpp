@@ -100,6 +100,16 @@ bool VrmlScene::load(const char* url, const char* localCopy) {
     return true;
 }
 
+bool VrmlScene::loadString(const char* data, size_t size) {
+    VrmlProtoResetBudget();
+    auto ns = std::make_shared<VrmlNamespace>();
+    VrmlMFNode* nodes = readString(data, size, ns.get());
+    if (!nodes) return false;
+    replaceWorld(*nodes, ns, nullptr, nullptr);
+    delete nodes;
+    return true;
+}
+
 bool VrmlScene::loadFromUrls(const VrmlMFString* urls, const VrmlMFString* parameters) {
     if (!urls) return false;
     for (size_t i = 0; i < urls->size(); ++i) {

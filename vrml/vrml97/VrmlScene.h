@@ -34,6 +34,8 @@ public:
                                uint64_t* bytesRead = nullptr);
     // Parses an in-memory world (fuzzing, tests); base gives relative URLs.
     static VrmlMFNode* readString(const char* data, size_t size, VrmlNamespace* ns, const Doc* base = nullptr);
+    // load() for a world held in memory: no URL, so nothing relative to it resolves.
+    bool loadString(const char* data, size_t size);
     // The referenced type (caller dereferences) or null.
     static VrmlNodeType* readPROTO(const VrmlMFString* urls, const Doc* relative);
 

@@ -391,6 +391,12 @@ const CVrml97Converter::InlineFrame* CVrml97Converter::LoadInline(VrmlNodeInline
     if (auto it = m_inlineFrames.find(&inl); it != m_inlineFrames.end()) return it->second.get();
     if (inl.d_loaded) return frame;
     inl.d_loaded = true;
+    if (frame->file.empty()) {
+        // A world read from memory has no folder to find its Inline worlds in.
+        if (!m_inlineDepthReported) Log(L"Inline worlds were not read: the world was read from memory.");
+        m_inlineDepthReported = true;
+        return frame;
+    }
     if (frame->depth >= m_limits.maxInlineDepth) {
         if (!m_inlineDepthReported)
             Log(L"Inline worlds nested more than " + CXStringW(std::to_wstring(m_limits.maxInlineDepth)) +
