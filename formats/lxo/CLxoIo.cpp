@@ -1,5 +1,6 @@
-// LXO entry points: the file is mapped and its bytes handed to the loader through a
-// memory stream, so a file, a test buffer and a fuzzer input take the same path.
+// LXO entry points: a file is streamed to the loader, memory goes through a memory stream,
+// so a file, a test buffer and a fuzzer input take the same path. Export builds the plan
+// (LxoWriteData) and writes it; update streams the old file into a temporary beside it.
 #include "formats/lxo/CLxoIo.h"
 
 #include <algorithm>
@@ -145,32 +146,44 @@ bool CLxoIo::Update(const CXStringW& path, C3DScene* scene, void*, CSceneExportO
 }
 
 C3DScene* CLxoIo::Read(const CXStringW& path, CSceneImportOptions& options) {
-    return ReadThroughFile(*this, path, options, [this](std::span<const uint8_t> data, CReadContext& ctx) {
-        return ReadBytes(data, ctx.Options());
+    // The file is streamed, not mapped: the loader holds one chunk at a time, so the
+    // input never adds its own size to the memory a read takes.
+    return ReadThroughPath(*this, path, options, [this, &path](std::span<const uint8_t>, CReadContext& ctx) {
+        FILE* stream = LxoOpenFile(PathToUtf8(path).c_str(), "rb");
+        if (!stream) {
+            m_fileIo.SetIoError(IO_ERR_OPEN, &ctx.Options(), LOG_ERROR);
+            return static_cast<C3DScene*>(nullptr);
+        }
+        uint8_t head[12] = {};
+        const size_t got = std::fread(head, 1, sizeof head, stream);
+        std::rewind(stream);
+        return ReadStream(stream, {head, got}, ctx.Options());
     });
 }
 
 C3DScene* CLxoIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
     return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
-        return ReadBytes(bytes, ctx.Options());
+        FILE* stream = bytes.empty() ? nullptr : fmemopen(const_cast<uint8_t*>(bytes.data()), bytes.size(), "rb");
+        if (!bytes.empty() && !stream) {
+            m_fileIo.SetIoError(IO_ERR_OPEN, &ctx.Options(), LOG_ERROR);
+            return static_cast<C3DScene*>(nullptr);
+        }
+        return ReadStream(stream, bytes.first(std::min<size_t>(bytes.size(), 12)), ctx.Options());
     });
 }
 
-C3DScene* CLxoIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    if (data.empty()) {
+C3DScene* CLxoIo::ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options) {
+    if (head.empty()) {
+        if (stream) std::fclose(stream);
         m_fileIo.SetIoError(IO_ERR_EMPTY, &options, LOG_ERROR);
         return nullptr;
     }
     // FORM, a size, then the LXOB form type.
     static constexpr uint8_t kForm[4] = {'F', 'O', 'R', 'M'}, kType[4] = {'L', 'X', 'O', 'B'};
-    if (data.size() < 12 || !std::equal(kForm, kForm + 4, data.data()) ||
-        !std::equal(kType, kType + 4, data.data() + 8)) {
+    if (head.size() < 12 || !std::equal(kForm, kForm + 4, head.data()) ||
+        !std::equal(kType, kType + 4, head.data() + 8)) {
+        std::fclose(stream);
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
-        return nullptr;
-    }
-    FILE* stream = fmemopen(const_cast<uint8_t*>(data.data()), data.size(), "rb");
-    if (!stream) {
-        m_fileIo.SetIoError(IO_ERR_OPEN, &options, LOG_ERROR);
         return nullptr;
     }
     LxoLoader loader(stream, options, [this] { return IsCancelled(); });

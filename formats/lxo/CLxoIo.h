@@ -4,6 +4,7 @@
 // export (the item set Modo writes around the meshes) and update in place (the mesh
 // layers of an existing file replaced, every other chunk kept as it is).
 #include <cstdint>
+#include <cstdio>
 #include <span>
 
 #include "plugin/host/Parser.h"
@@ -36,5 +37,7 @@ class CLxoIo : public C3DParser {
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 
   private:
-    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options);
+    // Runs the loader on `stream` (taken over, null only when `head` is empty); `head`
+    // holds the first bytes of the input, at most 12.
+    C3DScene* ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options);
 };

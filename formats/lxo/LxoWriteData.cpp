@@ -283,6 +283,16 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
     std::vector<uint32_t> tagMaterial;
     bool untagged = false;
     uint32_t maxID = 0;
+    // Which IDs below the bound name a material: one lookup per ID, not per face.
+    std::vector<uint8_t> known;
+    {
+        CMaterialPos pos;
+        for (C3DMaterial* m = scene.GetFirstMaterial(pos); m; m = scene.GetNextMaterial(pos))
+            if (m->GetID() < kMaxTaggedMaterialID) {
+                if (known.size() <= m->GetID()) known.resize(size_t(m->GetID()) + 1, 0);
+                known[m->GetID()] = 1;
+            }
+    }
     for (const C3DSceneNode* n : nodes) {
         const C3DBaseObject* o = n->GetBaseObject();
         if (!o || !IsMeshKind(o->GetKindOf())) continue;
@@ -292,9 +302,9 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
         for (uint32_t id : fl->GetMaterialIDs()) {
             if (id == last) continue;
             last = id;
-            if (id >= kMaxTaggedMaterialID || !scene.GetMaterialByID(id)) {
+            if (id >= known.size() || !known[id]) {
                 untagged = true;
-                if (id != NO_MATERIAL && scene.GetMaterialByID(id)) ++untaggedMaterials;
+                if (id != NO_MATERIAL && id >= kMaxTaggedMaterialID && scene.GetMaterialByID(id)) ++untaggedMaterials;
             } else {
                 maxID = std::max(maxID, id);
             }
