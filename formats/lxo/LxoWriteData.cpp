@@ -222,16 +222,15 @@ void LxoWriteData::AddMaterials(const C3DScene& scene, uint32_t render, const st
 }
 
 int32_t LxoWriteData::ChannelIndex(const std::string& name) const {
-    for (size_t i = 0; i < channelNames.size(); ++i)
-        if (channelNames[i] == name) return static_cast<int32_t>(i);
-    return -1;
+    const auto it = channelIndex.find(name);
+    return it == channelIndex.end() ? -1 : static_cast<int32_t>(it->second);
 }
 
 void LxoWriteData::CollectChannelNames() {
     channelNames.assign(1, "unknown");
-    std::unordered_map<std::string, uint32_t> known{{"unknown", 0}};
+    channelIndex = {{"unknown", 0}};
     auto add = [&](const std::string& n) {
-        if (known.emplace(n, static_cast<uint32_t>(channelNames.size())).second) channelNames.push_back(n);
+        if (channelIndex.emplace(n, static_cast<uint32_t>(channelNames.size())).second) channelNames.push_back(n);
     };
     static const char* const kXyz[3] = {".X", ".Y", ".Z"}, *const kRgb[3] = {".R", ".G", ".B"};
     for (const LxoItemData& it : items) {

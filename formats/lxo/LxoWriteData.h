@@ -7,6 +7,7 @@
 // to it, which the writer needs since the table precedes the items in the file.
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "formats/lxo/LxoLayerWriter.h"
@@ -56,6 +57,7 @@ struct LxoLayerData {
 struct LxoWriteData {
     std::vector<std::string> tags;
     std::vector<std::string> channelNames; // "unknown" first
+    std::unordered_map<std::string, uint32_t> channelIndex; // name -> position in channelNames
     std::vector<LxoLayerData> layers;
     std::vector<LxoItemData> items;
     uint32_t setupAction = 0, sceneAction = 0; // action IDs (after the items')

@@ -384,3 +384,36 @@ TEST(LxoExport, ScenesFromEveryReadableFormatReadBackWithTheSameCounts) {
     }
     EXPECT_GT(compared, 20);
 }
+
+TEST(LxoExport, ReadingFromAPathGivesResultCodes) {
+    TempDir dir;
+    int error = 0;
+    EXPECT_FALSE(ReadBack((dir / "missing.lxo").string(), &error));
+    EXPECT_EQ(error, IO_ERR_OPEN);
+    testsupport::WriteFile(dir / "empty.lxo", "");
+    EXPECT_FALSE(ReadBack((dir / "empty.lxo").string(), &error));
+    EXPECT_EQ(error, IO_ERR_EMPTY);
+    testsupport::WriteFile(dir / "text.lxo", "FORM but not an LXO file");
+    EXPECT_FALSE(ReadBack((dir / "text.lxo").string(), &error));
+    EXPECT_EQ(error, IO_ERR_FORMAT);
+}
+
+// A hundred thousand nodes go out and come back, parents and all.
+TEST(LxoExport, ManyNodesGoOutAndComeBack) {
+    TempDir dir;
+    const std::string path = (dir / "many.lxo").string();
+    C3DScene scene;
+    auto* mesh = new C3DObject();
+    for (int i = 0; i < 3; ++i) mesh->GetPointList()->Add(float(i == 0), float(i == 1), 0);
+    mesh->GetFaceList()->AddTriangle(0, 1, 2);
+    C3DSceneNode* parent = scene.AddNode(nullptr, new C3DSceneNode(mesh));
+    for (int i = 0; i < 100000; ++i) scene.AddNode(i % 2 ? parent : nullptr, new C3DSceneNode());
+    CFileIo io;
+    CLxoIo parser(io);
+    CSceneExportOptions options;
+    ASSERT_TRUE(parser.Save(W(path), &scene, options));
+    auto back = ReadBack(path);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->GetNodeCount(), 100001);
+    EXPECT_EQ(back->GetChildCount(back->GetRoot()->GetChildNode(), KINDOF_ALL, false), 50000);
+}
