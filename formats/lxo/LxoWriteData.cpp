@@ -19,6 +19,7 @@ namespace {
 // Material IDs at or above this get the untagged material (a per-layer table this long
 // costs 256 KB; real scenes number their materials from 0).
 constexpr uint32_t kMaxTaggedMaterialID = 1u << 16;
+constexpr size_t kMaxTagBytes = 1000;
 
 LxoItemChannel Float(const char* name, float f) {
     LxoItemChannel c;
@@ -126,7 +127,7 @@ void LxoWriteData::AddTransforms(uint32_t owner, const C3DSceneNode& node, bool 
     SplitTransform(local.m, scl, rot, pos); // the caller baked what does not split
     uint32_t ordinal = 0;
     const bool unit = scl[0] == 1.0f && scl[1] == 1.0f && scl[2] == 1.0f;
-    const std::string& base = items[owner].name;
+    const std::string base = items[owner].name; // AddItem below moves the items
     auto add = [&](const char* type, const char* vec, const float* v, const char* suffix) {
         const uint32_t id = AddItem(type, "");
         LxoItemData& t = items[id];
@@ -319,6 +320,12 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
         for (C3DMaterial* m = scene.GetFirstMaterial(pos); m; m = scene.GetNextMaterial(pos)) {
             if (m->GetID() >= kMaxTaggedMaterialID) continue;
             std::string name = Utf8(m->GetName());
+            // A mask repeats the tag in a sub-chunk (64 KB at most) and readers keep 1023 bytes.
+            if (name.size() > kMaxTagBytes) {
+                size_t cut = kMaxTagBytes;
+                while (cut > 0 && (uint8_t(name[cut]) & 0xC0) == 0x80) --cut; // not inside a UTF-8 sequence
+                name.resize(cut);
+            }
             if (name.empty()) name = "Material";
             std::string unique = name;
             for (int k = 2; used[unique]++; ++k) unique = name + " (" + std::to_string(k) + ")";

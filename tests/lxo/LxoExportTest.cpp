@@ -80,6 +80,8 @@ std::unique_ptr<C3DScene> SampleScene() {
     C3DMaterial* green = scene->CreateNewMaterial();
     green->SetName(L"Red"); // the same name twice: the tags must still tell them apart
     green->diffuse = CRGBColor(0, 255, 0);
+    C3DMaterial* unused = scene->CreateNewMaterial(); // a name longer than a sub-chunk holds
+    unused->SetName(CXStringW(std::wstring(70000, L'x')));
 
     C3DSceneNode* base = scene->AddNode(nullptr, new C3DSceneNode());
     base->SetName(L"Base");
@@ -258,8 +260,8 @@ TEST(LxoExport, FileHasTheItemSetAndEveryReferenceResolves) {
     EXPECT_EQ(count("lightMaterial"), 1);
     EXPECT_EQ(count("scene"), 1);
     EXPECT_EQ(count("polyRender"), 1);
-    EXPECT_EQ(count("mask"), 2); // one per material; the untagged faces take the base material
-    EXPECT_EQ(count("advancedMaterial"), 3);
+    EXPECT_EQ(count("mask"), 3); // one per material; the untagged faces take the base material
+    EXPECT_EQ(count("advancedMaterial"), 4);
     EXPECT_EQ(count("defaultShader"), 1);
     EXPECT_EQ(count("renderOutput"), 2);
     EXPECT_EQ(count("translation"), 4);
