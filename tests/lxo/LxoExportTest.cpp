@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cwchar>
 #include <filesystem>
 #include <memory>
@@ -418,4 +419,33 @@ TEST(LxoExport, ManyNodesGoOutAndComeBack) {
     ASSERT_TRUE(back);
     EXPECT_EQ(back->GetNodeCount(), 100001);
     EXPECT_EQ(back->GetChildCount(back->GetRoot()->GetChildNode(), KINDOF_ALL, false), 50000);
+}
+
+// The import switches survive in the preference store: turned off once, a later parser
+// starts with them off.
+TEST(LxoOptions, ImportSwitchesAreKeptInThePreferenceStore) {
+    TempDir dir;
+    const char* oldXdg = std::getenv("XDG_CONFIG_HOME");
+    const std::string keep = oldXdg ? oldXdg : "";
+    ::setenv("XDG_CONFIG_HOME", dir.path().string().c_str(), 1);
+    const char* noPrefs = std::getenv("ORBISCOPE_NO_PREFS");
+    const std::string keepNo = noPrefs ? noPrefs : "";
+    ::unsetenv("ORBISCOPE_NO_PREFS");
+    CFileIo io;
+    CLxoIo parser(io);
+    CSceneImportOptions fresh;
+    parser.LoadDefaultOptions(fresh);
+    EXPECT_TRUE(fresh.importCameras);
+    EXPECT_TRUE(fresh.importLights);
+    CSceneImportOptions off;
+    off.importCameras = false;
+    off.importLights = true;
+    CLxoIo::StoreOptions(off);
+    CSceneImportOptions later;
+    parser.LoadDefaultOptions(later);
+    EXPECT_FALSE(later.importCameras);
+    EXPECT_TRUE(later.importLights);
+    if (oldXdg) ::setenv("XDG_CONFIG_HOME", keep.c_str(), 1);
+    else ::unsetenv("XDG_CONFIG_HOME");
+    if (noPrefs) ::setenv("ORBISCOPE_NO_PREFS", keepNo.c_str(), 1);
 }
