@@ -81,7 +81,7 @@ bool CLxoIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
         return false;
     }
     if (data.untaggedMaterials)
-        options.AddLogInfo(LOG_INFO, CXStringW(L"Faces whose material ID is too large for the tag table use the "
+        options.AddLogInfo(LOG_INFO, CXStringW(L"Faces whose material ID is too large for the tag tables use the "
                                                L"base material"));
     const uint32_t r = LxoSaveFile(PathToUtf8(path).c_str(), data);
     if (r) {

@@ -274,15 +274,23 @@ LxoUpdateResult LxoUpdateFile(const char* src, const char* dst, const C3DScene& 
     std::vector<LxoLayerMesh> meshes;
     meshes.reserve(index.meshes.size());
     std::vector<uint32_t> ids;
+    uint64_t budget = uint64_t(1) << 24; // table entries of all meshes together
     for (size_t i = 0; i < index.meshes.size(); ++i) {
         if (nodeOf[i] < 0) continue;
         const auto* geom = static_cast<const C3DGeomObject*>(nodes[static_cast<size_t>(nodeOf[i])]->GetBaseObject());
         LxoLayerMesh m;
         m.object = geom;
         uint32_t top = 0;
-        if (const C3DFaceList* fl = geom->GetFaceList())
-            for (uint32_t id : fl->GetMaterialIDs())
-                if (id < (1u << 16) && scene.GetMaterialByID(id)) top = std::max(top, id + 1);
+        if (const C3DFaceList* fl = geom->GetFaceList()) {
+            uint32_t last = NO_MATERIAL;
+            for (uint32_t id : fl->GetMaterialIDs()) {
+                if (id == last || id < top) continue; // runs of one material are the usual case
+                last = id;
+                if (id < (1u << 16) && scene.GetMaterialByID(id)) top = id + 1;
+            }
+        }
+        if (top > budget) top = 0; // past the budget the mesh goes out untagged
+        budget -= top;
         m.materialTags.assign(top, 0);
         for (uint32_t id = 0; id < top; ++id)
             if (const C3DMaterial* mat = scene.GetMaterialByID(id)) {

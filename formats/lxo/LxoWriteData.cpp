@@ -20,6 +20,8 @@ namespace {
 // costs 256 KB; real scenes number their materials from 0).
 constexpr uint32_t kMaxTaggedMaterialID = 1u << 16;
 constexpr size_t kMaxTagBytes = 1000;
+// Entries of all meshes' material tables together (64 MB).
+constexpr uint64_t kTagTableBudget = uint64_t(1) << 24;
 
 LxoItemChannel Float(const char* name, float f) {
     LxoItemChannel c;
@@ -293,22 +295,31 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
                 known[m->GetID()] = 1;
             }
     }
+    std::vector<uint32_t> meshTops;
     for (const C3DSceneNode* n : nodes) {
         const C3DBaseObject* o = n->GetBaseObject();
         if (!o || !IsMeshKind(o->GetKindOf())) continue;
         const C3DFaceList* fl = static_cast<const C3DGeomObject*>(o)->GetFaceList();
         if (!fl) continue;
-        uint32_t last = NO_MATERIAL - 1;
+        uint32_t last = NO_MATERIAL - 1, top = 0;
         for (uint32_t id : fl->GetMaterialIDs()) {
             if (id == last) continue;
             last = id;
+            if (id < kMaxTaggedMaterialID) top = std::max(top, id);
             if (id >= known.size() || !known[id]) {
                 untagged = true;
-                if (id != NO_MATERIAL && id >= kMaxTaggedMaterialID && scene.GetMaterialByID(id)) ++untaggedMaterials;
+                if (id != NO_MATERIAL && id >= kMaxTaggedMaterialID && scene.GetMaterialByID(id)) untaggedMaterials = 1;
             } else {
                 maxID = std::max(maxID, id);
             }
         }
+        meshTops.push_back(top);
+    }
+    {
+        // Meshes past the tables' budget (see tagTable) need the untagged tag.
+        uint64_t need = 0;
+        for (uint32_t top : meshTops) need += uint64_t(std::min(top, maxID)) + 1;
+        if (need > kTagTableBudget) untagged = true;
     }
     if (untagged) {
         tags.push_back("Default");
@@ -335,15 +346,27 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
         }
     }
     if (tags.size() > 0xFFFF) return fail("the scene has more materials than an LXO tag table can index");
-    // Material ID -> tag, as long as the largest ID a mesh's faces use.
+    // Material ID -> tag, as long as the largest ID a mesh's faces use. The tables of all
+    // meshes share one budget, so many meshes with large IDs cannot multiply it; a mesh
+    // past the budget goes out untagged (and the log says so).
+    uint64_t budget = kTagTableBudget;
     auto tagTable = [&](const C3DFaceList* fl) {
+        std::vector<uint32_t> table;
+        if (!fl || tagOfMaterial.empty()) return table;
         uint32_t top = 0;
-        if (fl)
-            for (uint32_t m : fl->GetMaterialIDs())
-                if (m < kMaxTaggedMaterialID) top = std::max(top, m);
-        std::vector<uint32_t> table(tagOfMaterial.empty() || !fl ? 0 : std::min(top, maxID) + 1, 0);
-        for (const auto& [id, tag] : tagOfMaterial)
-            if (id < table.size()) table[id] = tag;
+        for (uint32_t m : fl->GetMaterialIDs())
+            if (m < kMaxTaggedMaterialID) top = std::max(top, m);
+        const uint64_t size = uint64_t(std::min(top, maxID)) + 1;
+        if (size > budget) {
+            ++untaggedMaterials;
+            return table;
+        }
+        budget -= size;
+        table.assign(size, 0);
+        for (uint32_t id = 0; id < size; ++id) {
+            const auto t = tagOfMaterial.find(id);
+            if (t != tagOfMaterial.end()) table[id] = t->second;
+        }
         return table;
     };
 

@@ -61,7 +61,7 @@ struct LxoWriteData {
     std::vector<LxoLayerData> layers;
     std::vector<LxoItemData> items;
     uint32_t setupAction = 0, sceneAction = 0; // action IDs (after the items')
-    uint32_t untaggedMaterials = 0;            // faces whose material ID is too large to tag
+    uint32_t untaggedMaterials = 0;            // meshes or faces whose materials could not be tagged
 
     // Fills everything from `scene`; false when the scene has nothing an LXO file holds
     // or a mesh is beyond what the format can index (`error` says which). The scene must

@@ -449,3 +449,41 @@ TEST(LxoOptions, ImportSwitchesAreKeptInThePreferenceStore) {
     else ::unsetenv("XDG_CONFIG_HOME");
     if (noPrefs) ::setenv("ORBISCOPE_NO_PREFS", keepNo.c_str(), 1);
 }
+
+// Material tables are as long as the largest material ID a mesh uses; all meshes share one
+// budget, so many meshes with a large ID cannot multiply the memory: those past it go out
+// with the base material, and the log says so.
+TEST(LxoExport, MaterialTablesShareOneBudget) {
+    TempDir dir;
+    const std::string path = (dir / "far.lxo").string();
+    C3DScene scene;
+    auto* far = new C3DStandardMaterial();
+    far->SetID(65000);
+    far->SetName(L"Far");
+    scene.AddNewMaterial(far);
+    const int meshes = 300; // 300 tables of 65001 entries: more than the 2^24 budget
+    for (int i = 0; i < meshes; ++i) {
+        auto* mesh = new C3DObject();
+        for (int k = 0; k < 3; ++k) mesh->GetPointList()->Add(float(k == 0), float(k == 1), float(i));
+        mesh->GetFaceList()->SetCurrentMaterial(65000);
+        mesh->GetFaceList()->AddTriangle(0, 1, 2);
+        scene.AddNode(nullptr, new C3DSceneNode(mesh))->SetName(CXStringW(L"m" + std::to_wstring(i)));
+    }
+    CFileIo io;
+    CLxoIo parser(io);
+    CSceneExportOptions options;
+    ASSERT_TRUE(parser.Save(W(path), &scene, options));
+    bool logged = false;
+    for (const auto& l : options.GetLog()) logged |= l.text.Find(L"tag tables") >= 0;
+    EXPECT_TRUE(logged);
+    auto back = ReadBack(path);
+    ASSERT_TRUE(back);
+    auto nameOf = [&](int i) {
+        C3DSceneNode* n = back->FindNodeByName(CXStringW(L"m" + std::to_wstring(i)));
+        const C3DGeomObject* g = n ? n->GetGeomObject() : nullptr;
+        const C3DMaterial* m = g ? back->GetMaterialByID(g->GetFaceList()->GetMaterialID(0)) : nullptr;
+        return m ? m->GetName() : CXStringW(L"?");
+    };
+    EXPECT_EQ(nameOf(0), CXStringW(L"Far"));
+    EXPECT_EQ(nameOf(meshes - 1), CXStringW(L"Default"));
+}
