@@ -43,8 +43,6 @@ const char* kUsage =
     "  lxo copy SRC DST                copy an LXO file chunk by chunk\n"
     "  lxo replace SRC DST --layer REFID MESHFILE\n"
     "                                  replace one mesh layer of an LXO file\n"
-    "  lxo update FILE SCENEFILE [-o OUT]\n"
-    "                                  replace the mesh layers of an LXO file by a scene's meshes\n"
     "  vrml97 check FILE               parse a VRML97 world and report diagnostics\n"
     "  vrml97 print FILE               parse a VRML97 world and print it back\n"
     "\n"
