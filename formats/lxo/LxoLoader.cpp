@@ -752,6 +752,15 @@ C3DScene* LxoLoader::Load() {
     auto addGeometry = [&](C3DSceneNode* node, uint32_t li, bool first) {
         std::unique_ptr<C3DCurve> curves;
         std::unique_ptr<C3DBaseObject> obj(BuildLayer(m_layers[li], curves));
+        // The layer's buffers are spent: free them before the next layer builds its own.
+        Layer& spent = m_layers[li];
+        spent.points = hostmem::ZeroedArray<float>();
+        spent.polyOffsets = CFaceList::IndexArray();
+        spent.polyIndices = CFaceList::IndexArray();
+        std::vector<uint8_t>().swap(spent.polyKind);
+        std::vector<UvValue>().swap(spent.uv);
+        std::vector<RgbValue>().swap(spent.rgb);
+        std::vector<uint32_t>().swap(spent.matTag);
         C3DSceneNode* target = node;
         if (!first && (obj || curves)) {
             target = scene->AddNode(node, new C3DSceneNode());
