@@ -88,11 +88,15 @@ const Command kCommands[] = {
      "  --json             the summary as JSON\n"
      "  -q, -v             hide warnings / also show informational lines\n",
      CmdConvert, true, false},
-    {"lxo", "lxo dump|copy|replace ...       Modo LXO tools (orbiscope help lxo)",
+    {"lxo", "lxo dump|copy|replace|update    Modo LXO tools (orbiscope help lxo)",
      "usage: orbiscope lxo dump FILE [-v] [-o OUT]     dump the chunks of a Modo LXO file\n"
      "       orbiscope lxo copy SRC DST                copy an LXO file chunk by chunk\n"
      "       orbiscope lxo replace SRC DST --layer REFID MESHFILE\n"
-     "                                                 replace one mesh layer of an LXO file\n",
+     "                                                 replace one mesh layer of an LXO file\n"
+     "       orbiscope lxo update FILE SCENEFILE [-o OUT]\n"
+     "                                                 replace FILE's mesh layers with SCENEFILE's\n"
+     "                                                 meshes (by name, then in order); the rest\n"
+     "                                                 of FILE is kept\n",
      CmdLxo, true, true},
     {"vrml97", "vrml97 check|print FILE         VRML97 tools (orbiscope help vrml97)",
      "usage: orbiscope vrml97 check FILE [--json]\n"
