@@ -245,6 +245,105 @@ TEST(Vrml1Import, TextureFilesAreRequiredAndCoordinatesFollowTheirIndex) {
     ASSERT_TRUE(m && m->GetMaterialMap(MAP_DIFFUSE));
 }
 
+std::vector<uint32_t> NormalCorners(const C3DSceneNode& n, int face) {
+    const C3DChannel* ch = n.GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL);
+    if (!ch) return {};
+    auto f = static_cast<const CSpecNormalChannel*>(ch)->GetNormalFaceList()->Face(face);
+    return std::vector<uint32_t>(f.begin(), f.end());
+}
+
+TEST(Vrml1Import, NormalsFollowTheirBinding) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "Normal { vector [ 0 0 1, 0 1 0, 1 0 0, 0 0 -1 ] }\n"
+                      "Separator { NormalBinding { value PER_FACE }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"
+                      "Separator { NormalBinding { value PER_FACE_INDEXED }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] normalIndex [ 3, 2 ] } }\n"
+                      "Separator { NormalBinding { value PER_VERTEX }\n"
+                      "  IndexedFaceSet { coordIndex [ 3, 2, 1, -1 ] } }\n"
+                      "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] normalIndex [ 2, 2, 1, -1 ] }\n" // default: per vertex, indexed
+                      "IndexedFaceSet { coordIndex [ 3, 1, 2, -1 ] }\n"                              // by the coordinate indices
+                      "Separator { NormalBinding { value PER_VERTEX }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"             // 6 needed, 4 given
+                      "}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 6u);
+    EXPECT_EQ(NormalCorners(*meshes[0], 1), (std::vector<uint32_t>{1, 1, 1}));
+    EXPECT_EQ(NormalCorners(*meshes[1], 0), (std::vector<uint32_t>{3, 3, 3}));
+    EXPECT_EQ(NormalCorners(*meshes[1], 1), (std::vector<uint32_t>{2, 2, 2}));
+    EXPECT_EQ(NormalCorners(*meshes[2], 0), (std::vector<uint32_t>{0, 1, 2}));
+    EXPECT_EQ(NormalCorners(*meshes[3], 0), (std::vector<uint32_t>{2, 2, 1}));
+    EXPECT_EQ(NormalCorners(*meshes[4], 0), (std::vector<uint32_t>{3, 1, 2}));
+    const auto* ch = static_cast<const CSpecNormalChannel*>(
+        meshes[0]->GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    ExpectNear(ch->GetNormalVectorList()->GetPoint(1), C3DPoint(0, 1, 0));
+    // Too few normals: none are taken, the smoothing angle decides.
+    EXPECT_TRUE(NormalCorners(*meshes[5], 0).empty());
+}
+
+TEST(Vrml1Import, ImageTexturesStayWithTheirMaterial) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "Texture2 { image 2 1 3 0xFF0000 0x00FF80 wrapT CLAMP }\n"
+                      "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] }\n}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 1u);
+    EXPECT_TRUE(meshes[0]->GetGeomObject()->GetGlobalUVWChannel()); // textured: coordinates made
+    C3DMaterial* m = r.scene->GetMaterialByID(meshes[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    const CCustomData* bag = m->GetCustomData().GetCustomData(vrml1import::kImageID);
+    ASSERT_TRUE(bag);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageWidth), 2);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageHeight), 1);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageComponents), 3);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageWrap), 1);
+    std::vector<uint8_t> pixels;
+    ASSERT_TRUE(bag->GetBinary(vrml1import::kImagePixels, pixels));
+    EXPECT_EQ(pixels, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0xFF, 0x80}));
+    EXPECT_TRUE(r.scene->GetRequiredFiles().empty());
+}
+
+TEST(Vrml1Import, TextStaysAsNamedLinesAndLightsKeepTheirSeparator) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nDEF Outer Separator {\n") + kSquare +
+                      "DEF Title AsciiText { string [ \"one\", \"two\" ] }\n"
+                      "DEF Inner Separator { PointLight { } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "TransformSeparator { DirectionalLight { } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "}\nGroup { SpotLight { } }\n");
+    ASSERT_TRUE(r.scene);
+    C3DSceneNode* title = r.scene->FindNodeByName(L"Title");
+    ASSERT_TRUE(title);
+    std::vector<CXStringW> lines;
+    ASSERT_TRUE(title->GetBaseObject()->GetCustomData().GetStringArray(vrml1import::kTextID, lines));
+    EXPECT_EQ(lines, (std::vector<CXStringW>{L"one", L"two"}));
+    std::vector<uint64_t> scopes;
+    for (C3DSceneNode* n : Nodes(*r.scene))
+        if (n->GetKindOf() == KINDOF_LIGHT) scopes.push_back(n->GetBaseObject()->GetCustomData().GetUInt64(vrml1import::kLightScopeID, 99));
+    ASSERT_EQ(scopes.size(), 3u);
+    EXPECT_EQ(scopes[0], r.scene->FindNodeByName(L"Inner")->GetNodeID());
+    EXPECT_EQ(scopes[1], r.scene->FindNodeByName(L"Outer")->GetNodeID()); // a TransformSeparator does not hold it
+    EXPECT_EQ(scopes[2], 0u);                                              // top level: everything
+}
+
+TEST(Vrml1Import, PartsWalkedAgainAreKeptUntilTheirLastWalk) {
+    // The import frees a Separator's part once walked; USEd parts and Array copies are
+    // walked more than once and must still be whole then.
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "DEF Part Separator { Material { diffuseColor 1 0 0 } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "Array { numElements1 3 separation1 5 0 0 Separator { IndexedFaceSet { coordIndex [ 0, 2, 3 ] } } }\n"
+                      "USE Part\n}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 5u);
+    for (C3DSceneNode* m : meshes) EXPECT_EQ(m->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
+    ExpectNear(World(*meshes[3], 0), C3DPoint(10, 0, 0));
+    const C3DMaterial* first = r.scene->GetMaterialByID(meshes[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    const C3DMaterial* last = r.scene->GetMaterialByID(meshes[4]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(first && last);
+    EXPECT_EQ(first->GetDiffuseColor(), CRGBColor(255, 0, 0));
+    EXPECT_EQ(last->GetDiffuseColor(), CRGBColor(255, 0, 0));
+}
+
 TEST(Vrml1Import, SwitchLodAndGroupsFollowTheirRules) {
     auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
                       "Switch { IndexedFaceSet { } }\n"                         // -1: nothing

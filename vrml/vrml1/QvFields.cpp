@@ -233,6 +233,7 @@ bool QvMField::read(QvIn& in) {
             return false;
         }
         ++index;
+        if ((index & 1023) == 0) in.tick();
         if (!in.skipWhite(false) || !in.get(c)) {
             in.readError(QvFormat("Couldn't read value %d of field", index));
             return false;

@@ -46,6 +46,12 @@ QvIn::~QvIn() {
     for (auto& [name, node] : m_dict) node->unref();
 }
 
+void QvIn::fireProgress() {
+    constexpr size_t kStep = 4u << 20;
+    m_nextTick = m_pos + kStep;
+    if (m_progress) m_progress(m_pos);
+}
+
 bool QvIn::get(char& c) {
     if (m_pos >= m_data.size()) return false;
     c = static_cast<char>(m_data[m_pos++]);

@@ -22,6 +22,12 @@ public:
 
     // Where messages go; the default writes them to the standard error stream.
     void setSink(Sink sink) { m_sink = std::move(sink); }
+    // Called with the reading position every few megabytes (progress, giving back pages).
+    void setProgress(std::function<void(size_t)> progress) { m_progress = std::move(progress); }
+    // Readers of long runs call this now and then.
+    void tick() {
+        if (m_pos >= m_nextTick) fireProgress();
+    }
 
     // Checks the first line; reports "File does not have a valid header string" when it is not ours.
     bool readHeader();
@@ -76,6 +82,7 @@ public:
 
 private:
     bool readInteger(int64_t& x);
+    void fireProgress();
 
     std::span<const uint8_t> m_data;
     size_t m_pos = 0;
@@ -86,6 +93,8 @@ private:
     std::string m_scratch;
     std::unordered_map<std::string, QvNode*> m_dict;
     Sink m_sink;
+    std::function<void(size_t)> m_progress;
+    size_t m_nextTick = 0;
 };
 
 // printf-style formatting (the host's C-locale formatter) into a new string, for messages.
