@@ -12,6 +12,7 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SwitchLocale.h"
@@ -64,8 +65,8 @@ char* WriteFixed4(char* p, double v) {
     return p;
 }
 
-// Lines of numbers written straight into the text's spare room (grown ahead in large
-// steps and trimmed at the end) instead of one append per number.
+// Lines of numbers written straight into the text's spare room (grown ahead a block at a
+// time and trimmed at the end) instead of one append per number.
 class LineWriter {
 public:
     LineWriter(std::string& out, size_t maxLine) : m_out(out), m_max(maxLine), m_len(out.size()) {}
@@ -74,7 +75,8 @@ public:
     LineWriter& operator=(const LineWriter&) = delete;
     // Room for one line of at most maxLine bytes, the indentation already written.
     char* line(const std::string& indent) {
-        if (m_out.size() - m_len < m_max) m_out.resize(std::max(m_out.size() * 2, m_len + m_max + (1u << 16)));
+        // Grown a block at a time (the string's own capacity grows geometrically).
+        if (m_out.size() - m_len < m_max) m_out.resize(m_len + std::max<size_t>(m_max, 1u << 16));
         char* p = m_out.data() + m_len;
         std::memcpy(p, indent.data(), indent.size());
         return p + indent.size();
@@ -147,13 +149,14 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
     order.reserve(static_cast<size_t>(faces->GetNumberOfFaces()));
     for (int f = 0; f < faces->GetNumberOfFaces(); ++f)
         if (!faces->IsFaceFlagSet(f, FACE_SKIP)) order.push_back(f);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](int a, int b) { return faces->GetMaterialID(a) < faces->GetMaterialID(b); });
+    auto byMaterial = [&](int a, int b) { return faces->GetMaterialID(a) < faces->GetMaterialID(b); };
+    if (!std::is_sorted(order.begin(), order.end(), byMaterial)) std::stable_sort(order.begin(), order.end(), byMaterial);
 
     // The materials the faces use, in ascending ID order; a face's index is its material's place.
     std::vector<uint32_t> ids;
-    for (int f : order) {
-        uint32_t id = faces->GetMaterialID(f);
+    for (size_t k = 0; k < order.size(); ++k) {
+        uint32_t id = faces->GetMaterialID(order[k]);
+        if (k > 0 && id == faces->GetMaterialID(order[k - 1])) continue; // one look-up per run
         if (scene.GetMaterialByID(id) && (ids.empty() || ids.back() != id)) ids.push_back(id);
     }
     if (!ids.empty()) {
@@ -342,6 +345,22 @@ std::string CVrmlIo::SeparatorName(const CXStringW& name) {
 
 std::string CVrmlIo::FormatScene(const C3DScene& scene) {
     Writer w;
+    {
+        // Room for the whole text up front, backed at once: growing a string of hundreds of
+        // megabytes by doubling copies it and takes its page faults one by one.
+        size_t estimate = 4096;
+        C3DNodePos pos = scene.GetFirstNode(KINDOF_MESH | KINDOF_PATCH | KINDOF_CURVE);
+        C3DBaseObject* obj = nullptr;
+        while (scene.GetNextNode(obj, pos)) {
+            if (!obj || !obj->IsGeomObject()) continue;
+            const auto& g = static_cast<const C3DGeomObject&>(*obj);
+            if (g.GetPointList()) estimate += g.GetPointList()->size() * 34;
+            if (g.GetFaceList()) estimate += g.GetFaceList()->GetNumberOfIndices() * 6 + g.GetFaceList()->GetNumberOfFaces() * 6;
+            estimate += 1024;
+        }
+        w.out.reserve(estimate);
+        hostmem::PopulateNow(w.out.data(), w.out.capacity());
+    }
     w.out = "#VRML V1.0 ascii\n";
     w.open("Scene");
     w.node("Info");

@@ -265,7 +265,7 @@ template <typename T, int N, QvFieldType Type> bool QvMFNumbers<T, N, Type>::rea
         else ok = in.readInt(v[i]);
         if (!ok) return false;
     }
-    values.insert(values.end(), v, v + N);
+    for (int i = 0; i < N; ++i) values.push_back(v[i]);
     return true;
 }
 
