@@ -25,7 +25,8 @@ echo "== VRML 1.0 ($(date -u +%H:%M:%S) UTC, $(nproc) cores, load $(cut -d' ' -f
 for run in $(seq "$RUNS"); do
     out=$(/usr/bin/time -v "$BUILD/bin/bench_vrml1" "$IV" 2>"$TV")
     geo=$(grep -o 'geometry_bytes=[0-9]*' <<<"$out" | cut -d= -f2)
-    echo "iv   $(head -1 <<<"$out" | cut -d';' -f1); peak $(python3 -c "print('%.2fx' % ($(rss_of) * 1024 / $geo))")"
+    cpu=$(awk -F': ' '/User time|System time/ {s+=$2} END {print s}' "$TV")
+    echo "iv   $(head -1 <<<"$out" | cut -d';' -f1); whole process $(python3 -c "import os; print('%.2f s = %.1f MB/s' % ($cpu, os.path.getsize('$IV') / 1e6 / $cpu))"); peak $(python3 -c "print('%.2fx' % ($(rss_of) * 1024 / $geo))")"
     out=$(/usr/bin/time -v "$BUILD/bin/bench_vrml97import" "$W97" 2>"$TV")
     cpu=$(awk -F': ' '/User time|System time/ {s+=$2} END {print s}' "$TV")
     geo=$(grep -o 'geometry_bytes=[0-9]*' <<<"$out" | cut -d= -f2)

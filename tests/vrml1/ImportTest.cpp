@@ -13,6 +13,8 @@
 #include "plugin/host/Scene.h"
 #include "tests/support/TestSupport.h"
 #include "vrml/vrml1/CVrmlIo.h"
+#include "vrml/vrml1/QvIn.h"
+#include "vrml/vrml1/QvNode.h"
 #include "vrml/vrml1/Vrml1Import.h"
 
 namespace {
@@ -302,6 +304,51 @@ TEST(Vrml1Import, ImageTexturesStayWithTheirMaterial) {
     ASSERT_TRUE(bag->GetBinary(vrml1import::kImagePixels, pixels));
     EXPECT_EQ(pixels, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0xFF, 0x80}));
     EXPECT_TRUE(r.scene->GetRequiredFiles().empty());
+}
+
+TEST(Vrml1Import, ImageCopiesAreCappedAgainstTheInput) {
+    // Each face its own material, each material its own copy of the image.
+    std::string t = "#VRML V1.0 ascii\nSeparator {\nTexture2 { image 16 16 3";
+    for (int i = 0; i < 256; ++i) t += " 0xFFFFFF";
+    t += " }\nMaterial { diffuseColor [";
+    std::string coords, faces;
+    for (int i = 0; i < 40; ++i) {
+        t += " 0 0 " + std::to_string(i / 40.0) + ",";
+        coords += std::to_string(i) + " 0 0, " + std::to_string(i) + " 1 0, ";
+        faces += std::to_string(2 * i) + ", " + std::to_string(2 * i + 1) + ", " + std::to_string((2 * i + 2) % 80) + ", -1, ";
+    }
+    t += " ] }\nMaterialBinding { value PER_FACE }\nCoordinate3 { point [ " + coords + "] }\n"
+         "IndexedFaceSet { coordIndex [ " + faces + "] }\n}\n";
+    QvIn in(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(t.data()), t.size()));
+    in.setSink([](const std::string&) {});
+    QvFileContents contents;
+    ASSERT_TRUE(QvReadFile(in, contents));
+    C3DScene scene;
+    CFileIo io;
+    CVrmlIo parser(io);
+    CSceneImportOptions opt;
+    vrml1import::Limits limits;
+    limits.baseImageBytes = 0;
+    limits.imageFactor = 1;
+    vrml1import::CVrml1Converter conv(scene, parser, opt, "", t.size(), limits);
+    conv.Convert(contents);
+    EXPECT_EQ(scene.GetMaterialNumber(), 40);
+    size_t kept = 0, withImage = 0;
+    CMaterialPos pos;
+    for (C3DMaterial* m = scene.GetFirstMaterial(pos); m; m = scene.GetNextMaterial(pos)) {
+        const CCustomData* bag = m->GetCustomData().GetCustomData(vrml1import::kImageID);
+        std::vector<uint8_t> px;
+        if (bag && bag->GetBinary(vrml1import::kImagePixels, px)) {
+            kept += px.size();
+            ++withImage;
+        }
+    }
+    EXPECT_GT(withImage, 0u);
+    EXPECT_LT(withImage, 40u);
+    EXPECT_LE(kept, t.size());
+    bool told = false;
+    for (const auto& l : opt.GetLog()) told |= l.text.Find(L"texture images were left out") >= 0;
+    EXPECT_TRUE(told);
 }
 
 TEST(Vrml1Import, TextStaysAsNamedLinesAndLightsKeepTheirSeparator) {

@@ -370,9 +370,12 @@ void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth, bool once) {
     case QvNodeType::AsciiText: {
         // No glyphs in the file: the text stays as a named node that carries its lines.
         const QvAsciiText* t = As<QvAsciiText>(n);
+        uint64_t bytes = 0;
+        for (const std::string& line : t->string.values) bytes += line.size();
+        // Charged by size: a USEd text is copied at every use.
+        if (!Charge(1 + t->string.values.size() + bytes / 4)) return;
         std::vector<CXStringW> lines;
         for (const std::string& line : t->string.values) lines.push_back(Wide(line));
-        if (!Charge(1 + lines.size())) return;
         auto* group = new C3DGroup();
         group->GetCustomData().SetStringArray(kTextID, lines);
         AttachShape(n, group, f);
@@ -492,12 +495,20 @@ uint32_t CVrml1Converter::Material(int index) {
         // An image written in the file: there is no file to name, so the material keeps the
         // pixels themselves (as read: bottom row first, `components` bytes a pixel).
         const QvSFImage& img = tex->image;
-        CCustomData* bag = hm->GetCustomData().GetCustomData(kImageID, true);
-        bag->SetInt(kImageWidth, img.width);
-        bag->SetInt(kImageHeight, img.height);
-        bag->SetInt(kImageComponents, img.components);
-        bag->SetInt(kImageWrap, (tex->wrapS.value == 0 ? 1 : 0) | (tex->wrapT.value == 0 ? 2 : 0));
-        bag->SetBinary(kImagePixels, img.bytes.data(), img.bytes.size());
+        // Every material made from the texture keeps its own copy: those copies are capped
+        // against the input, or a long material list would multiply a large image.
+        m_imageBytes += img.bytes.size();
+        if (m_imageBytes > m_limits.baseImageBytes + m_limits.imageFactor * m_inputBytes) {
+            if (!m_reportedImages) Log(L"VRML 1.0: texture images were left out of materials past the size allowed.");
+            m_reportedImages = true;
+        } else {
+                CCustomData* bag = hm->GetCustomData().GetCustomData(kImageID, true);
+            bag->SetInt(kImageWidth, img.width);
+            bag->SetInt(kImageHeight, img.height);
+            bag->SetInt(kImageComponents, img.components);
+            bag->SetInt(kImageWrap, (tex->wrapS.value == 0 ? 1 : 0) | (tex->wrapT.value == 0 ? 2 : 0));
+            bag->SetBinary(kImagePixels, img.bytes.data(), img.bytes.size());
+        }
     } else if (tex) {
         CXStringW file = ResolvePath(tex->filename.value, m_currentFile ? *m_currentFile : m_rootFile);
         if (CMaterialMap* map = hm->AddMaterialMap(file, 1, MAP_DIFFUSE, PROJ_UV)) {

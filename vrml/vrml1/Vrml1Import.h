@@ -33,6 +33,8 @@ struct Limits {
     uint64_t elementFactor = 16;
     uint64_t baseNodes = 65536;         // scene nodes made: base + input bytes / 8
     int maxArrayCopies = 4096;          // copies one Inventor Array node makes
+    uint64_t baseImageBytes = 64u << 20; // texture image bytes kept by materials: base + factor x input
+    uint64_t imageFactor = 4;
 };
 
 // Object custom-data ID that carries a WWWAnchor's URL on its scene node.
@@ -126,6 +128,8 @@ private:
     uint64_t m_droppedFaces = 0;
     const std::string* m_currentFile = nullptr; // the file whose nodes are being walked
     bool m_reportedDepth = false;
+    uint64_t m_imageBytes = 0;
+    bool m_reportedImages = false;
 };
 
 } // namespace vrml1import
