@@ -883,8 +883,7 @@ void CVrml1Converter::AddNormals(C3DObject& obj, const QvNode* n, const Corners&
         if (!ownIndices) return fallback;
         return at < ix->normalIndex.values.size() ? ix->normalIndex.values[at] : -1;
     };
-    CFaceList::IndexArray idx;
-    idx.resize(c.coord.size());
+    std::vector<int32_t> picked(c.coord.size());
     for (size_t fi = 0; fi < c.faces(); ++fi) {
         for (uint32_t k = c.faceStart[fi]; k < c.faceStart[fi + 1]; ++k) {
             int64_t v;
@@ -898,16 +897,22 @@ void CVrml1Converter::AddNormals(C3DObject& obj, const QvNode* n, const Corners&
             default: v = indexed(static_cast<size_t>(c.pos[k]), c.coord[k]); break; // DEFAULT, PER_VERTEX_INDEXED
             }
             if (v < 0 || v >= count) return;
-            idx[k] = static_cast<uint32_t>(v);
+            picked[k] = static_cast<int32_t>(v);
         }
     }
-    if (!Charge(normals->values.size() + idx.size())) return;
+    // Only the vectors the shape uses: one long Normal list serves many small shapes.
+    Renumbered rn = Renumber(picked, count);
+    if (!Charge(rn.used.size() * 3 + picked.size())) return;
     auto ch = std::make_unique<CSpecNormalChannel>();
     C3DVectorList* vectors = ch->GetNormalVectorList();
-    vectors->SetSize(static_cast<int>(count));
-    std::copy(normals->values.begin(), normals->values.end(), vectors->GetData());
-    CFaceList::IndexArray offsets(c.faceStart.size());
+    vectors->Reserve(rn.used.size());
+    for (int32_t i : rn.used) {
+        const float* v = (*normals)[static_cast<size_t>(i)];
+        vectors->Add(v[0], v[1], v[2]);
+    }
+    CFaceList::IndexArray offsets(c.faceStart.size()), idx(rn.corners.size());
     std::copy(c.faceStart.begin(), c.faceStart.end(), offsets.begin());
+    std::copy(rn.corners.begin(), rn.corners.end(), idx.begin());
     CFaceList::FlagArray flags(c.faces());
     if (ch->GetNormalFaceList()->Adopt(std::move(offsets), std::move(idx), std::move(flags))) obj.AddChannel(ch.release(), -1);
 }
