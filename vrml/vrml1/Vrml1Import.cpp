@@ -87,6 +87,14 @@ struct CVrml1Converter::Corners {
     std::vector<int32_t> ordinal;       // per face: face ordinal (dropped faces count too)
     bool indexed = false;
     size_t faces() const { return faceStart.size() - 1; }
+    void reserve(size_t corners, size_t faceCount) {
+        coord.reserve(corners);
+        pos.reserve(corners);
+        ref.reserve(corners);
+        faceStart.reserve(faceCount + 1);
+        part.reserve(faceCount);
+        ordinal.reserve(faceCount);
+    }
     void corner(int32_t c, int32_t p, int32_t r) {
         coord.push_back(c);
         pos.push_back(p);
@@ -594,6 +602,7 @@ void CVrml1Converter::BuildShape(QvNode* n, Frame& f) {
         const auto& idx = As<QvIndexedShape>(n)->coordIndex.values;
         if (!Charge(idx.size())) return;
         c.indexed = true;
+        c.reserve(idx.size(), idx.size() / 3 + 1);
         int32_t ordinal = 0, ref = 0;
         bool bad = false;
         for (size_t p = 0; p <= idx.size(); ++p) {
