@@ -13,6 +13,8 @@
 #include "plugin/host/Scene.h"
 #include "tests/support/TestSupport.h"
 #include "vrml/vrml1/CVrmlIo.h"
+#include "vrml/vrml1/QvIn.h"
+#include "vrml/vrml1/QvNode.h"
 #include "vrml/vrml1/Vrml1Import.h"
 
 namespace {
@@ -243,6 +245,160 @@ TEST(Vrml1Import, TextureFilesAreRequiredAndCoordinatesFollowTheirIndex) {
     EXPECT_NE(r.scene->GetRequiredFiles()[0].Find(L"wood.png"), -1);
     const C3DMaterial* m = r.scene->GetMaterialByID(meshes[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
     ASSERT_TRUE(m && m->GetMaterialMap(MAP_DIFFUSE));
+}
+
+// Per corner of `face`, the position of its normal vector in the file's Normal list.
+std::vector<uint32_t> NormalCorners(const C3DSceneNode& n, int face) {
+    static const C3DPoint kListed[] = {{0, 0, 1}, {0, 1, 0}, {1, 0, 0}, {0, 0, -1}};
+    const C3DChannel* ch = n.GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL);
+    if (!ch) return {};
+    const auto* normals = static_cast<const CSpecNormalChannel*>(ch);
+    std::vector<uint32_t> out;
+    for (uint32_t i : normals->GetNormalFaceList()->Face(face)) {
+        const C3DPoint v = normals->GetNormalVectorList()->GetPoint(static_cast<int>(i));
+        uint32_t k = 0;
+        while (k < 4 && !(kListed[k].x == v.x && kListed[k].y == v.y && kListed[k].z == v.z)) ++k;
+        out.push_back(k);
+    }
+    return out;
+}
+
+TEST(Vrml1Import, NormalsFollowTheirBinding) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "Normal { vector [ 0 0 1, 0 1 0, 1 0 0, 0 0 -1 ] }\n"
+                      "Separator { NormalBinding { value PER_FACE }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"
+                      "Separator { NormalBinding { value PER_FACE_INDEXED }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] normalIndex [ 3, 2 ] } }\n"
+                      "Separator { NormalBinding { value PER_VERTEX }\n"
+                      "  IndexedFaceSet { coordIndex [ 3, 2, 1, -1 ] } }\n"
+                      "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] normalIndex [ 2, 2, 1, -1 ] }\n" // default: per vertex, indexed
+                      "IndexedFaceSet { coordIndex [ 3, 1, 2, -1 ] }\n"                              // by the coordinate indices
+                      "Separator { NormalBinding { value PER_VERTEX }\n"
+                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"             // 6 needed, 4 given
+                      "}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 6u);
+    EXPECT_EQ(NormalCorners(*meshes[0], 1), (std::vector<uint32_t>{1, 1, 1}));
+    EXPECT_EQ(NormalCorners(*meshes[1], 0), (std::vector<uint32_t>{3, 3, 3}));
+    EXPECT_EQ(NormalCorners(*meshes[1], 1), (std::vector<uint32_t>{2, 2, 2}));
+    EXPECT_EQ(NormalCorners(*meshes[2], 0), (std::vector<uint32_t>{0, 1, 2}));
+    EXPECT_EQ(NormalCorners(*meshes[3], 0), (std::vector<uint32_t>{2, 2, 1}));
+    EXPECT_EQ(NormalCorners(*meshes[4], 0), (std::vector<uint32_t>{3, 1, 2}));
+    // Only the vectors a shape uses are kept with it.
+    EXPECT_EQ(static_cast<const CSpecNormalChannel*>(meshes[3]->GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))
+                  ->GetNormalVectorList()->GetSize(),
+              2);
+    // Too few normals: none are taken, the smoothing angle decides.
+    EXPECT_TRUE(NormalCorners(*meshes[5], 0).empty());
+}
+
+TEST(Vrml1Import, ImageTexturesStayWithTheirMaterial) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "Texture2 { image 2 1 3 0xFF0000 0x00FF80 wrapT CLAMP }\n"
+                      "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] }\n}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 1u);
+    EXPECT_TRUE(meshes[0]->GetGeomObject()->GetGlobalUVWChannel()); // textured: coordinates made
+    C3DMaterial* m = r.scene->GetMaterialByID(meshes[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    const CCustomData* bag = m->GetCustomData().GetCustomData(vrml1import::kImageID);
+    ASSERT_TRUE(bag);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageWidth), 2);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageHeight), 1);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageComponents), 3);
+    EXPECT_EQ(bag->GetInt(vrml1import::kImageWrap), 1);
+    std::vector<uint8_t> pixels;
+    ASSERT_TRUE(bag->GetBinary(vrml1import::kImagePixels, pixels));
+    EXPECT_EQ(pixels, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0xFF, 0x80}));
+    EXPECT_TRUE(r.scene->GetRequiredFiles().empty());
+}
+
+TEST(Vrml1Import, ImageCopiesAreCappedAgainstTheInput) {
+    // Each face its own material, each material its own copy of the image.
+    std::string t = "#VRML V1.0 ascii\nSeparator {\nTexture2 { image 16 16 3";
+    for (int i = 0; i < 256; ++i) t += " 0xFFFFFF";
+    t += " }\nMaterial { diffuseColor [";
+    std::string coords, faces;
+    for (int i = 0; i < 40; ++i) {
+        t += " 0 0 " + std::to_string(i / 40.0) + ",";
+        coords += std::to_string(i) + " 0 0, " + std::to_string(i) + " 1 0, ";
+        faces += std::to_string(2 * i) + ", " + std::to_string(2 * i + 1) + ", " + std::to_string((2 * i + 2) % 80) + ", -1, ";
+    }
+    t += " ] }\nMaterialBinding { value PER_FACE }\nCoordinate3 { point [ " + coords + "] }\n"
+         "IndexedFaceSet { coordIndex [ " + faces + "] }\n}\n";
+    QvIn in(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(t.data()), t.size()));
+    in.setSink([](const std::string&) {});
+    QvFileContents contents;
+    ASSERT_TRUE(QvReadFile(in, contents));
+    C3DScene scene;
+    CFileIo io;
+    CVrmlIo parser(io);
+    CSceneImportOptions opt;
+    vrml1import::Limits limits;
+    limits.baseImageBytes = 0;
+    limits.imageFactor = 1;
+    vrml1import::CVrml1Converter conv(scene, parser, opt, "", t.size(), limits);
+    conv.Convert(contents);
+    EXPECT_EQ(scene.GetMaterialNumber(), 40);
+    size_t kept = 0, withImage = 0;
+    CMaterialPos pos;
+    for (C3DMaterial* m = scene.GetFirstMaterial(pos); m; m = scene.GetNextMaterial(pos)) {
+        const CCustomData* bag = m->GetCustomData().GetCustomData(vrml1import::kImageID);
+        std::vector<uint8_t> px;
+        if (bag && bag->GetBinary(vrml1import::kImagePixels, px)) {
+            kept += px.size();
+            ++withImage;
+        }
+    }
+    EXPECT_GT(withImage, 0u);
+    EXPECT_LT(withImage, 40u);
+    EXPECT_LE(kept, t.size());
+    bool told = false;
+    for (const auto& l : opt.GetLog()) told |= l.text.Find(L"texture images were left out") >= 0;
+    EXPECT_TRUE(told);
+}
+
+TEST(Vrml1Import, TextStaysAsNamedLinesAndLightsKeepTheirSeparator) {
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nDEF Outer Separator {\n") + kSquare +
+                      "DEF Title AsciiText { string [ \"one\", \"two\" ] }\n"
+                      "DEF Inner Separator { PointLight { } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "TransformSeparator { DirectionalLight { } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "}\nGroup { SpotLight { } }\n");
+    ASSERT_TRUE(r.scene);
+    C3DSceneNode* title = r.scene->FindNodeByName(L"Title");
+    ASSERT_TRUE(title);
+    std::vector<CXStringW> lines;
+    ASSERT_TRUE(title->GetBaseObject()->GetCustomData().GetStringArray(vrml1import::kTextID, lines));
+    EXPECT_EQ(lines, (std::vector<CXStringW>{L"one", L"two"}));
+    std::vector<uint64_t> scopes;
+    for (C3DSceneNode* n : Nodes(*r.scene))
+        if (n->GetKindOf() == KINDOF_LIGHT) scopes.push_back(n->GetBaseObject()->GetCustomData().GetUInt64(vrml1import::kLightScopeID, 99));
+    ASSERT_EQ(scopes.size(), 3u);
+    EXPECT_EQ(scopes[0], r.scene->FindNodeByName(L"Inner")->GetNodeID());
+    EXPECT_EQ(scopes[1], r.scene->FindNodeByName(L"Outer")->GetNodeID()); // a TransformSeparator does not hold it
+    EXPECT_EQ(scopes[2], 0u);                                              // top level: everything
+}
+
+TEST(Vrml1Import, PartsWalkedAgainAreKeptUntilTheirLastWalk) {
+    // The import frees a Separator's part once walked; USEd parts and Array copies are
+    // walked more than once and must still be whole then.
+    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                      "DEF Part Separator { Material { diffuseColor 1 0 0 } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                      "Array { numElements1 3 separation1 5 0 0 Separator { IndexedFaceSet { coordIndex [ 0, 2, 3 ] } } }\n"
+                      "USE Part\n}\n");
+    ASSERT_TRUE(r.scene);
+    auto meshes = Meshes(*r.scene);
+    ASSERT_EQ(meshes.size(), 5u);
+    for (C3DSceneNode* m : meshes) EXPECT_EQ(m->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
+    ExpectNear(World(*meshes[3], 0), C3DPoint(10, 0, 0));
+    const C3DMaterial* first = r.scene->GetMaterialByID(meshes[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    const C3DMaterial* last = r.scene->GetMaterialByID(meshes[4]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(first && last);
+    EXPECT_EQ(first->GetDiffuseColor(), CRGBColor(255, 0, 0));
+    EXPECT_EQ(last->GetDiffuseColor(), CRGBColor(255, 0, 0));
 }
 
 TEST(Vrml1Import, SwitchLodAndGroupsFollowTheirRules) {

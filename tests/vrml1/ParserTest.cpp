@@ -1,6 +1,11 @@
 // The VRML 1.0 / Inventor reader: header, grammar, field values and its messages.
 #include <gtest/gtest.h>
 
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <random>
 #include <string>
 
 #include "vrml/vrml1/QvIn.h"
@@ -153,6 +158,39 @@ TEST(Vrml1Fields, IntegersSaturateAndTakeHexAndOctal) {
     EXPECT_EQ(static_cast<const QvSwitch*>(k[2])->whichChild.value, 16);
     EXPECT_EQ(static_cast<const QvSwitch*>(k[3])->whichChild.value, 8);
     EXPECT_EQ(static_cast<const QvPackedColor*>(k[4])->orderedRGBA.values[0], 0xFF0000FFu);
+}
+
+TEST(Vrml1Fields, NumbersReadAsTheLibraryReadsThem) {
+    // Plain decimals take a short way; every form must give the library's exact value.
+    std::vector<std::string> texts = {"0", "-0", "-0.0", "1.", ".5", "-.25", "16777216", "16777217", "16777215.5",
+                                      "0.1", "0.3", "123456789", "1234567890", "0.0000000001", "0.00000000001",
+                                      "3.4028235e38", "1e-45", "1.5E3", "99999999.9", "8388607.5",
+                                      "0.16777217", "1.6777216", "2.5000000001", "+4.25", "00012.5"};
+    std::mt19937 rng(1996);
+    for (int i = 0; i < 4000; ++i) {
+        char buf[64];
+        std::snprintf(buf, sizeof(buf), "%.*f", static_cast<int>(rng() % 11), std::ldexp(double(rng()), -int(rng() % 40)));
+        texts.push_back((rng() & 1) ? std::string("-") + buf : buf);
+    }
+    std::string list;
+    for (const std::string& t : texts) list += t + ", ";
+    auto p = Parse("#VRML V1.0 ascii\nMaterial { shininess [ " + list + "] }");
+    ASSERT_TRUE(p->ok) << p->messages;
+    const auto& got = static_cast<const QvMaterial*>(p->contents.nodes[0])->shininess.values;
+    ASSERT_EQ(got.size(), texts.size());
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::string& t = texts[i];
+        float want = 0;
+        const char* b = t.data() + (t[0] == '+' ? 1 : 0);
+        std::from_chars(b, t.data() + t.size(), want);
+        EXPECT_EQ(std::bit_cast<uint32_t>(got[i]), std::bit_cast<uint32_t>(want)) << t;
+    }
+
+    auto q = Parse("#VRML V1.0 ascii\nIndexedFaceSet { coordIndex [ 0, -0, 7, 010, 0x1F, -12, 123456789012345678,"
+                   " 1234567890123456789, -2147483649, 00 ] }");
+    ASSERT_TRUE(q->ok) << q->messages;
+    EXPECT_EQ(static_cast<const QvIndexedFaceSet*>(q->contents.nodes[0])->coordIndex.values,
+              (std::vector<int32_t>{0, 0, 7, 8, 31, -12, 2147483647, 2147483647, -2147483647 - 1, 0}));
 }
 
 TEST(Vrml1Fields, ImagesAreValidatedAgainstTheInput) {

@@ -1,6 +1,8 @@
 // The VRML 1.0 writer: the exact text for a small scene, names, and a read back.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -133,6 +135,48 @@ TEST(Vrml1Writer, WritesTheFixedLayout) {
         "\t} # Boxcopy end\n"
         "} # Scene end\n";
     EXPECT_EQ(CVrmlIo::FormatScene(*scene), expected);
+}
+
+TEST(Vrml1Writer, PointsPrintAsPrintfDoes) {
+    // Exact ties (k/32 steps) round to even, values that are not floats, huge values,
+    // negative zero and tiny negatives, and points deep in the hierarchy.
+    std::vector<float> values = {1.03125f, 1.09375f, -2.40625f, 0.99995f, 123456.78f, -0.0f, -0.00001f, 4.0e9f,
+                                 5.0e9f,   -3.0e12f, 1e-7f,     0.5f,     2.00015f,   65535.99999f};
+    for (int i = 0; i < 300; ++i) values.push_back(static_cast<float>(i * 7919 % 20011) / 32.0f - 300.0f);
+    for (int i = 0; i < 300; ++i) values.push_back(static_cast<float>(std::ldexp(1.0 + i / 301.0, i % 40 - 20)));
+    while (values.size() % 3) values.push_back(0.125f);
+    auto scene = std::make_unique<C3DScene>();
+    C3DSceneNode* parent = nullptr;
+    for (int depth = 0; depth < 40; ++depth) { // past any one block of spare room
+        auto* g = new C3DSceneNode(new C3DGroup());
+        g->SetName(L"g");
+        scene->AddNode(parent, g);
+        parent = g;
+    }
+    auto* mesh = new C3DObject();
+    auto* pts = new C3DPointList();
+    for (size_t i = 0; i < values.size(); i += 3) pts->Add(values[i], values[i + 1], values[i + 2]);
+    auto* faces = new C3DFaceList();
+    faces->AddTriangle(0, 1, 2);
+    mesh->SetPointList(pts);
+    mesh->SetFaceList(faces);
+    auto* n = new C3DSceneNode(mesh);
+    n->SetName(L"deep");
+    scene->AddNode(parent, n);
+
+    const std::string indent(42, '\t'); // the Scene, 40 groups, the mesh's own Separator
+    std::string expected = indent + "point [\n";
+    char buf[512];
+    for (size_t i = 0; i < values.size(); i += 3) {
+        std::snprintf(buf, sizeof(buf), "%.4f %.4f %.4f,\n", values[i], values[i + 1], values[i + 2]);
+        expected += indent + buf;
+    }
+    expected += indent + "]\n";
+    const std::string text = CVrmlIo::FormatScene(*scene);
+    const size_t at = text.find("\n" + indent + "point [\n");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(text.substr(at + 1, expected.size()), expected);
+    EXPECT_NE(text.find("\n" + indent + "0, 1, 2, -1,\n" + indent + "]\n"), std::string::npos);
 }
 
 TEST(Vrml1Writer, NamesKeepTheirLettersOnly) {

@@ -1,6 +1,8 @@
 #include "vrml/vrml1/CVrmlIo.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <clocale>
 #include <cstdio>
 #include <new>
@@ -10,6 +12,7 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SwitchLocale.h"
@@ -38,6 +41,54 @@ bool IsLetter(wchar_t c) {
 
 float Unit(uint8_t v) { return static_cast<float>(v) / 255.0f; }
 
+// "%.4f" of a float widened to double. A float below 2^32 times 10^4 is exact in a double
+// (24 mantissa bits times 625 * 2^4), so rounding that product to an integer, ties to
+// even as printf does, gives every digit; anything else takes the general formatter.
+constexpr size_t kMaxFixed4 = 340;
+char* WriteFixed4(char* p, double v) {
+    const double a = std::fabs(v);
+    if (!(a < 4294967296.0) || static_cast<double>(static_cast<float>(a)) != a)
+        return p + numfmt::FormatFixed(p, kMaxFixed4, v, 4);
+    *p = '-';
+    p += std::signbit(v) ? 1 : 0;
+    const double t = a * 1e4;
+    uint64_t u = static_cast<uint64_t>(t);
+    const double rest = t - static_cast<double>(u);
+    u += (rest > 0.5 || (rest == 0.5 && (u & 1))) ? 1 : 0;
+    p = numfmt::WriteUInt(p, u / 10000u);
+    *p++ = '.';
+    const uint32_t fp = static_cast<uint32_t>(u % 10000u);
+    *p++ = static_cast<char>('0' + fp / 1000u);
+    *p++ = static_cast<char>('0' + fp / 100u % 10u);
+    *p++ = static_cast<char>('0' + fp / 10u % 10u);
+    *p++ = static_cast<char>('0' + fp % 10u);
+    return p;
+}
+
+// Lines of numbers written straight into the text's spare room (grown ahead a block at a
+// time and trimmed at the end) instead of one append per number.
+class LineWriter {
+public:
+    LineWriter(std::string& out, size_t maxLine) : m_out(out), m_max(maxLine), m_len(out.size()) {}
+    ~LineWriter() { m_out.resize(m_len); }
+    LineWriter(const LineWriter&) = delete;
+    LineWriter& operator=(const LineWriter&) = delete;
+    // Room for one line of at most maxLine bytes, the indentation already written.
+    char* line(const std::string& indent) {
+        // Grown a block at a time (the string's own capacity grows geometrically).
+        if (m_out.size() - m_len < m_max) m_out.resize(m_len + std::max<size_t>(m_max, 1u << 16));
+        char* p = m_out.data() + m_len;
+        std::memcpy(p, indent.data(), indent.size());
+        return p + indent.size();
+    }
+    void done(const char* end) { m_len = static_cast<size_t>(end - m_out.data()); }
+
+private:
+    std::string& m_out;
+    size_t m_max;
+    size_t m_len;
+};
+
 struct Writer {
     std::string out;
     std::string indent;
@@ -56,19 +107,25 @@ struct Writer {
     void end() { AppendFormat(out, "%s}\n", indent.c_str()); }
     void line(const char* text) { AppendFormat(out, "%s%s\n", indent.c_str(), text); }
 
+    // One line per point: its first `dims` coordinates of `stride`, "%.4f" each.
+    void points(const float* p, int count, int dims, int stride = 3) {
+        LineWriter buf(out, indent.size() + 3 * kMaxFixed4 + 4);
+        for (int i = 0; i < count; ++i, p += stride) {
+            char* q = buf.line(indent);
+            for (int k = 0; k < dims; ++k) {
+                if (k) *q++ = ' ';
+                q = WriteFixed4(q, p[k]);
+            }
+            *q++ = ',';
+            *q++ = '\n';
+            buf.done(q);
+        }
+    }
+
     void coordinates(const C3DPointList& pts) {
         node("Coordinate3");
         line("point [");
-        const float* p = pts.GetData();
-        for (int i = 0; i < pts.GetSize(); ++i, p += 3) {
-            out += indent;
-            numfmt::AppendFixed(out, p[0], 4);
-            out += ' ';
-            numfmt::AppendFixed(out, p[1], 4);
-            out += ' ';
-            numfmt::AppendFixed(out, p[2], 4);
-            out += ",\n";
-        }
+        points(pts.GetData(), pts.GetSize(), 3);
         line("]");
         end();
     }
@@ -92,13 +149,14 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
     order.reserve(static_cast<size_t>(faces->GetNumberOfFaces()));
     for (int f = 0; f < faces->GetNumberOfFaces(); ++f)
         if (!faces->IsFaceFlagSet(f, FACE_SKIP)) order.push_back(f);
-    std::stable_sort(order.begin(), order.end(),
-                     [&](int a, int b) { return faces->GetMaterialID(a) < faces->GetMaterialID(b); });
+    auto byMaterial = [&](int a, int b) { return faces->GetMaterialID(a) < faces->GetMaterialID(b); };
+    if (!std::is_sorted(order.begin(), order.end(), byMaterial)) std::stable_sort(order.begin(), order.end(), byMaterial);
 
     // The materials the faces use, in ascending ID order; a face's index is its material's place.
     std::vector<uint32_t> ids;
-    for (int f : order) {
-        uint32_t id = faces->GetMaterialID(f);
+    for (size_t k = 0; k < order.size(); ++k) {
+        uint32_t id = faces->GetMaterialID(order[k]);
+        if (k > 0 && id == faces->GetMaterialID(order[k - 1])) continue; // one look-up per run
         if (scene.GetMaterialByID(id) && (ids.empty() || ids.back() != id)) ids.push_back(id);
     }
     if (!ids.empty()) {
@@ -154,8 +212,7 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
         w.node("TextureCoordinate2");
         w.line("point [");
         const CUVWPointList& up = *uv->GetUVWPointList();
-        const float* p = up.GetData();
-        for (int i = 0; i < up.GetSize(); ++i, p += 3) AppendFormat(w.out, "%s%.4f %.4f,\n", w.indent.c_str(), p[0], p[1]);
+        w.points(up.GetData(), up.GetSize(), 2);
         w.line("]");
         w.end();
     }
@@ -163,13 +220,20 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
     w.node("IndexedFaceSet");
     auto indices = [&](const char* field, const CFaceList& list) {
         AppendFormat(w.out, "%s%s [\n", w.indent.c_str(), field);
-        for (int f : order) {
-            w.out += w.indent;
-            for (uint32_t i : list.Face(f)) {
-                numfmt::AppendInt(w.out, static_cast<int>(i));
-                w.out += ", ";
+        size_t widest = 0;
+        for (int f : order) widest = std::max(widest, list.Face(f).size());
+        {
+            LineWriter buf(w.out, w.indent.size() + widest * 13 + 5);
+            for (int f : order) {
+                char* q = buf.line(w.indent);
+                for (uint32_t i : list.Face(f)) {
+                    q = numfmt::WriteInt(q, static_cast<int>(i));
+                    *q++ = ',';
+                    *q++ = ' ';
+                }
+                std::memcpy(q, "-1,\n", 4);
+                buf.done(q + 4);
             }
-            w.out += "-1,\n";
         }
         w.line("]");
     };
@@ -180,7 +244,8 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
         for (int f : order) {
             size_t k = std::lower_bound(ids.begin(), ids.end(), faces->GetMaterialID(f)) - ids.begin();
             if (k >= ids.size() || ids[k] != faces->GetMaterialID(f)) k = 0;
-            AppendFormat(w.out, "%i, ", static_cast<int>(k));
+            numfmt::AppendInt(w.out, static_cast<long long>(k));
+            w.out += ", ";
         }
         AppendFormat(w.out, "\n%s]\n", w.indent.c_str());
     }
@@ -218,26 +283,37 @@ CVrmlIo::~CVrmlIo() { delete m_aux; }
 C3DScene* CVrmlIo::Read(const CXStringW& path, CSceneImportOptions& options) {
     m_path = path;
     return ReadThroughFile(*this, path, options, [this, &path](std::span<const uint8_t> data, CReadContext& ctx) {
-        return ReadBytes(data, ctx.Options(), path);
+        return ReadBytes(data, ctx.Options(), path, ctx.File());
     });
 }
 
 C3DScene* CVrmlIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
     return ReadThroughMemory(*this, data, options, [this, &path](std::span<const uint8_t> bytes, CReadContext& ctx) {
-        return ReadBytes(bytes, ctx.Options(), path);
+        return ReadBytes(bytes, ctx.Options(), path, nullptr);
     });
 }
 
-C3DScene* CVrmlIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path) {
+C3DScene* CVrmlIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
+                             const IoFile* file) {
     QvFileContents contents;
-    QvIn in(data);
-    in.setSink([&](const std::string& message) {
-        std::fputs(message.c_str(), stderr);
-        options.AddLogInfo(LOG_INFO, CXStringW(Utf8ToWide(message)));
-    });
-    if (!QvReadFile(in, contents)) {
-        m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
-        return nullptr;
+    {
+        // The input (and its DEF names' references) goes before the walk, which then
+        // frees the parts it is done with.
+        QvIn in(data);
+        in.setSink([&](const std::string& message) {
+            std::fputs(message.c_str(), stderr);
+            options.AddLogInfo(LOG_INFO, CXStringW(Utf8ToWide(message)));
+        });
+        // The text behind the reading position is not read again: a mapped file gives those
+        // pages back as the parse goes.
+        if (file) in.setProgress([file](size_t pos) {
+            file->ReportProgress(static_cast<int64_t>(pos));
+            file->ReleaseBefore(static_cast<int64_t>(pos));
+        });
+        if (!QvReadFile(in, contents)) {
+            m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+            return nullptr;
+        }
     }
     auto scene = std::make_unique<C3DScene>();
     vrml1import::CVrml1Converter conv(*scene, *this, options, PathToUtf8(path), data.size());
@@ -269,6 +345,22 @@ std::string CVrmlIo::SeparatorName(const CXStringW& name) {
 
 std::string CVrmlIo::FormatScene(const C3DScene& scene) {
     Writer w;
+    {
+        // Room for the whole text up front, backed at once: growing a string of hundreds of
+        // megabytes by doubling copies it and takes its page faults one by one.
+        size_t estimate = 4096;
+        C3DNodePos pos = scene.GetFirstNode(KINDOF_MESH | KINDOF_PATCH | KINDOF_CURVE);
+        C3DBaseObject* obj = nullptr;
+        while (scene.GetNextNode(obj, pos)) {
+            if (!obj || !obj->IsGeomObject()) continue;
+            const auto& g = static_cast<const C3DGeomObject&>(*obj);
+            if (g.GetPointList()) estimate += g.GetPointList()->size() * 34;
+            if (g.GetFaceList()) estimate += g.GetFaceList()->GetNumberOfIndices() * 6 + g.GetFaceList()->GetNumberOfFaces() * 6;
+            estimate += 1024;
+        }
+        w.out.reserve(estimate);
+        hostmem::PopulateNow(w.out.data(), w.out.capacity());
+    }
     w.out = "#VRML V1.0 ascii\n";
     w.open("Scene");
     w.node("Info");

@@ -13,6 +13,8 @@
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
+class IoFile;
+
 class CVrmlIo : public C3DParser {
 public:
     explicit CVrmlIo(CFileIo& io);
@@ -31,7 +33,9 @@ public:
     static std::string SeparatorName(const CXStringW& name);
 
 private:
-    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path);
+    // `file`: the mapped file the bytes come from (null for memory reads).
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
+                        const IoFile* file);
 
     CXStringW m_path;
     CHashMap<unsigned, int> m_indexMap{23};

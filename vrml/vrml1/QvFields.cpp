@@ -233,6 +233,7 @@ bool QvMField::read(QvIn& in) {
             return false;
         }
         ++index;
+        if ((index & 1023) == 0) in.tick();
         if (!in.skipWhite(false) || !in.get(c)) {
             in.readError(QvFormat("Couldn't read value %d of field", index));
             return false;
@@ -264,7 +265,7 @@ template <typename T, int N, QvFieldType Type> bool QvMFNumbers<T, N, Type>::rea
         else ok = in.readInt(v[i]);
         if (!ok) return false;
     }
-    values.insert(values.end(), v, v + N);
+    for (int i = 0; i < N; ++i) values.push_back(v[i]);
     return true;
 }
 

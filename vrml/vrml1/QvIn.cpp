@@ -34,6 +34,8 @@ constexpr NameTable kNames;
 
 constexpr const char* kHeaders[] = {"#VRML V1.0 ascii", "#Inventor V2.1 ascii", "#Inventor V2.0 ascii"};
 
+bool IsDigit(uint8_t c) { return static_cast<unsigned>(c - '0') < 10u; }
+
 bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
 
 } // namespace
@@ -46,18 +48,10 @@ QvIn::~QvIn() {
     for (auto& [name, node] : m_dict) node->unref();
 }
 
-bool QvIn::get(char& c) {
-    if (m_pos >= m_data.size()) return false;
-    c = static_cast<char>(m_data[m_pos++]);
-    if (c == '\n') ++m_line;
-    return true;
-}
-
-// The whole input is in memory, so pushing back is stepping back.
-void QvIn::putBack(char c) {
-    if (m_pos == 0) return;
-    --m_pos;
-    if (c == '\n') --m_line;
+void QvIn::fireProgress() {
+    constexpr size_t kStep = 4u << 20;
+    m_nextTick = m_pos + kStep;
+    if (m_progress) m_progress(m_pos);
 }
 
 bool QvIn::readHeader() {
@@ -81,7 +75,7 @@ bool QvIn::readHeader() {
     return false;
 }
 
-bool QvIn::skipWhite(bool commas) {
+bool QvIn::skipWhiteSlow(bool commas) {
     for (;;) {
         while (m_pos < m_data.size()) {
             char c = static_cast<char>(m_data[m_pos]);
@@ -105,12 +99,6 @@ bool QvIn::skipWhite(bool commas) {
         putBack(c);
         return true;
     }
-}
-
-bool QvIn::peek(char& c, bool commas) {
-    if (!skipWhite(commas) || !get(c)) return false;
-    putBack(c);
-    return true;
 }
 
 std::string_view QvIn::readName() {
@@ -166,6 +154,34 @@ template <typename T> bool ReadReal(const uint8_t* data, size_t size, size_t& po
     pos = static_cast<size_t>(r.ptr - reinterpret_cast<const char*>(data));
     return true;
 }
+
+constexpr float kPow10f[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
+
+// The common plain decimal ("-12.34567"): when its digits make an integer of at most 2^24
+// and at most ten of them follow the point, both that integer and the power of ten are
+// exact floats and one division rounds correctly, the value from_chars would give.
+// False (nothing consumed) for anything else, which goes the general way.
+bool ReadPlainFloat(const uint8_t* data, size_t size, size_t& pos, float& v) {
+    size_t p = pos;
+    const bool neg = p < size && data[p] == '-';
+    p += neg ? 1 : 0;
+    uint32_t m = 0;
+    int digits = 0, frac = 0;
+    for (; p < size && IsDigit(data[p]); ++p, ++digits) m = m * 10 + static_cast<uint32_t>(data[p] - '0');
+    if (digits > 9) return false; // may not fit, leave it to the general reader
+    if (p < size && data[p] == '.') {
+        for (++p; p < size && IsDigit(data[p]); ++p, ++frac) {
+            if (digits + frac >= 9) return false;
+            m = m * 10 + static_cast<uint32_t>(data[p] - '0');
+        }
+    }
+    if (digits + frac == 0 || frac > 10 || m > (1u << 24)) return false;
+    if (p < size && (data[p] == 'e' || data[p] == 'E' || data[p] == '.')) return false;
+    const float f = static_cast<float>(m) / kPow10f[frac];
+    v = neg ? -f : f;
+    pos = p;
+    return true;
+}
 } // namespace
 
 bool QvIn::readDouble(double& v) {
@@ -175,7 +191,7 @@ bool QvIn::readDouble(double& v) {
 
 bool QvIn::readFloat(float& v) {
     if (!skipWhite()) return false;
-    return ReadReal(m_data.data(), m_data.size(), m_pos, v);
+    return ReadPlainFloat(m_data.data(), m_data.size(), m_pos, v) || ReadReal(m_data.data(), m_data.size(), m_pos, v);
 }
 
 namespace {
@@ -217,6 +233,24 @@ bool ParseInteger(std::string_view t, int64_t& out, size_t& used) {
 // An integer read in place (ParseInteger finds its own end).
 bool QvIn::readInteger(int64_t& x) {
     if (!skipWhite()) return false;
+    {
+        // Plain decimals (no leading zero that would make them octal) of up to 18 digits.
+        const uint8_t* d = m_data.data();
+        const size_t n = m_data.size();
+        size_t p = m_pos;
+        const bool neg = p < n && d[p] == '-';
+        p += neg ? 1 : 0;
+        const size_t first = p;
+        int64_t mag = 0;
+        for (; p < n && IsDigit(d[p]) && p - first < 18; ++p) mag = mag * 10 + (d[p] - '0');
+        const bool octalOrHex = p - first > 1 && d[first] == '0';
+        const bool more = p < n && (IsDigit(d[p]) || d[p] == 'x' || d[p] == 'X');
+        if (p > first && !octalOrHex && !more) {
+            x = neg ? -mag : mag;
+            m_pos = p;
+            return true;
+        }
+    }
     std::string_view t(reinterpret_cast<const char*>(m_data.data()) + m_pos, m_data.size() - m_pos);
     size_t used;
     if (!ParseInteger(t, x, used)) return false;

@@ -11,6 +11,18 @@
 
 class QvNode;
 
+namespace qvdetail {
+// White space other than the line feed (which the line counter sees).
+struct BlankTable {
+    bool t[256];
+    constexpr BlankTable() : t() {
+        for (char c : {' ', '\t', '\r', '\f', '\v'}) t[static_cast<uint8_t>(c)] = true;
+    }
+    constexpr bool operator[](uint8_t c) const { return t[c]; }
+};
+inline constexpr BlankTable kBlank{};
+} // namespace qvdetail
+
 class QvIn {
 public:
     using Sink = std::function<void(const std::string&)>;
@@ -22,6 +34,12 @@ public:
 
     // Where messages go; the default writes them to the standard error stream.
     void setSink(Sink sink) { m_sink = std::move(sink); }
+    // Called with the reading position every few megabytes (progress, giving back pages).
+    void setProgress(std::function<void(size_t)> progress) { m_progress = std::move(progress); }
+    // Readers of long runs call this now and then.
+    void tick() {
+        if (m_pos >= m_nextTick) fireProgress();
+    }
 
     // Checks the first line; reports "File does not have a valid header string" when it is not ours.
     bool readHeader();
@@ -30,8 +48,18 @@ public:
     int getLineNum() const { return m_line; }
 
     // Characters. get() is false at the end of the input; '\n' counts a line.
-    bool get(char& c);
-    void putBack(char c);
+    bool get(char& c) {
+        if (m_pos >= m_data.size()) return false;
+        c = static_cast<char>(m_data[m_pos++]);
+        if (c == '\n') ++m_line;
+        return true;
+    }
+    // The whole input is in memory, so pushing back is stepping back.
+    void putBack(char c) {
+        if (m_pos == 0) return;
+        --m_pos;
+        if (c == '\n') --m_line;
+    }
     bool eof() const { return m_pos >= m_data.size(); }
     size_t remaining() const { return m_data.size() - m_pos; }
     // A reading position to come back to (look-ahead of a whole name).
@@ -43,9 +71,25 @@ public:
     void reset(const Mark& m) { m_pos = m.pos; m_line = m.line; }
     // Skips white space, commas (unless `commas` is false) and comments. False at the end
     // of the input (or when a comment runs into it, which is also reported).
-    bool skipWhite(bool commas = true);
+    bool skipWhite(bool commas = true) {
+        const uint8_t* d = m_data.data();
+        const size_t n = m_data.size();
+        size_t p = m_pos;
+        for (; p < n; ++p) {
+            const uint8_t c = d[p];
+            if (c == '\n') ++m_line;
+            else if (!(qvdetail::kBlank[c] || (commas && c == ','))) break;
+        }
+        m_pos = p;
+        if (p < n && d[p] != '#') return true;
+        return skipWhiteSlow(commas); // the end of the input, or a comment
+    }
     // Reads the next character after white space without consuming it.
-    bool peek(char& c, bool commas = true);
+    bool peek(char& c, bool commas = true) {
+        if (!skipWhite(commas)) return false;
+        c = static_cast<char>(m_data[m_pos]); // skipWhite leaves a character there
+        return true;
+    }
 
     // A name: a run of name characters after white space (empty when none).
     std::string_view readName();
@@ -75,7 +119,9 @@ public:
     static constexpr int kMaxDepth = 512;
 
 private:
+    bool skipWhiteSlow(bool commas);
     bool readInteger(int64_t& x);
+    void fireProgress();
 
     std::span<const uint8_t> m_data;
     size_t m_pos = 0;
@@ -86,6 +132,8 @@ private:
     std::string m_scratch;
     std::unordered_map<std::string, QvNode*> m_dict;
     Sink m_sink;
+    std::function<void(size_t)> m_progress;
+    size_t m_nextTick = 0;
 };
 
 // printf-style formatting (the host's C-locale formatter) into a new string, for messages.

@@ -1,5 +1,6 @@
 #include "vrml/vrml1/QvNode.h"
 
+#include <atomic>
 #include <cstring>
 
 #include "vrml/vrml1/QvIn.h"
@@ -81,6 +82,17 @@ bool ExpectChar(QvIn& in, char want) {
 thread_local std::vector<QvNode*>* g_releasing = nullptr;
 
 } // namespace
+
+QvNode::QvNode(QvNodeType type, const char* className) : m_type(type), m_className(className) {
+    static std::atomic<uint64_t> next{1};
+    m_serial = next.fetch_add(1, std::memory_order_relaxed);
+}
+
+void QvNode::releaseChildren() {
+    std::vector<QvNode*> children;
+    children.swap(m_children);
+    for (QvNode* c : children) c->unref();
+}
 
 QvNode::~QvNode() {
     for (QvNode* c : m_children) c->unref();
@@ -197,6 +209,7 @@ bool QvNode::readBody(QvIn& in) {
         }
         if (c == '}') return true;
         in.putBack(c);
+        in.tick();
         std::string name(in.readName());
         if (name.empty()) {
             in.get(c);

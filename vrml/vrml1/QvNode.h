@@ -32,7 +32,7 @@ enum class QvNodeType : uint8_t {
 
 class QvNode {
 public:
-    QvNode(QvNodeType type, const char* className) : m_type(type), m_className(className) {}
+    QvNode(QvNodeType type, const char* className);
     virtual ~QvNode();
     QvNode(const QvNode&) = delete;
     QvNode& operator=(const QvNode&) = delete;
@@ -41,6 +41,10 @@ public:
     // Releases one reference; nodes that reach zero are deleted without recursion, so
     // long chains of nested nodes cannot exhaust the stack.
     void unref();
+    int refs() const { return m_refs; }
+    // Unique for the life of the process (addresses are not: nodes freed during an import
+    // make room for the nodes of files it inlines).
+    uint64_t serial() const { return m_serial; }
 
     QvNodeType type() const { return m_type; }
     const char* className() const { return m_className; }
@@ -57,6 +61,8 @@ public:
     // Children (group classes and unknown nodes only).
     virtual bool isGroup() const { return false; }
     const std::vector<QvNode*>& children() const { return m_children; }
+    // Lets go of the children (an import done with a part of the tree frees it as it goes).
+    void releaseChildren();
 
     // Reads one node (with DEF and USE); `node` is null at a point where no node starts.
     // The node comes back with one reference for the caller. False after a read error.
@@ -86,6 +92,7 @@ private:
     const char* m_className;
     std::string m_name;
     int m_refs = 1;
+    uint64_t m_serial;
 };
 
 class QvGroup : public QvNode {

@@ -87,6 +87,14 @@ struct CVrml1Converter::Corners {
     std::vector<int32_t> ordinal;       // per face: face ordinal (dropped faces count too)
     bool indexed = false;
     size_t faces() const { return faceStart.size() - 1; }
+    void reserve(size_t corners, size_t faceCount) {
+        coord.reserve(corners);
+        pos.reserve(corners);
+        ref.reserve(corners);
+        faceStart.reserve(faceCount + 1);
+        part.reserve(faceCount);
+        ordinal.reserve(faceCount);
+    }
     void corner(int32_t c, int32_t p, int32_t r) {
         coord.push_back(c);
         pos.push_back(p);
@@ -147,10 +155,10 @@ void CVrml1Converter::Convert(const QvFileContents& contents) {
     m_scene.SetScaleFactor(100.0);
     m_state.push(QvElement::Transformation, nullptr); // identity
     m_state.push(QvElement::Texture2Transformation, nullptr);
-    Frame top{nullptr, C4x4Matrix(), &m_rootFile};
+    Frame top{nullptr, C4x4Matrix(), &m_rootFile, nullptr};
     for (QvNode* n : contents.nodes) {
         if (Stopped()) break;
-        Walk(n, top, 0);
+        Walk(n, top, 0, n->refs() == 1);
     }
     if (m_droppedFaces)
         Log(L"VRML 1.0: " + CXStringW(std::to_wstring(m_droppedFaces)) +
@@ -170,6 +178,7 @@ C3DSceneNode* CVrml1Converter::OpenNode(Frame& f, const std::string& name, Frame
     inner.node = n;
     inner.world = Relative() * f.world;
     inner.file = f.file;
+    inner.scope = n;
     return n;
 }
 
@@ -178,14 +187,14 @@ void CVrml1Converter::CloseNode(C3DSceneNode* n) {
     if (n && !n->GetChildNode() && n->GetName().IsEmpty()) m_scene.RemoveNode(n);
 }
 
-void CVrml1Converter::WalkChildren(QvNode* n, Frame& f, int depth) {
+void CVrml1Converter::WalkChildren(QvNode* n, Frame& f, int depth, bool once) {
     for (QvNode* c : n->children()) {
         if (Stopped()) return;
-        Walk(c, f, depth + 1);
+        Walk(c, f, depth + 1, once && c->refs() == 1);
     }
 }
 
-void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth) {
+void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth, bool once) {
     if (Stopped()) return;
     if (m_parser.IsCancelled()) {
         m_cancelled = true;
@@ -210,8 +219,10 @@ void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth) {
         }
         m_state.push();
         m_state.push(QvElement::Transformation, n)->matrix.SetIdentity();
-        WalkChildren(n, inner, depth);
+        WalkChildren(n, inner, depth, once);
         m_state.pop();
+        // Nothing of this part is in the state any more, and nothing walks it again.
+        if (once) n->releaseChildren();
         CloseNode(hn);
         return;
     }
@@ -220,27 +231,33 @@ void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth) {
         Frame inner;
         C3DSceneNode* hn = OpenNode(f, n->getName(), inner);
         if (!hn) return;
+        inner.scope = f.scope; // only the transform is kept to itself
         m_state.push(QvElement::Transformation, n)->matrix.SetIdentity();
-        WalkChildren(n, inner, depth);
+        WalkChildren(n, inner, depth, once);
         m_state.popTo(QvElement::Transformation, mark);
         CloseNode(hn);
         return;
     }
     case QvNodeType::Group:
     case QvNodeType::Unknown:
-        WalkChildren(n, f, depth);
+        WalkChildren(n, f, depth, once);
         return;
     case QvNodeType::Switch: {
         int32_t which = As<QvSwitch>(n)->whichChild.value;
-        if (which == -3) WalkChildren(n, f, depth);
-        else if (which >= 0 && static_cast<size_t>(which) < n->children().size()) Walk(n->children()[which], f, depth + 1);
+        if (which == -3) {
+            WalkChildren(n, f, depth, once);
+        } else if (which >= 0 && static_cast<size_t>(which) < n->children().size()) {
+            QvNode* c = n->children()[static_cast<size_t>(which)];
+            Walk(c, f, depth + 1, once && c->refs() == 1);
+        }
         return;
     }
     case QvNodeType::LOD:
         // The most detailed level, kept to itself.
         if (!n->children().empty()) {
+            QvNode* c = n->children()[0];
             m_state.push();
-            Walk(n->children()[0], f, depth + 1);
+            Walk(c, f, depth + 1, once && c->refs() == 1);
             m_state.pop();
         }
         return;
@@ -358,6 +375,20 @@ void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth) {
         return;
     case QvNodeType::WWWInline:
     case QvNodeType::File: BuildInline(n, f, depth); return;
+    case QvNodeType::AsciiText: {
+        // No glyphs in the file: the text stays as a named node that carries its lines.
+        const QvAsciiText* t = As<QvAsciiText>(n);
+        uint64_t bytes = 0;
+        for (const std::string& line : t->string.values) bytes += line.size();
+        // Charged by size: a USEd text is copied at every use.
+        if (!Charge(1 + t->string.values.size() + bytes / 4)) return;
+        std::vector<CXStringW> lines;
+        for (const std::string& line : t->string.values) lines.push_back(Wide(line));
+        auto* group = new C3DGroup();
+        group->GetCustomData().SetStringArray(kTextID, lines);
+        AttachShape(n, group, f);
+        return;
+    }
     default: return; // text, fonts, complexity, labels, skipped Inventor classes
     }
 }
@@ -376,10 +407,16 @@ C3DSceneNode* CVrml1Converter::AttachShape(QvNode* shape, C3DBaseObject* object,
     return n;
 }
 
-bool CVrml1Converter::Textured() const {
-    const QvElement* t = m_state.top(QvElement::Texture2);
-    return t && !As<QvTexture2>(t->node)->filename.value.empty();
+namespace {
+// A Texture2 that textures: a file name, or else an image of its own.
+const QvTexture2* ActiveTexture(const QvElement* e) {
+    if (!e) return nullptr;
+    const QvTexture2* t = As<QvTexture2>(e->node);
+    return !t->filename.value.empty() || !t->image.bytes.empty() ? t : nullptr;
 }
+} // namespace
+
+bool CVrml1Converter::Textured() const { return ActiveTexture(m_state.top(QvElement::Texture2)) != nullptr; }
 
 bool CVrml1Converter::MaterialColors(std::vector<float>& rgb) const {
     const QvElement* me = m_state.top(QvElement::Material);
@@ -415,7 +452,7 @@ uint32_t CVrml1Converter::Material(int index) {
     const QvElement* te = m_state.top(QvElement::Texture2);
     const QvNode* base = be && (!me || be->seq > me->seq) ? be->node : nullptr;
     const QvMaterial* mat = me ? As<QvMaterial>(me->node) : nullptr;
-    const QvTexture2* tex = te && !As<QvTexture2>(te->node)->filename.value.empty() ? As<QvTexture2>(te->node) : nullptr;
+    const QvTexture2* tex = ActiveTexture(te);
     // Every list cycles with its own length; the combination repeats with the longest one.
     size_t period = 1;
     if (mat) {
@@ -429,8 +466,8 @@ uint32_t CVrml1Converter::Material(int index) {
         period = std::max(period, baseRgb.size() / 3);
     }
     size_t i = index < 0 ? 0 : static_cast<size_t>(index) % period;
-    auto key = std::make_tuple(static_cast<const void*>(mat), static_cast<const void*>(base),
-                               static_cast<const void*>(tex), static_cast<const void*>(nullptr), static_cast<int>(i));
+    auto key = std::make_tuple(mat ? mat->serial() : 0, base ? base->serial() : 0, tex ? tex->serial() : 0,
+                               static_cast<int>(i));
     if (auto it = m_materials.find(key); it != m_materials.end()) return it->second;
 
     static const QvMaterial kDefault;
@@ -462,7 +499,25 @@ uint32_t CVrml1Converter::Material(int index) {
         sm->SetSpecularFactor(shininess);
         sm->SetShininess(shininess);
     }
-    if (tex) {
+    if (tex && tex->filename.value.empty()) {
+        // An image written in the file: there is no file to name, so the material keeps the
+        // pixels themselves (as read: bottom row first, `components` bytes a pixel).
+        const QvSFImage& img = tex->image;
+        // Every material made from the texture keeps its own copy: those copies are capped
+        // against the input, or a long material list would multiply a large image.
+        m_imageBytes += img.bytes.size();
+        if (m_imageBytes > m_limits.baseImageBytes + m_limits.imageFactor * m_inputBytes) {
+            if (!m_reportedImages) Log(L"VRML 1.0: texture images were left out of materials past the size allowed.");
+            m_reportedImages = true;
+        } else {
+                CCustomData* bag = hm->GetCustomData().GetCustomData(kImageID, true);
+            bag->SetInt(kImageWidth, img.width);
+            bag->SetInt(kImageHeight, img.height);
+            bag->SetInt(kImageComponents, img.components);
+            bag->SetInt(kImageWrap, (tex->wrapS.value == 0 ? 1 : 0) | (tex->wrapT.value == 0 ? 2 : 0));
+            bag->SetBinary(kImagePixels, img.bytes.data(), img.bytes.size());
+        }
+    } else if (tex) {
         CXStringW file = ResolvePath(tex->filename.value, m_currentFile ? *m_currentFile : m_rootFile);
         if (CMaterialMap* map = hm->AddMaterialMap(file, 1, MAP_DIFFUSE, PROJ_UV)) {
             map->SetFlag(MAPF_TILE_U, tex->wrapS.value == 0);
@@ -547,6 +602,7 @@ void CVrml1Converter::BuildShape(QvNode* n, Frame& f) {
         const auto& idx = As<QvIndexedShape>(n)->coordIndex.values;
         if (!Charge(idx.size())) return;
         c.indexed = true;
+        c.reserve(idx.size(), idx.size() / 3 + 1);
         int32_t ordinal = 0, ref = 0;
         bool bad = false;
         for (size_t p = 0; p <= idx.size(); ++p) {
@@ -804,6 +860,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
         obj->SetGlobalUVWChannel(id);
     }
 
+    AddNormals(*obj, n, c, vp);
+
     if (const QvElement* e = m_state.top(QvElement::ShapeHints)) {
         const QvShapeHints* h = As<QvShapeHints>(e->node);
         obj->SetSmoothAngle(h->creaseAngle.value * 57.29578f);
@@ -812,6 +870,60 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
         obj->SetSmoothAngle(0.5f * 57.29578f);
     }
     AttachShape(n, obj.release(), f);
+}
+
+// Normals given in the file, bound as the state (or the shape's own vertexProperty) says.
+// With too few of them for the binding the mesh is left to the smoothing angle instead.
+void CVrml1Converter::AddNormals(C3DObject& obj, const QvNode* n, const Corners& c, const QvVertexProperty* vp) {
+    const QvMFVec3f* normals = nullptr;
+    int32_t binding = QV_BIND_DEFAULT;
+    if (vp && vp->normal.num()) {
+        normals = &vp->normal;
+        binding = vp->normalBinding.value;
+    } else if (const QvElement* e = m_state.top(QvElement::Normal)) {
+        normals = &As<QvNormal>(e->node)->vector;
+        if (const QvElement* b = m_state.top(QvElement::NormalBinding)) binding = As<QvNormalBinding>(b->node)->value.value;
+    }
+    if (!normals || normals->num() == 0 || normals->num() > INT32_MAX) return;
+    const int64_t count = static_cast<int64_t>(normals->num());
+    const QvIndexedShape* ix = c.indexed ? As<QvIndexedShape>(n) : nullptr;
+    const bool ownIndices = ix && UsesOwnIndices(ix->normalIndex);
+    auto indexed = [&](size_t at, int64_t fallback) -> int64_t {
+        if (!ownIndices) return fallback;
+        return at < ix->normalIndex.values.size() ? ix->normalIndex.values[at] : -1;
+    };
+    std::vector<int32_t> picked(c.coord.size());
+    for (size_t fi = 0; fi < c.faces(); ++fi) {
+        for (uint32_t k = c.faceStart[fi]; k < c.faceStart[fi + 1]; ++k) {
+            int64_t v;
+            switch (binding) {
+            case QV_BIND_OVERALL: v = 0; break;
+            case QV_BIND_PER_PART: v = c.part[fi]; break;
+            case QV_BIND_PER_FACE: v = c.ordinal[fi]; break;
+            case QV_BIND_PER_PART_INDEXED: v = indexed(static_cast<size_t>(c.part[fi]), c.part[fi]); break;
+            case QV_BIND_PER_FACE_INDEXED: v = indexed(static_cast<size_t>(c.ordinal[fi]), c.ordinal[fi]); break;
+            case QV_BIND_PER_VERTEX: v = c.ref[k]; break;
+            default: v = indexed(static_cast<size_t>(c.pos[k]), c.coord[k]); break; // DEFAULT, PER_VERTEX_INDEXED
+            }
+            if (v < 0 || v >= count) return;
+            picked[k] = static_cast<int32_t>(v);
+        }
+    }
+    // Only the vectors the shape uses: one long Normal list serves many small shapes.
+    Renumbered rn = Renumber(picked, count);
+    if (!Charge(rn.used.size() * 3 + picked.size())) return;
+    auto ch = std::make_unique<CSpecNormalChannel>();
+    C3DVectorList* vectors = ch->GetNormalVectorList();
+    vectors->Reserve(rn.used.size());
+    for (int32_t i : rn.used) {
+        const float* v = (*normals)[static_cast<size_t>(i)];
+        vectors->Add(v[0], v[1], v[2]);
+    }
+    CFaceList::IndexArray offsets(c.faceStart.size()), idx(rn.corners.size());
+    std::copy(c.faceStart.begin(), c.faceStart.end(), offsets.begin());
+    std::copy(rn.corners.begin(), rn.corners.end(), idx.begin());
+    CFaceList::FlagArray flags(c.faces());
+    if (ch->GetNormalFaceList()->Adopt(std::move(offsets), std::move(idx), std::move(flags))) obj.AddChannel(ch.release(), -1);
 }
 
 void CVrml1Converter::BuildLines(QvNode* n, const Corners& c, Frame& f) {
@@ -902,6 +1014,9 @@ void CVrml1Converter::BuildLight(QvNode* n, Frame& f) {
         break;
     }
     }
+    // Host lights light everything; the Separator whose shapes this one lights is kept
+    // beside it (0: the whole scene).
+    light->GetCustomData().SetUInt64(kLightScopeID, f.scope ? f.scope->GetNodeID() : 0);
     AttachShape(n, light, f);
 }
 
@@ -942,12 +1057,16 @@ void CVrml1Converter::BuildInline(QvNode* n, Frame& f, int depth) {
         return;
     }
     auto contents = std::make_unique<QvFileContents>();
-    QvIn in(file.GetData());
-    std::string errors;
-    in.setSink([&](const std::string& s) { errors += s; });
-    if (!QvReadFile(in, *contents)) {
-        Log(Wide("VRML 1.0: '" + url + "' could not be read: " + errors));
-        return;
+    {
+        // The input (and its DEF names' references) goes before the walk, which then
+        // frees the parts it is done with.
+        QvIn in(file.GetData());
+        std::string errors;
+        in.setSink([&](const std::string& s) { errors += s; });
+        if (!QvReadFile(in, *contents)) {
+            Log(Wide("VRML 1.0: '" + url + "' could not be read: " + errors));
+            return;
+        }
     }
     m_inputBytes += file.GetData().size();
     file.CloseFile();
@@ -961,7 +1080,7 @@ void CVrml1Converter::BuildInline(QvNode* n, Frame& f, int depth) {
     m_state.push(QvElement::Transformation, n)->matrix.SetIdentity();
     for (QvNode* c : contents->nodes) {
         if (Stopped()) break;
-        Walk(c, inner, depth + 1);
+        Walk(c, inner, depth + 1, c->refs() == 1);
     }
     m_state.pop();
     m_inlineStack.pop_back();

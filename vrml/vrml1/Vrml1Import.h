@@ -33,10 +33,21 @@ struct Limits {
     uint64_t elementFactor = 16;
     uint64_t baseNodes = 65536;         // scene nodes made: base + input bytes / 8
     int maxArrayCopies = 4096;          // copies one Inventor Array node makes
+    uint64_t baseImageBytes = 64u << 20; // texture image bytes kept by materials: base + factor x input
+    uint64_t imageFactor = 4;
 };
 
 // Object custom-data ID that carries a WWWAnchor's URL on its scene node.
 constexpr uint32_t kLinkID = 0x4C494E4B; // 'LINK'
+// Material custom-data bag of a texture image given in the file itself (Texture2 image
+// without a filename): its size, components (1-4), wrap bits (1 repeat S, 2 repeat T)
+// and pixel bytes, bottom row first as in the file.
+// Object custom data: an AsciiText node's lines (string array); a light's scope, the ID of
+// the scene node whose shapes it lights (0: the whole scene).
+constexpr uint32_t kTextID = 0x54455854;       // 'TEXT'
+constexpr uint32_t kLightScopeID = 0x53434F50; // 'SCOP'
+constexpr uint32_t kImageID = 0x494D4147; // 'IMAG'
+constexpr uint32_t kImageWidth = 1, kImageHeight = 2, kImageComponents = 3, kImageWrap = 4, kImagePixels = 5;
 
 class CVrml1Converter {
 public:
@@ -58,11 +69,14 @@ private:
         C3DSceneNode* node;     // host node shapes go under (null: the scene's top level)
         C4x4Matrix world;       // that node's world transform
         const std::string* file; // the file being walked (base of relative paths)
+        C3DSceneNode* scope;    // the node of the Separator the walk is in (lights' reach)
     };
     struct Corners;
 
-    void Walk(QvNode* n, Frame& f, int depth);
-    void WalkChildren(QvNode* n, Frame& f, int depth);
+    // `once`: nothing will walk `n` again (no USE of it or of a node above it, no Array
+    // above it), so a Separator's part of the tree is freed when its walk ends.
+    void Walk(QvNode* n, Frame& f, int depth, bool once = false);
+    void WalkChildren(QvNode* n, Frame& f, int depth, bool once = false);
     // A new scene node under the frame's node with the transform accumulated since it.
     C3DSceneNode* OpenNode(Frame& f, const std::string& name, Frame& inner);
     void CloseNode(C3DSceneNode* n);
@@ -76,6 +90,7 @@ private:
     void BuildInline(QvNode* n, Frame& f, int depth);
     void BuildMesh(QvNode* shape, const Corners& c, Frame& f);
     void BuildLines(QvNode* shape, const Corners& c, Frame& f);
+    void AddNormals(C3DObject& obj, const QvNode* shape, const Corners& c, const QvVertexProperty* own);
     void BuildPoints(QvNode* shape, Frame& f);
     C3DSceneNode* AttachShape(QvNode* shape, C3DBaseObject* object, Frame& f);
     static const QvVertexProperty* OwnVertices(const QvNode* shape);
@@ -108,10 +123,13 @@ private:
     std::vector<std::string> m_inlineStack;    // canonical paths being walked
     std::vector<std::unique_ptr<std::string>> m_files;
     std::vector<std::unique_ptr<QvFileContents>> m_inlined;
-    std::map<std::tuple<const void*, const void*, const void*, const void*, int>, uint32_t> m_materials;
+    // Host materials by (Material, BaseColor or PackedColor, Texture2) node serials and index.
+    std::map<std::tuple<uint64_t, uint64_t, uint64_t, int>, uint32_t> m_materials;
     uint64_t m_droppedFaces = 0;
     const std::string* m_currentFile = nullptr; // the file whose nodes are being walked
     bool m_reportedDepth = false;
+    uint64_t m_imageBytes = 0;
+    bool m_reportedImages = false;
 };
 
 } // namespace vrml1import
