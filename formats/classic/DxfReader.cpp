@@ -17,6 +17,7 @@
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/XString.h"
 
 namespace dxf {
@@ -136,31 +137,15 @@ struct Context {
 
 std::string LowerKey(std::string_view s) {
     std::string k(s);
-    for (char& c : k)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    for (char& c : k) c = AsciiLower(c);
     return k;
-}
-
-bool ValidUtf8(std::string_view s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        const auto c = static_cast<uint8_t>(s[i]);
-        const size_t n = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 4;
-        if (n == 4 || n >= s.size() - i) {
-            if (n != 0) return false;
-        }
-        for (size_t k = 1; k <= n; ++k)
-            if ((static_cast<uint8_t>(s[i + k]) & 0xC0) != 0x80) return false;
-        i += n + 1;
-    }
-    return true;
 }
 
 // Names: UTF-8 when the bytes are valid UTF-8, else one character per byte (through the
 // drawing's code page when it names one we know); \U+XXXX decoded.
 CXStringW DecodeName(std::string_view s, const char16_t* codePage) {
     std::wstring w;
-    if (ValidUtf8(s)) {
+    if (IsValidUtf8(s)) {
         w = Utf8ToWide(s);
     } else if (codePage) {
         w.reserve(s.size());
