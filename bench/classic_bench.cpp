@@ -82,7 +82,8 @@ std::unique_ptr<C3DScene> BuildScene(int objects, int grid) {
         mesh->SetGlobalUVWChannel(mesh->AddChannel(uv));
         auto* node = new C3DSceneNode(mesh);
         node->SetName(CXStringW(std::wstring(L"Grid") + std::to_wstring(o)));
-        node->SetNodeLocalTM(C4x4Matrix::Translation(float(o % 20) * float(grid) * 0.1f, float(o / 20) * float(grid) * 0.1f, 0));
+        node->SetNodeLocalTM(
+            C4x4Matrix::Translation(float(o % 20) * float(grid) * 0.1f, float(o / 20) * float(grid) * 0.1f, 0));
         scene->AddNode(nullptr, node);
     }
     return scene;
@@ -170,7 +171,11 @@ int main(int argc, char** argv) {
     std::printf("write: %.1f MB in %.3f s = %.0f MB/s\n", mb, bestWrite, mb / bestWrite);
     scene.reset();
 
-    { std::ifstream warm(file, std::ios::binary); std::vector<char> b(1 << 20); while (warm.read(b.data(), b.size())) {} }
+    {
+        std::ifstream warm(file, std::ios::binary);
+        std::vector<char> b(1 << 20);
+        while (warm.read(b.data(), b.size())) {}
+    }
     const std::string self = fs::read_symlink("/proc/self/exe").string();
     const std::string peer = (fs::path(self).parent_path() / "peer_assimp_read").string();
     double ours = 1e30, theirs = 1e30;
@@ -178,17 +183,25 @@ int main(int argc, char** argv) {
     for (int r = 0; r < runs; ++r) {
         std::string o = Run("'" + self + "' read '" + file.string() + "'");
         double s = Field(o, "seconds=");
-        if (s > 0 && s < ours) { ours = s; ourLine = o; }
+        if (s > 0 && s < ours) {
+            ours = s;
+            ourLine = o;
+        }
         if (fs::exists(peer)) {
             std::string p = Run("'" + peer + "' '" + file.string() + "'");
             double ps = Field(p, "seconds=");
-            if (ps > 0 && ps < theirs) { theirs = ps; peerLine = p; }
+            if (ps > 0 && ps < theirs) {
+                theirs = ps;
+                peerLine = p;
+            }
         }
     }
     std::printf("%s", ourLine.c_str());
     std::printf("read: %.0f MB/s (orbiscope)\n", mb / ours);
     const double arrays = Field(ourLine, "arrays="), peak = Field(ourLine, "peak_delta=");
-    if (arrays > 0) std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays, arrays / 1e6);
+    if (arrays > 0)
+        std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays,
+                    arrays / 1e6);
     if (theirs < 1e30) {
         std::printf("%s", peerLine.c_str());
         std::printf("read: %.0f MB/s (assimp); orbiscope / assimp speed ratio = %.2f\n", mb / theirs, theirs / ours);

@@ -54,8 +54,8 @@ int ReadChild(const char* path) {
         points += g->GetPointList()->size();
         ++meshes;
     }
-    std::printf("orbiscope meshes=%zu vertices=%zu faces=%zu seconds=%.4f arrays=%zu peak_delta=%ld\n",
-                meshes, points, faces, secs, scene->MemoryBytes(), (peak - base) * 1024);
+    std::printf("orbiscope meshes=%zu vertices=%zu faces=%zu seconds=%.4f arrays=%zu peak_delta=%ld\n", meshes, points,
+                faces, secs, scene->MemoryBytes(), (peak - base) * 1024);
     return 0;
 }
 
@@ -63,8 +63,7 @@ std::string Run(const std::string& cmd) {
     std::string out;
     if (FILE* p = popen(cmd.c_str(), "r")) {
         char buf[512];
-        while (std::fgets(buf, sizeof buf, p))
-            out += buf;
+        while (std::fgets(buf, sizeof buf, p)) out += buf;
         pclose(p);
     }
     return out;
@@ -91,8 +90,7 @@ int main(int argc, char** argv) {
     {
         std::ifstream warm(file, std::ios::binary);
         std::vector<char> b(1 << 20);
-        while (warm.read(b.data(), b.size())) {
-        }
+        while (warm.read(b.data(), b.size())) {}
     }
     const std::string self = fs::read_symlink("/proc/self/exe").string();
     const std::string peer = (fs::path(self).parent_path() / "peer_assimp_read").string();

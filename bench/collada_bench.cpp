@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
     getrusage(RUSAGE_SELF, &ru);
     std::printf("read %.1f MB, best of %d: %.4f s = %.1f MB/s; %llu points, %llu faces, geometry %.1f MB, "
                 "scene arrays %.1f MB, peak RSS %.1f MB\n",
-                mb, runs, best, mb / best, static_cast<unsigned long long>(points), static_cast<unsigned long long>(faces),
-                bytes / 1e6, sceneBytes / 1e6, ru.ru_maxrss / 1e3);
+                mb, runs, best, mb / best, static_cast<unsigned long long>(points),
+                static_cast<unsigned long long>(faces), bytes / 1e6, sceneBytes / 1e6, ru.ru_maxrss / 1e3);
     return 0;
 }

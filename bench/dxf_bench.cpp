@@ -101,7 +101,8 @@ int main(int argc, char** argv) {
     const long peak = StatusKB("VmHWM:");
     std::printf("memory: reader's peak growth from memory %.1f MB for a scene of %.1f MB (%.2fx)\n",
                 readerPeakKB / 1024.0, sceneBytes / 1e6, readerPeakKB * 1024.0 / std::max<double>(1, sceneBytes));
-    std::printf("ours   %.1f MB  points=%zu faces=%zu seconds=%.3f cpu=%.3f  %.1f MB/s (cpu)  peak-rss-growth=%.1f MB (mapped file included) "
+    std::printf("ours   %.1f MB  points=%zu faces=%zu seconds=%.3f cpu=%.3f  %.1f MB/s (cpu)  peak-rss-growth=%.1f MB "
+                "(mapped file included) "
                 "scene=%.1f MB\n",
                 mb, points, faces, best, bestCpu, mb / bestCpu, (peak - rssBefore) / 1024.0, bytes / 1e6);
     const fs::path peer = fs::path(argv[0]).parent_path() / "peer_assimp_read";

@@ -117,7 +117,8 @@ int main(int argc, char** argv) {
         IoFile f(true);
         if (!f.OpenFile(path, true)) return false;
         while (!f.IsEOF()) {
-            size_t n = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(buf.size()), f.FileGetLength() - f.FileGetPosition()));
+            size_t n = static_cast<size_t>(
+                std::min<int64_t>(static_cast<int64_t>(buf.size()), f.FileGetLength() - f.FileGetPosition()));
             f.FileRead(buf.data(), n);
             sink += static_cast<unsigned char>(buf[n / 2]);
         }
@@ -143,7 +144,8 @@ int main(int argc, char** argv) {
     std::printf("file: %s, %.1f MB\n", path.c_str(), sizeMB);
     row("cat > /dev/null", cat, "");
     char extra[128];
-    std::snprintf(extra, sizeof(extra), "  ratio to cat: wall %.2f, CPU %.2f", cat.wall / ioRead.wall, cat.cpu / ioRead.cpu);
+    std::snprintf(extra, sizeof(extra), "  ratio to cat: wall %.2f, CPU %.2f", cat.wall / ioRead.wall,
+                  cat.cpu / ioRead.cpu);
     row("IoFile FileRead 1 MiB", ioRead, extra);
     std::snprintf(extra, sizeof(extra), "  ratio to cat: wall %.2f, CPU %.2f (%llu lines)", cat.wall / ioLines.wall,
                   cat.cpu / ioLines.cpu, static_cast<unsigned long long>(lines));
@@ -197,8 +199,8 @@ int main(int argc, char** argv) {
                     tmb / ours.cpu, static_cast<double>(count) / ours.cpu / 1e6, ours.wall, count);
         std::printf("strtof (C library)      : %7.0f MB/s CPU, %.1f M floats/s CPU (%.3f s wall; %" PRIu64
                     " floats)  ratio ours/strtof: CPU %.2f, wall %.2f\n",
-                    tmb / libc.cpu, static_cast<double>(count2) / libc.cpu / 1e6, libc.wall, count2, libc.cpu / ours.cpu,
-                    libc.wall / ours.wall);
+                    tmb / libc.cpu, static_cast<double>(count2) / libc.cpu / 1e6, libc.wall, count2,
+                    libc.cpu / ours.cpu, libc.wall / ours.wall);
     }
     std::printf("(checksum %" PRIu64 ")\n", sink);
     if (!keep && path.rfind("/tmp/orbiscope-bench/", 0) == 0) std::remove(path.c_str());

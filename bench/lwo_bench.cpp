@@ -10,10 +10,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -96,7 +96,8 @@ double Field(const std::string& s, const char* key) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc >= 3 && std::strcmp(argv[1], "read") == 0) return ReadChild(argv[2], argc > 3 ? std::max(1, std::atoi(argv[3])) : 1);
+    if (argc >= 3 && std::strcmp(argv[1], "read") == 0)
+        return ReadChild(argv[2], argc > 3 ? std::max(1, std::atoi(argv[3])) : 1);
     if (argc < 2) {
         std::fprintf(stderr, "usage: bench_lwo FILE [--runs R]\n");
         return 2;
@@ -109,7 +110,11 @@ int main(int argc, char** argv) {
     // Files under 4 MB read in well under a millisecond: both programs take their best of 50
     // reads in one process, so that start-up and clock resolution do not decide the ratio.
     const int inner = mb < 4 ? 50 : 1;
-    { std::ifstream warm(file, std::ios::binary); std::vector<char> b(1 << 20); while (warm.read(b.data(), b.size())) {} }
+    {
+        std::ifstream warm(file, std::ios::binary);
+        std::vector<char> b(1 << 20);
+        while (warm.read(b.data(), b.size())) {}
+    }
 
     const std::string self = fs::read_symlink("/proc/self/exe").string();
     const std::string peer = (fs::path(self).parent_path() / "peer_assimp_read").string();
@@ -118,18 +123,25 @@ int main(int argc, char** argv) {
     for (int r = 0; r < runs; ++r) {
         const std::string o = Run("'" + self + "' read '" + file.string() + "' " + std::to_string(inner));
         const double s = Field(o, "seconds=");
-        if (s > 0 && s < ours) { ours = s; ourLine = o; }
+        if (s > 0 && s < ours) {
+            ours = s;
+            ourLine = o;
+        }
         if (fs::exists(peer)) {
             const std::string p = Run("'" + peer + "' '" + file.string() + "' " + std::to_string(inner));
             const double ps = Field(p, "seconds=");
-            if (ps > 0 && ps < theirs) { theirs = ps; peerLine = p; }
+            if (ps > 0 && ps < theirs) {
+                theirs = ps;
+                peerLine = p;
+            }
         }
     }
     std::printf("file: %s, %.1f MB\n%s", file.c_str(), mb, ourLine.c_str());
     if (ours < 1e30) std::printf("read: %.0f MB/s (orbiscope)\n", mb / ours);
     const double arrays = Field(ourLine, "arrays="), peak = Field(ourLine, "peak_delta=");
     if (arrays > 0)
-        std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays, arrays / 1e6);
+        std::printf("peak memory: %.1f MB = %.2fx the scene's arrays (%.1f MB)\n", peak / 1e6, peak / arrays,
+                    arrays / 1e6);
     if (theirs < 1e30) {
         std::printf("%s", peerLine.c_str());
         std::printf("read: %.0f MB/s (assimp); orbiscope / assimp speed ratio = %.2f\n", mb / theirs, theirs / ours);

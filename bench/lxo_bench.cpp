@@ -60,7 +60,11 @@ void Generate(const std::string& path, int layers, uint32_t gridSide) {
             const float b[6] = {0, 0, 0, float(gridSide), float(gridSide), 1};
             w.WriteF4(b, 6);
         }
-        { LxoChunk c(w, VMPA); w.WriteU4(1); w.WriteU4(6); }
+        {
+            LxoChunk c(w, VMPA);
+            w.WriteU4(1);
+            w.WriteU4(6);
+        }
         {
             LxoVertexMapChunk c(w, TXUV, 2, "Texture");
             for (uint32_t i = 0; i < n; ++i) {

@@ -16,17 +16,17 @@
 //                                   (one thread, then two) and writing them once
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 #include <ctime>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -213,7 +213,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     const double mb = static_cast<double>(std::filesystem::file_size(out)) / 1e6;
-    std::printf("orbiscope write %s: %.1f MB in %.3f s = %.1f MB/s wall; cpu %.3f s = %.1f MB/s\n", out.c_str(), mb,
-                ws, mb / ws, cs, mb / cs);
+    std::printf("orbiscope write %s: %.1f MB in %.3f s = %.1f MB/s wall; cpu %.3f s = %.1f MB/s\n", out.c_str(), mb, ws,
+                mb / ws, cs, mb / cs);
     return 0;
 }

@@ -55,8 +55,8 @@ int main(int argc, char** argv) {
         bytes += g->GetPointList()->Raw().size() * 4 + g->GetFaceList()->GetNumberOfIndices() * 4;
     }
     const double cpu = t1.cpu - t0.cpu;
-    std::printf("read %.1f MB: cpu %.3f s = %.1f MB/s (wall %.3f s); %llu points, %llu faces; geometry_bytes=%llu\n", mb,
-                cpu, mb / cpu, t1.wall - t0.wall, static_cast<unsigned long long>(points),
+    std::printf("read %.1f MB: cpu %.3f s = %.1f MB/s (wall %.3f s); %llu points, %llu faces; geometry_bytes=%llu\n",
+                mb, cpu, mb / cpu, t1.wall - t0.wall, static_cast<unsigned long long>(points),
                 static_cast<unsigned long long>(faces), static_cast<unsigned long long>(bytes));
     if (argc == 3) {
         const Clock w0 = Clock::Now();

@@ -78,9 +78,7 @@ int main(int argc, char** argv) {
     }
     // A whole load as the import does it: parse, scene, PROTO instances.
     auto t2 = std::chrono::steady_clock::now();
-    {
-        VrmlScene scene(path);
-    }
+    { VrmlScene scene(path); }
     auto t3 = std::chrono::steady_clock::now();
     struct rusage ru;
     getrusage(RUSAGE_SELF, &ru);

@@ -34,7 +34,8 @@ uint64_t GeometryBinaryBytes(const C3DScene& s, uint64_t& points, uint64_t& face
         bytes += g->GetPointList()->Raw().size() * 4 + g->GetFaceList()->GetNumberOfIndices() * 4;
         for (const auto& ch : g->GetChannels()) {
             if (const CFaceList* f = ch->GetFaceList()) bytes += f->GetNumberOfIndices() * 4;
-            if (ch->GetType() == CHANNEL_UVW) bytes += static_cast<CUVWChannel&>(*ch).GetUVWPointList()->Raw().size() * 4;
+            if (ch->GetType() == CHANNEL_UVW)
+                bytes += static_cast<CUVWChannel&>(*ch).GetUVWPointList()->Raw().size() * 4;
             if (ch->GetType() == CHANNEL_VC) bytes += static_cast<CVCChannel&>(*ch).GetVCPointList()->Raw().size() * 4;
         }
     }
@@ -67,7 +68,8 @@ int main(int argc, char** argv) {
     std::printf("read %.1f MB in %.3f s = %.1f MB/s; %d nodes, %llu points, %llu faces, %d materials; "
                 "geometry_bytes=%llu\n",
                 mb, secs, mb / secs, scene->GetNodeCount(), static_cast<unsigned long long>(points),
-                static_cast<unsigned long long>(faces), scene->GetMaterialNumber(), static_cast<unsigned long long>(geo));
+                static_cast<unsigned long long>(faces), scene->GetMaterialNumber(),
+                static_cast<unsigned long long>(geo));
     for (const auto& l : options.GetLog()) std::printf("log: %ls\n", l.text.c_str());
     delete scene;
     return 0;

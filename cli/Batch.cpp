@@ -65,7 +65,8 @@ std::vector<std::pair<fs::path, fs::path>> ListInputs(const BatchOptions& o, std
             std::vector<std::pair<fs::path, fs::path>> found;
             auto take = [&](const fs::directory_entry& e) {
                 std::error_code fec;
-                if (e.is_regular_file(fec) && Readable(e.path())) found.emplace_back(e.path(), e.path().lexically_relative(in));
+                if (e.is_regular_file(fec) && Readable(e.path()))
+                    found.emplace_back(e.path(), e.path().lexically_relative(in));
             };
             if (o.recursive) {
                 // The output folder inside an input folder is not an input (nor is a second run's output).
@@ -89,9 +90,9 @@ std::vector<std::pair<fs::path, fs::path>> ListInputs(const BatchOptions& o, std
         } else if (!fs::exists(in, ec) && HasPattern(in)) {
             glob_t g{};
             if (glob(in.c_str(), 0, nullptr, &g) == 0)
-                for (size_t i = 0; i < g.gl_pathc; ++i) files.emplace_back(g.gl_pathv[i], fs::path(g.gl_pathv[i]).filename());
-            else
-                failures.push_back({in, "", "no file matches " + in + ".", EXIT_CANNOT_OPEN});
+                for (size_t i = 0; i < g.gl_pathc; ++i)
+                    files.emplace_back(g.gl_pathv[i], fs::path(g.gl_pathv[i]).filename());
+            else failures.push_back({in, "", "no file matches " + in + ".", EXIT_CANNOT_OPEN});
             globfree(&g);
         } else {
             files.emplace_back(in, fs::path(in).filename());
@@ -301,9 +302,11 @@ int RunBatch(const BatchOptions& o) {
         // A failure's sentence mostly names its file already.
         if (d.status != "ok" && d.status != "cancelled" && g_verbosity >= 1)
             std::fprintf(stderr, "orbiscope: %s%s\n",
-                         d.message.find(j.input) == std::string::npos ? (j.input + ": ").c_str() : "", d.message.c_str());
+                         d.message.find(j.input) == std::string::npos ? (j.input + ": ").c_str() : "",
+                         d.message.c_str());
         if (g_verbosity >= 2 && d.status == "ok")
-            std::fprintf(stderr, "orbiscope: %s -> %s (%s s)\n", j.input.c_str(), j.output.c_str(), Seconds(d.seconds).c_str());
+            std::fprintf(stderr, "orbiscope: %s -> %s (%s s)\n", j.input.c_str(), j.output.c_str(),
+                         Seconds(d.seconds).c_str());
         report.Add(Record(j, d));
         ++finished;
         if (counter) {
@@ -326,7 +329,8 @@ int RunBatch(const BatchOptions& o) {
             Worker w;
             w.job = index;
             if (!Launch(self, j, o, toID, w)) {
-                record(j, {EXIT_CANNOT_WRITE, "failed", std::string("cannot start a worker: ") + std::strerror(errno) + ".", "", "", 0});
+                record(j, {EXIT_CANNOT_WRITE, "failed",
+                           std::string("cannot start a worker: ") + std::strerror(errno) + ".", "", "", 0});
                 if (w.out >= 0) close(w.out);
                 if (w.err >= 0) close(w.err);
                 continue;
@@ -355,11 +359,13 @@ int RunBatch(const BatchOptions& o) {
     char line[256];
     if (o.json && !report.toStdout) {
         std::snprintf(line, sizeof line,
-                      "{\"files\": %zu, \"ok\": %d, \"failed\": %d, \"cancelled\": %d, \"seconds\": %.3f, \"filesPerSecond\": %.2f}\n",
+                      "{\"files\": %zu, \"ok\": %d, \"failed\": %d, \"cancelled\": %d, \"seconds\": %.3f, "
+                      "\"filesPerSecond\": %.2f}\n",
                       jobs.size(), ok, failed, cancelled, seconds, rate);
         std::fputs(line, stdout);
     } else if (g_verbosity >= 1 || failed || cancelled) {
-        std::snprintf(line, sizeof line, "converted %d of %zu files in %.2f s (%.1f files/s)", ok, jobs.size(), seconds, rate);
+        std::snprintf(line, sizeof line, "converted %d of %zu files in %.2f s (%.1f files/s)", ok, jobs.size(), seconds,
+                      rate);
         std::string s = line;
         if (failed) s += ", " + std::to_string(failed) + " failed";
         if (cancelled) s += ", " + std::to_string(cancelled) + " cancelled";

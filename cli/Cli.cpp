@@ -191,7 +191,8 @@ const CFormatEntry* FindFormat(const std::string& token, bool forWriting, std::s
         return nullptr;
     }
     if (forWriting ? !found->CanWrite() : !found->CanRead()) {
-        error = "the format " + Narrow(found->ext.description) + (forWriting ? " cannot be written." : " cannot be read.");
+        error =
+            "the format " + Narrow(found->ext.description) + (forWriting ? " cannot be written." : " cannot be read.");
         return nullptr;
     }
     return found;
@@ -221,7 +222,8 @@ void ShowLog(const CIoOptions& options, const std::string& file) {
         else ++seen[it->second].second;
     }
     for (auto& [l, count] : seen) {
-        std::string line = "orbiscope: " + file + ": " + (l->level >= LOG_ERROR ? "error: " : "warning: ") + Narrow(l->text);
+        std::string line =
+            "orbiscope: " + file + ": " + (l->level >= LOG_ERROR ? "error: " : "warning: ") + Narrow(l->text);
         if (count > 1) line += " (" + std::to_string(count) + " times)";
         std::fprintf(stderr, "%s\n", line.c_str());
     }
@@ -329,8 +331,7 @@ const CFormatEntry* PickReader(const std::string& path, const std::string& fromI
         if (const CFormatEntry* e = reg.FindByTypeID(id)) return e;
     const CFormatEntry* e = reg.FindByExtension(ext, true);
     if (!e) {
-        if (reg.FindByExtension(ext, false))
-            err = "the format of " + path + " can be written but not read.";
+        if (reg.FindByExtension(ext, false)) err = "the format of " + path + " can be written but not read.";
         else
             err = "the extension of " + path + " (" + (ext.IsEmpty() ? std::string("none") : Narrow(ext)) +
                   ") is not a format the module reads.";
@@ -341,7 +342,8 @@ const CFormatEntry* PickReader(const std::string& path, const std::string& fromI
 // Checks the input before a parser sees it, so the sentence names the real reason.
 int CheckInput(const std::string& path) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": " + std::strerror(errno) + ".");
+    if (stat(path.c_str(), &st) != 0)
+        return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": " + std::strerror(errno) + ".");
     if (S_ISDIR(st.st_mode)) return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": it is a folder, not a file.");
     if (access(path.c_str(), R_OK) != 0)
         return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": " + std::strerror(errno) + ".");
@@ -371,7 +373,8 @@ int ReadScene(const std::string& path, const std::string& fromID, std::unique_pt
     io.SetSilentMode(true);
     io.SetClass(entry->ext.typeID);
     C3DParser* parser = CParserRegistry::CreateParser(*entry, io);
-    if (!parser) return Fail(EXIT_NOT_AVAILABLE, "the module made no parser for " + Narrow(entry->ext.description) + ".");
+    if (!parser)
+        return Fail(EXIT_NOT_AVAILABLE, "the module made no parser for " + Narrow(entry->ext.description) + ".");
     CSceneImportOptions options;
     parser->LoadDefaultOptions(options);
     const auto start = std::chrono::steady_clock::now();
@@ -459,8 +462,7 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
     // Named after this process, so that a run killed outright leaves a folder the next
     // run here recognises as stale and removes.
     const CXStringW tmpName = fileCreateTmpFolder(Wide(dir.string()), L".orbiscope-");
-    if (tmpName.IsEmpty())
-        return Fail(EXIT_CANNOT_WRITE, "cannot write " + out + ": " + std::strerror(errno) + ".");
+    if (tmpName.IsEmpty()) return Fail(EXIT_CANNOT_WRITE, "cannot write " + out + ": " + std::strerror(errno) + ".");
     fs::path tmpDir(Narrow(tmpName));
     struct Cleanup {
         CXStringW p;
@@ -471,7 +473,8 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
     io.SetSilentMode(true);
     io.SetClass(entry.ext.typeID);
     C3DParser* parser = CParserRegistry::CreateParser(entry, io);
-    if (!parser) return Fail(EXIT_NOT_AVAILABLE, "the module made no writer for " + Narrow(entry.ext.description) + ".");
+    if (!parser)
+        return Fail(EXIT_NOT_AVAILABLE, "the module made no writer for " + Narrow(entry.ext.description) + ".");
     CSceneExportOptions options;
     parser->SaveDefaultOptions(options);
     const auto start = std::chrono::steady_clock::now();
@@ -501,7 +504,8 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
     parser->ReleaseParser(false, nullptr);
     // A Ctrl-C during the write: the writer stops at its next buffer, and whatever it
     // finished is dropped with the temporary folder.
-    if (g_cancel.load() || failure.error == ECANCELED) return Fail(EXIT_CANCELLED, "cancelled while writing " + out + ".");
+    if (g_cancel.load() || failure.error == ECANCELED)
+        return Fail(EXIT_CANCELLED, "cancelled while writing " + out + ".");
     if (!ok) {
         if (g_verbosity >= 2) ShowLog(options, out);
         int r = io.GetIoError();
@@ -528,8 +532,8 @@ int WriteScene(const C3DScene& scene, const std::string& out, const CFormatEntry
             return Fail(EXIT_CANNOT_WRITE, "cannot move the written file into place as " + dest.string() + ": " +
                                                std::strerror(errno) + ".");
         // The target under the name the user gave; the files beside it under their own.
-        result.files.push_back({p.filename() == target.filename() ? out : (fs::path(out).parent_path() / p.filename()).string(),
-                                bytes});
+        result.files.push_back(
+            {p.filename() == target.filename() ? out : (fs::path(out).parent_path() / p.filename()).string(), bytes});
     }
     char t[64];
     std::snprintf(t, sizeof t, " in %.3f s", SecondsSince(start));

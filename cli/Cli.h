@@ -22,8 +22,8 @@ int Fail(int code, const std::string& sentence);
 // One option a command accepts. Every command also takes the global ones (-q, -v, -h,
 // --json, --format). Options may stand anywhere among the operands; "--" ends them.
 struct OptionSpec {
-    const char* name;  // "--to"
-    char shortName;    // 'o', or 0
+    const char* name; // "--to"
+    char shortName;   // 'o', or 0
     bool takesValue;
 };
 

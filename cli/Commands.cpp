@@ -40,9 +40,8 @@ int CmdFormats(const std::vector<std::string>& args) {
     for (auto& f : CParserRegistry::Instance().Formats()) {
         std::string rw = std::string(f.CanRead() ? "read" : "") + (f.CanRead() && f.CanWrite() ? "+" : "") +
                          (f.CanWrite() ? "write" : "");
-        std::printf("%-26s %-26s %-6s 0x%08X %s\n", Narrow(f.ext.description).c_str(),
-                    Narrow(f.ext.extensions).c_str(), ("\"" + Narrow(TypeIDToString(f.ext.typeID)) + "\"").c_str(),
-                    f.ext.typeID, rw.c_str());
+        std::printf("%-26s %-26s %-6s 0x%08X %s\n", Narrow(f.ext.description).c_str(), Narrow(f.ext.extensions).c_str(),
+                    ("\"" + Narrow(TypeIDToString(f.ext.typeID)) + "\"").c_str(), f.ext.typeID, rw.c_str());
     }
     return EXIT_OK;
 }
@@ -83,8 +82,9 @@ int ParseJobs(const std::string& text, int& jobs) {
 int CmdConvert(const std::vector<std::string>& args) {
     ParsedArgs a;
     std::string err;
-    const std::vector<OptionSpec> specs = {{"--from", 0, true},    {"--to", 0, true},         {"--output-dir", 'o', true},
-                                           {"--recursive", 'r', false}, {"--jobs", 'j', true}, {"--report", 0, true}};
+    const std::vector<OptionSpec> specs = {{"--from", 0, true},         {"--to", 0, true},
+                                           {"--output-dir", 'o', true}, {"--recursive", 'r', false},
+                                           {"--jobs", 'j', true},       {"--report", 0, true}};
     if (!ParseCommandLine("convert", args, specs, a, err)) return Fail(EXIT_USAGE, err);
     const bool json = ApplyGlobalOptions(a, err);
     if (!err.empty()) return Fail(EXIT_USAGE, err);
@@ -102,9 +102,11 @@ int CmdConvert(const std::vector<std::string>& args) {
         if (a.Has("--jobs"))
             if (int rc = ParseJobs(a.Get("--jobs"), b.jobs)) return rc;
         if (b.outputDir.empty())
-            return Fail(EXIT_USAGE, "converting many files needs an output folder (-o DIR) (see orbiscope help convert).");
+            return Fail(EXIT_USAGE,
+                        "converting many files needs an output folder (-o DIR) (see orbiscope help convert).");
         if (b.to.empty())
-            return Fail(EXIT_USAGE, "converting many files needs the format to write (--to FORMAT) (see orbiscope help convert).");
+            return Fail(EXIT_USAGE,
+                        "converting many files needs the format to write (--to FORMAT) (see orbiscope help convert).");
         if (b.inputs.empty()) return Fail(EXIT_USAGE, "convert needs at least one input (see orbiscope help convert).");
         return RunBatch(b);
     }

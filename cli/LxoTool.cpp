@@ -8,10 +8,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <unistd.h>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <unistd.h>
 
 #include "cli/ExitCodes.h"
 #include "cli/Signals.h"
@@ -30,11 +30,10 @@
 namespace {
 
 int Usage() {
-    std::fprintf(stderr,
-                 "usage: orbiscope lxo dump FILE [-v] [-o OUT]\n"
-                 "       orbiscope lxo copy SRC DST\n"
-                 "       orbiscope lxo replace SRC DST --layer REFID MESHFILE\n"
-                 "       orbiscope lxo update FILE SCENEFILE [-o OUT]\n");
+    std::fprintf(stderr, "usage: orbiscope lxo dump FILE [-v] [-o OUT]\n"
+                         "       orbiscope lxo copy SRC DST\n"
+                         "       orbiscope lxo replace SRC DST --layer REFID MESHFILE\n"
+                         "       orbiscope lxo update FILE SCENEFILE [-o OUT]\n");
     return EXIT_USAGE;
 }
 
@@ -47,12 +46,13 @@ bool Readable(const char* path) {
 
 int ReadFailure(const char* what, const char* path, uint32_t r) {
     if (r == LXO_ERR_UNSUPPORTED_TYPE)
-        std::fprintf(stderr, "orbiscope: cannot %s '%s': it holds a channel value of an unsupported type.\n", what, path);
+        std::fprintf(stderr, "orbiscope: cannot %s '%s': it holds a channel value of an unsupported type.\n", what,
+                     path);
     else if (r == LXO_ERR_OUT_OF_MEMORY)
         std::fprintf(stderr, "orbiscope: cannot %s '%s': out of memory.\n", what, path);
     else
-        std::fprintf(stderr, "orbiscope: cannot %s '%s': the file is damaged or cut short (LXO result 0x%08x).\n",
-                     what, path, r);
+        std::fprintf(stderr, "orbiscope: cannot %s '%s': the file is damaged or cut short (LXO result 0x%08x).\n", what,
+                     path, r);
     return EXIT_BAD_FORMAT;
 }
 

@@ -83,7 +83,8 @@ std::string ObjectDetails(const C3DSceneNode* n) {
     if (const C3DGeomObject* g = n->GetGeomObject()) {
         long long pts = g->GetPointList() ? g->GetPointList()->GetSize() : 0;
         long long fcs = g->GetFaceList() ? g->GetFaceList()->GetNumberOfFaces() : 0;
-        std::snprintf(buf, sizeof buf, " %lld points, %lld %s", pts, fcs, o->GetKindOf() == KINDOF_CURVE ? "lines" : "faces");
+        std::snprintf(buf, sizeof buf, " %lld points, %lld %s", pts, fcs,
+                      o->GetKindOf() == KINDOF_CURVE ? "lines" : "faces");
         s += buf;
         int uv = g->GetChannelCount(CHANNEL_UVW), vc = g->GetChannelCount(CHANNEL_VC),
             nr = g->GetChannelCount(CHANNEL_SPEC_NORMAL);
@@ -223,7 +224,8 @@ SceneTotals CountScene(const C3DScene& scene) {
         ++t.nodes;
         t.keys += n->GetKeyNbr();
         switch (n->GetKindOf()) {
-        case KINDOF_MESH: case KINDOF_PATCH: ++t.meshes; break;
+        case KINDOF_MESH:
+        case KINDOF_PATCH: ++t.meshes; break;
         case KINDOF_CURVE: ++t.curves; break;
         case KINDOF_GROUP: ++t.groups; break;
         case KINDOF_CAMERA: ++t.cameras; break;
@@ -332,22 +334,21 @@ std::string DescribeSceneJson(const C3DScene& scene, const std::string& file, co
     s += "  \"format\": " + JsonString(format) + ",\n";
     s += "  \"unit\": " + std::to_string(scene.GetUnit()) + ",\n";
     const double mpu = MetresPerUnit(scene.GetUnit());
-    s += "  \"units\": {\"name\": " + JsonString(UnitName(scene.GetUnit())) + ", \"code\": " +
-         std::to_string(scene.GetUnit()) + ", \"scale\": " + Num(scene.GetScaleFactor()) +
+    s += "  \"units\": {\"name\": " + JsonString(UnitName(scene.GetUnit())) +
+         ", \"code\": " + std::to_string(scene.GetUnit()) + ", \"scale\": " + Num(scene.GetScaleFactor()) +
          ", \"metersPerUnit\": " + (mpu > 0 ? Num(mpu) : std::string("null")) + "},\n";
     const C3DBox box = scene.GetBoundingBox();
     if (box.IsValid())
         s += "  \"bounds\": {\"min\": [" + Num(box.min.x) + ", " + Num(box.min.y) + ", " + Num(box.min.z) +
              "], \"max\": [" + Num(box.max.x) + ", " + Num(box.max.y) + ", " + Num(box.max.z) + "]},\n";
-    else
-        s += "  \"bounds\": null,\n";
+    else s += "  \"bounds\": null,\n";
     const KeyRange keys = Keys(scene);
     s += "  \"animation\": {\"ticksPerSecond\": " + std::to_string(scene.GetTickCount()) +
-         ", \"start\": " + std::to_string(scene.GetAnimationStart()) + ", \"end\": " +
-         std::to_string(scene.GetAnimationEnd()) + ", \"keys\": " + std::to_string(keys.keys) +
-         ", \"animatedNodes\": " + std::to_string(keys.animatedNodes) + ", \"firstKey\": " +
-         (keys.keys ? std::to_string(keys.first) : "null") + ", \"lastKey\": " +
-         (keys.keys ? std::to_string(keys.last) : "null") + "},\n";
+         ", \"start\": " + std::to_string(scene.GetAnimationStart()) +
+         ", \"end\": " + std::to_string(scene.GetAnimationEnd()) + ", \"keys\": " + std::to_string(keys.keys) +
+         ", \"animatedNodes\": " + std::to_string(keys.animatedNodes) +
+         ", \"firstKey\": " + (keys.keys ? std::to_string(keys.first) : "null") +
+         ", \"lastKey\": " + (keys.keys ? std::to_string(keys.last) : "null") + "},\n";
     s += "  \"totals\": " + TotalsJson(t) + ",\n";
     s += "  \"nodes\": [";
     bool first = true;
@@ -369,7 +370,8 @@ std::string DescribeSceneJson(const C3DScene& scene, const std::string& file, co
             s += ", \"points\": " + std::to_string(g->GetPointList() ? g->GetPointList()->GetSize() : 0);
             s += ", \"faces\": " + std::to_string(g->GetFaceList() ? g->GetFaceList()->GetNumberOfFaces() : 0);
         }
-        s += ", \"keys\": " + std::to_string(n->GetKeyNbr()) + ", \"tracks\": " + std::to_string(n->GetTrackCount()) + "}";
+        s += ", \"keys\": " + std::to_string(n->GetKeyNbr()) + ", \"tracks\": " + std::to_string(n->GetTrackCount()) +
+             "}";
     }
     s += first ? "],\n" : "\n  ],\n";
     s += "  \"materials\": [";
@@ -387,8 +389,8 @@ std::string DescribeSceneJson(const C3DScene& scene, const std::string& file, co
         s += ", \"maps\": [";
         for (int i = 0; i < m->GetMaterialMapCount(); ++i) {
             const CMaterialMap* map = m->GetMaterialMapByIndex(i);
-            s += std::string(i ? ", " : "") + "{\"type\": \"" + MapTypeName(map->type) + "\", \"file\": " +
-                 JsonString(Utf8(map->file)) + ", \"amount\": " + Num(map->amount) + "}";
+            s += std::string(i ? ", " : "") + "{\"type\": \"" + MapTypeName(map->type) +
+                 "\", \"file\": " + JsonString(Utf8(map->file)) + ", \"amount\": " + Num(map->amount) + "}";
         }
         s += "]}";
     }

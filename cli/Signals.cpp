@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <system_error>
 #include <pthread.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -29,7 +29,7 @@ void PassOn(int sig) {
 }
 
 [[noreturn]] void EndBySignal(int sig) {
-    g_commit.lock(); // never released: nothing is moved into place any more
+    g_commit.lock();                       // never released: nothing is moved into place any more
     PassOn(sig == SIGINT ? SIGTERM : sig); // the workers clean up after themselves
     fileRemoveTmpOfThisProcess();
     std::signal(sig, SIG_DFL);

@@ -16,13 +16,12 @@
 #include <orbiscope/Version.h>
 
 namespace {
-const char* kExitStatus =
-    "exit status:\n"
-    "  0 success              1 some inputs of a batch failed\n"
-    "  2 usage error          3 a file cannot be opened\n"
-    "  4 not this format or damaged                    5 nothing to load (empty)\n"
-    "  6 nothing to write     7 cancelled              8 format not available\n"
-    "  9 the output cannot be written                 10 the format module cannot be loaded\n";
+const char* kExitStatus = "exit status:\n"
+                          "  0 success              1 some inputs of a batch failed\n"
+                          "  2 usage error          3 a file cannot be opened\n"
+                          "  4 not this format or damaged                    5 nothing to load (empty)\n"
+                          "  6 nothing to write     7 cancelled              8 format not available\n"
+                          "  9 the output cannot be written                 10 the format module cannot be loaded\n";
 
 int CmdVersion(const std::vector<std::string>& args);
 int CmdHelp(const std::vector<std::string>& args);
@@ -61,8 +60,9 @@ const Command kCommands[] = {
      "  --format FMT     text (default) or json\n"
      "  -q, -v           hide the reader's warnings / also show informational lines\n",
      CmdInfo, true, false},
-    {"convert", "convert IN OUT | IN... -o DIR --to FORMAT [-r] [-j N] [--report FILE]\n"
-                "                                  convert one file, or many into a folder",
+    {"convert",
+     "convert IN OUT | IN... -o DIR --to FORMAT [-r] [-j N] [--report FILE]\n"
+     "                                  convert one file, or many into a folder",
      "usage: orbiscope convert IN OUT [--from ID] [--to ID] [--json]\n"
      "       orbiscope convert IN... -o DIR --to FORMAT [-r] [-j N] [--report FILE] [--json]\n"
      "\n"
@@ -167,8 +167,7 @@ int CmdVersion(const std::vector<std::string>& args) {
     const std::string iface = std::to_string(v >> 16) + "." + std::to_string(v & 0xFFFF);
     if (json) {
         std::printf("{\"version\": \"%s\", \"moduleInterface\": %s, \"module\": %s}\n", ORBISCOPE_VERSION,
-                    loaded ? ("\"" + iface + "\"").c_str() : "null",
-                    loaded ? JsonString(module.path).c_str() : "null");
+                    loaded ? ("\"" + iface + "\"").c_str() : "null", loaded ? JsonString(module.path).c_str() : "null");
     } else if (loaded) {
         std::printf("orbiscope %s (format module interface %s, %s)\n", ORBISCOPE_VERSION, iface.c_str(),
                     module.path.c_str());

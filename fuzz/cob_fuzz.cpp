@@ -16,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (scene) {
         C4x4Matrix tm;
         C3DNodePos pos = scene->GetFirstNode(KINDOF_ALL);
-        while (C3DSceneNode* n = scene->GetNextNode(pos))
-            n->GetNodeTM(0, tm);
+        while (C3DSceneNode* n = scene->GetNextNode(pos)) n->GetNodeTM(0, tm);
         std::string out;
         tsio::WriteScene(*scene, false, out);
         tsio::WriteScene(*scene, true, out);

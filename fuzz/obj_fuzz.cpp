@@ -26,9 +26,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CWavefrontIo parser(io);
     CSceneImportOptions options;
     options.GetParserOptions().SetUInt(CWavefrontIo::kWvenKey, wven);
-    std::unique_ptr<C3DScene> scene(parser.ReadMemory(
-        {reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
-        {reinterpret_cast<const uint8_t*>(mtl.data()), mtl.size()}, options));
+    std::unique_ptr<C3DScene> scene(parser.ReadMemory({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
+                                                      {reinterpret_cast<const uint8_t*>(mtl.data()), mtl.size()},
+                                                      options));
     if (scene) (void)scene->MemoryBytes();
     return 0;
 }

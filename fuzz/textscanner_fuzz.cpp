@@ -36,7 +36,8 @@ template <typename Fmt> bool FewConversions(const Fmt& fmt) {
 }
 
 void Oracle(const std::string& in, int pick) {
-    static const char* const formats[] = {"%f%n", "%lf%n", "%3f%n", "%d%n", "%i%n", "%x%n", "%u%n", "%2i%n", "%lld%n", "%llu%n"};
+    static const char* const formats[] = {"%f%n", "%lf%n", "%3f%n", "%d%n",   "%i%n",
+                                          "%x%n", "%u%n",  "%2i%n", "%lld%n", "%llu%n"};
     const char* f = formats[static_cast<size_t>(pick) % (sizeof(formats) / sizeof(formats[0]))];
     alignas(16) unsigned char a[16];
     alignas(16) unsigned char b[16];
@@ -46,7 +47,8 @@ void Oracle(const std::string& in, int pick) {
     int ra = std::sscanf(in.c_str(), f, a, &na);
     int rb = textscan::ScanFormat(in, f, b, &nb);
     if (ra != rb || na != nb || std::memcmp(a, b, sizeof(a)) != 0) {
-        std::fprintf(stderr, "scanner differs from sscanf on \"%s\" with %s: %d/%d vs %d/%d\n", in.c_str(), f, ra, na, rb, nb);
+        std::fprintf(stderr, "scanner differs from sscanf on \"%s\" with %s: %d/%d vs %d/%d\n", in.c_str(), f, ra, na,
+                     rb, nb);
         std::abort();
     }
 }
@@ -117,8 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (++lines > size + 1) std::abort();
         f.FileSeek(0, 0);
         std::string_view raw;
-        while (f.ReadLine(raw)) {
-        }
+        while (f.ReadLine(raw)) {}
     }
     return 0;
 }

@@ -22,7 +22,6 @@ std::string_view SkipSpace(std::string_view s) {
     return s.substr(i);
 }
 
-
 // IFF container: "FORM", a size, then the form type.
 bool IsForm(std::span<const uint8_t> head, std::string_view type) {
     return StartsWith(head, "FORM") && StartsWith(head, type, 8);

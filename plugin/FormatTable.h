@@ -14,8 +14,8 @@ struct FormatRow {
     const char* description;
     const char* extensions; // ".a|.b", lower case
     uint32_t typeID;
-    uint32_t flags;         // FORMAT_FLAGS
-    FormatProbe probe;      // null for formats that are only written
+    uint32_t flags;    // FORMAT_FLAGS
+    FormatProbe probe; // null for formats that are only written
 
     bool CanRead() const { return (flags & FORMAT_READ) != 0; }
     bool CanWrite() const { return (flags & FORMAT_WRITE) != 0; }

@@ -44,8 +44,8 @@ C3DScene* ReadMemoryWith(CFileIo& io, std::span<const uint8_t> data, CSceneImpor
     }
 }
 
-#define ORBISCOPE_MAKER(cls, id, desc, exts, flags, probe) \
-    {&Make<cls>, ((flags) & FORMAT_READ) ? &ReadMemoryWith<cls> : nullptr},
+#define ORBISCOPE_MAKER(cls, id, desc, exts, flags, probe)                                                             \
+    {&Make<cls>, ((flags)&FORMAT_READ) ? &ReadMemoryWith<cls> : nullptr},
 const ParserMaker kMakers[] = {ORBISCOPE_FORMATS(ORBISCOPE_MAKER)};
 #undef ORBISCOPE_MAKER
 static_assert(sizeof kMakers / sizeof kMakers[0] == kFormatCount);

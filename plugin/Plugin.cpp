@@ -38,8 +38,7 @@ ORBISCOPE_EXPORT bool Init3DParser(int action, void* data) {
             if (known) req->parser = p;
         }
         return true;
-    default:
-        return true;
+    default: return true;
     }
 }
 

@@ -109,8 +109,7 @@ struct ProgressBridge {
 // Runs `work` on a thread of its own while the caller waits without the GIL. A signal
 // seen by the main thread (Ctrl-C) cancels the work; its exception is raised once the
 // work has stopped.
-template <class F>
-void RunOffTheGil(F&& work, std::atomic<bool>& cancel) {
+template <class F> void RunOffTheGil(F&& work, std::atomic<bool>& cancel) {
     std::mutex m;
     std::condition_variable cv;
     bool done = false;
@@ -118,9 +117,7 @@ void RunOffTheGil(F&& work, std::atomic<bool>& cancel) {
     std::thread worker([&] {
         try {
             work();
-        } catch (...) {
-            failure = std::current_exception();
-        }
+        } catch (...) { failure = std::current_exception(); }
         std::lock_guard<std::mutex> g(m);
         done = true;
         cv.notify_all();
@@ -172,8 +169,7 @@ struct Ref {
     SceneBox& box() const { return owner.cast<SceneBox&>(); }
 };
 
-template <class T>
-py::array View(const T* data, std::vector<py::ssize_t> shape, const py::object& owner) {
+template <class T> py::array View(const T* data, std::vector<py::ssize_t> shape, const py::object& owner) {
     size_t n = 1;
     for (auto s : shape) n *= static_cast<size_t>(s);
     if (!data || n == 0) return py::array_t<T>(shape);
@@ -213,10 +209,14 @@ const char* KindName(uint32_t k) {
 }
 
 const std::map<int, const char*>& UnitNames() {
-    static const std::map<int, const char*> names = {{UNIT_NONE, "none"},          {UNIT_MILLIMETER, "millimeter"},
-                                                     {UNIT_CENTIMETER, "centimeter"}, {UNIT_METER, "meter"},
-                                                     {UNIT_KILOMETER, "kilometer"}, {UNIT_INCH, "inch"},
-                                                     {UNIT_FOOT, "foot"},           {UNIT_MILE, "mile"}};
+    static const std::map<int, const char*> names = {{UNIT_NONE, "none"},
+                                                     {UNIT_MILLIMETER, "millimeter"},
+                                                     {UNIT_CENTIMETER, "centimeter"},
+                                                     {UNIT_METER, "meter"},
+                                                     {UNIT_KILOMETER, "kilometer"},
+                                                     {UNIT_INCH, "inch"},
+                                                     {UNIT_FOOT, "foot"},
+                                                     {UNIT_MILE, "mile"}};
     return names;
 }
 
@@ -461,8 +461,8 @@ CRGBColor ColorFrom(const py::object& o) {
 }
 
 const char* MapTypeName(uint32_t t) {
-    static const char* names[] = {"none",       "diffuse",   "specular", "ambient",     "opacity",       "normal",
-                                  "bump",       "reflection", "shininess", "self_illum", "specular_level"};
+    static const char* names[] = {"none", "diffuse",    "specular",  "ambient",    "opacity",       "normal",
+                                  "bump", "reflection", "shininess", "self_illum", "specular_level"};
     return t < MAP_TYPE_COUNT ? names[t] : "other";
 }
 
@@ -541,7 +541,8 @@ std::pair<std::vector<uint32_t>, std::vector<uint32_t>> FacesFrom(const py::obje
         return static_cast<uint32_t>(v);
     };
     if (!faces.is_none()) {
-        if (!offsets.is_none() || !indices.is_none()) throw py::value_error("give faces, or offsets and indices, not both");
+        if (!offsets.is_none() || !indices.is_none())
+            throw py::value_error("give faces, or offsets and indices, not both");
         IndexArray a = IndexArray::ensure(faces);
         if (!a || a.ndim() != 2) throw py::value_error("faces must be an (m, k) array of point indices");
         auto r = a.unchecked<2>();
@@ -573,7 +574,8 @@ std::pair<std::vector<uint32_t>, std::vector<uint32_t>> FacesFrom(const py::obje
 uint32_t MaterialArg(SceneBox& box, const py::object& material) {
     if (material.is_none()) return NO_MATERIAL;
     uint32_t id = py::isinstance<MaterialRef>(material) ? material.cast<MaterialRef&>().id : material.cast<uint32_t>();
-    if (!box.scene->GetMaterialByID(id)) throw py::value_error("there is no material " + std::to_string(id) + " in the scene");
+    if (!box.scene->GetMaterialByID(id))
+        throw py::value_error("there is no material " + std::to_string(id) + " in the scene");
     return id;
 }
 
@@ -602,8 +604,7 @@ NodeRef AddMesh(const py::object& self, const py::object& points, const py::obje
     obj->SetPointList(pl);
     auto* fl = new C3DFaceList;
     fl->SetCurrentMaterial(mat);
-    for (size_t f = 0; f + 1 < off.size(); ++f)
-        fl->AddFace(idx.data() + off[f], static_cast<int>(off[f + 1] - off[f]));
+    for (size_t f = 0; f + 1 < off.size(); ++f) fl->AddFace(idx.data() + off[f], static_cast<int>(off[f + 1] - off[f]));
     obj->SetFaceList(fl);
     if (!uv.is_none()) {
         auto u = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(uv);
@@ -613,7 +614,8 @@ NodeRef AddMesh(const py::object& self, const py::object& points, const py::obje
         CUVWPointList* up = ch->GetUVWPointList();
         up->SetSize(static_cast<int>(n));
         auto r = u.unchecked<2>();
-        for (size_t i = 0; i < n; ++i) up->SetPoint(static_cast<int>(i), {r(i, 0), r(i, 1), u.shape(1) == 3 ? r(i, 2) : 0.0f});
+        for (size_t i = 0; i < n; ++i)
+            up->SetPoint(static_cast<int>(i), {r(i, 0), r(i, 1), u.shape(1) == 3 ? r(i, 2) : 0.0f});
         for (size_t f = 0; f + 1 < off.size(); ++f)
             ch->GetUVWFaceList()->AddFace(idx.data() + off[f], static_cast<int>(off[f + 1] - off[f]));
         obj->SetGlobalUVWChannel(obj->AddChannel(std::move(ch)));
@@ -774,20 +776,25 @@ PYBIND11_MODULE(orbiscope, m) {
         .def_property_readonly("material_ids", &MeshRef::MaterialIDs)
         .def_property_readonly("face_count", &MeshRef::FaceCount)
         .def_property_readonly("is_curve", [](const MeshRef& r) { return r.g->GetKindOf() == KINDOF_CURVE; })
-        .def("faces", [](const MeshRef& r) {
-            py::list l;
-            const C3DFaceList* f = r.Faces();
-            for (int i = 0; f && i < f->GetNumberOfFaces(); ++i) {
-                auto face = f->Face(i);
-                l.append(py::array_t<uint32_t>({static_cast<py::ssize_t>(face.size())}, face.data()));
-            }
-            return l;
-        }, "Each face as its own small array (a copy; face_offsets/face_indices are the views).")
+        .def(
+            "faces",
+            [](const MeshRef& r) {
+                py::list l;
+                const C3DFaceList* f = r.Faces();
+                for (int i = 0; f && i < f->GetNumberOfFaces(); ++i) {
+                    auto face = f->Face(i);
+                    l.append(py::array_t<uint32_t>({static_cast<py::ssize_t>(face.size())}, face.data()));
+                }
+                return l;
+            },
+            "Each face as its own small array (a copy; face_offsets/face_indices are the views).")
         .def("triangles", &MeshRef::Triangles,
              "(t, 3) point indices of the faces cut into triangles, and the face each came from.")
         .def_property_readonly("channels", &MeshRef::Channels)
-        .def_property_readonly("uv", [](const MeshRef& r) { return r.ChannelOf(CHANNEL_UVW, r.g->GetGlobalUVWChannelID()); })
-        .def_property_readonly("colors", [](const MeshRef& r) { return r.ChannelOf(CHANNEL_VC, r.g->GetGlobalVCChannelID()); })
+        .def_property_readonly("uv",
+                               [](const MeshRef& r) { return r.ChannelOf(CHANNEL_UVW, r.g->GetGlobalUVWChannelID()); })
+        .def_property_readonly("colors",
+                               [](const MeshRef& r) { return r.ChannelOf(CHANNEL_VC, r.g->GetGlobalVCChannelID()); })
         .def_property_readonly("normals", [](const MeshRef& r) { return r.ChannelOf(CHANNEL_SPEC_NORMAL, -1); })
         .def("bounding_box", [](const MeshRef& r) -> py::object {
             const C3DBox b = r.g->GetBoundingBox();
@@ -802,26 +809,31 @@ PYBIND11_MODULE(orbiscope, m) {
         .def_property_readonly("diffuse_factor", [](const MaterialRef& r) { return r.Get()->diffuseFactor; })
         .def_property_readonly("transparency", [](const MaterialRef& r) { return r.Get()->transparency; })
         .def_property_readonly("two_sided", [](const MaterialRef& r) { return r.Get()->IsFlagSet(MATF_TWO_SIDED); })
-        .def_property_readonly("ambient", [](const MaterialRef& r) -> py::object {
-            auto* s = r.Standard();
-            return s ? py::object(Rgba(s->ambient)) : py::none();
-        })
-        .def_property_readonly("specular", [](const MaterialRef& r) -> py::object {
-            auto* s = r.Standard();
-            return s ? py::object(Rgba(s->specular)) : py::none();
-        })
-        .def_property_readonly("specular_factor", [](const MaterialRef& r) -> py::object {
-            auto* s = r.Standard();
-            return s ? py::cast(s->specularFactor) : py::none();
-        })
-        .def_property_readonly("shininess", [](const MaterialRef& r) -> py::object {
-            auto* s = r.Standard();
-            return s ? py::cast(s->shininess) : py::none();
-        })
-        .def_property_readonly("emissive", [](const MaterialRef& r) -> py::object {
-            auto* s = r.Standard();
-            return s ? py::object(Rgba(s->emissive)) : py::none();
-        })
+        .def_property_readonly("ambient",
+                               [](const MaterialRef& r) -> py::object {
+                                   auto* s = r.Standard();
+                                   return s ? py::object(Rgba(s->ambient)) : py::none();
+                               })
+        .def_property_readonly("specular",
+                               [](const MaterialRef& r) -> py::object {
+                                   auto* s = r.Standard();
+                                   return s ? py::object(Rgba(s->specular)) : py::none();
+                               })
+        .def_property_readonly("specular_factor",
+                               [](const MaterialRef& r) -> py::object {
+                                   auto* s = r.Standard();
+                                   return s ? py::cast(s->specularFactor) : py::none();
+                               })
+        .def_property_readonly("shininess",
+                               [](const MaterialRef& r) -> py::object {
+                                   auto* s = r.Standard();
+                                   return s ? py::cast(s->shininess) : py::none();
+                               })
+        .def_property_readonly("emissive",
+                               [](const MaterialRef& r) -> py::object {
+                                   auto* s = r.Standard();
+                                   return s ? py::object(Rgba(s->emissive)) : py::none();
+                               })
         .def_property_readonly("maps", &MaterialRef::Maps)
         .def("__repr__", [](const MaterialRef& r) {
             return "<orbiscope.Material " + std::to_string(r.id) + " '" + Narrow(r.Get()->GetName()) + "'>";
@@ -832,40 +844,53 @@ PYBIND11_MODULE(orbiscope, m) {
         .def_property_readonly("id", [](const NodeRef& r) { return r.n->GetNodeID(); })
         .def_property_readonly("kind", [](const NodeRef& r) { return KindName(r.n->GetKindOf()); })
         .def_property_readonly("hidden", [](const NodeRef& r) { return r.n->IsFlagSet(NODE_HIDDEN); })
-        .def_property_readonly("local", [](const NodeRef& r) {
-            C4x4Matrix tm;
-            r.n->GetNodeLocalTM(0, tm);
-            return Matrix(tm);
-        }, "Local transform at time 0 (4x4, column vectors).")
-        .def_property_readonly("world", [](const NodeRef& r) {
-            C4x4Matrix tm;
-            r.n->GetNodeTM(0, tm);
-            return Matrix(tm);
-        }, "World transform at time 0 (4x4, column vectors).")
-        .def_property_readonly("parent", [](const NodeRef& r) -> py::object {
-            C3DSceneNode* p = r.n->GetParent();
-            if (!p || p == r.box().scene->GetRoot()) return py::none();
-            return py::cast(MakeNode(r.owner, p));
-        })
-        .def_property_readonly("children", [](const NodeRef& r) {
-            std::vector<NodeRef> v;
-            for (C3DSceneNode* c = r.n->GetChildNode(); c; c = c->GetRightNode()) v.push_back(MakeNode(r.owner, c));
-            return v;
-        })
+        .def_property_readonly(
+            "local",
+            [](const NodeRef& r) {
+                C4x4Matrix tm;
+                r.n->GetNodeLocalTM(0, tm);
+                return Matrix(tm);
+            },
+            "Local transform at time 0 (4x4, column vectors).")
+        .def_property_readonly(
+            "world",
+            [](const NodeRef& r) {
+                C4x4Matrix tm;
+                r.n->GetNodeTM(0, tm);
+                return Matrix(tm);
+            },
+            "World transform at time 0 (4x4, column vectors).")
+        .def_property_readonly("parent",
+                               [](const NodeRef& r) -> py::object {
+                                   C3DSceneNode* p = r.n->GetParent();
+                                   if (!p || p == r.box().scene->GetRoot()) return py::none();
+                                   return py::cast(MakeNode(r.owner, p));
+                               })
+        .def_property_readonly("children",
+                               [](const NodeRef& r) {
+                                   std::vector<NodeRef> v;
+                                   for (C3DSceneNode* c = r.n->GetChildNode(); c; c = c->GetRightNode())
+                                       v.push_back(MakeNode(r.owner, c));
+                                   return v;
+                               })
         .def_property_readonly("mesh", &NodeMesh)
-        .def_property_readonly("camera", [](const NodeRef& r) -> py::object {
-            auto* c = dynamic_cast<C3DCamera*>(r.n->GetBaseObject());
-            return c ? py::object(CameraDict(*c)) : py::none();
-        })
-        .def_property_readonly("light", [](const NodeRef& r) -> py::object {
-            auto* l = dynamic_cast<C3DLight*>(r.n->GetBaseObject());
-            return l ? py::object(LightDict(*l)) : py::none();
-        })
-        .def_property_readonly("tracks", [](const NodeRef& r) {
-            py::list l;
-            for (int i = 0; i < r.n->GetTrackCount(); ++i) l.append(TrackDict(*r.n->GetTrackByIndex(i)));
-            return l;
-        })
+        .def_property_readonly("camera",
+                               [](const NodeRef& r) -> py::object {
+                                   auto* c = dynamic_cast<C3DCamera*>(r.n->GetBaseObject());
+                                   return c ? py::object(CameraDict(*c)) : py::none();
+                               })
+        .def_property_readonly("light",
+                               [](const NodeRef& r) -> py::object {
+                                   auto* l = dynamic_cast<C3DLight*>(r.n->GetBaseObject());
+                                   return l ? py::object(LightDict(*l)) : py::none();
+                               })
+        .def_property_readonly("tracks",
+                               [](const NodeRef& r) {
+                                   py::list l;
+                                   for (int i = 0; i < r.n->GetTrackCount(); ++i)
+                                       l.append(TrackDict(*r.n->GetTrackByIndex(i)));
+                                   return l;
+                               })
         .def("__eq__", [](const NodeRef& a, const NodeRef& b) { return a == b; })
         .def("__hash__", [](const NodeRef& r) { return std::hash<const void*>()(r.n); })
         .def("__repr__", [](const NodeRef& r) {
@@ -880,94 +905,114 @@ PYBIND11_MODULE(orbiscope, m) {
         }))
         .def_property_readonly("path", [](const SceneBox& b) { return b.path; })
         .def_property_readonly("format", [](const SceneBox& b) { return b.format; })
-        .def_property_readonly("roots", [](py::object self) {
-            std::vector<NodeRef> v;
-            for (C3DSceneNode* c = self.cast<SceneBox&>().scene->GetRoot()->GetChildNode(); c; c = c->GetRightNode())
-                v.push_back(MakeNode(self, c));
-            return v;
-        })
-        .def_property_readonly("nodes", [](py::object self) {
-            std::vector<NodeRef> v;
-            const C3DScene& s = *self.cast<SceneBox&>().scene;
-            C3DNodePos pos = s.GetFirstNode();
-            while (C3DSceneNode* n = s.GetNextNode(pos)) v.push_back(MakeNode(self, n));
-            return v;
-        }, "Every node, parents before their children.")
-        .def_property_readonly("meshes", [](py::object self) {
-            std::vector<MeshRef> v;
-            const C3DScene& s = *self.cast<SceneBox&>().scene;
-            C3DNodePos pos = s.GetFirstNode(KINDOF_MESH | KINDOF_PATCH | KINDOF_POINTCLOUD);
-            while (C3DSceneNode* n = s.GetNextNode(pos))
-                if (C3DGeomObject* g = n->GetGeomObject()) {
-                    MeshRef r;
-                    r.owner = self;
-                    r.g = g;
-                    v.push_back(r);
-                }
-            return v;
-        }, "The meshes of every node, in node order (each in its node's own coordinates).")
-        .def_property_readonly("materials", [](py::object self) {
-            std::vector<MaterialRef> v;
-            const C3DScene& s = *self.cast<SceneBox&>().scene;
-            CMaterialPos pos;
-            for (C3DMaterial* mat = s.GetFirstMaterial(pos); mat; mat = s.GetNextMaterial(pos))
-                v.push_back(MakeMaterial(self, mat->GetID()));
-            return v;
-        })
-        .def_property("unit",
-                      [](const SceneBox& b) {
-                          auto it = UnitNames().find(b.scene->GetUnit());
-                          return std::string(it == UnitNames().end() ? "other" : it->second);
-                      },
-                      [](SceneBox& b, const std::string& name) {
-                          for (auto& [code, text] : UnitNames())
-                              if (name == text) return b.scene->SetUnit(code);
-                          throw py::value_error("unknown unit '" + name + "'");
-                      })
+        .def_property_readonly("roots",
+                               [](py::object self) {
+                                   std::vector<NodeRef> v;
+                                   for (C3DSceneNode* c = self.cast<SceneBox&>().scene->GetRoot()->GetChildNode(); c;
+                                        c = c->GetRightNode())
+                                       v.push_back(MakeNode(self, c));
+                                   return v;
+                               })
+        .def_property_readonly(
+            "nodes",
+            [](py::object self) {
+                std::vector<NodeRef> v;
+                const C3DScene& s = *self.cast<SceneBox&>().scene;
+                C3DNodePos pos = s.GetFirstNode();
+                while (C3DSceneNode* n = s.GetNextNode(pos)) v.push_back(MakeNode(self, n));
+                return v;
+            },
+            "Every node, parents before their children.")
+        .def_property_readonly(
+            "meshes",
+            [](py::object self) {
+                std::vector<MeshRef> v;
+                const C3DScene& s = *self.cast<SceneBox&>().scene;
+                C3DNodePos pos = s.GetFirstNode(KINDOF_MESH | KINDOF_PATCH | KINDOF_POINTCLOUD);
+                while (C3DSceneNode* n = s.GetNextNode(pos))
+                    if (C3DGeomObject* g = n->GetGeomObject()) {
+                        MeshRef r;
+                        r.owner = self;
+                        r.g = g;
+                        v.push_back(r);
+                    }
+                return v;
+            },
+            "The meshes of every node, in node order (each in its node's own coordinates).")
+        .def_property_readonly("materials",
+                               [](py::object self) {
+                                   std::vector<MaterialRef> v;
+                                   const C3DScene& s = *self.cast<SceneBox&>().scene;
+                                   CMaterialPos pos;
+                                   for (C3DMaterial* mat = s.GetFirstMaterial(pos); mat; mat = s.GetNextMaterial(pos))
+                                       v.push_back(MakeMaterial(self, mat->GetID()));
+                                   return v;
+                               })
+        .def_property(
+            "unit",
+            [](const SceneBox& b) {
+                auto it = UnitNames().find(b.scene->GetUnit());
+                return std::string(it == UnitNames().end() ? "other" : it->second);
+            },
+            [](SceneBox& b, const std::string& name) {
+                for (auto& [code, text] : UnitNames())
+                    if (name == text) return b.scene->SetUnit(code);
+                throw py::value_error("unknown unit '" + name + "'");
+            })
         .def_property_readonly("unit_code", [](const SceneBox& b) { return b.scene->GetUnit(); })
-        .def_property_readonly("scale", [](const SceneBox& b) { return b.scene->GetScaleFactor(); },
-                               "Centimetres per file unit.")
+        .def_property_readonly(
+            "scale", [](const SceneBox& b) { return b.scene->GetScaleFactor(); }, "Centimetres per file unit.")
         .def_property_readonly("ticks_per_second", [](const SceneBox& b) { return b.scene->GetTickCount(); })
-        .def_property_readonly("animation_range", [](const SceneBox& b) {
-            return py::make_tuple(b.scene->GetAnimationStart(), b.scene->GetAnimationEnd());
-        })
-        .def_property_readonly("required_files", [](const SceneBox& b) {
-            py::list l;
-            for (const CXStringW& f : b.scene->GetRequiredFiles()) l.append(py::make_tuple(Narrow(f), fileExists(f)));
-            return l;
-        }, "(path, found) of every file the scene needs.")
-        .def("bounding_box", [](const SceneBox& b) -> py::object {
-            const C3DBox x = b.scene->GetBoundingBox();
-            if (!x.IsValid()) return py::none();
-            return py::make_tuple(py::make_tuple(x.min.x, x.min.y, x.min.z), py::make_tuple(x.max.x, x.max.y, x.max.z));
-        }, "World-space box of the geometry at time 0, ((x, y, z), (x, y, z)); None when empty.")
-        .def("add_material",
-             [](py::object self, const std::string& name, const py::object& diffuse, const py::object& specular,
-                float shininess, float transparency, const py::object& texture) {
-                 SceneBox& b = self.cast<SceneBox&>();
-                 auto* mat = static_cast<C3DStandardMaterial*>(b.scene->CreateNewMaterial(MATERIAL_STANDARD));
-                 mat->SetName(Wide(name));
-                 if (!diffuse.is_none()) mat->diffuse = ColorFrom(diffuse);
-                 if (!specular.is_none()) mat->specular = ColorFrom(specular);
-                 mat->shininess = shininess;
-                 mat->transparency = transparency;
-                 if (!texture.is_none()) mat->AddMaterialMap(Wide(PathArg(texture)), -1, MAP_DIFFUSE);
-                 return MakeMaterial(self, mat->GetID());
-             },
-             py::arg("name") = "", py::arg("diffuse") = py::none(), py::arg("specular") = py::none(),
-             py::arg("shininess") = 0.0f, py::arg("transparency") = 0.0f, py::arg("texture") = py::none(),
-             "Colours as 0..255 integers or 0..1 floats.")
-        .def("add_node",
-             [](py::object self, const std::string& name, const py::object& parent, const py::object& matrix) {
-                 SceneBox& b = self.cast<SceneBox&>();
-                 C3DSceneNode* par = ParentArg(b, parent);
-                 auto* node = new C3DSceneNode(new C3DGroup);
-                 node->SetName(Wide(name));
-                 if (!matrix.is_none()) node->SetNodeLocalTM(MatrixFrom(matrix));
-                 b.scene->AddNode(par, node);
-                 return MakeNode(self, node);
-             },
-             py::arg("name") = "", py::arg("parent") = py::none(), py::arg("matrix") = py::none())
+        .def_property_readonly(
+            "animation_range",
+            [](const SceneBox& b) { return py::make_tuple(b.scene->GetAnimationStart(), b.scene->GetAnimationEnd()); })
+        .def_property_readonly(
+            "required_files",
+            [](const SceneBox& b) {
+                py::list l;
+                for (const CXStringW& f : b.scene->GetRequiredFiles())
+                    l.append(py::make_tuple(Narrow(f), fileExists(f)));
+                return l;
+            },
+            "(path, found) of every file the scene needs.")
+        .def(
+            "bounding_box",
+            [](const SceneBox& b) -> py::object {
+                const C3DBox x = b.scene->GetBoundingBox();
+                if (!x.IsValid()) return py::none();
+                return py::make_tuple(py::make_tuple(x.min.x, x.min.y, x.min.z),
+                                      py::make_tuple(x.max.x, x.max.y, x.max.z));
+            },
+            "World-space box of the geometry at time 0, ((x, y, z), (x, y, z)); None when empty.")
+        .def(
+            "add_material",
+            [](py::object self, const std::string& name, const py::object& diffuse, const py::object& specular,
+               float shininess, float transparency, const py::object& texture) {
+                SceneBox& b = self.cast<SceneBox&>();
+                auto* mat = static_cast<C3DStandardMaterial*>(b.scene->CreateNewMaterial(MATERIAL_STANDARD));
+                mat->SetName(Wide(name));
+                if (!diffuse.is_none()) mat->diffuse = ColorFrom(diffuse);
+                if (!specular.is_none()) mat->specular = ColorFrom(specular);
+                mat->shininess = shininess;
+                mat->transparency = transparency;
+                if (!texture.is_none()) mat->AddMaterialMap(Wide(PathArg(texture)), -1, MAP_DIFFUSE);
+                return MakeMaterial(self, mat->GetID());
+            },
+            py::arg("name") = "", py::arg("diffuse") = py::none(), py::arg("specular") = py::none(),
+            py::arg("shininess") = 0.0f, py::arg("transparency") = 0.0f, py::arg("texture") = py::none(),
+            "Colours as 0..255 integers or 0..1 floats.")
+        .def(
+            "add_node",
+            [](py::object self, const std::string& name, const py::object& parent, const py::object& matrix) {
+                SceneBox& b = self.cast<SceneBox&>();
+                C3DSceneNode* par = ParentArg(b, parent);
+                auto* node = new C3DSceneNode(new C3DGroup);
+                node->SetName(Wide(name));
+                if (!matrix.is_none()) node->SetNodeLocalTM(MatrixFrom(matrix));
+                b.scene->AddNode(par, node);
+                return MakeNode(self, node);
+            },
+            py::arg("name") = "", py::arg("parent") = py::none(), py::arg("matrix") = py::none())
         .def("add_mesh", &AddMesh, py::arg("points"), py::arg("faces") = py::none(), py::kw_only(),
              py::arg("offsets") = py::none(), py::arg("indices") = py::none(), py::arg("name") = "",
              py::arg("parent") = py::none(), py::arg("material") = py::none(), py::arg("matrix") = py::none(),
@@ -986,12 +1031,13 @@ PYBIND11_MODULE(orbiscope, m) {
           "Reads a file's bytes; the format's type ID is needed.");
     m.def("write", &Write, py::arg("scene"), py::arg("path"), py::arg("format") = py::none(),
           py::arg("progress") = py::none(), "Writes a scene; the format from the extension or a type ID.");
-    m.def("convert",
-          [](const py::object& src, const py::object& dst, const std::optional<std::string>& from,
-             const std::optional<std::string>& to) {
-              py::object s = Read(src, from, py::none());
-              Write(s, dst, to, py::none());
-          },
-          py::arg("src"), py::arg("dst"), py::arg("from_format") = py::none(), py::arg("to_format") = py::none(),
-          "Reads src and writes dst.");
+    m.def(
+        "convert",
+        [](const py::object& src, const py::object& dst, const std::optional<std::string>& from,
+           const std::optional<std::string>& to) {
+            py::object s = Read(src, from, py::none());
+            Write(s, dst, to, py::none());
+        },
+        py::arg("src"), py::arg("dst"), py::arg("from_format") = py::none(), py::arg("to_format") = py::none(),
+        "Reads src and writes dst.");
 }

@@ -68,8 +68,8 @@ const CFormatEntry* ByTypeID(const std::string& id, bool reading, Outcome& out) 
     const CFormatEntry* e = CParserRegistry::Instance().FindByTypeID(TypeIDFromString(Wide(id)));
     if (!e) FailWith(out, RESULT_USAGE, "there is no format with the type ID \"" + id + "\".");
     else if (reading ? !e->CanRead() : !e->CanWrite())
-        FailWith(out, RESULT_USAGE, "the format " + Narrow(e->ext.description) +
-                                        (reading ? " cannot be read." : " cannot be written."));
+        FailWith(out, RESULT_USAGE,
+                 "the format " + Narrow(e->ext.description) + (reading ? " cannot be read." : " cannot be written."));
     else return e;
     return nullptr;
 }
@@ -220,10 +220,13 @@ bool WriteFile(const C3DScene& scene, const std::string& path, const std::string
     const fs::path target = fs::absolute(fs::path(path), ec);
     const fs::path dir = target.parent_path();
     if (ec || !fs::is_directory(dir, ec))
-        return FailWith(out, RESULT_CANNOT_WRITE, "cannot write " + path + ": the folder " + dir.string() + " does not exist.");
-    if (fs::is_directory(target, ec)) return FailWith(out, RESULT_CANNOT_WRITE, "cannot write " + path + ": it is a folder.");
+        return FailWith(out, RESULT_CANNOT_WRITE,
+                        "cannot write " + path + ": the folder " + dir.string() + " does not exist.");
+    if (fs::is_directory(target, ec))
+        return FailWith(out, RESULT_CANNOT_WRITE, "cannot write " + path + ": it is a folder.");
     const CXStringW tmpName = fileCreateTmpFolder(Wide(dir.string()), L".orbiscope-");
-    if (tmpName.IsEmpty()) return FailWith(out, RESULT_CANNOT_WRITE, "cannot write " + path + ": " + std::strerror(errno) + ".");
+    if (tmpName.IsEmpty())
+        return FailWith(out, RESULT_CANNOT_WRITE, "cannot write " + path + ": " + std::strerror(errno) + ".");
     struct Cleanup {
         CXStringW p;
         ~Cleanup() { fileRemoveDirectory(p); }
@@ -257,9 +260,10 @@ bool WriteFile(const C3DScene& scene, const std::string& path, const std::string
         int r = io.GetIoError();
         if (r == 0) r = IO_ERR_OPEN;
         if (r == IO_ERR_OPEN && failure.error)
-            return FailWith(out, RESULT_CANNOT_WRITE,
-                            (failure.atOpen ? "cannot open " + path + " for writing: " : "cannot write " + path + ": ") +
-                                std::strerror(failure.error) + ".");
+            return FailWith(
+                out, RESULT_CANNOT_WRITE,
+                (failure.atOpen ? "cannot open " + path + " for writing: " : "cannot write " + path + ": ") +
+                    std::strerror(failure.error) + ".");
         return FailWith(out, r == IO_ERR_OPEN ? RESULT_CANNOT_WRITE : r, ResultSentence(r, path, false));
     }
     // The writers finish what they started; a cancel during the write drops the result here.
@@ -268,8 +272,9 @@ bool WriteFile(const C3DScene& scene, const std::string& path, const std::string
     for (auto& e : fs::directory_iterator(tmpDir, ec)) {
         const fs::path dest = dir / e.path().filename();
         if (std::rename(e.path().c_str(), dest.c_str()) != 0)
-            return FailWith(out, RESULT_CANNOT_WRITE, "cannot move the written file into place as " + dest.string() +
-                                                          ": " + std::strerror(errno) + ".");
+            return FailWith(out, RESULT_CANNOT_WRITE,
+                            "cannot move the written file into place as " + dest.string() + ": " +
+                                std::strerror(errno) + ".");
     }
     return true;
 }

@@ -445,9 +445,7 @@ bool C3DStudioIo::ReadObjectNode(CBinaryCursor& p, int depth) {
     return Walk(p, depth, [&](Chunk& c) {
         CBinaryCursor& d = c.payload;
         switch (c.id) {
-        case 0xB030:
-            m_currentNodeID = d.u16le();
-            return d.ok();
+        case 0xB030: m_currentNodeID = d.u16le(); return d.ok();
         case 0xB010: return ReadNodeHeader(d);
         case 0xB011: {
             std::string name;
@@ -591,7 +589,10 @@ void C3DStudioIo::PlaceNodes() {
         chain.clear();
         uint32_t found = 0;
         for (;;) {
-            if (pass[cur]) { found = pass[cur]; break; }
+            if (pass[cur]) {
+                found = pass[cur];
+                break;
+            }
             NodeRec& rec = m_nodeRecs[m_parentMap[cur]];
             const NodeRec* prec = rec.parent ? FindRec(rec.parent) : nullptr;
             if (!rec.parent || !prec || prec->parentEntry < 0) {
@@ -600,7 +601,10 @@ void C3DStudioIo::PlaceNodes() {
                 found = 1;
                 break;
             }
-            if (mark[cur] == e + 1) { found = kNever; break; }
+            if (mark[cur] == e + 1) {
+                found = kNever;
+                break;
+            }
             mark[cur] = e + 1;
             chain.push_back(cur);
             cur = static_cast<size_t>(prec->parentEntry);
@@ -608,8 +612,14 @@ void C3DStudioIo::PlaceNodes() {
         // chain[i]'s parent is chain[i+1] (or `cur`, whose pass is `found`).
         for (size_t i = chain.size(); i-- > 0;) {
             size_t entry = chain[i];
-            if (pass[entry]) { found = pass[entry]; continue; }
-            if (found == kNever) { pass[entry] = kNever; continue; }
+            if (pass[entry]) {
+                found = pass[entry];
+                continue;
+            }
+            if (found == kNever) {
+                pass[entry] = kNever;
+                continue;
+            }
             size_t parentEntry = i + 1 < chain.size() ? chain[i + 1] : cur;
             pass[entry] = parentEntry < entry ? found : found + 1;
             found = pass[entry];

@@ -75,7 +75,9 @@ bool ParseColor(CBinaryCursor& body, uint8_t target[3], const C3DParser& parser)
             std::copy(linear, linear + 3, target);
         } else {
             CRGBColor g = CGammaColor::GetDegammaColor(CRGBColor(rgb24[0], rgb24[1], rgb24[2]), 1.3f);
-            target[0] = g.r; target[1] = g.g; target[2] = g.b;
+            target[0] = g.r;
+            target[1] = g.g;
+            target[2] = g.b;
         }
         return true;
     });
@@ -125,9 +127,7 @@ bool ParseMap(CBinaryCursor& body, C3DSMapSlot& slot, bool isMask, const C3DPars
             part.tiling = t;
             return true;
         }
-        case 0xA351:
-            part.tiling = p.u16le();
-            return p.ok();
+        case 0xA351: part.tiling = p.u16le(); return p.ok();
         case 0xA352: {
             float x = 0;
             if (!ReadFloat(p, x)) return false;
@@ -148,8 +148,11 @@ bool ParseMap(CBinaryCursor& body, C3DSMapSlot& slot, bool isMask, const C3DPars
             part.rotCos = static_cast<float>(std::cos(rad));
             return true;
         }
-        case 0xA360: case 0xA362: case 0xA364: case 0xA366: case 0xA368:
-            return p.read(part.tints[(c.id - 0xA360) / 2], 3);
+        case 0xA360:
+        case 0xA362:
+        case 0xA364:
+        case 0xA366:
+        case 0xA368: return p.read(part.tints[(c.id - 0xA360) / 2], 3);
         default: return true;
         }
     });
@@ -161,7 +164,10 @@ void PlaceMap(CMaterialMap& m, const C3DSMapPart& part) {
     const float t = c != 0.0f ? -s / c : 0.0f;
     const float k = std::fabs(c - s);
     float su = k * part.uScale, sv = k * part.vScale;
-    if (part.tiling & 0x2) { su *= 2.0f; sv *= 2.0f; }
+    if (part.tiling & 0x2) {
+        su *= 2.0f;
+        sv *= 2.0f;
+    }
     m.scaleU = su;
     m.scaleV = sv;
     m.hpb = C3DVector(0.0f, 0.0f, -std::atan2(s, c));
@@ -244,14 +250,14 @@ C3DMaterial* BuildStudioMaterial(C3DScene& scene, const C3DSMaterialRecord& rec,
     const C3DSMapSlot& tex = rec.slots[0];
     if (tex.present && !tex.map.fileName.empty()) {
         // The scene's maps are UV-mapped through the mesh's coordinate channel.
-        CMaterialMap* mm = base->AddMaterialMap(CXStringW(WidenBytes(tex.map.fileName)), uvChannel, MAP_DIFFUSE,
-                                                PROJ_UV);
+        CMaterialMap* mm =
+            base->AddMaterialMap(CXStringW(WidenBytes(tex.map.fileName)), uvChannel, MAP_DIFFUSE, PROJ_UV);
         if (mm) PlaceMap(*mm, tex.map);
     }
     const C3DSMapSlot& opa = rec.slots[2];
     if (opa.present && !opa.map.fileName.empty()) {
-        CMaterialMap* mm = base->AddMaterialMap(CXStringW(WidenBytes(opa.map.fileName)), uvChannel + 1,
-                                                MAP_OPACITY, PROJ_UV);
+        CMaterialMap* mm =
+            base->AddMaterialMap(CXStringW(WidenBytes(opa.map.fileName)), uvChannel + 1, MAP_OPACITY, PROJ_UV);
         if (mm) PlaceMap(*mm, opa.map);
     }
     base->SetName(CXStringW(WidenBytes(rec.name)));

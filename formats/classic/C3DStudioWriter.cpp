@@ -50,7 +50,8 @@ CTCBParams SplineAt(const C3DKeyframable& k, uint64_t type, int32_t time) {
 
 } // namespace
 
-C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene) : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene) {}
+C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene)
+    : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene) {}
 
 uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
     const auto& off = faces.GetOffsets();
@@ -186,8 +187,7 @@ void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
 
 bool C3DStudioWriter::IsExported(const C3DSceneNode& node, const C3DBaseObject* obj) const {
     (void)node;
-    if (!obj || !obj->IsGeomObject() || obj->IsFlagSet(OBJF_HIDDEN) || obj->GetKindOf() == KINDOF_CURVE)
-        return false;
+    if (!obj || !obj->IsGeomObject() || obj->IsFlagSet(OBJF_HIDDEN) || obj->GetKindOf() == KINDOF_CURVE) return false;
     const auto* geom = static_cast<const C3DGeomObject*>(obj);
     const C3DPointList* pts = geom->GetPointList();
     const C3DFaceList* faces = geom->GetFaceList();
@@ -463,11 +463,18 @@ void C3DStudioWriter::WriteTracks(C3DSceneNode& node) {
             for (int b = 0; b < 5; ++b)
                 if (v[b] != 0.0f) m_out.F32le(v[b]);
             if (track == 0) {
-                m_out.F32le(sm.t.x); m_out.F32le(sm.t.y); m_out.F32le(sm.t.z);
+                m_out.F32le(sm.t.x);
+                m_out.F32le(sm.t.y);
+                m_out.F32le(sm.t.z);
             } else if (track == 1) {
-                m_out.F32le(sm.angle); m_out.F32le(sm.axis.x); m_out.F32le(sm.axis.y); m_out.F32le(sm.axis.z);
+                m_out.F32le(sm.angle);
+                m_out.F32le(sm.axis.x);
+                m_out.F32le(sm.axis.y);
+                m_out.F32le(sm.axis.z);
             } else {
-                m_out.F32le(sm.s.x); m_out.F32le(sm.s.y); m_out.F32le(sm.s.z);
+                m_out.F32le(sm.s.x);
+                m_out.F32le(sm.s.y);
+                m_out.F32le(sm.s.z);
             }
         }
         End();

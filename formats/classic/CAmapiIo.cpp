@@ -167,17 +167,14 @@ C3DScene* CAmapiIo::ReadFile(IoFile& file, CSceneImportOptions& options) {
     return scene.release();
 }
 
-CXStringW CAmapiIo::DefaultName() const {
-    return CXStringW(L"Object ") + CXStringW(std::to_wstring(m_objectCounter));
-}
+CXStringW CAmapiIo::DefaultName() const { return CXStringW(L"Object ") + CXStringW(std::to_wstring(m_objectCounter)); }
 
 void CAmapiIo::AddToScene(C3DSceneNode* parent, std::unique_ptr<C3DSceneNode> node) {
     m_building->AddNode(parent, node.release());
     ++m_objectCounter;
 }
 
-std::unique_ptr<C3DSceneNode> CAmapiIo::ReadShape(CBinaryCursor& cur, C3DSceneNode* parent, int depth,
-                                                  ShapeEnd& end) {
+std::unique_ptr<C3DSceneNode> CAmapiIo::ReadShape(CBinaryCursor& cur, C3DSceneNode* parent, int depth, ShapeEnd& end) {
     CXStringW name;
     bool named = false;
     uint32_t material = NO_MATERIAL;
@@ -258,7 +255,7 @@ std::unique_ptr<C3DSceneNode> CAmapiIo::ReadShape(CBinaryCursor& cur, C3DSceneNo
     if (!named) name = DefaultName();
     if (geo.droppedFaces && m_options)
         m_options->AddLogInfo(LOG_INFO, name + CXStringW(L": " + std::to_wstring(geo.droppedFaces) +
-                                                          L" face(s) naming a point the shape does not have, left out"));
+                                                         L" face(s) naming a point the shape does not have, left out"));
 
     const bool hasPoints = geo.points && !geo.points->IsEmpty();
     const bool hasFaces = geo.faces && geo.faces->GetNumberOfFaces() > 0;

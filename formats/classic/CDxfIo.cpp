@@ -8,8 +8,8 @@
 #include "plugin/host/IoFile.h"
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/TextHelpers.h"
 
 namespace {
@@ -123,8 +123,9 @@ C3DScene* CDxfIo::Read(const CXStringW& path, CSceneImportOptions& options) {
 }
 
 C3DScene* CDxfIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options) {
-    return ReadThroughMemory(*this, data, options,
-                             [this](std::span<const uint8_t> bytes, CReadContext& ctx) { return ReadBytes(bytes, ctx); });
+    return ReadThroughMemory(*this, data, options, [this](std::span<const uint8_t> bytes, CReadContext& ctx) {
+        return ReadBytes(bytes, ctx);
+    });
 }
 
 C3DScene* CDxfIo::ReadBytes(std::span<const uint8_t> data, CReadContext& ctx) {
@@ -137,7 +138,8 @@ void CDxfIo::SaveDefaultOptions(CSceneExportOptions& options) const {
     // Curves stay curves, as poly-lines through their points, one line per node since the
     // writer walks the point list; points are written raw, so node placements are baked in
     // first. A face record holds at most four corners, so larger faces come as triangles.
-    options.prepFlags = PREP_CURVES | PREP_CURVE_POLYLINES | PREP_SPLIT_CURVES | PREP_WORLD_SPACE | PREP_TRIANGULATE_POLYGONS;
+    options.prepFlags =
+        PREP_CURVES | PREP_CURVE_POLYLINES | PREP_SPLIT_CURVES | PREP_WORLD_SPACE | PREP_TRIANGULATE_POLYGONS;
 }
 
 std::string CDxfIo::FormatScene(const C3DScene& scene) {

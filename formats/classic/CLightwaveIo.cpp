@@ -2,8 +2,8 @@
 
 #include <clocale>
 #include <memory>
-#include <vector>
 #include <new>
+#include <vector>
 
 #include "formats/classic/LightwaveObject.h"
 #include "formats/classic/LightwaveWriter.h"
@@ -11,8 +11,8 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 
 CLightwaveIo::CLightwaveIo(CFileIo& io) : C3DParser(io) {}
 CLightwaveIo::~CLightwaveIo() {}
@@ -32,8 +32,8 @@ C3DScene* CLightwaveIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOp
 
 C3DScene* CLightwaveIo::ReadBytes(std::span<const uint8_t> data, CReadContext& ctx, const CXStringW& folder) {
     std::unique_ptr<C3DScene> scene;
-    const int rc =
-        lightwave::ReadObject(data, folder, ctx.Options(), [&ctx] { return ctx.Cancelled(); }, scene, ctx.File());
+    const int rc = lightwave::ReadObject(
+        data, folder, ctx.Options(), [&ctx] { return ctx.Cancelled(); }, scene, ctx.File());
     if (rc != IO_OK) return ctx.Fail(rc, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
     return scene.release();
 }

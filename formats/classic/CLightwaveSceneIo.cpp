@@ -8,8 +8,8 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 
 CLightwaveSceneIo::CLightwaveSceneIo(CFileIo& io) : C3DParser(io) {}
 CLightwaveSceneIo::~CLightwaveSceneIo() {}
@@ -29,7 +29,8 @@ C3DScene* CLightwaveSceneIo::ReadMemory(std::span<const uint8_t> data, CSceneImp
 
 C3DScene* CLightwaveSceneIo::ReadBytes(std::span<const uint8_t> data, CReadContext& ctx, const CXStringW& folder) {
     std::unique_ptr<C3DScene> scene;
-    const int rc = lightwave::ReadScene(data, folder, ctx.Options(), [&ctx] { return ctx.Cancelled(); }, scene);
+    const int rc = lightwave::ReadScene(
+        data, folder, ctx.Options(), [&ctx] { return ctx.Cancelled(); }, scene);
     if (rc != IO_OK) return ctx.Fail(rc, rc == IO_ERR_FORMAT ? LOG_ERROR : LOG_INFO);
     return scene.release();
 }

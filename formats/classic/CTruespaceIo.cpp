@@ -11,8 +11,8 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 
 CTruespaceIo::CTruespaceIo(CFileIo& io) : C3DParser(io) {}
 CTruespaceIo::~CTruespaceIo() {}
@@ -33,8 +33,7 @@ C3DScene* CTruespaceIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOp
     });
 }
 
-C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options,
-                                 const CXStringW& folder) {
+C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder) {
     char encoding = 0;
     bool bigEndian = false;
     if (!tsio::ReadHeader(data, encoding, bigEndian)) {
@@ -47,8 +46,8 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
     const bool ascii =
         tsio::LooksLikeAsciiChunk(text) || (encoding == 'A' && !tsio::LooksLikeBinaryChunk(body, bigEndian));
     if (ascii != (encoding == 'A'))
-        options.AddLogInfo(LOG_INFO, CXStringW(ascii ? L"header says binary, body is ASCII"
-                                                     : L"header says ASCII, body is binary"));
+        options.AddLogInfo(
+            LOG_INFO, CXStringW(ascii ? L"header says binary, body is ASCII" : L"header says ASCII, body is binary"));
     tsio::File parsed;
     parsed.ascii = ascii;
     const tsio::CancelQuery cancel = [this] { return IsCancelled(); };
@@ -60,10 +59,8 @@ C3DScene* CTruespaceIo::ReadData(std::span<const uint8_t> data, CSceneImportOpti
         m_file->ReportProgress(at);
         m_file->ReleaseBefore(at);
     };
-    if (ascii)
-        tsio::ParseAscii(text, parsed, cancel, progress);
-    else
-        tsio::ParseBinary(body, bigEndian, parsed, cancel, progress);
+    if (ascii) tsio::ParseAscii(text, parsed, cancel, progress);
+    else tsio::ParseBinary(body, bigEndian, parsed, cancel, progress);
     if (m_file) m_file->ReportProgress(static_cast<int64_t>(data.size()));
     if (IsCancelled()) {
         m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);

@@ -12,7 +12,7 @@
 #include "plugin/host/XString.h"
 
 class CTruespaceIo : public C3DParser {
-  public:
+public:
     // Parser option (export options' parser bag): non-zero writes an ASCII body.
     static constexpr uint32_t kOptionAscii = 0x41534349; // 'ASCI'
 
@@ -27,6 +27,6 @@ class CTruespaceIo : public C3DParser {
     void SaveDefaultOptions(CSceneExportOptions& options) const override;
     bool Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& options) override;
 
-  private:
+private:
     C3DScene* ReadData(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& folder);
 };

@@ -47,7 +47,8 @@ struct Ocs {
         const Vec n = normal.Unit();
         if (n.Length() == 0 || (n.x == 0 && n.y == 0 && n.z > 0)) return;
         az = n;
-        ax = (std::fabs(n.x) < 1.0 / 64 && std::fabs(n.y) < 1.0 / 64 ? Vec{0, 1, 0}.Cross(n) : Vec{0, 0, 1}.Cross(n)).Unit();
+        ax = (std::fabs(n.x) < 1.0 / 64 && std::fabs(n.y) < 1.0 / 64 ? Vec{0, 1, 0}.Cross(n) : Vec{0, 0, 1}.Cross(n))
+                 .Unit();
         ay = n.Cross(ax).Unit();
         identity = false;
     }
@@ -186,7 +187,7 @@ CXStringW DecodeName(std::string_view s, const char16_t* codePage) {
 struct Entity {
     Vec p[4];
     bool hasZ[4] = {};
-    double f[22] = {};   // codes 38..59, present when their bit of hasF is set
+    double f[22] = {}; // codes 38..59, present when their bit of hasF is set
     uint32_t hasF = 0;
     long long i[10] = {}; // codes 70..79, likewise with hasI
     uint32_t hasI = 0;
@@ -244,8 +245,8 @@ private:
 
     uint32_t Rgb(const ColorRef& c, const Context& ctx) const;
     uint32_t Material(uint32_t rgb);
-    void Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored,
-              bool hidden, bool copy);
+    void Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored, bool hidden,
+              bool copy);
     void Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& ctx, int depth, bool mirrored);
     void Log(const std::wstring& text);
 
@@ -394,31 +395,57 @@ void Reader::Take(const CDxfTag& t, Entity& e) {
         else ++m_groupBad;
         return;
     }
-    case 10: case 11: case 12: case 13:
-    case 20: case 21: case 22: case 23:
-    case 30: case 31: case 32: case 33:
-    case 210: case 220: case 230:
-        break;
+    case 10:
+    case 11:
+    case 12:
+    case 13:
+    case 20:
+    case 21:
+    case 22:
+    case 23:
+    case 30:
+    case 31:
+    case 32:
+    case 33:
+    case 210:
+    case 220:
+    case 230: break;
     default:
         if (c >= 60 && c <= 79) {
             long long x;
-            if (!CDxfTagReader::ToInt(t, x)) { ++m_groupBad; return; }
-            if (c == 62) { e.aci = x; e.hasColor = true; }
-            else if (c == 67) e.paper = x == 1;
-            else if (c >= 70) { e.i[c - 70] = x; e.hasI |= 1u << (c - 70); }
+            if (!CDxfTagReader::ToInt(t, x)) {
+                ++m_groupBad;
+                return;
+            }
+            if (c == 62) {
+                e.aci = x;
+                e.hasColor = true;
+            } else if (c == 67) e.paper = x == 1;
+            else if (c >= 70) {
+                e.i[c - 70] = x;
+                e.hasI |= 1u << (c - 70);
+            }
             return;
         }
         if (c < 38 || c > 59) return;
-        if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) { ++m_groupBad; return; }
+        if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) {
+            ++m_groupBad;
+            return;
+        }
         e.f[c - 38] = v;
         e.hasF |= 1u << (c - 38);
         return;
     }
-    if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) { ++m_groupBad; return; }
+    if (!CDxfTagReader::ToDouble(t, v) || !std::isfinite(v)) {
+        ++m_groupBad;
+        return;
+    }
     if (c < 20) e.p[c - 10].x = v;
     else if (c < 30) e.p[c - 20].y = v;
-    else if (c < 40) { e.p[c - 30].z = v; e.hasZ[c - 30] = true; }
-    else if (c == 210) e.normal.x = v;
+    else if (c < 40) {
+        e.p[c - 30].z = v;
+        e.hasZ[c - 30] = true;
+    } else if (c == 210) e.normal.x = v;
     else if (c == 220) e.normal.y = v;
     else e.normal.z = v;
 }
@@ -435,7 +462,10 @@ void Reader::Section(std::string_view name) {
 void Reader::Header() {
     std::string_view var;
     for (const CDxfTag& t : m_body) {
-        if (t.code == 9) { var = t.text; continue; }
+        if (t.code == 9) {
+            var = t.text;
+            continue;
+        }
         if (var == "$DWGCODEPAGE" && t.code == 3) m_codePage = DxfCodePageHighHalf(t.text);
         if (var == "$INSUNITS" && t.code == 70) {
             long long v;
@@ -492,8 +522,8 @@ void Reader::Curve(Geom& g, uint32_t slot, const std::vector<Vec>& pts, bool clo
 // Points of a circular arc in the OCS plane at centre.z, from angle a0 (radians) over `sweep`.
 void Reader::Arc(std::vector<Vec>& out, const Ocs& ocs, const Vec& centre, double r, double a0, double sweep) {
     if (!(r > 0) || !std::isfinite(r) || !std::isfinite(a0) || !std::isfinite(sweep)) return;
-    const int k = std::clamp(static_cast<int>(std::ceil(std::fabs(sweep) / (2 * kPi) * kSegmentsPerTurn)), 1,
-                             kSegmentsPerTurn);
+    const int k =
+        std::clamp(static_cast<int>(std::ceil(std::fabs(sweep) / (2 * kPi) * kSegmentsPerTurn)), 1, kSegmentsPerTurn);
     for (int i = 0; i <= k; ++i) {
         const double a = a0 + sweep * i / k;
         out.push_back(ocs.ToWorld({centre.x + r * std::cos(a), centre.y + r * std::sin(a), centre.z}));
@@ -514,8 +544,8 @@ void Reader::Bulge(std::vector<Vec>& out, const Vec& a, const Vec& b, double bul
     const Vec centre{(a.x + b.x) / 2 + n.x * off, (a.y + b.y) / 2 + n.y * off, a.z};
     const double r = std::hypot(a.x - centre.x, a.y - centre.y);
     const double a0 = std::atan2(a.y - centre.y, a.x - centre.x);
-    const int k = std::clamp(static_cast<int>(std::ceil(std::fabs(theta) / (2 * kPi) * kSegmentsPerTurn)), 1,
-                             kSegmentsPerTurn);
+    const int k =
+        std::clamp(static_cast<int>(std::ceil(std::fabs(theta) / (2 * kPi) * kSegmentsPerTurn)), 1, kSegmentsPerTurn);
     for (int i = 1; i < k; ++i) {
         const double t = a0 + theta * i / k;
         out.push_back({centre.x + r * std::cos(t), centre.y + r * std::sin(t), a.z});
@@ -525,13 +555,19 @@ void Reader::Bulge(std::vector<Vec>& out, const Vec& a, const Vec& b, double bul
 
 void Reader::LwPolyline(const Entity& e, Geom& g, uint32_t slot) {
     // Per-vertex codes repeat: a new vertex starts at each 10.
-    struct V { Vec p; double bulge = 0; };
+    struct V {
+        Vec p;
+        double bulge = 0;
+    };
     std::vector<V> v;
     const double z = e.F(38);
     for (const CDxfTag& t : m_body) {
         if (t.code != 10 && t.code != 20 && t.code != 42) continue;
         double d;
-        if (!CDxfTagReader::ToDouble(t, d) || !std::isfinite(d)) { ++m_badValues; continue; }
+        if (!CDxfTagReader::ToDouble(t, d) || !std::isfinite(d)) {
+            ++m_badValues;
+            continue;
+        }
         if (t.code == 10) v.push_back({{d, 0, z}, 0});
         else if (v.empty()) continue;
         else if (t.code == 20) v.back().p.y = d;
@@ -556,7 +592,10 @@ void Reader::Spline(const Entity& e, Geom& g, uint32_t slot) {
         const int c = t.code;
         if (!(c == 40 || c == 41 || c == 10 || c == 20 || c == 30 || c == 11 || c == 21 || c == 31)) continue;
         double d;
-        if (!CDxfTagReader::ToDouble(t, d) || !std::isfinite(d)) { ++m_badValues; continue; }
+        if (!CDxfTagReader::ToDouble(t, d) || !std::isfinite(d)) {
+            ++m_badValues;
+            continue;
+        }
         if (c == 40) knots.push_back(d);
         else if (c == 41) weights.push_back(d);
         else if (c == 10) ctrl.push_back({d, 0, 0});
@@ -580,8 +619,7 @@ void Reader::Spline(const Entity& e, Geom& g, uint32_t slot) {
     if (!valid || knots[p] >= knots[n]) {
         // Clamped uniform knots.
         knots.assign(n + p + 1, 0);
-        for (size_t i = 0; i < knots.size(); ++i)
-            knots[i] = i <= p ? 0 : i >= n ? double(n - p) : double(i - p);
+        for (size_t i = 0; i < knots.size(); ++i) knots[i] = i <= p ? 0 : i >= n ? double(n - p) : double(i - p);
     }
     bool rational = weights.size() == n;
     for (size_t i = 0; rational && i < n; ++i) rational = weights[i] > 0;
@@ -671,7 +709,7 @@ void Reader::PolylineEnd() {
     const Entity& h = m_polyHead;
     const long long flags = h.I(70);
     const uint32_t slot = g.Slot(ColorOf(h, m_polyLayer));
-    if (flags & 64) { // polyface mesh
+    if (flags & 64) {                             // polyface mesh
         std::vector<uint32_t>& pos = m_vertexPos; // vertex number - 1 -> point index
         pos.clear();
         const uint32_t base = g.faces.PointCount();
@@ -686,12 +724,18 @@ void Reader::PolylineEnd() {
             int k = 0;
             bool bad = false;
             for (int i = 0; i < 4 && v.idx[i] != 0; ++i) {
-                if (static_cast<size_t>(v.idx[i]) > pos.size()) { bad = true; break; }
+                if (static_cast<size_t>(v.idx[i]) > pos.size()) {
+                    bad = true;
+                    break;
+                }
                 const uint32_t p = pos[static_cast<size_t>(v.idx[i] - 1)];
                 if (k == 0 || f[k - 1] != p) f[k++] = p;
             }
             if (k > 1 && f[k - 1] == f[0]) --k;
-            if (bad || k < 3) { ++m_droppedFaces; continue; }
+            if (bad || k < 3) {
+                ++m_droppedFaces;
+                continue;
+            }
             for (int i = 0; i < k; ++i) g.faces.idx.push_back(f[i]);
             g.faces.EndStrip(v.hasColor ? g.Slot(v.color) : slot);
         }
@@ -721,8 +765,9 @@ void Reader::PolylineEnd() {
             for (long long j = 0; j < colsEnd; ++j) {
                 const long long i1 = (i + 1) % m, j1 = (j + 1) % n;
                 if (i1 == i || j1 == j) continue;
-                const uint32_t q[4] = {base + static_cast<uint32_t>(i * n + j), base + static_cast<uint32_t>(i * n + j1),
-                                       base + static_cast<uint32_t>(i1 * n + j1), base + static_cast<uint32_t>(i1 * n + j)};
+                const uint32_t q[4] = {
+                    base + static_cast<uint32_t>(i * n + j), base + static_cast<uint32_t>(i * n + j1),
+                    base + static_cast<uint32_t>(i1 * n + j1), base + static_cast<uint32_t>(i1 * n + j)};
                 for (uint32_t x : q) g.faces.idx.push_back(x);
                 g.faces.EndStrip(slot);
             }
@@ -827,8 +872,8 @@ void Reader::EntityGroup(std::string_view type) {
         double sweep = std::fmod(t1 - t0, 2 * kPi);
         if (sweep <= 1e-12) sweep += 2 * kPi;
         const bool full = std::fabs(sweep - 2 * kPi) < 1e-9;
-        const int k = std::clamp(static_cast<int>(std::ceil(sweep / (2 * kPi) * kSegmentsPerTurn)), 1,
-                                 kSegmentsPerTurn);
+        const int k =
+            std::clamp(static_cast<int>(std::ceil(sweep / (2 * kPi) * kSegmentsPerTurn)), 1, kSegmentsPerTurn);
         pts.clear();
         for (int i = 0; i <= (full ? k - 1 : k); ++i) {
             const double t = t0 + sweep * i / k;
@@ -880,8 +925,8 @@ public:
 };
 
 // Makes the nodes for `g` under `parent`; `copy` keeps g intact (blocks are used again).
-void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored,
-                  bool hidden, bool copy) {
+void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored, bool hidden,
+                  bool copy) {
     // Materials only for the colours faces and lines use.
     std::vector<uint32_t> mats(g.slots.size(), NO_MATERIAL);
     auto strips = [&](Strips& s, C3DGeomObject* obj) {
@@ -951,24 +996,29 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
 
     // world = T(-base) S T(grid) Rz T(pos) OCS, for row vectors.
     using M = C4x4TMatrix<double>;
-    const M s = M::Scaling(ins.scale.x, ins.scale.y, ins.scale.z) ;
+    const M s = M::Scaling(ins.scale.x, ins.scale.y, ins.scale.z);
     M pre = M::Translation(-b.base.x, -b.base.y, -b.base.z) * s;
     const double a = ins.rotation * kPi / 180;
     M rz;
-    rz.m[0][0] = std::cos(a); rz.m[0][1] = std::sin(a);
-    rz.m[1][0] = -std::sin(a); rz.m[1][1] = std::cos(a);
+    rz.m[0][0] = std::cos(a);
+    rz.m[0][1] = std::sin(a);
+    rz.m[1][0] = -std::sin(a);
+    rz.m[1][1] = std::cos(a);
     const Ocs ocs(ins.normal);
     M o;
     const Vec* axes[3] = {&ocs.ax, &ocs.ay, &ocs.az};
-    for (int r = 0; r < 3; ++r) { o.m[r][0] = axes[r]->x; o.m[r][1] = axes[r]->y; o.m[r][2] = axes[r]->z; }
+    for (int r = 0; r < 3; ++r) {
+        o.m[r][0] = axes[r]->x;
+        o.m[r][1] = axes[r]->y;
+        o.m[r][2] = axes[r]->z;
+    }
     const M post = rz * M::Translation(ins.pos.x, ins.pos.y, ins.pos.z) * o;
     const bool mirror = mirrored != (pre.Determinant3() * post.Determinant3() < 0);
 
     b.open = true;
     for (long long row = 0; row < ins.rows; ++row)
         for (long long col = 0; col < ins.cols; ++col) {
-            if (m_instances >= m_maxInstances || m_instancedValues + values > kMaxInstancedValues ||
-                m_cancelled()) {
+            if (m_instances >= m_maxInstances || m_instancedValues + values > kMaxInstancedValues || m_cancelled()) {
                 if (!m_capLogged)
                     Log(L"Too many block insertions: the drawing is cut off after " + std::to_wstring(m_instances) +
                         L" of them.");
@@ -1030,7 +1080,10 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             if (m_poly) PolylineEnd();
             std::string_view name;
             for (const CDxfTag& t : m_body)
-                if (t.code == 2) { name = t.text; break; }
+                if (t.code == 2) {
+                    name = t.text;
+                    break;
+                }
             Section(name);
             if (m_section == Sect::Header) Header();
             continue;
@@ -1053,7 +1106,8 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             if (type == "BLOCK") {
                 if (m_poly) PolylineEnd();
                 const Entity& e = Parse();
-                const auto [at, added] = m_blockOf.try_emplace(LowerKey(e.name), static_cast<uint32_t>(m_blocks.size()));
+                const auto [at, added] =
+                    m_blockOf.try_emplace(LowerKey(e.name), static_cast<uint32_t>(m_blocks.size()));
                 if (!added) {
                     m_block = nullptr; // a second definition of a name: the first one stays
                     continue;
@@ -1076,7 +1130,8 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
         if (m_section == Sect::Blocks || m_section == Sect::Entities) EntityGroup(type);
     }
     if (m_poly) PolylineEnd();
-    if (tags.Failed()) Log(L"The file is damaged after byte " + std::to_wstring(tags.Position()) + L"; reading stopped there.");
+    if (tags.Failed())
+        Log(L"The file is damaged after byte " + std::to_wstring(tags.Position()) + L"; reading stopped there.");
     else if (!ended) Log(L"The file ends without EOF.");
     if (m_badValues) Log(std::to_wstring(m_badValues) + L" values that are not numbers were left at their defaults.");
     if (m_acis) Log(std::to_wstring(m_acis) + L" 3DSOLID/BODY/REGION entities skipped (their ACIS data is not read).");
@@ -1101,17 +1156,19 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             return out;
         }
     }
-    if (m_missingBlocks) Log(std::to_wstring(m_missingBlocks) + L" insertions of blocks that are not defined were skipped.");
+    if (m_missingBlocks)
+        Log(std::to_wstring(m_missingBlocks) + L" insertions of blocks that are not defined were skipped.");
     if (!m_anything) {
         out.error = IO_ERR_EMPTY;
         return out;
     }
     // Drawing units as centimetres per unit.
-    static const double kCm[] = {0, 2.54, 30.48, 160934.4, 0.1, 1, 100, 100000, 2.54e-6, 2.54e-3, 91.44, 1e-8,
-                                 1e-7, 1e-4, 10, 1000, 10000, 1e11, 1.495978707e13, 9.4607e17, 3.0857e18,
-                                 30.48006096, 2.54000508, 91.44018288, 160934.7219};
-    static const int kUnit[] = {UNIT_NONE, UNIT_INCH, UNIT_FOOT, UNIT_MILE, UNIT_MILLIMETER, UNIT_CENTIMETER,
-                                UNIT_METER, UNIT_KILOMETER};
+    static const double kCm[] = {
+        0,         2.54,        30.48,      160934.4,    0.1,        1,    100,   100000, 2.54e-6,        2.54e-3,
+        91.44,     1e-8,        1e-7,       1e-4,        10,         1000, 10000, 1e11,   1.495978707e13, 9.4607e17,
+        3.0857e18, 30.48006096, 2.54000508, 91.44018288, 160934.7219};
+    static const int kUnit[] = {UNIT_NONE,       UNIT_INCH,       UNIT_FOOT,  UNIT_MILE,
+                                UNIT_MILLIMETER, UNIT_CENTIMETER, UNIT_METER, UNIT_KILOMETER};
     if (m_insUnits > 0 && m_insUnits < static_cast<long long>(std::size(kCm))) {
         m_scene->SetScaleFactor(kCm[m_insUnits]);
         m_scene->SetUnit(m_insUnits < static_cast<long long>(std::size(kUnit)) ? kUnit[m_insUnits] : UNIT_NONE);

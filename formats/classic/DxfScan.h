@@ -14,8 +14,7 @@ inline size_t LineLength(const char* p, size_t left, char eol) {
     size_t len = 0;
     constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
     const uint64_t pattern = kOnes * static_cast<uint8_t>(eol);
-    for (int round = 0; std::endian::native == std::endian::little && round < 4 && left - len >= 8;
-         ++round, len += 8) {
+    for (int round = 0; std::endian::native == std::endian::little && round < 4 && left - len >= 8; ++round, len += 8) {
         uint64_t w;
         std::memcpy(&w, p + len, 8);
         w ^= pattern;
@@ -59,7 +58,8 @@ inline uint64_t DigitsValue(uint64_t w) {
     return (w * 10000 + (w >> 32)) & 0xFFFFFFFFull;
 }
 
-inline constexpr double kPow10[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+inline constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                    1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 inline constexpr uint64_t kPow10Int[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
 
 // A plain decimal ("-12.500000", "7", ".5") from q, stopping at the first other byte.

@@ -136,7 +136,10 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     } else {
         code = c.u16le();
     }
-    if (c.failed()) { m_failed = true; return false; }
+    if (c.failed()) {
+        m_failed = true;
+        return false;
+    }
     tag.code = code;
     tag.hasNumber = true;
     tag.text = {};
@@ -145,7 +148,10 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     case DxfValueKind::String: {
         const size_t start = c.pos();
         const void* nul = std::memchr(m_data + start, 0, m_size - start);
-        if (!nul) { m_failed = true; return false; }
+        if (!nul) {
+            m_failed = true;
+            return false;
+        }
         const size_t len = static_cast<size_t>(static_cast<const char*>(nul) - (m_data + start));
         tag.text = std::string_view(m_data + start, len);
         tag.hasNumber = false; // strings read as text
@@ -160,12 +166,18 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     case DxfValueKind::Byte: tag.number = c.u8(); break;
     case DxfValueKind::Chunk: {
         const size_t n = c.u8();
-        if (!c.skip(n)) { m_failed = true; return false; }
+        if (!c.skip(n)) {
+            m_failed = true;
+            return false;
+        }
         tag.hasNumber = false;
         break;
     }
     }
-    if (c.failed()) { m_failed = true; return false; }
+    if (c.failed()) {
+        m_failed = true;
+        return false;
+    }
     m_pos = c.pos();
     return true;
 }

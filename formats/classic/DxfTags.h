@@ -49,8 +49,8 @@ private:
     static bool TextToDouble(std::string_view text, double& out);
     static bool TextToInt(std::string_view text, long long& out);
     inline bool NextAscii(CDxfTag& tag);
-    bool SlowCode(int& code);         // a code line of any other shape, or a bad one
-    void SlowValue(CDxfTag& tag);     // a value line that is not a plain decimal
+    bool SlowCode(int& code);     // a code line of any other shape, or a bad one
+    void SlowValue(CDxfTag& tag); // a value line that is not a plain decimal
     bool NextBinary(CDxfTag& tag);
     bool Line(std::string_view& line);
 

@@ -93,10 +93,10 @@ bool Finite(float f) { return std::isfinite(f); }
 
 struct Texture {
     bool present = false;
-    CXStringW file;         // LWOB: the image itself
-    uint32_t clip = 0;      // LWO2: IMAG clip index
-    int proj = 5;           // 0 planar, 1 cylindrical, 2 spherical, 3 cubic, 4 front, 5 UV
-    std::string uvName;     // PROJ 5
+    CXStringW file;     // LWOB: the image itself
+    uint32_t clip = 0;  // LWO2: IMAG clip index
+    int proj = 5;       // 0 planar, 1 cylindrical, 2 spherical, 3 cubic, 4 front, 5 UV
+    std::string uvName; // PROJ 5
     Projection p;
 };
 
@@ -114,9 +114,9 @@ struct MapData {
     uint32_t type = 0;
     uint32_t dim = 0;
     std::string name;
-    std::vector<uint32_t> pts;        // VMAP entries
-    std::vector<float> vals;          // dim (capped at 4) per entry
-    std::vector<uint32_t> cornerPts;  // VMAD entries
+    std::vector<uint32_t> pts;       // VMAP entries
+    std::vector<float> vals;         // dim (capped at 4) per entry
+    std::vector<uint32_t> cornerPts; // VMAD entries
     std::vector<uint32_t> cornerPolys;
     std::vector<float> cornerVals;
 };
@@ -198,10 +198,10 @@ private:
     std::unordered_map<std::string, size_t> m_surfaceByName;
     std::unordered_map<uint32_t, std::string> m_clips;
     C3DScene* m_scene = nullptr;
-    std::vector<uint32_t> m_tagMaterial;                      // per tag, NO_MATERIAL until made
+    std::vector<uint32_t> m_tagMaterial; // per tag, NO_MATERIAL until made
     std::unordered_map<std::string, uint32_t> m_materialByName;
-    std::unordered_map<std::string, int32_t> m_uvChannelIDs;  // TXUV map name -> channel ID
-    std::unordered_map<size_t, int32_t> m_projChannelIDs;     // projected surface -> channel ID
+    std::unordered_map<std::string, int32_t> m_uvChannelIDs; // TXUV map name -> channel ID
+    std::unordered_map<size_t, int32_t> m_projChannelIDs;    // projected surface -> channel ID
     int32_t m_nextChannelID = 0;
     std::unordered_map<std::string, bool> m_textureFound;
     uint64_t m_droppedPolys = 0, m_droppedMaps = 0;
@@ -444,9 +444,7 @@ void Reader::ReadClip(CBinaryCursor& c) {
         CBinaryCursor& p = s.payload;
         switch (s.id) {
         case FourCC("STIL"):
-        case FourCC("ANIM"):
-            m_clips[index] = ReadS0(p);
-            return false;
+        case FourCC("ANIM"): m_clips[index] = ReadS0(p); return false;
         case FourCC("ISEQ"): {
             p.skip(10);
             m_clips[index] = ReadS0(p);
@@ -584,9 +582,7 @@ void Reader::LwobChunk(Chunk& ch) {
         while (!c.atEnd()) m_tags.emplace_back(ReadS0(c));
         break;
     case FourCC("POLS"):
-    case FourCC("PCHS"):
-        ReadPolsB(c, POLY_FACE, 0);
-        break;
+    case FourCC("PCHS"): ReadPolsB(c, POLY_FACE, 0); break;
     case FourCC("CRVS"): ReadPolsB(c, POLY_CURVE, 0); break;
     case FourCC("SURF"): ReadSurfB(c); break;
     default: break;
@@ -649,12 +645,19 @@ void Reader::ReadSurfB(CBinaryCursor& c) {
         };
         auto flt = [&](float& dst, bool& isFloat) {
             const float f = p.f32be();
-            if (p.ok() && Finite(f)) { dst = f; isFloat = true; }
+            if (p.ok() && Finite(f)) {
+                dst = f;
+                isFloat = true;
+            }
         };
         switch (ch.id) {
         case FourCC("COLR"): {
             const uint8_t r = p.u8(), g = p.u8(), b = p.u8();
-            if (p.ok()) { s.color[0] = r / 255.0f; s.color[1] = g / 255.0f; s.color[2] = b / 255.0f; }
+            if (p.ok()) {
+                s.color[0] = r / 255.0f;
+                s.color[1] = g / 255.0f;
+                s.color[2] = b / 255.0f;
+            }
             break;
         }
         case FourCC("FLAG"): {
@@ -685,8 +688,13 @@ void Reader::ReadSurfB(CBinaryCursor& c) {
             if (p.ok() && Finite(f)) s.sman = f > 3.14159265f ? f * 3.14159265f / 180.0f : f;
             break;
         }
-        case FourCC("CTEX"): case FourCC("DTEX"): case FourCC("STEX"): case FourCC("RTEX"):
-        case FourCC("TTEX"): case FourCC("LTEX"): case FourCC("BTEX"): {
+        case FourCC("CTEX"):
+        case FourCC("DTEX"):
+        case FourCC("STEX"):
+        case FourCC("RTEX"):
+        case FourCC("TTEX"):
+        case FourCC("LTEX"):
+        case FourCC("BTEX"): {
             const std::string_view kind = ReadS0(p);
             tex = &scratch;
             scratch = Texture();
@@ -708,7 +716,8 @@ void Reader::ReadSurfB(CBinaryCursor& c) {
             if (tex && p.ok()) tex->p.axis = (f & 1) ? 0 : (f & 2) ? 1 : 2;
             break;
         }
-        case FourCC("TSIZ"): case FourCC("TCTR"): {
+        case FourCC("TSIZ"):
+        case FourCC("TCTR"): {
             float v[3];
             ReadVec(p, v);
             if (tex && p.ok() && Finite(v[0]) && Finite(v[1]) && Finite(v[2]))
@@ -829,8 +838,10 @@ void Reader::BuildLayer(Layer& l, C3DSceneNode* node) {
     size_t faces = 0, faceCorners = 0, lines = 0;
     for (size_t f = 0; f < npolys; ++f) {
         const uint32_t n = l.polyStart[f + 1] - l.polyStart[f];
-        if (l.polyKind[f] == POLY_FACE && n >= 3) { ++faces; faceCorners += n; }
-        else if (l.polyKind[f] != POLY_OTHER && n >= 1) ++lines;
+        if (l.polyKind[f] == POLY_FACE && n >= 3) {
+            ++faces;
+            faceCorners += n;
+        } else if (l.polyKind[f] != POLY_OTHER && n >= 1) ++lines;
     }
     if (npts == 0) {
         node->SetObject(new C3DGroup());
@@ -1030,7 +1041,8 @@ void Reader::BuildLayer(Layer& l, C3DSceneNode* node) {
             uint32_t* dst = cf->AddFace(static_cast<int>(n));
             for (uint32_t k = 0; k < n; ++k) {
                 uint32_t& r = remap[l.polyIdx[s + k]];
-                if (r == UINT32_MAX) r = static_cast<uint32_t>(cp->Add(points->GetPoint(static_cast<int>(l.polyIdx[s + k]))));
+                if (r == UINT32_MAX)
+                    r = static_cast<uint32_t>(cp->Add(points->GetPoint(static_cast<int>(l.polyIdx[s + k]))));
                 dst[k] = r;
             }
             cf->SetMaterialID(cf->GetNumberOfFaces() - 1, MaterialForTag(l.polySurf[f]));
@@ -1087,7 +1099,10 @@ void Reader::LinkLayers(std::vector<std::unique_ptr<C3DSceneNode>>& nodes) {
             const size_t w = walk[k];
             const int64_t p = parent[w];
             int d = p < 0 ? 0 : depth[static_cast<size_t>(p)] + 1;
-            if (d > kMaxLayerDepth) { parent[w] = -1; d = 0; }
+            if (d > kMaxLayerDepth) {
+                parent[w] = -1;
+                d = 0;
+            }
             depth[w] = d;
             state[w] = 2;
         }
@@ -1169,13 +1184,16 @@ void ProjectUV(const Projection& p, const float pt[3], const float normal[3], fl
     if (p.rota[0] != 0 || p.rota[1] != 0 || p.rota[2] != 0) {
         const float h = -p.rota[0], pi = -p.rota[1], b = -p.rota[2];
         float x = d[0] * std::cos(h) + d[2] * std::sin(h), z = -d[0] * std::sin(h) + d[2] * std::cos(h);
-        d[0] = x; d[2] = z;
+        d[0] = x;
+        d[2] = z;
         float y = d[1] * std::cos(pi) - d[2] * std::sin(pi);
         z = d[1] * std::sin(pi) + d[2] * std::cos(pi);
-        d[1] = y; d[2] = z;
+        d[1] = y;
+        d[2] = z;
         x = d[0] * std::cos(b) - d[1] * std::sin(b);
         y = d[0] * std::sin(b) + d[1] * std::cos(b);
-        d[0] = x; d[1] = y;
+        d[0] = x;
+        d[1] = y;
     }
     int axis = p.axis;
     int proj = p.proj;

@@ -18,8 +18,7 @@ namespace lightwave {
 // `cancelled` is polled between chunks and layers; it may be empty. When `data` is the mapping
 // of `file`, pages already read are handed back as the reader moves on.
 int ReadObject(std::span<const uint8_t> data, const CXStringW& folder, CSceneImportOptions& options,
-               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out,
-               const IoFile* file = nullptr);
+               const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out, const IoFile* file = nullptr);
 
 // A file name as the format stores it ("disk:dir/file", backslashes) in host form.
 CXStringW HostPath(std::string_view stored);

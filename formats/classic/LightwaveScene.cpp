@@ -31,8 +31,8 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr int kMaxItemDepth = 256;
 constexpr int kMaxFramesPerItem = 2000;
 constexpr size_t kMaxBakedKeys = 2000000; // over the whole scene
-constexpr size_t kMaxObjectFiles = 256;    // distinct LWO files loaded per scene
-constexpr int kMaxParentFolders = 3;       // content folder search above the scene's folder
+constexpr size_t kMaxObjectFiles = 256;   // distinct LWO files loaded per scene
+constexpr int kMaxParentFolders = 3;      // content folder search above the scene's folder
 
 // ---------------------------------------------------------------------------------------
 // Envelope evaluation
@@ -123,7 +123,7 @@ double Envelope::Evaluate(double time) const {
     const EnvelopeKey& first = keys.front();
     const EnvelopeKey& last = keys.back();
     const double span = last.time - first.time;
-    const bool before = time < first.time, after = time > last.time;
+    const bool before = time<first.time, after = time> last.time;
     if (!before && !after) return ValueAt(keys, time);
     const int mode = before ? pre : post;
     switch (mode) {
@@ -136,7 +136,9 @@ double Envelope::Evaluate(double time) const {
         const double slope = d > 0 ? (b.value - a.value) / d : 0;
         return before ? first.value + slope * (time - first.time) : last.value + slope * (time - last.time);
     }
-    case 2: case 3: case 4: {
+    case 2:
+    case 3:
+    case 4: {
         if (span <= 0) return before ? first.value : last.value;
         const double cycles = std::floor((time - first.time) / span);
         double local = time - cycles * span;
@@ -333,7 +335,10 @@ void SceneReader::ReadEnvelopeBlock(Lines& lines, Envelope* env) {
     if (env) env->keys.clear();
     while (lines.Next(l)) {
         if (l == "}") return;
-        if (l.starts_with("{")) { SkipBlock(lines); continue; }
+        if (l.starts_with("{")) {
+            SkipBlock(lines);
+            continue;
+        }
         std::string_view rest = l;
         const std::string_view kw = Token(rest);
         if (!env) continue;
@@ -367,11 +372,17 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
             std::string_view rest = l;
             const std::string_view kw = Token(rest);
             if (kw == "NumChannels") continue;
-            if (kw != "Channel") { lines.Unread(); break; }
+            if (kw != "Channel") {
+                lines.Unread();
+                break;
+            }
             double n = -1;
             Numbers(rest, &n, 1);
             if (!lines.Next(l)) break;
-            if (!l.starts_with("{")) { lines.Unread(); continue; }
+            if (!l.starts_with("{")) {
+                lines.Unread();
+                continue;
+            }
             ReadEnvelopeBlock(lines, n >= 0 && n < 9 ? &ch[static_cast<int>(n)] : nullptr);
         }
     } else if (m_version == 2) {
@@ -379,14 +390,20 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
         if (!lines.Next(l) || Numbers(l, &nc, 1) != 1) return;
         for (int c = 0; c < static_cast<int>(std::clamp(nc, 0.0, 64.0)); ++c) {
             double nk = 0;
-            if (!lines.Next(l) || Numbers(l, &nk, 1) != 1) { lines.Unread(); break; }
+            if (!lines.Next(l) || Numbers(l, &nk, 1) != 1) {
+                lines.Unread();
+                break;
+            }
             Envelope* env = c < 9 ? &ch[c] : nullptr;
             if (env) env->keys.clear();
             for (double k = 0; k < nk; ++k) {
                 double v[6];
                 if (!lines.Next(l)) break;
                 const int n = Numbers(l, v, 6);
-                if (n < 2) { lines.Unread(); break; }
+                if (n < 2) {
+                    lines.Unread();
+                    break;
+                }
                 if (!env) continue;
                 EnvelopeKey key;
                 key.value = v[0];
@@ -420,9 +437,15 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
         for (double k = 0; k < nk; ++k) {
             double v[9], f[5] = {0, 0, 0, 0, 0};
             if (!lines.Next(l)) break;
-            if (Numbers(l, v, channels) < channels) { lines.Unread(); break; }
+            if (Numbers(l, v, channels) < channels) {
+                lines.Unread();
+                break;
+            }
             if (!lines.Next(l)) break;
-            if (Numbers(l, f, 5) < 1) { lines.Unread(); break; }
+            if (Numbers(l, f, 5) < 1) {
+                lines.Unread();
+                break;
+            }
             for (int c = 0; c < channels; ++c) {
                 EnvelopeKey key;
                 key.value = v[c];
@@ -452,7 +475,8 @@ void SceneReader::ReadMotion(Lines& lines, Item* item) {
     if (!item) return;
     for (int c = 0; c < 9; ++c) {
         auto& keys = ch[c].keys;
-        std::stable_sort(keys.begin(), keys.end(), [](const EnvelopeKey& a, const EnvelopeKey& b) { return a.time < b.time; });
+        std::stable_sort(keys.begin(), keys.end(),
+                         [](const EnvelopeKey& a, const EnvelopeKey& b) { return a.time < b.time; });
         // Angles are degrees before version 3.
         if (m_version < 3 && c >= 3 && c < 6)
             for (auto& k : keys) k.value *= kPi / 180;
@@ -486,7 +510,10 @@ int SceneReader::Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& o
     while (lines.Next(l)) {
         if (Cancelled()) return IO_ERR_CANCELLED;
         if (l.empty()) continue;
-        if (l.starts_with("{")) { SkipBlock(lines); continue; }
+        if (l.starts_with("{")) {
+            SkipBlock(lines);
+            continue;
+        }
         std::string_view rest = l;
         const std::string_view kw = Token(rest);
         Item* cur = Current();
@@ -624,15 +651,18 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
     // not start at 0 (and old objects, whose one layer is 1) are matched as numbered.
     for (int layer : {it.layer - 1, it.layer}) {
         C3DBaseObject* o;
-        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder); C3DSceneNode* n = m_scene->GetNextNode(o, p);) {
-            if (n == holder || n->GetNodeID() != static_cast<uint64_t>(layer) || n->GetKindOf() == KINDOF_CURVE) continue;
+        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder);
+             C3DSceneNode* n = m_scene->GetNextNode(o, p);) {
+            if (n == holder || n->GetNodeID() != static_cast<uint64_t>(layer) || n->GetKindOf() == KINDOF_CURVE)
+                continue;
             C3DSceneNode* copy = n->Clone(false);
             const CXStringW stem = fileRemoveExtension(fileStripPath(stored));
             const bool single = m_scene->GetChildCount(holder, KINDOF_ALL & ~uint32_t(KINDOF_CURVE)) == 1;
             copy->SetName(single ? stem : stem + L":" + n->GetName());
             // Keep the layer's own curves, not its child layers.
             for (C3DSceneNode* c = n->GetChildNode(); c; c = c->GetRightNode())
-                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID()) copy->AppendChild(c->Clone(true));
+                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID())
+                    copy->AppendChild(c->Clone(true));
             return copy;
         }
     }
@@ -644,12 +674,14 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
 // space: Z negated, heading and pitch negated (R = heading * pitch * bank, bank first).
 void SceneReader::Transform(const Item& it, double time, C3DVector& t, CQuaternion& q, C3DVector& s) const {
     double v[9];
-    for (int c = 0; c < 9; ++c) v[c] = it.channels[c].keys.empty() ? (c >= 6 ? 1.0 : 0.0) : it.channels[c].Evaluate(time);
+    for (int c = 0; c < 9; ++c)
+        v[c] = it.channels[c].keys.empty() ? (c >= 6 ? 1.0 : 0.0) : it.channels[c].Evaluate(time);
     t = {float(v[0]), float(v[1]), float(-v[2])};
     s = {float(v[6]), float(v[7]), float(v[8])};
     const double h = -v[3], p = -v[4], b = v[5];
     // Column-vector matrices of the host frame; the host stores row vectors (transpose).
-    const double ch = std::cos(h), sh = std::sin(h), cp = std::cos(p), sp = std::sin(p), cb = std::cos(b), sb = std::sin(b);
+    const double ch = std::cos(h), sh = std::sin(h), cp = std::cos(p), sp = std::sin(p), cb = std::cos(b),
+                 sb = std::sin(b);
     const double ry[3][3] = {{ch, 0, sh}, {0, 1, 0}, {-sh, 0, ch}};
     const double rx[3][3] = {{1, 0, 0}, {0, cp, -sp}, {0, sp, cp}};
     const double rz[3][3] = {{cb, -sb, 0}, {sb, cb, 0}, {0, 0, 1}};
@@ -703,7 +735,9 @@ void SceneReader::Build(C3DScene& scene) {
                 node->SetName(fileRemoveExtension(fileStripPath(HostPath(it.path))));
             break;
         case ITEM_LIGHT: {
-            auto* light = new C3DLight(it.lightType == 0 ? LIGHT_DIRECTIONAL : it.lightType == 2 ? LIGHT_SPOT : LIGHT_POINT);
+            auto* light = new C3DLight(it.lightType == 0   ? LIGHT_DIRECTIONAL
+                                       : it.lightType == 2 ? LIGHT_SPOT
+                                                           : LIGHT_POINT);
             light->color.SetColor4f(float(it.color[0]), float(it.color[1]), float(it.color[2]));
             light->intensity = static_cast<float>(it.intensity);
             if (it.cone >= 0) {
@@ -729,7 +763,8 @@ void SceneReader::Build(C3DScene& scene) {
         node->SetNodeID((uint64_t(it.type) << 28) | uint32_t(it.ordinal));
         // The pivot: the layer's own unless the scene moves it; the mesh is already relative
         // to the layer pivot, so only the difference goes into the object offset.
-        C3DPoint pivot = it.hasPivot ? C3DPoint(float(it.pivot[0]), float(it.pivot[1]), float(-it.pivot[2])) : layerPivot;
+        C3DPoint pivot =
+            it.hasPivot ? C3DPoint(float(it.pivot[0]), float(it.pivot[1]), float(-it.pivot[2])) : layerPivot;
         node->SetPivot(pivot);
         const C3DPoint off = layerPivot - pivot;
         node->SetObjectLocalTM(C4x4Matrix::Translation(off.x, off.y, off.z));
@@ -781,7 +816,8 @@ void SceneReader::Build(C3DScene& scene) {
         } else if (it.parentObject >= 0) {
             // Version 1 counts objects from 1; an out-of-range number is read as 0-based.
             auto b = byOrdinal.find((uint32_t(ITEM_OBJECT) << 28) | uint32_t(it.parentObject - 1));
-            if (it.parentObject == 0 || b == byOrdinal.end()) b = byOrdinal.find((uint32_t(ITEM_OBJECT) << 28) | uint32_t(it.parentObject));
+            if (it.parentObject == 0 || b == byOrdinal.end())
+                b = byOrdinal.find((uint32_t(ITEM_OBJECT) << 28) | uint32_t(it.parentObject));
             if (b != byOrdinal.end()) p = static_cast<int64_t>(b->second);
         } else if (it.type == ITEM_BONE && it.boneObject >= 0) {
             p = it.boneObject;
@@ -800,13 +836,19 @@ void SceneReader::Build(C3DScene& scene) {
             walk.push_back(j);
             if (parent[j] < 0) break;
             const size_t p = static_cast<size_t>(parent[j]);
-            if (state[p] == 1) { parent[j] = -1; break; }
+            if (state[p] == 1) {
+                parent[j] = -1;
+                break;
+            }
             j = p;
         }
         for (size_t k = walk.size(); k-- > 0;) {
             const size_t w = walk[k];
             int d = parent[w] < 0 ? 0 : depth[static_cast<size_t>(parent[w])] + 1;
-            if (d > kMaxItemDepth) { parent[w] = -1; d = 0; }
+            if (d > kMaxItemDepth) {
+                parent[w] = -1;
+                d = 0;
+            }
             depth[w] = d;
             state[w] = 2;
         }
@@ -815,7 +857,10 @@ void SceneReader::Build(C3DScene& scene) {
     std::vector<size_t> stack;
     for (size_t i = 0; i < n; ++i) {
         if (parent[i] >= 0) children[static_cast<size_t>(parent[i])].push_back(i);
-        else { scene.AddNode(nullptr, nodes[i]); stack.push_back(i); }
+        else {
+            scene.AddNode(nullptr, nodes[i]);
+            stack.push_back(i);
+        }
     }
     while (!stack.empty()) {
         const size_t i = stack.back();

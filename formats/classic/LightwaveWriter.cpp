@@ -100,7 +100,10 @@ bool WriteObject(const C3DScene& scene, std::vector<uint8_t>& out) {
         int parent = -1;
         for (const C3DSceneNode* a = n->GetParent(); a; a = a->GetParent()) {
             auto it = layerOf.find(a);
-            if (it != layerOf.end()) { parent = it->second; break; }
+            if (it != layerOf.end()) {
+                parent = it->second;
+                break;
+            }
         }
         C4x4Matrix world, objectTM;
         n->GetNodeTM(0, world);
@@ -297,15 +300,42 @@ bool WriteObject(const C3DScene& scene, std::vector<uint8_t>& out) {
         s.S0("");
         float c[4] = {0.78f, 0.78f, 0.78f, 1};
         if (m) m->diffuse.GetColor4f(c, 255.0f);
-        s.Sub("COLR"); s.Vec(c[0], c[1], c[2]); s.VX(0); s.End();
-        s.Sub("DIFF"); s.F32(m ? m->diffuseFactor : 1.0f); s.VX(0); s.End();
+        s.Sub("COLR");
+        s.Vec(c[0], c[1], c[2]);
+        s.VX(0);
+        s.End();
+        s.Sub("DIFF");
+        s.F32(m ? m->diffuseFactor : 1.0f);
+        s.VX(0);
+        s.End();
         const auto* sm = m && m->GetClass() == MATERIAL_STANDARD ? static_cast<const C3DStandardMaterial*>(m) : nullptr;
-        if (sm && sm->emissiveFactor != 0) { s.Sub("LUMI"); s.F32(sm->emissiveFactor); s.VX(0); s.End(); }
-        s.Sub("S" "PEC"); s.F32(sm ? sm->specularFactor : 0.0f); s.VX(0); s.End(); // specular level
-        s.Sub("GLOS"); s.F32(sm ? sm->shininess : 0.4f); s.VX(0); s.End();
-        if (m && m->transparency != 0) { s.Sub("TRAN"); s.F32(m->transparency); s.VX(0); s.End(); }
-        s.Sub("SMAN"); s.F32(m ? m->smoothAngle * 3.14159265f / 180.0f : 0.0f); s.End();
-        s.Sub("SIDE"); s.U16(m && m->IsFlagSet(MATF_TWO_SIDED) ? 3 : 1); s.End();
+        if (sm && sm->emissiveFactor != 0) {
+            s.Sub("LUMI");
+            s.F32(sm->emissiveFactor);
+            s.VX(0);
+            s.End();
+        }
+        s.Sub("S"
+              "PEC");
+        s.F32(sm ? sm->specularFactor : 0.0f);
+        s.VX(0);
+        s.End(); // specular level
+        s.Sub("GLOS");
+        s.F32(sm ? sm->shininess : 0.4f);
+        s.VX(0);
+        s.End();
+        if (m && m->transparency != 0) {
+            s.Sub("TRAN");
+            s.F32(m->transparency);
+            s.VX(0);
+            s.End();
+        }
+        s.Sub("SMAN");
+        s.F32(m ? m->smoothAngle * 3.14159265f / 180.0f : 0.0f);
+        s.End();
+        s.Sub("SIDE");
+        s.U16(m && m->IsFlagSet(MATF_TWO_SIDED) ? 3 : 1);
+        s.End();
         const CMaterialMap* map = m ? m->GetMaterialMap(MAP_DIFFUSE) : nullptr;
         if (map && !map->file.IsEmpty()) {
             std::string f = Narrow(map->file);
@@ -313,26 +343,68 @@ bool WriteObject(const C3DScene& scene, std::vector<uint8_t>& out) {
             s.Sub("BLOK");
             s.Sub("IMAP");
             s.S0("\x80");
-            s.Sub("CHAN"); s.Id("COLR"); s.End();
-            s.Sub("OPAC"); s.U16(0); s.F32(1.0f); s.VX(0); s.End();
-            s.Sub("ENAB"); s.U16(1); s.End();
+            s.Sub("CHAN");
+            s.Id("COLR");
+            s.End();
+            s.Sub("OPAC");
+            s.U16(0);
+            s.F32(1.0f);
+            s.VX(0);
+            s.End();
+            s.Sub("ENAB");
+            s.U16(1);
+            s.End();
             s.End();
             s.Sub("TMAP");
-            s.Sub("CNTR"); s.Vec(0, 0, 0); s.VX(0); s.End();
-            s.Sub("SIZE"); s.Vec(1, 1, 1); s.VX(0); s.End();
-            s.Sub("ROTA"); s.Vec(0, 0, 0); s.VX(0); s.End();
-            s.Sub("FALL"); s.U16(0); s.Vec(0, 0, 0); s.VX(0); s.End();
-            s.Sub("OREF"); s.S0("(none)"); s.End();
-            s.Sub("CSYS"); s.U16(0); s.End();
+            s.Sub("CNTR");
+            s.Vec(0, 0, 0);
+            s.VX(0);
             s.End();
-            s.Sub("PROJ"); s.U16(5); s.End();
-            s.Sub("AXIS"); s.U16(2); s.End();
-            s.Sub("IMAG"); s.VX(clips[f]); s.End();
-            s.Sub("WRAP"); s.U16(1); s.U16(1); s.End();
-            s.Sub("WRPW"); s.F32(1); s.VX(0); s.End();
-            s.Sub("WRPH"); s.F32(1); s.VX(0); s.End();
+            s.Sub("SIZE");
+            s.Vec(1, 1, 1);
+            s.VX(0);
+            s.End();
+            s.Sub("ROTA");
+            s.Vec(0, 0, 0);
+            s.VX(0);
+            s.End();
+            s.Sub("FALL");
+            s.U16(0);
+            s.Vec(0, 0, 0);
+            s.VX(0);
+            s.End();
+            s.Sub("OREF");
+            s.S0("(none)");
+            s.End();
+            s.Sub("CSYS");
+            s.U16(0);
+            s.End();
+            s.End();
+            s.Sub("PROJ");
+            s.U16(5);
+            s.End();
+            s.Sub("AXIS");
+            s.U16(2);
+            s.End();
+            s.Sub("IMAG");
+            s.VX(clips[f]);
+            s.End();
+            s.Sub("WRAP");
+            s.U16(1);
+            s.U16(1);
+            s.End();
+            s.Sub("WRPW");
+            s.F32(1);
+            s.VX(0);
+            s.End();
+            s.Sub("WRPH");
+            s.F32(1);
+            s.VX(0);
+            s.End();
             auto uv = mapUv.find(mid);
-            s.Sub("VMAP"); s.S0(uv != mapUv.end() ? uv->second : std::string("UV0")); s.End();
+            s.Sub("VMAP");
+            s.S0(uv != mapUv.end() ? uv->second : std::string("UV0"));
+            s.End();
             s.End();
         }
         s.End();

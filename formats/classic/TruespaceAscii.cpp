@@ -12,12 +12,8 @@ namespace tsio {
 
 namespace {
 
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-bool IsAlpha(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsAlpha(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
 // Consumes [-]digits at `p`; false when there are none or more than 18.
 bool Number(std::string_view s, size_t& p, long long& v, bool allowSign) {
@@ -28,8 +24,7 @@ bool Number(std::string_view s, size_t& p, long long& v, bool allowSign) {
     }
     const size_t start = p;
     long long x = 0;
-    while (p < s.size() && IsDigit(s[p]) && p - start < 18)
-        x = x * 10 + (s[p++] - '0');
+    while (p < s.size() && IsDigit(s[p]) && p - start < 18) x = x * 10 + (s[p++] - '0');
     if (p == start || (p < s.size() && IsDigit(s[p]))) return false;
     v = neg ? -x : x;
     return true;
@@ -59,9 +54,7 @@ bool Floats(textscan::TextCursor& c, float* v, size_t n) {
 }
 
 // The rest of the current line, trimmed.
-std::string_view LineRest(textscan::TextCursor& c) {
-    return textscan::Trim(c.RestOfLine());
-}
+std::string_view LineRest(textscan::TextCursor& c) { return textscan::Trim(c.RestOfLine()); }
 
 bool ReadObjectBlock(textscan::TextCursor& c, ObjectBlock& b) {
     if (!Keyword(c, "Name")) return false;
@@ -117,8 +110,7 @@ bool ReadMesh(textscan::TextCursor& c, Mesh& m, File& file) {
         std::string_view kind;
         if (!c.ReadWord(kind) || (kind != "Face" && kind != "Hole")) return false;
         unsigned n = 0, flags = 0, mat = 0;
-        if (!Keyword(c, "verts") || !c.ReadUInt(n) || !Keyword(c, "flags") || !c.ReadUInt(flags))
-            return false;
+        if (!Keyword(c, "verts") || !c.ReadUInt(n) || !Keyword(c, "flags") || !c.ReadUInt(flags)) return false;
         const bool hole = kind == "Hole" || (flags & kFaceHole);
         if (Keyword(c, "mat") && !c.ReadUInt(mat)) return false;
         // "<0,0>" is five bytes.
@@ -127,8 +119,7 @@ bool ReadMesh(textscan::TextCursor& c, Mesh& m, File& file) {
         uvs.resize(n);
         bool good = n >= 1;
         for (unsigned i = 0; i < n; ++i) {
-            if (!c.Match('<') || !c.ReadUInt(verts[i]) || !c.Match(',') || !c.ReadUInt(uvs[i]) ||
-                !c.Match('>'))
+            if (!c.Match('<') || !c.ReadUInt(verts[i]) || !c.Match(',') || !c.ReadUInt(uvs[i]) || !c.Match('>'))
                 return false;
             if (verts[i] >= nv) good = false;
             if (uvs[i] >= nuv) {
@@ -153,8 +144,7 @@ bool ReadMesh(textscan::TextCursor& c, Mesh& m, File& file) {
     }
     unsigned draw = 0;
     if (Keyword(c, "DrawFlags") && c.ReadUInt(draw)) m.drawFlags = draw;
-    if (badFaces)
-        file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
+    if (badFaces) file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
     if (badUvs) file.log.push_back(std::to_string(badUvs) + " texture vertex indices out of range set to 0");
     return true;
 }
@@ -178,9 +168,7 @@ std::string LengthPrefixed(std::string_view s) {
     return std::string(s.substr(p, len));
 }
 
-void ReadTextureLine(std::string_view value, TextureRef& t) {
-    t.file = LengthPrefixed(textscan::Trim(value));
-}
+void ReadTextureLine(std::string_view value, TextureRef& t) { t.file = LengthPrefixed(textscan::Trim(value)); }
 
 // "offset u,v  repeats u,v  flags f"
 void ReadTextureParams(std::string_view line, TextureRef& t) {
@@ -189,10 +177,8 @@ void ReadTextureParams(std::string_view line, TextureRef& t) {
     while (c.ReadWord(w)) {
         std::string_view v;
         if (!c.ReadWord(v)) break;
-        if (w == "offset")
-            CommaFloats(v, t.offset, 2);
-        else if (w == "repeats")
-            CommaFloats(v, t.repeat, 2);
+        if (w == "offset") CommaFloats(v, t.offset, 2);
+        else if (w == "repeats") CommaFloats(v, t.repeat, 2);
     }
 }
 
@@ -242,14 +228,10 @@ bool ReadMaterial(std::string_view body, Material& m) {
             while (c.ReadWord(k)) {
                 float v = 0;
                 if (!c.ReadFloat(v)) return false;
-                if (k == "ka")
-                    m.ka = v;
-                else if (k == "ks")
-                    m.ks = v;
-                else if (k == "exp")
-                    m.exp = v;
-                else if (k == "ior")
-                    m.ior = v;
+                if (k == "ka") m.ka = v;
+                else if (k == "ks") m.ks = v;
+                else if (k == "exp") m.exp = v;
+                else if (k == "ior") m.ior = v;
                 else if (k == "kd") {
                     m.kd = v;
                     m.hasKd = true;
@@ -300,28 +282,22 @@ void ReadShaderBox(std::string_view body, ShaderBox& box) {
         if (!c.ReadWord(type)) continue;
         if (type == "string") {
             std::string_view rest = textscan::Trim(c.Remaining());
-            if (rest.size() >= 2 && rest.front() == '"' && rest.back() == '"')
-                rest = rest.substr(1, rest.size() - 2);
+            if (rest.size() >= 2 && rest.front() == '"' && rest.back() == '"') rest = rest.substr(1, rest.size() - 2);
             if (shader == "caligari texture" && name == "file name") box.texture.file = std::string(rest);
         } else if (type == "float") {
             float v = 0;
             if (!c.ReadFloat(v) || shader != "caligari texture") continue;
-            if (name == "S repeat")
-                box.texture.repeat[0] = v;
-            else if (name == "T repeat")
-                box.texture.repeat[1] = v;
-            else if (name == "S offset")
-                box.texture.offset[0] = v;
-            else if (name == "T offset")
-                box.texture.offset[1] = v;
+            if (name == "S repeat") box.texture.repeat[0] = v;
+            else if (name == "T repeat") box.texture.repeat[1] = v;
+            else if (name == "S offset") box.texture.offset[0] = v;
+            else if (name == "T offset") box.texture.offset[1] = v;
         } else if (type == "color" && name == "colour") {
             float rgb[3];
-            if (!c.Match('(') || !c.ReadFloat(rgb[0]) || !c.Match(',') || !c.ReadFloat(rgb[1]) ||
-                !c.Match(',') || !c.ReadFloat(rgb[2]))
+            if (!c.Match('(') || !c.ReadFloat(rgb[0]) || !c.Match(',') || !c.ReadFloat(rgb[1]) || !c.Match(',') ||
+                !c.ReadFloat(rgb[2]))
                 continue;
             box.hasColour = true;
-            for (int k = 0; k < 3; ++k)
-                box.colour[k] = rgb[k] / 255.0f;
+            for (int k = 0; k < 3; ++k) box.colour[k] = rgb[k] / 255.0f;
         }
     }
 }
@@ -339,11 +315,9 @@ bool ParseAsciiChunkHeader(std::string_view s, ChunkHeader& h) {
     if (!Literal(s, p, " Id ") || !Number(s, p, id, true)) return false;
     if (!Literal(s, p, " Parent ") || !Number(s, p, parent, true)) return false;
     if (!Literal(s, p, " Size ")) return false;
-    while (p < s.size() && s[p] == ' ')
-        ++p;
+    while (p < s.size() && s[p] == ' ') ++p;
     if (!Number(s, p, size, false)) return false;
-    while (p < s.size() && (s[p] == ' ' || s[p] == '\t'))
-        ++p;
+    while (p < s.size() && (s[p] == ' ' || s[p] == '\t')) ++p;
     if (p != s.size()) return false;
     std::memcpy(h.type, s.data(), 4);
     h.major = static_cast<int>(major & 0xFFFF);
@@ -401,19 +375,16 @@ void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel, con
                         out.meshes.push_back(std::move(m));
                     }
                 }
-                if (good)
-                    out.objects.push_back(std::move(o));
+                if (good) out.objects.push_back(std::move(o));
                 else {
                     ++out.skipped;
-                    out.log.push_back("damaged " + std::string(t) + " chunk " + std::to_string(cur.id) +
-                                      " skipped");
+                    out.log.push_back("damaged " + std::string(t) + " chunk " + std::to_string(cur.id) + " skipped");
                 }
             } else if (t == "Mat1") {
                 Material m;
                 m.id = cur.id;
                 m.parent = cur.parent;
-                if (ReadMaterial(chunk, m))
-                    out.materials.push_back(std::move(m));
+                if (ReadMaterial(chunk, m)) out.materials.push_back(std::move(m));
                 else {
                     ++out.skipped;
                     out.log.push_back("damaged Mat1 chunk " + std::to_string(cur.id) + " skipped");

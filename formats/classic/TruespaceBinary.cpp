@@ -12,8 +12,7 @@
 namespace tsio {
 
 bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian) {
-    if (data.size() < kHeaderBytes || std::memcmp(data.data(), kSignature.data(), kSignature.size()) != 0)
-        return false;
+    if (data.size() < kHeaderBytes || std::memcmp(data.data(), kSignature.data(), kSignature.size()) != 0) return false;
     encoding = static_cast<char>(data[15]);
     bigEndian = data[16] == 'H' && data[17] == 'L';
     return true;
@@ -22,12 +21,10 @@ bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian) 
 void AddFace(Mesh& mesh, const uint32_t* verts, const uint32_t* uvs, uint32_t n, uint16_t material) {
     mesh.faces->SetCurrentMaterial(material);
     uint32_t* f = mesh.faces->AddFace(static_cast<int>(n));
-    for (uint32_t i = 0; i < n; ++i)
-        f[i] = verts[n - 1 - i];
+    for (uint32_t i = 0; i < n; ++i) f[i] = verts[n - 1 - i];
     if (mesh.uv) {
         uint32_t* t = mesh.uv->GetUVWFaceList()->AddFace(static_cast<int>(n));
-        for (uint32_t i = 0; i < n; ++i)
-            t[i] = uvs[n - 1 - i];
+        for (uint32_t i = 0; i < n; ++i) t[i] = uvs[n - 1 - i];
     }
 }
 
@@ -48,7 +45,7 @@ namespace {
 
 // Little- or big-endian reads over one chunk.
 class Reader {
-  public:
+public:
     Reader(CBinaryCursor c, bool be) : m_c(c), m_be(be) {}
     uint8_t u8() { return m_c.u8(); }
     uint16_t u16() { return m_be ? m_c.u16be() : m_c.u16le(); }
@@ -68,13 +65,11 @@ class Reader {
         s.assign(reinterpret_cast<const char*>(b.data()), b.size());
         return s;
     }
-    bool peek(const char* tag2) const {
-        return m_c.remaining() >= 2 && std::memcmp(m_c.current(), tag2, 2) == 0;
-    }
+    bool peek(const char* tag2) const { return m_c.remaining() >= 2 && std::memcmp(m_c.current(), tag2, 2) == 0; }
     void skip(size_t n) { m_c.skip(n); }
     CBinaryCursor& cursor() { return m_c; }
 
-  private:
+private:
     CBinaryCursor m_c;
     bool m_be;
 };
@@ -82,14 +77,11 @@ class Reader {
 bool ReadObjectBlock(Reader& r, ObjectBlock& b) {
     b.dup = r.u16();
     b.name = r.str();
-    for (float& v : b.center)
-        v = r.f32();
+    for (float& v : b.center) v = r.f32();
     for (auto& axis : b.axes)
-        for (float& v : axis)
-            v = r.f32();
+        for (float& v : axis) v = r.f32();
     for (auto& row : b.tm)
-        for (float& v : row)
-            v = r.f32();
+        for (float& v : row) v = r.f32();
     return r.ok();
 }
 
@@ -103,8 +95,7 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
     } else if (!r.bigEndian() && std::endian::native == std::endian::little) {
         r.cursor().read(p, size_t(nv) * 12);
     } else {
-        for (uint64_t i = 0; i < uint64_t(nv) * 3; ++i)
-            p[i] = r.f32();
+        for (uint64_t i = 0; i < uint64_t(nv) * 3; ++i) p[i] = r.f32();
     }
     const uint32_t nuv = r.u32();
     if (!r.ok() || !r.canRead(nuv, 8)) return false;
@@ -179,8 +170,7 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
         AddFace(m, verts.data(), uvs.data(), n, mat);
     }
     if (minor >= 8 && r.remaining() >= 4) m.drawFlags = r.u32();
-    if (badFaces)
-        file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
+    if (badFaces) file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
     if (badUvs) file.log.push_back(std::to_string(badUvs) + " texture vertex indices out of range set to 0");
     return r.ok();
 }
@@ -201,8 +191,7 @@ bool ReadMaterial(Reader& r, Material& m) {
     m.shader = static_cast<char>(r.u8());
     m.facet = static_cast<char>(r.u8());
     m.angle = r.u8();
-    for (float& c : m.rgb)
-        c = r.f32();
+    for (float& c : m.rgb) c = r.f32();
     m.alpha = r.f32();
     m.ka = r.f32();
     m.ks = r.f32();
@@ -246,39 +235,25 @@ void ReadShaderBox(Reader& r, ShaderBox& box, int minor) {
             float f[3] = {0, 0, 0};
             std::string s;
             switch (type) {
-            case 3:
-                f[0] = r.f32();
-                break;
-            case 6:
-                r.u32();
-                break;
+            case 3: f[0] = r.f32(); break;
+            case 6: r.u32(); break;
             case 7:
-                for (float& v : f)
-                    v = r.f32();
+                for (float& v : f) v = r.f32();
                 break;
-            case 10:
-                s = r.str();
-                break;
-            default:
-                return; // a type of unknown size: nothing after it can be read
+            case 10: s = r.str(); break;
+            default: return; // a type of unknown size: nothing after it can be read
             }
             if (!r.ok()) return;
             if (cls != 0) continue;
             if (shader == "caligari texture") {
-                if (name == "file name")
-                    box.texture.file = s;
-                else if (name == "S repeat")
-                    box.texture.repeat[0] = f[0];
-                else if (name == "T repeat")
-                    box.texture.repeat[1] = f[0];
-                else if (name == "S offset")
-                    box.texture.offset[0] = f[0];
-                else if (name == "T offset")
-                    box.texture.offset[1] = f[0];
+                if (name == "file name") box.texture.file = s;
+                else if (name == "S repeat") box.texture.repeat[0] = f[0];
+                else if (name == "T repeat") box.texture.repeat[1] = f[0];
+                else if (name == "S offset") box.texture.offset[0] = f[0];
+                else if (name == "T offset") box.texture.offset[1] = f[0];
             } else if (type == 7 && name == "colour") {
                 box.hasColour = true;
-                for (int k = 0; k < 3; ++k)
-                    box.colour[k] = f[k];
+                for (int k = 0; k < 3; ++k) box.colour[k] = f[k];
             }
         }
         if (minor >= 4) r.u16(); // slot flags
@@ -330,8 +305,7 @@ void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const
                     out.meshes.push_back(std::move(m));
                 }
             }
-            if (good)
-                out.objects.push_back(std::move(o));
+            if (good) out.objects.push_back(std::move(o));
             else {
                 ++out.skipped;
                 out.log.push_back("damaged " + std::string(t) + " chunk " + std::to_string(id) + " skipped");
@@ -340,8 +314,7 @@ void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const
             Material m;
             m.id = id;
             m.parent = parent;
-            if (ReadMaterial(r, m))
-                out.materials.push_back(std::move(m));
+            if (ReadMaterial(r, m)) out.materials.push_back(std::move(m));
             else {
                 ++out.skipped;
                 out.log.push_back("damaged Mat1 chunk " + std::to_string(id) + " skipped");

@@ -117,8 +117,7 @@ bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian);
 // The body (everything after the header). Binary uses `bigEndian` for every number.
 void ParseBinary(std::span<const uint8_t> body, bool bigEndian, File& out, const CancelQuery& cancel,
                  const ProgressSink& progress = {});
-void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel,
-                const ProgressSink& progress = {});
+void ParseAscii(std::string_view body, File& out, const CancelQuery& cancel, const ProgressSink& progress = {});
 // True when the body starts with a line shaped like an ASCII chunk header.
 bool LooksLikeAsciiChunk(std::string_view body);
 // True when the body starts with a plausible binary chunk header (a letter-and-space

@@ -17,8 +17,7 @@ namespace {
 C4x4Matrix HostMatrix(const ObjectBlock& b) {
     C4x4Matrix m;
     for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 4; ++c)
-            m.m[c][r] = b.tm[r][c];
+        for (int c = 0; c < 4; ++c) m.m[c][r] = b.tm[r][c];
     return m;
 }
 
@@ -30,15 +29,14 @@ CRGBColor Colour(const float rgb[3]) {
 
 // A closest pair of outer and hole corners, for the bridge; large faces take corner 0
 // of each so that the work stays linear.
-void BridgeEnds(const C3DPointList& pts, const std::vector<uint32_t>& outer,
-                const std::vector<uint32_t>& hole, size_t& bi, size_t& bj) {
+void BridgeEnds(const C3DPointList& pts, const std::vector<uint32_t>& outer, const std::vector<uint32_t>& hole,
+                size_t& bi, size_t& bj) {
     bi = bj = 0;
     if (uint64_t(outer.size()) * hole.size() > 65536) return;
     float best = 3.4e38f;
     for (size_t i = 0; i < outer.size(); ++i)
         for (size_t j = 0; j < hole.size(); ++j) {
-            const C3DPoint d =
-                pts.GetPoint(static_cast<int>(outer[i])) - pts.GetPoint(static_cast<int>(hole[j]));
+            const C3DPoint d = pts.GetPoint(static_cast<int>(outer[i])) - pts.GetPoint(static_cast<int>(hole[j]));
             const float l = d.Dot(d);
             if (l < best) {
                 best = l;
@@ -53,8 +51,7 @@ template <typename V> V Splice(const V& outer, const V& hole, size_t i, size_t j
     V out;
     out.reserve(outer.size() + hole.size() + 2);
     out.insert(out.end(), outer.begin(), outer.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-    for (size_t k = 0; k <= hole.size(); ++k)
-        out.push_back(hole[(j + k) % hole.size()]);
+    for (size_t k = 0; k <= hole.size(); ++k) out.push_back(hole[(j + k) % hole.size()]);
     out.insert(out.end(), outer.begin() + static_cast<std::ptrdiff_t>(i), outer.end());
     return out;
 }
@@ -67,8 +64,7 @@ constexpr int kMaxHolesPerFace = 256;
 size_t BridgeHoles(Mesh& m) {
     size_t dropped = 0;
     if (m.holes.empty()) return dropped;
-    std::stable_sort(m.holes.begin(), m.holes.end(),
-                     [](const Hole& a, const Hole& b) { return a.outer < b.outer; });
+    std::stable_sort(m.holes.begin(), m.holes.end(), [](const Hole& a, const Hole& b) { return a.outer < b.outer; });
     auto faces = std::make_unique<C3DFaceList>();
     CUVWFaceList uvFaces;
     const CUVWFaceList* oldUv = m.uv ? m.uv->GetUVWFaceList() : nullptr;
@@ -131,15 +127,9 @@ C3DSceneNode* MakeNode(Object& o, File& file, CSceneImportOptions& options) {
         obj = std::move(mesh);
         break;
     }
-    case ObjectKind::Group:
-        obj = std::make_unique<C3DGroup>();
-        break;
-    case ObjectKind::Light:
-        obj = std::make_unique<C3DLight>(LIGHT_POINT);
-        break;
-    case ObjectKind::Camera:
-        obj = std::make_unique<C3DCamera>(CAMERA_FREE);
-        break;
+    case ObjectKind::Group: obj = std::make_unique<C3DGroup>(); break;
+    case ObjectKind::Light: obj = std::make_unique<C3DLight>(LIGHT_POINT); break;
+    case ObjectKind::Camera: obj = std::make_unique<C3DCamera>(CAMERA_FREE); break;
     }
     auto* node = new C3DSceneNode(obj.release());
     node->SetName(CXStringW(WidenBytes(DisplayName(o.block))));
@@ -206,20 +196,13 @@ void UnitFromCode(int code, int& unit, double& scale) {
 
 int CodeFromUnit(int unit) {
     switch (unit) {
-    case UNIT_MILLIMETER:
-        return 0;
-    case UNIT_CENTIMETER:
-        return 1;
-    case UNIT_KILOMETER:
-        return 3;
-    case UNIT_INCH:
-        return 4;
-    case UNIT_FOOT:
-        return 5;
-    case UNIT_MILE:
-        return 7;
-    default:
-        return 2;
+    case UNIT_MILLIMETER: return 0;
+    case UNIT_CENTIMETER: return 1;
+    case UNIT_KILOMETER: return 3;
+    case UNIT_INCH: return 4;
+    case UNIT_FOOT: return 5;
+    case UNIT_MILE: return 7;
+    default: return 2;
     }
 }
 
@@ -239,8 +222,7 @@ CXStringW FindTexture(const std::string& name, const CXStringW& folder) {
 
 std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CSceneImportOptions& options) {
     auto scene = std::make_unique<C3DScene>();
-    for (const std::string& line : file.log)
-        options.AddLogInfo(LOG_INFO, CXStringW(WidenBytes(line)));
+    for (const std::string& line : file.log) options.AddLogInfo(LOG_INFO, CXStringW(WidenBytes(line)));
     if (!file.ended) options.AddLogInfo(LOG_INFO, CXStringW(L"no END chunk: the file may be cut short"));
 
     int unit = UNIT_METER;
@@ -256,8 +238,7 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
 
     // Materials: (mesh object, mat#) -> host material. Shader boxes by their Mat1.
     std::unordered_map<int32_t, const ShaderBox*> boxes;
-    for (const ShaderBox& b : file.shaders)
-        boxes.emplace(b.parent, &b);
+    for (const ShaderBox& b : file.shaders) boxes.emplace(b.parent, &b);
     std::map<std::pair<size_t, uint16_t>, uint32_t> matIds;
     std::map<size_t, float> smoothAngle;
     uint32_t orphans = 0;
@@ -270,8 +251,7 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         const auto key = std::make_pair(owner->second, m.number);
         if (matIds.count(key)) continue;
         auto* mat = static_cast<C3DStandardMaterial*>(scene->CreateNewMaterial(MATERIAL_STANDARD));
-        std::string name =
-            DisplayName(file.objects[owner->second].block) + " mat " + std::to_string(m.number);
+        std::string name = DisplayName(file.objects[owner->second].block) + " mat " + std::to_string(m.number);
         mat->SetName(CXStringW(WidenBytes(name)));
         mat->diffuse = Colour(m.rgb);
         mat->diffuseFactor = m.kd;
@@ -287,8 +267,8 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         mat->GetCustomData().SetInt(kMaterialNumberKey, m.number);
         mat->GetCustomData().SetInt(kShaderKey, m.shader);
         mat->GetCustomData().SetInt(
-            kIorKey, static_cast<int32_t>(std::lround(
-                         (std::isfinite(m.ior) ? std::clamp(m.ior, -1e6f, 1e6f) : 1.0f) * 1000.0f)));
+            kIorKey, static_cast<int32_t>(
+                         std::lround((std::isfinite(m.ior) ? std::clamp(m.ior, -1e6f, 1e6f) : 1.0f) * 1000.0f)));
         TextureRef texture = m.texture;
         auto box = boxes.find(m.id);
         if (box != boxes.end()) {
@@ -310,10 +290,8 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
         const int32_t p = file.objects[i].parent;
         if (p == 0) continue;
         auto it = byId.find(p);
-        if (it == byId.end() || it->second == i)
-            ++dangling;
-        else
-            parent[i] = static_cast<int64_t>(it->second);
+        if (it == byId.end() || it->second == i) ++dangling;
+        else parent[i] = static_cast<int64_t>(it->second);
     }
     // Depth of every object, walking each chain once; a chain that comes back on itself
     // is cut where it closes.
@@ -351,18 +329,15 @@ std::unique_ptr<C3DScene> BuildScene(File& file, const CXStringW& folder, CScene
             state[chain[k]] = 2;
         }
     }
-    if (dangling)
-        options.AddLogInfo(LOG_INFO, CXStringW(L"objects whose parent is missing placed at the top"));
+    if (dangling) options.AddLogInfo(LOG_INFO, CXStringW(L"objects whose parent is missing placed at the top"));
     if (cycles) options.AddLogInfo(LOG_INFO, CXStringW(L"parent cycles broken"));
 
     std::vector<size_t> order(n);
-    for (size_t i = 0; i < n; ++i)
-        order[i] = i;
+    for (size_t i = 0; i < n; ++i) order[i] = i;
     std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return depth[a] < depth[b]; });
     std::vector<C3DSceneNode*> nodes(n, nullptr);
     std::vector<C4x4Matrix> world(n);
-    for (size_t i = 0; i < n; ++i)
-        world[i] = HostMatrix(file.objects[i].block);
+    for (size_t i = 0; i < n; ++i) world[i] = HostMatrix(file.objects[i].block);
     for (size_t i : order) {
         Object& o = file.objects[i];
         if (o.kind == ObjectKind::Mesh) {

@@ -28,7 +28,7 @@ std::string NarrowName(const CXStringW& w) {
 
 // A chunk's body, in either encoding.
 class Body {
-  public:
+public:
     explicit Body(bool ascii) : m_ascii(ascii) {}
     std::string s;
 
@@ -76,12 +76,12 @@ class Body {
     }
     bool ascii() const { return m_ascii; }
 
-  private:
+private:
     bool m_ascii;
 };
 
-void EmitChunk(std::string& out, bool ascii, const char type[4], int major, int minor, int32_t id,
-               int32_t parent, const std::string& body) {
+void EmitChunk(std::string& out, bool ascii, const char type[4], int major, int minor, int32_t id, int32_t parent,
+               const std::string& body) {
     if (ascii) {
         out.append(type, 4);
         // trueSpace counts one byte more than the body, except on END, whose size is a padded 0.
@@ -133,31 +133,25 @@ void ObjectBlockOut(Body& b, std::string name, const C4x4Matrix& m) {
     }
     float rows[3][4];
     for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 4; ++c)
-            rows[r][c] = m.m[c][r];
+        for (int c = 0; c < 4; ++c) rows[r][c] = m.m[c][r];
     if (b.ascii()) {
         b.T("Name ").T(name.empty() ? "NoName" : name);
         if (dup) b.T(",").I(dup);
         b.T("\n");
         b.T("center ").Gs(centre, 3).T("\n");
         const char* labels[3] = {"x axis ", "y axis ", "z axis "};
-        for (int a = 0; a < 3; ++a)
-            b.T(labels[a]).Gs(axes[a], 3).T("\n");
+        for (int a = 0; a < 3; ++a) b.T(labels[a]).Gs(axes[a], 3).T("\n");
         b.T("Transform\n");
-        for (auto& row : rows)
-            b.Gs(row, 4).T("\n");
+        for (auto& row : rows) b.Gs(row, 4).T("\n");
         b.T("0 0 0 1\n");
     } else {
         b.U16(dup);
         b.Str(name);
-        for (float v : centre)
-            b.F32(v);
+        for (float v : centre) b.F32(v);
         for (auto& axis : axes)
-            for (float v : axis)
-                b.F32(v);
+            for (float v : axis) b.F32(v);
         for (auto& row : rows)
-            for (float v : row)
-                b.F32(v);
+            for (float v : row) b.F32(v);
     }
 }
 
@@ -211,10 +205,8 @@ void MaterialBody(Body& b, const MaterialOut& m) {
     if (b.ascii()) {
         b.T("mat# ").I(m.number).T("\n");
         b.T("shader: ").T(m.shader == 'f' ? "flat" : m.shader == 'm' ? "metal" : "phong").T("  facet: ");
-        if (m.facet == 'a')
-            b.T("auto").I(m.angle);
-        else
-            b.T(m.facet == 'f' ? "faceted" : "smooth");
+        if (m.facet == 'a') b.T("auto").I(m.angle);
+        else b.T(m.facet == 'f' ? "faceted" : "smooth");
         // trueSpace prints colour components with a decimal point ("1.0"), and readers
         // that follow it reject a bare "1".
         b.T("\nrgb ");
@@ -224,16 +216,7 @@ void MaterialBody(Body& b, const MaterialOut& m) {
             b.G(m.rgb[k]);
             if (b.s.find_first_of(".ein", at) == std::string::npos) b.T(".0");
         }
-        b.T("\nalpha ")
-            .G(m.alpha)
-            .T("  ka ")
-            .G(m.ka)
-            .T("  ks ")
-            .G(m.ks)
-            .T("  exp ")
-            .G(m.exp)
-            .T("  ior ")
-            .G(m.ior);
+        b.T("\nalpha ").G(m.alpha).T("  ka ").G(m.ka).T("  ks ").G(m.ks).T("  exp ").G(m.exp).T("  ior ").G(m.ior);
         if (!m.texture.IsSet()) b.T("  kd ").G(m.kd);
         // The texture goes in the ShBx only, as trueSpace's own ASCII files have it.
         b.T("\n");
@@ -243,8 +226,7 @@ void MaterialBody(Body& b, const MaterialOut& m) {
     b.U8(static_cast<uint8_t>(m.shader));
     b.U8(static_cast<uint8_t>(m.facet));
     b.U8(m.angle);
-    for (float v : m.rgb)
-        b.F32(v);
+    for (float v : m.rgb) b.F32(v);
     b.F32(m.alpha);
     b.F32(m.ka);
     b.F32(m.ks);
@@ -280,12 +262,8 @@ void ShaderSlot(Body& b, uint8_t cls, const char* className, const char* shown, 
         for (const Param& p : params) {
             b.T(p.name).T(": ");
             switch (p.type) {
-            case 3:
-                b.T("float ").G(p.f[0]);
-                break;
-            case 6:
-                b.T("bool ").I(p.f[0] != 0);
-                break;
+            case 3: b.T("float ").G(p.f[0]); break;
+            case 6: b.T("bool ").I(p.f[0] != 0); break;
             case 7:
                 b.T("color (");
                 for (int k = 0; k < 3; ++k) {
@@ -294,9 +272,7 @@ void ShaderSlot(Body& b, uint8_t cls, const char* className, const char* shown, 
                 }
                 b.T(")");
                 break;
-            default:
-                b.T("string \"").T(p.s).T("\"");
-                break;
+            default: b.T("string \"").T(p.s).T("\""); break;
             }
             b.T("\n");
         }
@@ -310,19 +286,12 @@ void ShaderSlot(Body& b, uint8_t cls, const char* className, const char* shown, 
         b.Str(p.name);
         b.U32(p.type);
         switch (p.type) {
-        case 3:
-            b.F32(p.f[0]);
-            break;
-        case 6:
-            b.U32(p.f[0] != 0);
-            break;
+        case 3: b.F32(p.f[0]); break;
+        case 6: b.U32(p.f[0] != 0); break;
         case 7:
-            for (float v : p.f)
-                b.F32(v);
+            for (float v : p.f) b.F32(v);
             break;
-        default:
-            b.Str(p.s);
-            break;
+        default: b.Str(p.s); break;
         }
     }
     b.U16(3);
@@ -339,8 +308,7 @@ void ShaderBoxBody(Body& b, const MaterialOut& m) {
                     {"animate", 6, {0, 0, 0}, {}},
                     {"filter", 6, {0, 0, 0}, {}}});
     } else {
-        ShaderSlot(b, 0, "color", "plain color", "plain",
-                   {{"colour", 7, {m.rgb[0], m.rgb[1], m.rgb[2]}, {}}});
+        ShaderSlot(b, 0, "color", "plain color", "plain", {{"colour", 7, {m.rgb[0], m.rgb[1], m.rgb[2]}, {}}});
     }
     ShaderSlot(b, 1, "transparency", "none", "none", {});
     // The phong exponent follows exp as the samples pair them (0 -> 3, 0.1 -> 4.65).
@@ -357,9 +325,8 @@ void ShaderBoxBody(Body& b, const MaterialOut& m) {
 }
 
 class Writer {
-  public:
-    Writer(const C3DScene& scene, bool ascii, std::string& out)
-        : m_scene(scene), m_ascii(ascii), m_out(out) {}
+public:
+    Writer(const C3DScene& scene, bool ascii, std::string& out) : m_scene(scene), m_ascii(ascii), m_out(out) {}
 
     size_t Write() {
         m_out.append("Caligari V00.01");
@@ -368,8 +335,7 @@ class Writer {
         C3DNodePos pos = m_scene.GetFirstNode(KINDOF_ALL, 0, nullptr, nullptr);
         C3DBaseObject* obj = nullptr;
         while (C3DSceneNode* node = m_scene.GetNextNode(obj, pos)) {
-            if (!obj || obj->GetKindOf() == KINDOF_GROUP)
-                Group(*node);
+            if (!obj || obj->GetKindOf() == KINDOF_GROUP) Group(*node);
             else if (obj->GetKindOf() == KINDOF_MESH && !obj->IsFlagSet(OBJF_HIDDEN))
                 Mesh(*node, *static_cast<const C3DGeomObject*>(obj));
         }
@@ -377,7 +343,7 @@ class Writer {
         return m_meshes;
     }
 
-  private:
+private:
     int32_t ParentId(const C3DSceneNode& node) const {
         for (const C3DSceneNode* p = node.GetParent(); p; p = p->GetParent()) {
             auto it = m_ids.find(p);
@@ -389,10 +355,8 @@ class Writer {
     void UnitChunk(int32_t id) {
         Body b(m_ascii);
         const int code = CodeFromUnit(m_scene.GetUnit());
-        if (m_ascii)
-            b.T("Units ").I(code).T("\n");
-        else
-            b.U16(static_cast<uint16_t>(code));
+        if (m_ascii) b.T("Units ").I(code).T("\n");
+        else b.U16(static_cast<uint16_t>(code));
         EmitChunk(m_out, m_ascii, "Unit", 0, 1, id, id - 1, b.s);
     }
 
@@ -439,16 +403,14 @@ class Writer {
         bool keep = true;
         for (size_t k = 0; k < used.size(); ++k) {
             const C3DMaterial* m = used[k] == NO_MATERIAL ? nullptr : m_scene.GetMaterialByID(used[k]);
-            const int n =
-                m ? const_cast<C3DMaterial*>(m)->GetCustomData().GetInt(kMaterialNumberKey, -1) : -1;
+            const int n = m ? const_cast<C3DMaterial*>(m)->GetCustomData().GetInt(kMaterialNumberKey, -1) : -1;
             if (n < 0 || n > 0xFFFF) keep = false;
             numbers[k] = static_cast<uint16_t>(n < 0 ? 0 : n);
         }
         std::vector<uint16_t> sorted(numbers);
         std::sort(sorted.begin(), sorted.end());
         if (!keep || std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end())
-            for (size_t k = 0; k < used.size(); ++k)
-                numbers[k] = static_cast<uint16_t>(k);
+            for (size_t k = 0; k < used.size(); ++k) numbers[k] = static_cast<uint16_t>(k);
         auto number = [&](uint32_t id) {
             auto it = std::lower_bound(used.begin(), used.end(), id);
             return numbers[it == used.end() ? 0 : static_cast<size_t>(it - used.begin())];
@@ -465,19 +427,15 @@ class Writer {
         const float* t = nuv ? uvp->GetData() : nullptr;
         if (m_ascii) {
             b.T("World Vertices ").I(np).T("\n");
-            for (uint32_t i = 0; i < np; ++i)
-                b.Gs(p + 3 * i, 3).T("\n");
+            for (uint32_t i = 0; i < np; ++i) b.Gs(p + 3 * i, 3).T("\n");
             b.T("Texture Vertices ").I(nuv ? nuv : 1).T("\n");
             if (nuv)
-                for (uint32_t i = 0; i < nuv; ++i)
-                    b.Gs(t + 3 * i, 2).T("\n");
-            else
-                b.T("0 0\n");
+                for (uint32_t i = 0; i < nuv; ++i) b.Gs(t + 3 * i, 2).T("\n");
+            else b.T("0 0\n");
             b.T("Faces ").I(static_cast<long long>(kept.size())).T("\n");
         } else {
             b.U32(np);
-            for (uint64_t i = 0; i < uint64_t(np) * 3; ++i)
-                b.F32(p[i]);
+            for (uint64_t i = 0; i < uint64_t(np) * 3; ++i) b.F32(p[i]);
             b.U32(nuv ? nuv : 1);
             if (nuv)
                 for (uint32_t i = 0; i < nuv; ++i) {
@@ -514,10 +472,8 @@ class Writer {
                 }
             }
         }
-        if (m_ascii)
-            b.T("DrawFlags 0\n");
-        else
-            b.U32(0);
+        if (m_ascii) b.T("DrawFlags 0\n");
+        else b.U32(0);
         EmitChunk(m_out, m_ascii, "PolH", 0, 8, id, ParentId(node), b.s);
         m_ids.emplace(&node, id);
         UnitChunk(id + 1);

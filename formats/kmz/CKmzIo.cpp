@@ -7,8 +7,8 @@
 #include "plugin/host/GenericIo.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/Zip.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/Zip.h"
 
 namespace {
 
@@ -214,7 +214,8 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
         if (abandoned) break;
         // The KML's lower-cased name reaches the archive's own spelling of it.
         const uint32_t entry = zip.FindFile(ref, false, false);
-        const CXStringW modelPath = Join(tmp, entry == CZip::kNotFound ? ref : CXStringW(Utf8ToWide(zip.GetName(entry))));
+        const CXStringW modelPath =
+            Join(tmp, entry == CZip::kNotFound ? ref : CXStringW(Utf8ToWide(zip.GetName(entry))));
         CFileIo io(modelPath);
         io.SetSilentMode(IsSilentMode());
         CSceneImportOptions modelOptions;

@@ -4,8 +4,8 @@
 #include "formats/lxo/CLxoIo.h"
 
 #include <algorithm>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "formats/lxo/LxoLoader.h"
@@ -15,8 +15,8 @@
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 
 namespace {
 // The preference record of the import switches.
@@ -98,8 +98,8 @@ bool CLxoIo::CanUpdate(unsigned int what, void* data) const {
     FILE* f = std::fopen(path.c_str(), "rb");
     if (!f) return false;
     uint8_t head[12] = {};
-    const bool lxo = std::fread(head, 1, 12, f) == 12 && std::memcmp(head, "FORM", 4) == 0 &&
-                     std::memcmp(head + 8, "LXOB", 4) == 0;
+    const bool lxo =
+        std::fread(head, 1, 12, f) == 12 && std::memcmp(head, "FORM", 4) == 0 && std::memcmp(head + 8, "LXOB", 4) == 0;
     std::fclose(f);
     return lxo;
 }
@@ -189,10 +189,8 @@ C3DScene* CLxoIo::ReadStream(FILE* stream, std::span<const uint8_t> head, CScene
     LxoLoader loader(stream, options, [this] { return IsCancelled(); });
     C3DScene* scene = loader.Load();
     if (!scene) {
-        if (loader.WasCancelled())
-            m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
-        else
-            m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
+        if (loader.WasCancelled()) m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);
+        else m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
     }
     return scene;
 }

@@ -13,7 +13,7 @@
 #include "plugin/host/XString.h"
 
 class CLxoIo : public C3DParser {
-  public:
+public:
     explicit CLxoIo(CFileIo& io);
     ~CLxoIo() override;
 
@@ -36,7 +36,7 @@ class CLxoIo : public C3DParser {
     // Reads LXO bytes held in memory (fuzzing, tests); same results as Read.
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options);
 
-  private:
+private:
     // Runs the loader on `stream` (taken over, null only when `head` is empty); `head`
     // holds the first bytes of the input, at most 12.
     C3DScene* ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options);

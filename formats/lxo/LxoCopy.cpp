@@ -115,14 +115,22 @@ int LxoUpdater::NestingContext() {
     using namespace lxoid;
     switch (ChunkID()) {
     case LAYR:
-    case GRP3:
-        return 0;
-    case TAGS: case PART: case SRF3: case PNTS: case POLS: case PTAG: case VMAP: case TRIS:
-    case TTGS: case VMAD: case VMED: case VRTS: case VVEC:
-        return m_replacedID != -2 ? 1 : 2;
+    case GRP3: return 0;
+    case TAGS:
+    case PART:
+    case SRF3:
+    case PNTS:
+    case POLS:
+    case PTAG:
+    case VMAP:
+    case TRIS:
+    case TTGS:
+    case VMAD:
+    case VMED:
+    case VRTS:
+    case VVEC: return m_replacedID != -2 ? 1 : 2;
     // BBOX and VMPA are not geometry data here: they stay, even after a replaced layer.
-    default:
-        return 2;
+    default: return 2;
     }
 }
 

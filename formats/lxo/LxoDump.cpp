@@ -9,7 +9,7 @@
 #include "plugin/host/NumberFormat.h"
 
 namespace {
-char g_quoted[7];      // 'ABCD' and its NUL
+char g_quoted[7]; // 'ABCD' and its NUL
 char g_keyTypeName[96];
 
 const char* ChannelsName(uint32_t pixelType) {
@@ -198,9 +198,9 @@ uint32_t LxoDump::OnTags(const LxoStringList& tags) {
 }
 
 uint32_t LxoDump::OnLayer(const LxoLayerInfo& l) {
-    Print("Mesh: Reference ID: %d, Index %d, Flags 0x%x, Pivot (%f,%f,%f), Name: <%s> Parent %d\n",
-          int(l.referenceID), int(l.index), unsigned(l.flags), double(l.pivot[0]), double(l.pivot[1]),
-          double(l.pivot[2]), l.name.c_str(), int(l.parent));
+    Print("Mesh: Reference ID: %d, Index %d, Flags 0x%x, Pivot (%f,%f,%f), Name: <%s> Parent %d\n", int(l.referenceID),
+          int(l.index), unsigned(l.flags), double(l.pivot[0]), double(l.pivot[1]), double(l.pivot[2]), l.name.c_str(),
+          int(l.parent));
     Print("Spline Level %d, Subdivision Level %f, Curve Angle: %f, Scale Pivot (%f,%f,%f)\n", int(l.SplineLevel()),
           double(l.SubdivisionLevel()), double(l.CurveAngle()), double(l.ScalePivot(0)), double(l.ScalePivot(1)),
           double(l.ScalePivot(2)));
@@ -294,8 +294,8 @@ uint32_t LxoDump::OnEdgeMapValue(uint32_t from, uint32_t to, uint32_t dimension,
 
 uint32_t LxoDump::OnPreview(uint32_t width, uint32_t height, uint32_t pixelType, uint32_t flags, uint32_t bytes,
                             const uint8_t*) {
-    Print("\tPreview size: %d x %d, type: %s %s (0x%x), flags: %s (0x%x), # Image bytes: %d\n", int(width),
-          int(height), ChannelsName(pixelType), (pixelType & 0x100) ? "Floats" : "Bytes", pixelType,
+    Print("\tPreview size: %d x %d, type: %s %s (0x%x), flags: %s (0x%x), # Image bytes: %d\n", int(width), int(height),
+          ChannelsName(pixelType), (pixelType & 0x100) ? "Floats" : "Bytes", pixelType,
           flags ? "Compressed" : "Uncompressed", flags, int(bytes));
     return 0;
 }

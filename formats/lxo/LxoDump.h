@@ -34,13 +34,15 @@ public:
     uint32_t OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) override;
     uint32_t OnTags(const LxoStringList& tags) override;
     uint32_t OnLayer(const LxoLayerInfo& layer) override;
-    uint32_t OnSurface(uint32_t vertices, uint32_t triangles, uint32_t vectors, uint32_t tags, uint32_t unused) override;
+    uint32_t OnSurface(uint32_t vertices, uint32_t triangles, uint32_t vectors, uint32_t tags,
+                       uint32_t unused) override;
     uint32_t OnGroup(uint32_t surfaces, uint32_t referenceWord, uint32_t unused) override;
     uint32_t OnPoints(uint32_t count, const float* xyz) override;
     uint32_t OnTriangles(uint32_t count, const uint32_t* indices) override;
     uint32_t OnTriangleTag(uint32_t type, const char* text) override;
     uint32_t OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t flags) override;
-    uint32_t OnVectors(uint32_t type, uint32_t dimension, const char* name, uint32_t count, const float* values) override;
+    uint32_t OnVectors(uint32_t type, uint32_t dimension, const char* name, uint32_t count,
+                       const float* values) override;
     uint32_t OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) override;
     uint32_t OnVertexMapFlags(uint32_t flags1, uint32_t flags2) override;
     uint32_t OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) override;

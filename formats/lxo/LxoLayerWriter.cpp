@@ -17,9 +17,9 @@ struct CornerMap {
     uint32_t type = 0;
     uint16_t dim = 0;
     std::string name;
-    const CFaceList* faces = nullptr;    // parallel to the mesh's faces
-    std::vector<float> values;           // dim floats per channel point
-    std::vector<uint32_t> pointValue;    // mesh point -> channel point (UINT32_MAX: none)
+    const CFaceList* faces = nullptr; // parallel to the mesh's faces
+    std::vector<float> values;        // dim floats per channel point
+    std::vector<uint32_t> pointValue; // mesh point -> channel point (UINT32_MAX: none)
 };
 
 bool Parallel(const CFaceList& a, const CFaceList& b) { return a.GetOffsets() == b.GetOffsets(); }
@@ -114,7 +114,8 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
                 const auto* uv = static_cast<const CUVWChannel*>(ch.get());
                 m.type = lxoid::TXUV;
                 m.dim = 2;
-                m.name = Utf8Name(uv->GetName(), uvCount ? ("Texture" + std::to_string(uvCount + 1)).c_str() : "Texture");
+                m.name =
+                    Utf8Name(uv->GetName(), uvCount ? ("Texture" + std::to_string(uvCount + 1)).c_str() : "Texture");
                 const auto& raw = uv->GetUVWPointList()->Raw();
                 m.values.reserve(raw.size() / 3 * 2);
                 for (size_t i = 0; i + 2 < raw.size(); i += 3) {
@@ -146,8 +147,7 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
                 m.values.assign(raw.begin(), raw.end());
                 break;
             }
-            default:
-                continue;
+            default: continue;
             }
             if (BuildMap(m, *faces, pointCount)) maps.push_back(std::move(m));
         }

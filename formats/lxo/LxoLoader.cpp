@@ -23,13 +23,9 @@ constexpr uint8_t kFace = 0, kCurve = 1, kSkipped = 2;
 constexpr uint32_t kPollEvery = 64; // chunks between two cancel polls
 constexpr size_t kMaxCount = 0x7FFFFFFF;
 
-CXStringW Wide(const std::string& s) {
-    return CXStringW(Utf8ToWide(s));
-}
+CXStringW Wide(const std::string& s) { return CXStringW(Utf8ToWide(s)); }
 
-bool IsFaceType(uint32_t t) {
-    return t == lxoid::FACE || t == lxoid::SUBD || t == lxoid::PSUB;
-}
+bool IsFaceType(uint32_t t) { return t == lxoid::FACE || t == lxoid::SUBD || t == lxoid::PSUB; }
 bool IsCurveType(uint32_t t) {
     return t == lxoid::CURV || t == lxoid::BEZR || t == lxoid::HCRV || t == lxoid::BCRV || t == lxoid::LINE;
 }
@@ -46,9 +42,7 @@ C4x4Matrix AxisRotation(int axis, float angle) {
     return m;
 }
 
-float Finite(float v, float fallback) {
-    return std::isfinite(v) ? v : fallback;
-}
+float Finite(float v, float fallback) { return std::isfinite(v) ? v : fallback; }
 
 } // namespace
 
@@ -57,9 +51,7 @@ LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<b
 
 LxoLoader::~LxoLoader() = default;
 
-void LxoLoader::Log(const std::wstring& text) {
-    m_options.AddLogInfo(LOG_INFO, CXStringW(text));
-}
+void LxoLoader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXStringW(text)); }
 
 LxoLoader::Layer& LxoLoader::CurrentLayer() {
     // Geometry before any LAYR goes to an implicit first layer.
@@ -100,8 +92,7 @@ uint32_t LxoLoader::OnPoints(uint32_t count, const float* xyz) {
 
 uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t) {
     Layer& l = CurrentLayer();
-    if (l.polyIndices.size() + count >= kMaxCount || l.polyKind.size() + 1 >= kMaxCount)
-        return LXO_ERR_OUT_OF_MEMORY;
+    if (l.polyIndices.size() + count >= kMaxCount || l.polyKind.size() + 1 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
     const uint8_t kind = IsFaceType(type) ? kFace : IsCurveType(type) ? kCurve : kSkipped;
     if (l.polyKind.size() == l.polsBase) {
         // First polygon of the chunk: room for what its remaining bytes can hold (an index
@@ -138,28 +129,22 @@ uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count,
 }
 
 uint32_t LxoLoader::OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) {
-    if (m_uvActive)
-        CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
-    else if (m_rgbActive)
-        CurrentLayer().rgb.push_back(Rgb(vertex, kNone, dimension, values));
+    if (m_uvActive) CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
+    else if (m_rgbActive) CurrentLayer().rgb.push_back(Rgb(vertex, kNone, dimension, values));
     return LXO_OK;
 }
 
-LxoLoader::RgbValue LxoLoader::Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension,
-                                   const float* values) {
+LxoLoader::RgbValue LxoLoader::Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) {
     return {vertex, polygon, {values[0], values[1], values[2], dimension > 3 ? values[3] : 1.0f}};
 }
 
-uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension,
-                                         const float* values) {
+uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) {
     if (!m_uvActive && !m_rgbActive) return LXO_OK;
     Layer& l = CurrentLayer();
     const uint64_t p = uint64_t(l.polsBase) + polygon;
     if (p >= l.polyKind.size()) return LXO_OK;
-    if (m_uvActive)
-        l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
-    else
-        l.rgb.push_back(Rgb(vertex, static_cast<uint32_t>(p), dimension, values));
+    if (m_uvActive) l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
+    else l.rgb.push_back(Rgb(vertex, static_cast<uint32_t>(p), dimension, values));
     return LXO_OK;
 }
 
@@ -185,34 +170,22 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
     it.name = name;
     it.id = referenceID;
     const std::string_view t(type);
-    if (t == "mesh")
-        it.kind = Kind::Mesh;
-    else if (t == "locator" || t == "groupLocator")
-        it.kind = Kind::Locator;
-    else if (t == "translation")
-        it.kind = Kind::Translation;
-    else if (t == "rotation")
-        it.kind = Kind::Rotation;
-    else if (t == "scale")
-        it.kind = Kind::Scale;
-    else if (t == "mask")
-        it.kind = Kind::Mask;
-    else if (t == "advancedMaterial")
-        it.kind = Kind::Material;
-    else if (t == "lightMaterial")
-        it.kind = Kind::LightMaterial;
-    else if (t == "camera" && m_options.importCameras)
-        it.kind = Kind::Camera;
-    else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights)
-        it.kind = Kind::Light;
+    if (t == "mesh") it.kind = Kind::Mesh;
+    else if (t == "locator" || t == "groupLocator") it.kind = Kind::Locator;
+    else if (t == "translation") it.kind = Kind::Translation;
+    else if (t == "rotation") it.kind = Kind::Rotation;
+    else if (t == "scale") it.kind = Kind::Scale;
+    else if (t == "mask") it.kind = Kind::Mask;
+    else if (t == "advancedMaterial") it.kind = Kind::Material;
+    else if (t == "lightMaterial") it.kind = Kind::LightMaterial;
+    else if (t == "camera" && m_options.importCameras) it.kind = Kind::Camera;
+    else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights) it.kind = Kind::Light;
     if (it.kind == Kind::Camera || it.kind == Kind::Light || it.kind == Kind::LightMaterial) {
         it.shading = static_cast<int32_t>(m_optics.size());
         m_optics.emplace_back();
         // The sun is a distant light, a spot a spot; the other kinds (area, dome, cylinder
         // and the rest) are approximated by a point light.
-        m_optics.back().lightKind = t == "sunLight"    ? LIGHT_DIRECTIONAL
-                                    : t == "spotLight" ? LIGHT_SPOT
-                                                       : LIGHT_POINT;
+        m_optics.back().lightKind = t == "sunLight" ? LIGHT_DIRECTIONAL : t == "spotLight" ? LIGHT_SPOT : LIGHT_POINT;
     }
     if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
     if (it.kind == Kind::Mask || it.kind == Kind::Material) {
@@ -297,10 +270,8 @@ uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
     Item* it = Current();
     if (!it || it->shading < 0) return LXO_OK;
     Shading& s = m_shading[static_cast<size_t>(it->shading)];
-    if (std::strcmp(name, "ptag") == 0)
-        s.ptag = value;
-    else if (std::strcmp(name, "ptyp") == 0)
-        s.ptyp = value;
+    if (std::strcmp(name, "ptag") == 0) s.ptag = value;
+    else if (std::strcmp(name, "ptyp") == 0) s.ptyp = value;
     return LXO_OK;
 }
 
@@ -346,12 +317,9 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
     case Kind::LightMaterial: {
         Optics& o = m_optics[static_cast<size_t>(it->shading)];
         if (it->kind == Kind::Camera) {
-            if (name == "projType" && value.kind == 3)
-                o.ortho = std::strcmp(value.text, "ortho") == 0;
-            else if (number && name == "focalLen")
-                o.focalLen = f;
-            else if (number && name == "apertureY")
-                o.apertureY = f;
+            if (name == "projType" && value.kind == 3) o.ortho = std::strcmp(value.text, "ortho") == 0;
+            else if (number && name == "focalLen") o.focalLen = f;
+            else if (number && name == "apertureY") o.apertureY = f;
         } else if (number && name.size() == 10 && name.compare(0, 9, "lightCol.") == 0) {
             const char c = name[9];
             const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
@@ -363,37 +331,26 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
     case Kind::Material: {
         Shading& s = m_shading[static_cast<size_t>(it->shading)];
         if (value.kind == 3) {
-            if (name == "ptag")
-                s.ptag = value.text;
-            else if (name == "ptyp")
-                s.ptyp = value.text;
+            if (name == "ptag") s.ptag = value.text;
+            else if (name == "ptyp") s.ptyp = value.text;
             return;
         }
         if (!number) return;
-        if (name == "enable")
-            s.enable = static_cast<int>(f);
-        else if (name == "diffAmt")
-            s.diffAmt = f;
-        else if (name == "specAmt")
-            s.specAmt = f;
-        else if (name == "tranAmt")
-            s.tranAmt = f;
-        else if (name == "rough")
-            s.rough = f;
-        else if (name == "smooth")
-            s.smooth = f;
-        else if (name == "smAngle")
-            s.smAngle = f;
-        else if (name.size() == 9 &&
-                 (name.compare(0, 8, "diffCol.") == 0 || name.compare(0, 8, "specCol.") == 0)) {
+        if (name == "enable") s.enable = static_cast<int>(f);
+        else if (name == "diffAmt") s.diffAmt = f;
+        else if (name == "specAmt") s.specAmt = f;
+        else if (name == "tranAmt") s.tranAmt = f;
+        else if (name == "rough") s.rough = f;
+        else if (name == "smooth") s.smooth = f;
+        else if (name == "smAngle") s.smAngle = f;
+        else if (name.size() == 9 && (name.compare(0, 8, "diffCol.") == 0 || name.compare(0, 8, "specCol.") == 0)) {
             const char c = name[8];
             const int k = c == 'R' ? 0 : c == 'G' ? 1 : c == 'B' ? 2 : -1;
             if (k >= 0) (name[0] == 'd' ? s.diffCol : s.specCol)[k] = f;
         }
         return;
     }
-    default:
-        return;
+    default: return;
     }
 }
 
@@ -456,23 +413,19 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
     m->SetName(Wide(name));
     if (shading >= 0) {
         const Shading& s = m_shading[static_cast<size_t>(shading)];
-        m->diffuse.SetColor4f(Finite(s.diffCol[0], 0.8f), Finite(s.diffCol[1], 0.8f),
-                              Finite(s.diffCol[2], 0.8f));
+        m->diffuse.SetColor4f(Finite(s.diffCol[0], 0.8f), Finite(s.diffCol[1], 0.8f), Finite(s.diffCol[2], 0.8f));
         m->diffuseFactor = std::clamp(Finite(s.diffAmt, 1.0f), 0.0f, 1.0f);
         m->transparency = std::clamp(Finite(s.tranAmt, 0.0f), 0.0f, 1.0f);
         if (s.smooth > 0 && std::isfinite(s.smAngle)) m->smoothAngle = s.smAngle * 57.29578f;
         if (auto* sm = dynamic_cast<C3DStandardMaterial*>(m)) {
-            sm->specular.SetColor4f(Finite(s.specCol[0], 1.0f), Finite(s.specCol[1], 1.0f),
-                                    Finite(s.specCol[2], 1.0f));
+            sm->specular.SetColor4f(Finite(s.specCol[0], 1.0f), Finite(s.specCol[1], 1.0f), Finite(s.specCol[2], 1.0f));
             sm->specularFactor = std::clamp(Finite(s.specAmt, 0.0f), 0.0f, 1.0f);
             sm->shininess = std::clamp(1.0f - Finite(s.rough, 1.0f), 0.0f, 1.0f);
         }
     }
     const uint32_t id = m->GetID();
-    if (untagged)
-        m_baseMaterial = id;
-    else
-        m_materialByName.emplace(name, m_materialOfTag[tag] = id);
+    if (untagged) m_baseMaterial = id;
+    else m_materialByName.emplace(name, m_materialOfTag[tag] = id);
     return id;
 }
 
@@ -495,11 +448,9 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     bool plain = true;
     for (size_t p = 0; p < npoly && plain; ++p)
         plain = l.polyKind[p] == kFace && l.polyOffsets[p + 1] - l.polyOffsets[p] >= 3;
-    if (plain)
-        plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
+    if (plain) plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
     if (plain) {
-        for (size_t p = 0; p < npoly; ++p)
-            faceOf[p] = static_cast<int32_t>(p);
+        for (size_t p = 0; p < npoly; ++p) faceOf[p] = static_cast<int32_t>(p);
         offsets = std::move(l.polyOffsets);
         indices = std::move(l.polyIndices);
     }
@@ -547,8 +498,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
 
     // Materials per face: PTAG MATR, the untagged ones the base material.
     std::vector<uint32_t> tagOf(npoly, kNone);
-    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2)
-        tagOf[l.matTag[i]] = l.matTag[i + 1];
+    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) tagOf[l.matTag[i]] = l.matTag[i + 1];
     materials.resize(nf);
     flags.resize(nf);
     for (size_t p = 0; p < npoly; ++p)
@@ -615,8 +565,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
             return c;
         };
         buildMap(
-            l.rgb, *vc->GetVCFaceList(),
-            [&](const RgbValue& e) { cp[static_cast<int>(e.vertex)] = color(e); },
+            l.rgb, *vc->GetVCFaceList(), [&](const RgbValue& e) { cp[static_cast<int>(e.vertex)] = color(e); },
             [&](const RgbValue& e) { return static_cast<uint32_t>(cp.Add(color(e))); });
     }
 
@@ -683,8 +632,7 @@ C3DScene* LxoLoader::Load() {
         size_t next = 0;
         std::vector<uint32_t> rest;
         for (uint32_t li : unbound) {
-            while (next < m_items.size() && (m_items[next].kind != Kind::Mesh || taken[next]))
-                ++next;
+            while (next < m_items.size() && (m_items[next].kind != Kind::Mesh || taken[next])) ++next;
             if (next < m_items.size()) {
                 layersOf[next].push_back(li);
                 taken[next++] = true;
@@ -707,8 +655,8 @@ C3DScene* LxoLoader::Load() {
         const int32_t p = FindItem(it.parent);
         if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Light) continue;
         Optics& light = m_optics[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
-        std::copy(m_optics[static_cast<size_t>(it.shading)].color,
-                  m_optics[static_cast<size_t>(it.shading)].color + 3, light.color);
+        std::copy(m_optics[static_cast<size_t>(it.shading)].color, m_optics[static_cast<size_t>(it.shading)].color + 3,
+                  light.color);
     }
     std::vector<int32_t> parentOf(n, -1);
     for (size_t i = 0; i < n; ++i) {

@@ -19,7 +19,7 @@
 #include "plugin/host/Scene.h"
 
 class LxoLoader : public LxoReader {
-  public:
+public:
     // Takes ownership of `stream`. `cancelled` is polled between chunks.
     LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled);
     ~LxoLoader() override;
@@ -37,8 +37,7 @@ class LxoLoader : public LxoReader {
     uint32_t OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t flags) override;
     uint32_t OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) override;
     uint32_t OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) override;
-    uint32_t OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension,
-                                  const float* values) override;
+    uint32_t OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) override;
     uint32_t OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) override;
     uint32_t OnItemBegin(const char* type, const char* name, uint32_t referenceID) override;
     uint32_t OnItemEnd() override;
@@ -54,7 +53,7 @@ class LxoLoader : public LxoReader {
 
     static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
-  private:
+private:
     enum class Kind : uint8_t {
         Other,
         Mesh,

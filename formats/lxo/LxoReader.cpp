@@ -61,8 +61,8 @@ uint32_t LxoReader::Read() {
         m_chunkStart = pos;
         uint8_t hdr[8];
         const size_t got = std::fread(hdr, 1, 4, m_file);
-        if (got == 0) return LXO_OK;            // the file ends between chunks
-        if (got < 4) return LXO_ERR_READ;        // cut inside an ID
+        if (got == 0) return LXO_OK;      // the file ends between chunks
+        if (got < 4) return LXO_ERR_READ; // cut inside an ID
         if (std::fread(hdr + 4, 1, 4, m_file) != 4) return LXO_ERR_READ;
         pos += 8;
         m_chunkID = (uint32_t(hdr[0]) << 24) | (uint32_t(hdr[1]) << 16) | (uint32_t(hdr[2]) << 8) | hdr[3];
@@ -274,10 +274,8 @@ uint32_t LxoReader::ReadChannelValue(uint16_t type, LxoChannelValue& out) {
         out.i = static_cast<int32_t>(v);
         return LXO_OK;
     }
-    case 2:
-        return ReadF4(&out.f);
-    case 3:
-        return ReadS0(out.text, sizeof(out.text));
+    case 2: return ReadF4(&out.f);
+    case 3: return ReadS0(out.text, sizeof(out.text));
     case 4: {
         uint32_t n = 0;
         if (uint32_t r = ReadU4(&n)) return r;
@@ -288,8 +286,7 @@ uint32_t LxoReader::ReadChannelValue(uint16_t type, LxoChannelValue& out) {
         Consume(n);
         return LXO_OK;
     }
-    default:
-        return LXO_ERR_UNSUPPORTED_TYPE;
+    default: return LXO_ERR_UNSUPPORTED_TYPE;
     }
 }
 
@@ -311,9 +308,9 @@ uint32_t LxoReader::ParseItemSubChunk(int context) { return context == 0 ? Dispa
 int LxoReader::NestingContext() { return 0; }
 int LxoReader::ItemNestingContext() { return 0; }
 
-#define LXO_TRY(expr)                                                                                              \
-    do {                                                                                                           \
-        if (uint32_t r_ = (expr)) return r_;                                                                       \
+#define LXO_TRY(expr)                                                                                                  \
+    do {                                                                                                               \
+        if (uint32_t r_ = (expr)) return r_;                                                                           \
     } while (0)
 
 uint32_t LxoReader::SubChunkLoop(int which) {
@@ -359,12 +356,8 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU4(w, 4));
         LXO_TRY(ReadS0(s1));
         return OnAppVersion(w[0], w[1], w[2], w[3], s1.c_str());
-    case PRNT:
-        LXO_TRY(ReadS0(s1));
-        return OnParent(s1.c_str());
-    case ENCO:
-        LXO_TRY(ReadU4(w));
-        return OnEncoding(w[0]);
+    case PRNT: LXO_TRY(ReadS0(s1)); return OnParent(s1.c_str());
+    case ENCO: LXO_TRY(ReadU4(w)); return OnEncoding(w[0]);
     case STAG:
     case TTGS:
         LXO_TRY(ReadU4(w));
@@ -386,9 +379,7 @@ uint32_t LxoReader::DispatchChunk() {
         }
         return OnChannelNames(w[0], m_channelNames);
     }
-    case BBOX:
-        LXO_TRY(ReadF4(f, 6));
-        return OnBoundingBox(f, f + 3);
+    case BBOX: LXO_TRY(ReadF4(f, 6)); return OnBoundingBox(f, f + 3);
     case PTAG: {
         LXO_TRY(ReadU4(w));
         m_words.clear();
@@ -412,14 +403,9 @@ uint32_t LxoReader::DispatchChunk() {
         }
         LXO_TRY(ReadToChunkEnd());
         return OnTags(m_tags);
-    case LAYR:
-        return DecodeLayer();
-    case SRF3:
-        LXO_TRY(ReadU4(w, 5));
-        return OnSurface(w[0], w[1], w[2], w[3], w[4]);
-    case GRP3:
-        LXO_TRY(ReadU4(w, 3));
-        return OnGroup(w[0], w[1], w[2]);
+    case LAYR: return DecodeLayer();
+    case SRF3: LXO_TRY(ReadU4(w, 5)); return OnSurface(w[0], w[1], w[2], w[3], w[4]);
+    case GRP3: LXO_TRY(ReadU4(w, 3)); return OnGroup(w[0], w[1], w[2]);
     case PNTS:
     case VRTS: {
         LXO_TRY(ReadToChunkEnd());
@@ -435,8 +421,7 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU4(m_words.data(), static_cast<size_t>(count) * 3));
         return OnTriangles(static_cast<uint32_t>(count), m_words.data());
     }
-    case POLS:
-        return DecodePolygons();
+    case POLS: return DecodePolygons();
     case VVEC: {
         LXO_TRY(ReadU4(w, 2));
         LXO_TRY(ReadS0(s1));
@@ -447,11 +432,8 @@ uint32_t LxoReader::DispatchChunk() {
         return OnVectors(w[0], w[1], s1.c_str(), static_cast<uint32_t>(count), m_floats.data());
     }
     case VMAP:
-    case VMAD:
-        return DecodeVertexMap(m_chunkID == VMAD);
-    case VMPA:
-        LXO_TRY(ReadU4(w, 2));
-        return OnVertexMapFlags(w[0], w[1]);
+    case VMAD: return DecodeVertexMap(m_chunkID == VMAD);
+    case VMPA: LXO_TRY(ReadU4(w, 2)); return OnVertexMapFlags(w[0], w[1]);
     case PRVW: {
         uint16_t wd = 0, ht = 0;
         LXO_TRY(ReadU2(wd));
@@ -491,9 +473,7 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU4(w));
         LXO_TRY(ReadS0(s1));
         return OnReferenceDelete(w[0], s1.c_str());
-    case LOPT:
-        LXO_TRY(ReadS0(s1));
-        return OnReferenceOptions(m_loptIndex++, s1.c_str());
+    case LOPT: LXO_TRY(ReadS0(s1)); return OnReferenceOptions(m_loptIndex++, s1.c_str());
     case ITEM:
         LXO_TRY(ReadS0(s1));
         LXO_TRY(ReadS0(s2));
@@ -513,8 +493,7 @@ uint32_t LxoReader::DispatchChunk() {
         LXO_TRY(ReadU4(w));
         LXO_TRY(OnAction(s1.c_str(), s2.c_str(), w[0]));
         return SubChunkLoop(2);
-    default:
-        return OnUnknownChunk(m_chunkID, m_chunkSize);
+    default: return OnUnknownChunk(m_chunkID, m_chunkSize);
     }
 }
 
@@ -624,25 +603,15 @@ uint32_t LxoReader::DispatchItemSubChunk() {
         LXO_TRY(ReadS0(s1));
         LXO_TRY(ReadS0(s2));
         return OnItemXref(w[0], s1.c_str(), s2.c_str());
-    case LAYR:
-        LXO_TRY(ReadU4(w, 3));
-        return OnItemLayer(w[0], w[1], w[2]);
-    case UNIQ:
-        LXO_TRY(ReadS0(s1));
-        return OnItemUnique(s1.c_str());
-    case VNAM:
-        LXO_TRY(ReadS0(s1));
-        return OnItemName(s1.c_str());
-    case UIDX:
-        LXO_TRY(ReadU4(w));
-        return OnItemIndex(w[0]);
+    case LAYR: LXO_TRY(ReadU4(w, 3)); return OnItemLayer(w[0], w[1], w[2]);
+    case UNIQ: LXO_TRY(ReadS0(s1)); return OnItemUnique(s1.c_str());
+    case VNAM: LXO_TRY(ReadS0(s1)); return OnItemName(s1.c_str());
+    case UIDX: LXO_TRY(ReadU4(w)); return OnItemIndex(w[0]);
     case LINK:
         LXO_TRY(ReadS0(s1));
         LXO_TRY(ReadU4(w, 2));
         return OnItemLink(s1.c_str(), w[0], w[1]);
-    case BBOX:
-        LXO_TRY(ReadF4(f, 6));
-        return OnItemBoundingBox(f, f + 3);
+    case BBOX: LXO_TRY(ReadF4(f, 6)); return OnItemBoundingBox(f, f + 3);
     case CLNK:
         LXO_TRY(ReadS0(s1));
         LXO_TRY(ReadS0(s2));
@@ -708,8 +677,7 @@ uint32_t LxoReader::DispatchItemSubChunk() {
         LXO_TRY(ReadS0(s1));
         LXO_TRY(ReadS0(s2));
         return OnUserChannel(s1.c_str(), s2.c_str());
-    default:
-        return OnUnknownItemSubChunk(m_subID, m_subSize);
+    default: return OnUnknownItemSubChunk(m_subID, m_subSize);
     }
 }
 
@@ -719,15 +687,9 @@ uint32_t LxoReader::DispatchEnvelopeSubChunk() {
     uint32_t w = 0;
     float f[3] = {};
     switch (m_subID) {
-    case PRE_:
-        LXO_TRY(ReadU2(u[0]));
-        return OnEnvelopePre(u[0]);
-    case POST:
-        LXO_TRY(ReadU2(u[0]));
-        return OnEnvelopePost(u[0]);
-    case KEY_:
-        LXO_TRY(ReadF4(f, 2));
-        return OnKey(f[0], f[1]);
+    case PRE_: LXO_TRY(ReadU2(u[0])); return OnEnvelopePre(u[0]);
+    case POST: LXO_TRY(ReadU2(u[0])); return OnEnvelopePost(u[0]);
+    case KEY_: LXO_TRY(ReadF4(f, 2)); return OnKey(f[0], f[1]);
     case IKEY:
         LXO_TRY(ReadF4(f));
         LXO_TRY(ReadU4(&w));
@@ -743,11 +705,8 @@ uint32_t LxoReader::DispatchEnvelopeSubChunk() {
         LXO_TRY(ReadU2(u[2]));
         LXO_TRY(ReadF4(f, 3));
         return OnKeyTangentOut(u[0], u[1], u[2], f[0], f[1], f[2]);
-    case FLAG:
-        LXO_TRY(ReadU4(&w));
-        return OnEnvelopeFlags(w);
-    default:
-        return OnUnknownEnvelopeSubChunk(m_subID, m_subSize);
+    case FLAG: LXO_TRY(ReadU4(&w)); return OnEnvelopeFlags(w);
+    default: return OnUnknownEnvelopeSubChunk(m_subID, m_subSize);
     }
 }
 
@@ -756,12 +715,8 @@ uint32_t LxoReader::DispatchActionSubChunk() {
     uint32_t w[3] = {};
     float f = 0;
     switch (m_subID) {
-    case PRNT:
-        LXO_TRY(ReadU4(w));
-        return OnActionParent(w[0]);
-    case ITEM:
-        LXO_TRY(ReadU4(w));
-        return OnActionItem(w[0]);
+    case PRNT: LXO_TRY(ReadU4(w)); return OnActionParent(w[0]);
+    case ITEM: LXO_TRY(ReadU4(w)); return OnActionItem(w[0]);
     case CHAN: {
         uint16_t index = 0, type = 0, env = 0;
         LXO_TRY(ReadU2(index));
@@ -779,17 +734,13 @@ uint32_t LxoReader::DispatchActionSubChunk() {
         LXO_TRY(ReadGradient(s1, w[0], w[1], s2, s3, hasIn, hasOut));
         return OnActionGradient(s1.c_str(), w[0], w[1], hasIn ? s2.c_str() : nullptr, hasOut ? s3.c_str() : nullptr);
     }
-    case AANI:
-        return OnAudio();
-    case AAIT:
-        LXO_TRY(ReadU4(w));
-        return OnAudioItem(w[0]);
+    case AANI: return OnAudio();
+    case AAIT: LXO_TRY(ReadU4(w)); return OnAudioItem(w[0]);
     case AASE:
         LXO_TRY(ReadU4(w, 3));
         LXO_TRY(ReadF4(&f));
         return OnAudioSettings(w[0], w[1], w[2], f);
-    default:
-        return OnUnknownActionSubChunk(m_subID, m_subSize);
+    default: return OnUnknownActionSubChunk(m_subID, m_subSize);
     }
 }
 

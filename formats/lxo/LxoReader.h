@@ -33,11 +33,11 @@ public:
     uint32_t Read();
 
     // ---- the handler table, in slot order ----
-    virtual uint32_t ParseChunk(int context);          // 0
-    virtual uint32_t ParseItemSubChunk(int context);   // 1
-    virtual ~LxoReader();                               // 2
-    virtual int NestingContext();                       // 3
-    virtual int ItemNestingContext();                   // 4
+    virtual uint32_t ParseChunk(int context);        // 0
+    virtual uint32_t ParseItemSubChunk(int context); // 1
+    virtual ~LxoReader();                            // 2
+    virtual int NestingContext();                    // 3
+    virtual int ItemNestingContext();                // 4
     virtual uint32_t OnChunkHeader(uint32_t id, uint32_t size);
     virtual uint32_t OnUnknownChunk(uint32_t id, uint32_t size);
     virtual uint32_t OnVersion(uint32_t major, uint32_t minor, const char* text);
@@ -58,7 +58,8 @@ public:
     virtual uint32_t OnTriangles(uint32_t count, const uint32_t* indices);
     virtual uint32_t OnTriangleTag(uint32_t type, const char* text);
     virtual uint32_t OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t flags);
-    virtual uint32_t OnVectors(uint32_t type, uint32_t dimension, const char* name, uint32_t count, const float* values);
+    virtual uint32_t OnVectors(uint32_t type, uint32_t dimension, const char* name, uint32_t count,
+                               const float* values);
     virtual uint32_t OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension);
     virtual uint32_t OnVertexMapFlags(uint32_t flags1, uint32_t flags2);
     virtual uint32_t OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values);
@@ -66,10 +67,10 @@ public:
     virtual uint32_t OnReservedHook();
     // Edge maps (VMED) are not among the chunks the base decodes; the slot stays for subclasses.
     virtual uint32_t OnEdgeMapValue(uint32_t from, uint32_t to, uint32_t dimension, const float* values);
-    virtual uint32_t OnPreview(uint32_t width, uint32_t height, uint32_t pixelType, uint32_t flags,
-                               uint32_t bytes, const uint8_t* data);
-    virtual uint32_t OnThumbnail(uint32_t width, uint32_t height, uint32_t channels, uint32_t flags,
-                                 uint32_t bytes, const uint8_t* data);
+    virtual uint32_t OnPreview(uint32_t width, uint32_t height, uint32_t pixelType, uint32_t flags, uint32_t bytes,
+                               const uint8_t* data);
+    virtual uint32_t OnThumbnail(uint32_t width, uint32_t height, uint32_t channels, uint32_t flags, uint32_t bytes,
+                                 const uint8_t* data);
     virtual uint32_t OnBake(uint32_t referenceID, uint32_t samples, float start, float samplesPerSecond);
     virtual uint32_t OnReferences(uint32_t count, const LxoStringList& references);
     virtual uint32_t OnReferenceDelete(uint32_t index, const char* item);
@@ -91,8 +92,8 @@ public:
     virtual uint32_t OnItemGradient(const char* channel, uint32_t envelope, uint32_t flags, const char* inType,
                                     const char* outType);
     virtual uint32_t OnItemTag(uint32_t type, const char* value);
-    virtual uint32_t OnItemPreview(uint32_t width, uint32_t height, uint32_t pixelType, uint32_t flags,
-                                   uint32_t bytes, const uint8_t* data);
+    virtual uint32_t OnItemPreview(uint32_t width, uint32_t height, uint32_t pixelType, uint32_t flags, uint32_t bytes,
+                                   const uint8_t* data);
     // CHAN without interpolation information.
     virtual uint32_t OnChannel(const char* name, const LxoChannelValue& value);
     // CHAN whose type word carries the envelope bit 0x10; `index` numbers the item's CHANs from 0.
@@ -211,8 +212,8 @@ private:
     uint32_t m_subSize = 0;
     uint64_t m_subUnread = 0;
     bool m_inSub = false;
-    int m_itemChannel = 0;     // CHAN ordinal within the current item
-    uint32_t m_loptIndex = 0;  // LOPT chunks seen, the reference index they report
+    int m_itemChannel = 0;    // CHAN ordinal within the current item
+    uint32_t m_loptIndex = 0; // LOPT chunks seen, the reference index they report
 
     // The loaded chunk: the cursor's remaining bytes are the chunk's unread bytes.
     std::unique_ptr<uint8_t[]> m_buf;

@@ -14,11 +14,11 @@
 #include "formats/lxo/LxoReader.h"
 #include "plugin/host/FaceList.h"
 #include "plugin/host/Material.h"
+#include "plugin/host/Object.h"
+#include "plugin/host/PointList.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/SceneNode.h"
 #include "plugin/host/XString.h"
-#include "plugin/host/Object.h"
-#include "plugin/host/PointList.h"
 
 namespace {
 
@@ -148,7 +148,7 @@ uint32_t WriteActions(LxoWriter& w, const LxoWriteData& data) {
         value();
         return s.Close();
     };
-    static const char* const kXyz[3] = {".X", ".Y", ".Z"}, *const kRgb[3] = {".R", ".G", ".B"};
+    static const char *const kXyz[3] = {".X", ".Y", ".Z"}, *const kRgb[3] = {".R", ".G", ".B"};
     for (const LxoItemData& it : data.items) {
         if (it.channels.empty() && it.vectors.empty()) continue;
         {

@@ -14,11 +14,11 @@ constexpr uint32_t LxoId(char a, char b, char c, char d) {
 // Result codes of every LXO operation.
 enum : uint32_t {
     LXO_OK = 0,
-    LXO_END_OF_DATA = 2,              // a handler asks to stop; the read loop counts it as success
+    LXO_END_OF_DATA = 2, // a handler asks to stop; the read loop counts it as success
     LXO_ERR_OUT_OF_MEMORY = 0x80000002u,
     LXO_ERR_UNSUPPORTED_TYPE = 0x80000003u,
     LXO_ERR_NO_FILE = 0x80000009u,
-    LXO_ERR_READ = 0x80000015u,       // short read, or a size beyond its container
+    LXO_ERR_READ = 0x80000015u, // short read, or a size beyond its container
     LXO_ERR_WRITE = 0x84000001u,
 };
 
@@ -105,12 +105,12 @@ struct LxoLayerInfo {
     uint16_t index = 0;
     uint16_t flags = 0;
     float pivot[3] = {0, 0, 0};
-    std::string name;          // at most 255 characters are kept
-    uint16_t parent = 0xFFFF;  // legacy parent index (0xFFFF: none)
-    uint32_t block5[5] = {};   // subdivision level, curve angle, scale pivot (F4 bit patterns)
-    uint32_t block6[6] = {};   // unused by the application
-    uint32_t referenceID = 0;  // the mesh item this layer belongs to
-    uint16_t tail[4] = {};     // spline patch level, then reserved
+    std::string name;         // at most 255 characters are kept
+    uint16_t parent = 0xFFFF; // legacy parent index (0xFFFF: none)
+    uint32_t block5[5] = {};  // subdivision level, curve angle, scale pivot (F4 bit patterns)
+    uint32_t block6[6] = {};  // unused by the application
+    uint32_t referenceID = 0; // the mesh item this layer belongs to
+    uint16_t tail[4] = {};    // spline patch level, then reserved
 
     float SubdivisionLevel() const;
     float CurveAngle() const;
@@ -121,11 +121,11 @@ struct LxoLayerInfo {
 
 // One decoded channel value (CHAN, CHNV elements, action CHAN).
 struct LxoChannelValue {
-    uint16_t type = 0;      // the type word as stored
-    int kind = 0;           // 1 integer, 2 float, 3 string, 4 variable-length data
+    uint16_t type = 0; // the type word as stored
+    int kind = 0;      // 1 integer, 2 float, 3 string, 4 variable-length data
     int32_t i = 0;
     float f = 0;
-    char text[1024] = {};   // kind 3; longer strings are cut to 1023 characters
+    char text[1024] = {};          // kind 3; longer strings are cut to 1023 characters
     const uint8_t* data = nullptr; // kind 4: valid while the handler runs
     uint32_t dataSize = 0;
 };

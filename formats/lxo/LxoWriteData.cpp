@@ -235,7 +235,7 @@ void LxoWriteData::CollectChannelNames() {
     auto add = [&](const std::string& n) {
         if (channelIndex.emplace(n, static_cast<uint32_t>(channelNames.size())).second) channelNames.push_back(n);
     };
-    static const char* const kXyz[3] = {".X", ".Y", ".Z"}, *const kRgb[3] = {".R", ".G", ".B"};
+    static const char *const kXyz[3] = {".X", ".Y", ".Z"}, *const kRgb[3] = {".R", ".G", ".B"};
     for (const LxoItemData& it : items) {
         for (const LxoItemChannel& c : it.channels) add(c.name);
         // The setup action repeats vector channels component by component.
@@ -442,7 +442,8 @@ bool LxoWriteData::Build(const C3DScene& scene, std::string* error) {
             it.channels.push_back(Float("focalLen", focal));
             it.channels.push_back(Float("apertureX", apY * 1.5f));
             it.channels.push_back(Float("apertureY", apY));
-            it.channels.push_back(Text("projType", cam->GetProjection() == PROJECTION_ORTHOGRAPHIC ? "ortho" : "persp"));
+            it.channels.push_back(
+                Text("projType", cam->GetProjection() == PROJECTION_ORTHOGRAPHIC ? "ortho" : "persp"));
         } else if (kind == KINDOF_LIGHT) {
             anything = true;
             const auto* light = static_cast<const C3DLight*>(o);

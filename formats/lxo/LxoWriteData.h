@@ -40,23 +40,23 @@ struct LxoItemLink {
 struct LxoItemData {
     std::string type, name, unique;
     uint32_t id = 0;
-    bool hasLayer = false;          // locators: the LAYR sub-chunk
+    bool hasLayer = false; // locators: the LAYR sub-chunk
     uint32_t layerIndex = 0;
     std::vector<LxoItemLink> links;
-    std::vector<LxoItemChannel> channels;               // CHAN
-    std::vector<LxoItemVector> vectors;                 // CHNV
+    std::vector<LxoItemChannel> channels;                     // CHAN
+    std::vector<LxoItemVector> vectors;                       // CHNV
     std::vector<std::pair<std::string, std::string>> strings; // CHNS
 };
 
 struct LxoLayerData {
     LxoLayerInfo info;
-    LxoLayerMesh mesh;          // faces (object null for a curve-only layer)
+    LxoLayerMesh mesh;               // faces (object null for a curve-only layer)
     const C3DCurve* curve = nullptr; // poly-lines written as LINE polygons
 };
 
 struct LxoWriteData {
     std::vector<std::string> tags;
-    std::vector<std::string> channelNames; // "unknown" first
+    std::vector<std::string> channelNames;                  // "unknown" first
     std::unordered_map<std::string, uint32_t> channelIndex; // name -> position in channelNames
     std::vector<LxoLayerData> layers;
     std::vector<LxoItemData> items;

@@ -286,8 +286,7 @@ uint32_t LxoVertexMapChunk::Add(uint32_t vertex, const float* values) {
     return m_writer.WriteF4(values, m_dim);
 }
 
-LxoVertexMapDiscChunkEx::LxoVertexMapDiscChunkEx(LxoWriter& w, uint32_t type, uint16_t dimension,
-                                                 std::string_view name)
+LxoVertexMapDiscChunkEx::LxoVertexMapDiscChunkEx(LxoWriter& w, uint32_t type, uint16_t dimension, std::string_view name)
     : LxoVertexMapChunk(w, lxoid::VMAD, type, dimension, name) {}
 
 uint32_t LxoVertexMapDiscChunkEx::Add(uint32_t vertex, uint32_t polygon, const float* values) {
@@ -302,8 +301,7 @@ Lxo3dGroupChunk::Lxo3dGroupChunk(LxoWriter& w, uint32_t surfaces, uint32_t refer
     w.WriteU4(v, 3);
 }
 
-LxoTextTagChunk::LxoTextTagChunk(LxoWriter& w, uint32_t id, uint32_t type, std::string_view text)
-    : LxoChunk(w, id) {
+LxoTextTagChunk::LxoTextTagChunk(LxoWriter& w, uint32_t id, uint32_t type, std::string_view text) : LxoChunk(w, id) {
     w.WriteU4(type);
     w.WriteS0(text);
 }

@@ -84,9 +84,12 @@ void CMayaAsciiIo::WriteCurve(meshio::COutText& out, const CXStringW& name, cons
     for (int i = 0; i < n; ++i, p += 3) {
         Line(out);
         out.Put("-p ");
-        out.F6(p[0]); out.Put(' ');
-        out.F6(p[1]); out.Put(' ');
-        out.F6(p[2]); out.Put(' ');
+        out.F6(p[0]);
+        out.Put(' ');
+        out.F6(p[1]);
+        out.Put(' ');
+        out.F6(p[2]);
+        out.Put(' ');
         out.Put(i + 1 < n ? "\n" : ";\n");
     }
     --m_state;
@@ -124,9 +127,12 @@ void CMayaAsciiIo::WriteMesh(meshio::COutText& out, const CXStringW& name, C3DGe
     const float* p = points->GetData();
     for (int i = 0; i < P; ++i, p += 3) {
         Line(out);
-        out.F6(p[0]); out.Put(' ');
-        out.F6(p[1]); out.Put(' ');
-        out.F6(p[2]); out.Put(' ');
+        out.F6(p[0]);
+        out.Put(' ');
+        out.F6(p[1]);
+        out.Put(' ');
+        out.F6(p[2]);
+        out.Put(' ');
         out.Put(i + 1 < P ? "\n" : ";\n");
     }
     --m_state;

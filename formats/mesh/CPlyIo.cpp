@@ -15,7 +15,7 @@
 
 namespace {
 constexpr uint64_t kPlyPrepFlags = PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_FACE_NORMALS | PREP_KEEP_VERTEX_COLORS |
-                                  PREP_WORLD_SPACE | PREP_MERGE | PREP_MATERIALS | PREP_MESHES;
+                                   PREP_WORLD_SPACE | PREP_MERGE | PREP_MATERIALS | PREP_MESHES;
 constexpr uint32_t kPlyProfile = 68;
 // The list counts are single bytes: a face holds at most 255 vertices, and a textured
 // face at most 127 (its texcoord list has two entries per vertex).

@@ -25,11 +25,10 @@
 namespace {
 
 constexpr uint64_t kStlPrepFlags = PREP_SPLIT_LARGE | PREP_DROP_EMPTY | PREP_FACE_NORMALS | PREP_WORLD_SPACE |
-                                  PREP_MERGE | PREP_TRIANGULATE | PREP_MATERIALS | PREP_MESHES;
+                                   PREP_MERGE | PREP_TRIANGULATE | PREP_MATERIALS | PREP_MESHES;
 constexpr size_t kHeader = 80;
 constexpr size_t kRecord = 50;
 constexpr int kMaxWord = 1024;
-
 
 constexpr size_t kBlock = 1024; // binary records converted per step
 // From this many records a binary read is worth a second thread (about 8 MB of arrays).
@@ -235,7 +234,8 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     auto releaseBehind = [&] {
         const std::lock_guard<std::mutex> hold(releaseLock);
         release.At(reinterpret_cast<const char*>(
-            records + std::min(doneA.load(std::memory_order_relaxed), doneB.load(std::memory_order_relaxed)) * kRecord));
+            records +
+            std::min(doneA.load(std::memory_order_relaxed), doneB.load(std::memory_order_relaxed)) * kRecord));
     };
     auto stopNow = [&] {
         if (cancel && cancel->load(std::memory_order_relaxed)) stop.store(true, std::memory_order_relaxed);
@@ -263,8 +263,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
     auto ownsNormalIndices = [](size_t first, size_t side) { return first / kSlice % 2 == side; };
     auto normalIndices = [&](size_t first, size_t b) {
         for (size_t i = first; i < first + b; ++i)
-            normalIndexAt[i * 3] = normalIndexAt[i * 3 + 1] = normalIndexAt[i * 3 + 2] =
-                static_cast<uint32_t>(i);
+            normalIndexAt[i * 3] = normalIndexAt[i * 3 + 1] = normalIndexAt[i * 3 + 2] = static_cast<uint32_t>(i);
     };
 
     auto geometry = [&] {
@@ -278,8 +277,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t i = first; i < first + b; ++i, rec += kRecord) {
-                    for (int q = 0; q < 9; ++q)
-                        pointAt[i * 9 + q] = LoadF32le(rec + 12 + 4 * q);
+                    for (int q = 0; q < 9; ++q) pointAt[i * 9 + q] = LoadF32le(rec + 12 + 4 * q);
                     const uint32_t base = static_cast<uint32_t>(i) * 3;
                     vertexAt[base] = base;
                     vertexAt[base + 1] = base + 1;
@@ -321,8 +319,7 @@ C3DScene* CStlIo::ReadBinary(std::span<const uint8_t> data) {
             },
             [&](size_t first, size_t b, const uint8_t* rec) {
                 for (size_t i = first; i < first + b; ++i, rec += kRecord) {
-                    for (int q = 0; q < 3; ++q)
-                        normalAt[i * 3 + q] = LoadF32le(rec + 4 * q);
+                    for (int q = 0; q < 3; ++q) normalAt[i * 3 + q] = LoadF32le(rec + 4 * q);
                     const uint32_t end = static_cast<uint32_t>(i) * 3 + 3;
                     offsetAt[i + 1] = end;
                     normalOffsetAt[i + 1] = end;
@@ -598,7 +595,9 @@ bool CStlIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
                 for (int k = 0; k < 3; ++k) {
                     float c4[4];
                     (*vcp)[static_cast<int>(cf[k])].GetColor4f(c4, 255.0f);
-                    sum[0] += c4[0]; sum[1] += c4[1]; sum[2] += c4[2];
+                    sum[0] += c4[0];
+                    sum[1] += c4[1];
+                    sum[2] += c4[2];
                 }
                 for (int k = 0; k < 3; ++k) col[k] = static_cast<float>(sum[k] / 3.0);
                 fromChannel = true;
@@ -608,7 +607,9 @@ bool CStlIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptions& o
             if (const C3DMaterial* m = scene->GetMaterialByID(faces->GetMaterialID(i))) {
                 float c4[4];
                 m->diffuse.GetColor4f(c4, 255.0f);
-                col[0] = c4[0]; col[1] = c4[1]; col[2] = c4[2];
+                col[0] = c4[0];
+                col[1] = c4[1];
+                col[2] = c4[2];
             }
         }
         PutU16le(rec + 48, PackColor(col[0], col[1], col[2]));

@@ -32,9 +32,12 @@ CXStringW MaterialName(const C3DMaterial& m) {
 
 void ColorLine(meshio::COutText& out, const char* key, const CRGBColor& c) {
     out.Put(key);
-    out.F6(c.r / 255.0); out.Put(' ');
-    out.F6(c.g / 255.0); out.Put(' ');
-    out.F6(c.b / 255.0); out.Put('\n');
+    out.F6(c.r / 255.0);
+    out.Put(' ');
+    out.F6(c.g / 255.0);
+    out.Put(' ');
+    out.F6(c.b / 255.0);
+    out.Put('\n');
 }
 } // namespace
 
@@ -85,7 +88,8 @@ C3DScene* CWavefrontIo::Read(const CXStringW& path, CSceneImportOptions& options
             if (fileIsPathRelative(p)) p = folder + p;
             // The canonical path: "./m.mtl", ".//m.mtl", "sub/../m.mtl" and links are one file.
             std::error_code ec;
-            const std::filesystem::path canonical = std::filesystem::canonical(std::filesystem::path(PathToUtf8(p)), ec);
+            const std::filesystem::path canonical =
+                std::filesystem::canonical(std::filesystem::path(PathToUtf8(p)), ec);
             if (ec || std::filesystem::is_directory(canonical, ec)) return false;
             key = canonical.string();
             if (!bytes) return true;
@@ -157,9 +161,12 @@ bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOpti
                 const float* p = points->GetData();
                 for (int i = 0; i < np; ++i, p += 3) {
                     out.Put("v ");
-                    out.F6(p[0]); out.Put(' ');
-                    out.F6(p[1]); out.Put(' ');
-                    out.F6(p[2]); out.Put('\n');
+                    out.F6(p[0]);
+                    out.Put(' ');
+                    out.F6(p[1]);
+                    out.Put(' ');
+                    out.F6(p[2]);
+                    out.Put('\n');
                 }
 
                 // Normals: the explicit channel, or smooth normals made for this write only.
@@ -197,9 +204,12 @@ bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOpti
                     for (int i = 0; i < nvCount; ++i) {
                         if (normalNumber[static_cast<size_t>(i)] <= 0) continue;
                         out.Put("vn ");
-                        out.F6(v[i * 3]); out.Put(' ');
-                        out.F6(v[i * 3 + 1]); out.Put(' ');
-                        out.F6(v[i * 3 + 2]); out.Put('\n');
+                        out.F6(v[i * 3]);
+                        out.Put(' ');
+                        out.F6(v[i * 3 + 1]);
+                        out.Put(' ');
+                        out.F6(v[i * 3 + 2]);
+                        out.Put('\n');
                     }
                 }
 
@@ -220,8 +230,10 @@ bool CWavefrontIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOpti
                     const float* t = uv->GetUVWPointList()->GetData();
                     for (int i = 0; i < uvCount; ++i) {
                         out.Put("vt ");
-                        out.F6(t[i * 3]); out.Put(' ');
-                        out.F6(-t[i * 3 + 1]); out.Put('\n');
+                        out.F6(t[i * 3]);
+                        out.Put(' ');
+                        out.F6(-t[i * 3 + 1]);
+                        out.Put('\n');
                     }
                 }
                 auto uvFaceOk = [&](int f) {

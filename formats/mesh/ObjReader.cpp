@@ -49,7 +49,6 @@ struct MtlRecord {
     std::unique_ptr<MtlMap> colorMap, bumpMap, normalMap;
 };
 
-
 // "%d" for face indices. Plain face lines never get here (the quick path takes them),
 // so the scanner's exact rules are all this needs.
 inline bool ReadIndex(TextCursor& c, int& v) { return c.ReadInt(v); }
@@ -86,8 +85,7 @@ std::unique_ptr<MtlMap> ParseMap(std::string_view rest) {
             // Another option: skip it and its numeric arguments.
             c.SkipWord();
             float dummy;
-            while (c.ReadFloat(dummy)) {
-            }
+            while (c.ReadFloat(dummy)) {}
             continue;
         }
         break;
@@ -133,7 +131,11 @@ size_t LineChars(std::string_view s, bool latin1) {
     size_t chars = 0, i = 0;
     while (i < s.size()) {
         const uint8_t c = static_cast<uint8_t>(s[i]);
-        size_t n = c < 0x80 ? 0 : (c >= 0xC2 && c <= 0xDF) ? 1 : (c >= 0xE0 && c <= 0xEF) ? 2 : (c >= 0xF0 && c <= 0xF4) ? 3 : 0;
+        size_t n = c < 0x80                   ? 0
+                   : (c >= 0xC2 && c <= 0xDF) ? 1
+                   : (c >= 0xE0 && c <= 0xEF) ? 2
+                   : (c >= 0xF0 && c <= 0xF4) ? 3
+                                              : 0;
         bool whole = i + n < s.size();
         for (size_t k = 1; whole && k <= n; ++k) whole = (static_cast<uint8_t>(s[i + k]) & 0xC0) == 0x80;
         i += whole ? n + 1 : 1;
@@ -143,15 +145,15 @@ size_t LineChars(std::string_view s, bool latin1) {
 }
 
 CXStringW NameFromBytes(std::string_view bytes, int textMode) {
-    if (textMode == TEXT_MODE_AUTO) return IsValidUtf8(bytes) ? CXStringW(Utf8ToWide(bytes)) : CXStringW(WidenBytes(bytes));
+    if (textMode == TEXT_MODE_AUTO)
+        return IsValidUtf8(bytes) ? CXStringW(Utf8ToWide(bytes)) : CXStringW(WidenBytes(bytes));
     return DecodeName(bytes, textMode);
 }
 
 // An array filled front to back into room made ahead: `v` is sized to what the first
 // pass counted, and `n` says how much of it holds data. A face writes its indices with no
 // capacity check each, and a face given up part way is dropped by not counting it.
-template <class T>
-struct Filling {
+template <class T> struct Filling {
     hostmem::ZeroedArray<T> v; // sizing it writes nothing: each entry is written once, by the fill
     size_t n = 0;
     void SizeFor(size_t count) {
@@ -203,7 +205,9 @@ class CGroupIndex {
 public:
     CGroupIndex()
         : m_mix((static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
-                 reinterpret_cast<uintptr_t>(this)) * 0x9E3779B97F4A7C15ull | 1) {}
+                 reinterpret_cast<uintptr_t>(this)) *
+                    0x9E3779B97F4A7C15ull |
+                1) {}
 
     // The index stored for `name`, or `fresh` after storing it there.
     uint32_t FindOrAdd(std::string_view name, uint32_t fresh, const std::vector<GroupName>& names) {
@@ -252,8 +256,8 @@ constexpr size_t kQuickFaceMax = 64;
 
 class CObjParser {
 public:
-    CObjParser(std::string_view text, int textMode, const MtlLoader& loader, CFileIo& io,
-               CSceneImportOptions& options, const IoFile* file)
+    CObjParser(std::string_view text, int textMode, const MtlLoader& loader, CFileIo& io, CSceneImportOptions& options,
+               const IoFile* file)
         : m_text(text), m_end(text.data() + text.size()), m_mode(textMode), m_loader(loader), m_io(io),
           m_options(options), m_release(file, text) {}
 
@@ -273,8 +277,7 @@ private:
     Group& Current();
     void ReadMtl(std::string_view name);
     void CreateMaterials();
-    template <int N>
-    bool ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const;
+    template <int N> bool ReadFloatsFast(const char* p, float* out, const char*& lineEnd) const;
     const char* QuickVertex(const char* p, RawVertex& v, FaceForm& form, bool& same) const;
     bool ReadFaceFast(const char* p, const char*& lineEnd);
     void ReadFaceSlow(std::string_view rest);
@@ -286,8 +289,7 @@ private:
     // inline; the work behind it is not.
     bool Poll(const char* at, bool second) { return --m_pollIn == 0 && PollNow(at, second); }
     bool PollNow(const char* at, bool second);
-    template <bool kUv, bool kN, bool kSame = false>
-    bool EmitQuick(const RawVertex* raw, size_t cnt);
+    template <bool kUv, bool kN, bool kSame = false> bool EmitQuick(const RawVertex* raw, size_t cnt);
 
     std::string_view m_text;
     const char* m_end = nullptr;
@@ -364,9 +366,8 @@ void CObjParser::ReadMtl(std::string_view name) {
         return;
     }
     std::string storage;
-    std::string_view text =
-        PrepareText(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), m_mode,
-                    storage);
+    std::string_view text = PrepareText(
+        std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), m_mode, storage);
     ParseMtl(text, m_mtl);
 }
 
@@ -390,8 +391,8 @@ bool CObjParser::CountPass() {
         if (m_nv != 0) {
             ObjLineCounts c;
             p = CountObjLines(
-                p, m_end, c, [](void* self, const char* at) { return static_cast<CObjParser*>(self)->PollNow(at, false); },
-                this);
+                p, m_end, c,
+                [](void* self, const char* at) { return static_cast<CObjParser*>(self)->PollNow(at, false); }, this);
             m_nv += c.v;
             m_nt += c.vt;
             m_nn += c.vn;
@@ -433,9 +434,7 @@ bool CObjParser::CountPass() {
                     else if (c2 == 't') ++m_nt;
                 }
                 break;
-            case 'g':
-                m_current = GroupFor(textscan::Trim(line.substr(1)));
-                break;
+            case 'g': m_current = GroupFor(textscan::Trim(line.substr(1))); break;
             case 'o': {
                 TextCursor c(line.substr(1));
                 std::string_view w;
@@ -449,8 +448,7 @@ bool CObjParser::CountPass() {
                     if (!name.empty()) ReadMtl(name);
                 }
                 break;
-            default:
-                break;
+            default: break;
             }
         }
         if (Poll(p, false)) return false;
@@ -472,9 +470,8 @@ constexpr std::array<uint8_t, 256> kVertexKind = [] {
 // 64 bytes per step: line starts and token starts come out of two bit masks, so a line
 // costs a few instructions rather than a scan of its own. K gives the masks and counts
 // their bits; the body is inlined into each caller so that it takes the caller's target.
-template <class K>
-[[gnu::always_inline]] inline const char* CountLinesWith(const char* p, const char* end, ObjLineCounts& c,
-                                                         ObjCountPoll poll, void* ctx) {
+template <class K> [[gnu::always_inline]] inline const char*
+CountLinesWith(const char* p, const char* end, ObjLineCounts& c, ObjCountPoll poll, void* ctx) {
     constexpr int kPollBlocks = 32;
     uint64_t prevBreak = 1, prevSpace = 1; // p starts a line or is on a break
     uint64_t inFace = 0;                   // 1: the block starts inside an "f" line
@@ -773,8 +770,7 @@ bool CObjParser::ReadFaceFast(const char* p, const char*& lineEnd) {
 // left to EmitFace, which handles the group's first face, bad indices and channels that
 // start or stop part way. `kSame`: every vertex is "a/a/a" with an unsigned a, so its
 // three indices resolve alike (a - 1, in range when below all three counts).
-template <bool kUv, bool kN, bool kSame>
-bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
+template <bool kUv, bool kN, bool kSame> bool CObjParser::EmitQuick(const RawVertex* raw, size_t cnt) {
     Group& g = Current();
     if (cnt == 0 || g.offsets.n == 0 || g.hasUv != kUv || g.hasN != kN || g.pos.n + cnt >= UINT32_MAX) return false;
     // One loop for all channels (its exit is the one unpredictable branch per face). The
@@ -876,13 +872,19 @@ void CObjParser::EmitFace(FaceForm form) {
         ++kept;
         if (wantUv) {
             const int64_t ti = Resolve(r.t, m_readT, m_nt);
-            if (ti < 0) { uvOk = false; Warn(); }
+            if (ti < 0) {
+                uvOk = false;
+                Warn();
+            }
             r.t = static_cast<int>(ti < 0 ? 0 : ti);
             oneIndex &= ti == pi;
         }
         if (wantN) {
             const int64_t ni = Resolve(r.n, m_readN, m_nn);
-            if (ni < 0) { nOk = false; Warn(); }
+            if (ni < 0) {
+                nOk = false;
+                Warn();
+            }
             r.n = static_cast<int>(ni < 0 ? 0 : ni);
             oneIndex &= ni == pi;
         }
@@ -957,8 +959,7 @@ void CObjParser::OtherRecord(std::string_view line) {
             }
         }
         break;
-    default:
-        break;
+    default: break;
     }
 }
 
@@ -1020,8 +1021,8 @@ bool CObjParser::FillPass() {
 // Renumbers `idx` in place by order of first use of each file index (skipping the faces
 // flagged unusable when `flags` is given), and puts the file indices in local order into
 // `used`. One `used` serves all channels: fresh memory costs a page fault per 4 KiB.
-void Renumber(const CFaceList::IndexArray& offsets, CFaceList::IndexArray& idx,
-              const CFaceList::FlagArray* flags, std::vector<int32_t>& remap, std::vector<uint32_t>& used) {
+void Renumber(const CFaceList::IndexArray& offsets, CFaceList::IndexArray& idx, const CFaceList::FlagArray* flags,
+              std::vector<int32_t>& remap, std::vector<uint32_t>& used) {
     used.clear();
     const size_t nf = offsets.size() - 1;
     if (!flags || std::none_of(flags->begin(), flags->end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; })) {
@@ -1064,8 +1065,7 @@ void Renumber(const CFaceList::IndexArray& offsets, CFaceList::IndexArray& idx,
 // index stream was the positions' takes their renumbered indices and order.
 const std::vector<uint32_t>& Renumbered(bool shared, const Group& g, CFaceList::IndexArray& idx,
                                         const CFaceList::FlagArray& flags, std::vector<int32_t>& remap,
-                                        const std::vector<uint32_t>& positionsOrder,
-                                        std::vector<uint32_t>& own) {
+                                        const std::vector<uint32_t>& positionsOrder, std::vector<uint32_t>& own) {
     if (shared) {
         std::copy(g.pos.v.begin(), g.pos.v.end(), idx.begin());
         return positionsOrder;
@@ -1102,8 +1102,7 @@ bool CObjParser::BuildScene() {
             if (!has) return false;
             if (g.oneStream) return true;
             return idx.v.size() == g.pos.v.size() &&
-                   std::none_of(flags.v.begin(), flags.v.end(),
-                                [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
+                   std::none_of(flags.v.begin(), flags.v.end(), [](uint8_t f) { return (f & FACE_SKIP) != 0; }) &&
                    std::equal(idx.v.begin(), idx.v.end(), g.pos.v.begin());
         };
         const bool uvShared = sameAsPositions(g.hasUv, g.uv, g.uvFlags);
@@ -1147,25 +1146,21 @@ bool CObjParser::BuildScene() {
         }
         if (g.hasN) {
             auto* ch = new CSpecNormalChannel();
-            const std::vector<uint32_t>& order =
-                Renumbered(nShared, g, g.nrm.v, g.nFlags.v, remap, used, used);
+            const std::vector<uint32_t>& order = Renumbered(nShared, g, g.nrm.v, g.nFlags.v, remap, used, used);
             C3DVectorList* nv = ch->GetNormalVectorList();
             nv->SetSize(static_cast<int>(order.size()));
             float* d = nv->GetData();
-            for (size_t i = 0; i < order.size(); ++i)
-                std::memcpy(d + i * 3, &m_n[size_t(order[i]) * 3], 12);
+            for (size_t i = 0; i < order.size(); ++i) std::memcpy(d + i * 3, &m_n[size_t(order[i]) * 3], 12);
             g.nrm.v.shrink_to_fit();
             if (ch->GetNormalFaceList()->Adopt(offsetsCopy(), std::move(g.nrm.v), std::move(g.nFlags.v)))
                 obj->AddChannel(ch, -1);
-            else
-                delete ch;
+            else delete ch;
         }
         auto* faces = new C3DFaceList();
         g.pos.v.shrink_to_fit();
         g.offsets.v.shrink_to_fit();
         g.materials.v.shrink_to_fit();
-        faces->Adopt(std::move(g.offsets.v), std::move(g.pos.v), CFaceList::FlagArray(nf),
-                     std::move(g.materials.v));
+        faces->Adopt(std::move(g.offsets.v), std::move(g.pos.v), CFaceList::FlagArray(nf), std::move(g.materials.v));
         obj->SetFaceList(faces, true);
     }
     return m_scene->GetNodeCount() > 0;
@@ -1174,12 +1169,18 @@ bool CObjParser::BuildScene() {
 ObjReadResult CObjParser::Run() {
     ObjReadResult res;
     const bool counted = CountPass();
-    if (m_cancelled) { res.status = ObjStatus::Cancelled; return res; }
+    if (m_cancelled) {
+        res.status = ObjStatus::Cancelled;
+        return res;
+    }
     if (!counted) return res;
     m_scene = std::make_unique<C3DScene>();
     CreateMaterials();
     FillPass();
-    if (m_cancelled) { res.status = ObjStatus::Cancelled; return res; }
+    if (m_cancelled) {
+        res.status = ObjStatus::Cancelled;
+        return res;
+    }
     m_v.shrink_to_fit();
     if (!BuildScene()) return res;
     res.scene = m_scene.release();

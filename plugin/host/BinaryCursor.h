@@ -30,30 +30,47 @@ public:
         return count * elemSize <= remaining();
     }
     bool seek(size_t p) {
-        if (p > m_size) { m_failed = true; return false; }
+        if (p > m_size) {
+            m_failed = true;
+            return false;
+        }
         m_pos = p;
         return true;
     }
     bool skip(uint64_t n) {
-        if (n > remaining()) { m_failed = true; return false; }
+        if (n > remaining()) {
+            m_failed = true;
+            return false;
+        }
         m_pos += static_cast<size_t>(n);
         return true;
     }
     bool read(void* out, size_t n) {
-        if (n > remaining()) { m_failed = true; return false; }
+        if (n > remaining()) {
+            m_failed = true;
+            return false;
+        }
         std::memcpy(out, m_data + m_pos, n);
         m_pos += n;
         return true;
     }
     // A cursor over the next n bytes (this cursor advances past them); a failed cursor when short.
     CBinaryCursor sub(uint64_t n) {
-        if (n > remaining()) { m_failed = true; CBinaryCursor c; c.m_failed = true; return c; }
+        if (n > remaining()) {
+            m_failed = true;
+            CBinaryCursor c;
+            c.m_failed = true;
+            return c;
+        }
         CBinaryCursor c(m_data + m_pos, static_cast<size_t>(n));
         m_pos += static_cast<size_t>(n);
         return c;
     }
     std::span<const uint8_t> bytes(uint64_t n) {
-        if (n > remaining()) { m_failed = true; return {}; }
+        if (n > remaining()) {
+            m_failed = true;
+            return {};
+        }
         std::span<const uint8_t> s(m_data + m_pos, static_cast<size_t>(n));
         m_pos += static_cast<size_t>(n);
         return s;
@@ -82,7 +99,10 @@ public:
         size_t lim = remaining();
         if (maxLen != SIZE_MAX && maxLen + 1 < lim) lim = maxLen + 1;
         const void* z = std::memchr(m_data + m_pos, 0, lim);
-        if (!z) { m_failed = true; return false; }
+        if (!z) {
+            m_failed = true;
+            return false;
+        }
         size_t n = static_cast<const uint8_t*>(z) - (m_data + m_pos);
         out = std::string_view(reinterpret_cast<const char*>(m_data + m_pos), n);
         m_pos += n + 1;
@@ -91,7 +111,11 @@ public:
 
 private:
     template <typename T, bool BigEndian> T get() {
-        if (sizeof(T) > remaining()) { m_failed = true; m_pos = m_size; return 0; }
+        if (sizeof(T) > remaining()) {
+            m_failed = true;
+            m_pos = m_size;
+            return 0;
+        }
         T v;
         std::memcpy(&v, m_data + m_pos, sizeof(T));
         m_pos += sizeof(T);
@@ -112,9 +136,19 @@ private:
 };
 
 // Little-/big-endian stores into a byte buffer (writers).
-inline void PutU16le(uint8_t* p, uint16_t v) { p[0] = uint8_t(v); p[1] = uint8_t(v >> 8); }
-inline void PutU32le(uint8_t* p, uint32_t v) { for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (8 * i)); }
-inline void PutU16be(uint8_t* p, uint16_t v) { p[0] = uint8_t(v >> 8); p[1] = uint8_t(v); }
-inline void PutU32be(uint8_t* p, uint32_t v) { for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (24 - 8 * i)); }
+inline void PutU16le(uint8_t* p, uint16_t v) {
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+}
+inline void PutU32le(uint8_t* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (8 * i));
+}
+inline void PutU16be(uint8_t* p, uint16_t v) {
+    p[0] = uint8_t(v >> 8);
+    p[1] = uint8_t(v);
+}
+inline void PutU32be(uint8_t* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) p[i] = uint8_t(v >> (24 - 8 * i));
+}
 inline void PutF32le(uint8_t* p, float f) { PutU32le(p, std::bit_cast<uint32_t>(f)); }
 inline void PutF32be(uint8_t* p, float f) { PutU32be(p, std::bit_cast<uint32_t>(f)); }

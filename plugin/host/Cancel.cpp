@@ -8,9 +8,7 @@ thread_local ProgressSink t_sink = nullptr;
 thread_local void* t_sinkUser = nullptr;
 } // namespace
 
-bool ShouldCancelThread(int) {
-    return t_token != nullptr && t_token->load(std::memory_order_relaxed);
-}
+bool ShouldCancelThread(int) { return t_token != nullptr && t_token->load(std::memory_order_relaxed); }
 
 void SetThreadCancelToken(std::atomic<bool>* token) { t_token = token; }
 

@@ -113,7 +113,10 @@ void CSpecNormalChannel::GenerateNormals(const C3DPointList& points, const CFace
             C3DVector nrm = sum.Normalized();
             uint32_t found = UINT32_MAX;
             for (uint32_t v = firstNew; v < static_cast<uint32_t>(m_vectors.GetSize()); ++v)
-                if (m_vectors[static_cast<int>(v)] == nrm) { found = v; break; }
+                if (m_vectors[static_cast<int>(v)] == nrm) {
+                    found = v;
+                    break;
+                }
             if (found == UINT32_MAX) found = static_cast<uint32_t>(m_vectors.Add(nrm));
             cornerNormal[cornerIdx[c]] = found;
         }

@@ -8,9 +8,7 @@ struct ChunkLayout {
     enum SizeKind : uint8_t { SIZE_U32LE, SIZE_U32BE, SIZE_U16BE } size;
     bool sizeIncludesHeader; // 3DS counts the header in the length
     bool padToEven;          // IFF pads odd payloads with one byte
-    uint32_t HeaderBytes() const {
-        return (id == ID_U16LE ? 2u : 4u) + (size == SIZE_U16BE ? 2u : 4u);
-    }
+    uint32_t HeaderBytes() const { return (id == ID_U16LE ? 2u : 4u) + (size == SIZE_U16BE ? 2u : 4u); }
 };
 
 inline constexpr ChunkLayout kChunk3DS{ChunkLayout::ID_U16LE, ChunkLayout::SIZE_U32LE, true, false};

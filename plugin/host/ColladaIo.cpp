@@ -65,7 +65,8 @@ struct Range {
 // a mark and its place in `lists`. False when the text is not one this scan follows (the
 // caller then parses the original); it does not judge well-formedness, the parser does.
 bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>& lists, const IoFile* file) {
-    if (in.size() >= 2 && (in[0] == 0 || in[1] == 0 || (in[0] == 0xFF && in[1] == 0xFE) || (in[0] == 0xFE && in[1] == 0xFF)))
+    if (in.size() >= 2 &&
+        (in[0] == 0 || in[1] == 0 || (in[0] == 0xFF && in[1] == 0xFE) || (in[0] == 0xFE && in[1] == 0xFF)))
         return false; // UTF-16 or UTF-32
     const char* b = reinterpret_cast<const char*>(in.data());
     const char* e = b + in.size();
@@ -301,7 +302,8 @@ public:
         pugi::xml_parse_result r;
         if (LiftLists(data, m_structure, m_lists, m_io)) {
             m_lifted = true;
-            r = m_doc.load_buffer_inplace(m_structure.data(), m_structure.size(), pugi::parse_default, pugi::encoding_auto);
+            r = m_doc.load_buffer_inplace(m_structure.data(), m_structure.size(), pugi::parse_default,
+                                          pugi::encoding_auto);
         } else {
             m_lists.clear();
             std::string().swap(m_structure);
@@ -318,7 +320,8 @@ public:
         ReadAsset();
         ReadAnimations();
         pugi::xml_node vs;
-        if (pugi::xml_node inst = m_root.child("scene").child("instance_visual_scene")) vs = ById(Fragment(inst.attribute("url").value()));
+        if (pugi::xml_node inst = m_root.child("scene").child("instance_visual_scene"))
+            vs = ById(Fragment(inst.attribute("url").value()));
         if (!vs) vs = m_root.child("library_visual_scenes").child("visual_scene");
         if (!vs) return;
         // Geometries in document order, so their lists are read front to back.
@@ -364,7 +367,8 @@ private:
     bool Charge(uint64_t n) {
         m_used += n;
         if (m_used > m_budget) {
-            if (!m_stopped) Log("Collada: the geometry made would grow past its cap (repeated instances); the rest was left out.");
+            if (!m_stopped)
+                Log("Collada: the geometry made would grow past its cap (repeated instances); the rest was left out.");
             m_stopped = true;
             return false;
         }
@@ -397,8 +401,8 @@ private:
             double m;
             int code;
         };
-        static constexpr Known kUnits[] = {{1.0, UNIT_METER},   {0.01, UNIT_CENTIMETER}, {0.001, UNIT_MILLIMETER},
-                                           {1000.0, UNIT_KILOMETER}, {0.0254, UNIT_INCH}, {0.3048, UNIT_FOOT}};
+        static constexpr Known kUnits[] = {{1.0, UNIT_METER},        {0.01, UNIT_CENTIMETER}, {0.001, UNIT_MILLIMETER},
+                                           {1000.0, UNIT_KILOMETER}, {0.0254, UNIT_INCH},     {0.3048, UNIT_FOOT}};
         int code = UNIT_METER;
         for (const Known& k : kUnits)
             if (std::fabs(meter - k.m) < k.m * 1e-6) code = k.code;
@@ -443,7 +447,8 @@ private:
                 return GetSource(Fragment(i.attribute("source").value()));
             };
             if (sem == "VERTEX") {
-                pugi::xml_node verts = mesh.find_child_by_attribute("vertices", "id", std::string(Fragment(in.attribute("source").value())).c_str());
+                pugi::xml_node verts = mesh.find_child_by_attribute(
+                    "vertices", "id", std::string(Fragment(in.attribute("source").value())).c_str());
                 for (pugi::xml_node vi : verts.children("input")) {
                     std::string vsem = vi.attribute("semantic").value();
                     const Source* src = used(vi, vsem);
@@ -492,7 +497,8 @@ private:
         pugi::xml_node verts = mesh.child("vertices");
         const Source* pos = nullptr;
         for (pugi::xml_node vi : verts.children("input"))
-            if (std::strcmp(vi.attribute("semantic").value(), "POSITION") == 0) pos = GetSource(Fragment(vi.attribute("source").value()));
+            if (std::strcmp(vi.attribute("semantic").value(), "POSITION") == 0)
+                pos = GetSource(Fragment(vi.attribute("source").value()));
         if (!pos || pos->count == 0 || pos->count > static_cast<size_t>(INT32_MAX)) return;
         auto points = std::make_unique<C3DPointList>();
         points->SetSize(static_cast<int>(pos->count));
@@ -560,7 +566,8 @@ private:
                 faces.vc.assign(faces.indices.size(), static_cast<uint32_t>(colorSource->count));
             }
             const char* sym = prim.attribute("material").value();
-            auto symbol = static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
+            auto symbol =
+                static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
             if (symbol == out.symbols.size()) out.symbols.push_back(sym);
             const uint32_t uvMissing = uv ? static_cast<uint32_t>(uvSource->count) : 0;
             const uint32_t vcMissing = vc ? static_cast<uint32_t>(colorSource->count) : 0;
@@ -713,7 +720,8 @@ private:
         auto param = [&](const char* sid) { return profile.find_child_by_attribute("newparam", "sid", sid); };
         pugi::xml_node sampler = param(texture).child("sampler2D");
         if (sampler) {
-            if (pugi::xml_node inst = sampler.child("instance_image")) return ById(Fragment(inst.attribute("url").value()));
+            if (pugi::xml_node inst = sampler.child("instance_image"))
+                return ById(Fragment(inst.attribute("url").value()));
             pugi::xml_node surface = param(sampler.child("source").child_value()).child("surface");
             if (surface) return ById(surface.child("init_from").child_value());
         }
@@ -740,7 +748,8 @@ private:
         };
         float c[4];
         if (color("diffuse", c)) hm->SetDiffuseColor(CRGBColor(Byte(c[0]), Byte(c[1]), Byte(c[2])));
-        else if (color("emission", c) && std::strcmp(shader.name(), "constant") == 0) hm->SetDiffuseColor(CRGBColor(Byte(c[0]), Byte(c[1]), Byte(c[2])));
+        else if (color("emission", c) && std::strcmp(shader.name(), "constant") == 0)
+            hm->SetDiffuseColor(CRGBColor(Byte(c[0]), Byte(c[1]), Byte(c[2])));
         auto* sm = static_cast<C3DStandardMaterial*>(hm);
         if (color("ambient", c)) sm->SetAmbientColor(CRGBColor(Byte(c[0]), Byte(c[1]), Byte(c[2])));
         if (color("specular", c)) sm->SetSpecularColor(CRGBColor(Byte(c[0]), Byte(c[1]), Byte(c[2])));
@@ -751,14 +760,16 @@ private:
         }
         // Opacity from <transparent> (A_ONE: its alpha; RGB_ZERO: one less its luminance) times <transparency>.
         float factor = 1.0f;
-        if (pugi::xml_node t = shader.child("transparency").child("float")) factor = static_cast<float>(std::atof(t.child_value()));
+        if (pugi::xml_node t = shader.child("transparency").child("float"))
+            factor = static_cast<float>(std::atof(t.child_value()));
         float alpha = 1.0f;
         if (pugi::xml_node tr = shader.child("transparent")) {
             std::vector<float> v;
             ParseList(tr.child("color").child_value(), v);
             const bool rgbZero = std::strcmp(tr.attribute("opaque").value(), "RGB_ZERO") == 0;
             if (v.size() >= 4 && !rgbZero) alpha = v[3] * factor;
-            else if (v.size() >= 3 && rgbZero) alpha = 1.0f - (0.2126f * v[0] + 0.7152f * v[1] + 0.0722f * v[2]) * factor;
+            else if (v.size() >= 3 && rgbZero)
+                alpha = 1.0f - (0.2126f * v[0] + 0.7152f * v[1] + 0.0722f * v[2]) * factor;
             else alpha = factor;
         } else if (shader.child("transparency")) {
             alpha = factor;
@@ -790,7 +801,8 @@ private:
         for (pugi::xml_node t : node.children()) {
             if (!Charge(1)) break;
             const std::string_view name = t.name();
-            if (name != "matrix" && name != "translate" && name != "scale" && name != "rotate" && name != "lookat") continue;
+            if (name != "matrix" && name != "translate" && name != "scale" && name != "rotate" && name != "lookat")
+                continue;
             Transform& tf = out.emplace_back();
             tf.name = name;
             tf.sid = t.attribute("sid").value();
@@ -806,7 +818,8 @@ private:
             C4x4Matrix step;
             if (t.name == "matrix" && v.size() >= 16) {
                 for (int r = 0; r < 4; ++r)
-                    for (int c = 0; c < 4; ++c) step.m[c][r] = v[static_cast<size_t>(r * 4 + c)]; // column vectors: transpose
+                    for (int c = 0; c < 4; ++c)
+                        step.m[c][r] = v[static_cast<size_t>(r * 4 + c)]; // column vectors: transpose
             } else if (t.name == "translate" && v.size() >= 3) {
                 step = C4x4Matrix::Translation(v[0], v[1], v[2]);
             } else if (t.name == "scale" && v.size() >= 3) {
@@ -816,9 +829,15 @@ private:
             } else if (t.name == "lookat" && v.size() >= 9) {
                 C3DVector eye(v[0], v[1], v[2]), target(v[3], v[4], v[5]), up(v[6], v[7], v[8]);
                 C3DVector z = (eye - target).Normalized(), x = up.Cross(z).Normalized(), y = z.Cross(x);
-                step.m[0][0] = x.x; step.m[0][1] = x.y; step.m[0][2] = x.z;
-                step.m[1][0] = y.x; step.m[1][1] = y.y; step.m[1][2] = y.z;
-                step.m[2][0] = z.x; step.m[2][1] = z.y; step.m[2][2] = z.z;
+                step.m[0][0] = x.x;
+                step.m[0][1] = x.y;
+                step.m[0][2] = x.z;
+                step.m[1][0] = y.x;
+                step.m[1][1] = y.y;
+                step.m[1][2] = y.z;
+                step.m[2][0] = z.x;
+                step.m[2][1] = z.y;
+                step.m[2][2] = z.z;
                 step.SetTranslation(eye.x, eye.y, eye.z);
             } else {
                 continue;
@@ -890,7 +909,8 @@ private:
         stride = std::clamp<uint64_t>(acc.attribute("stride").as_ullong(1), 1, 16);
         const uint64_t offset = std::min<uint64_t>(acc.attribute("offset").as_ullong(0), out.size());
         out.erase(out.begin(), out.begin() + static_cast<long>(offset));
-        count = static_cast<size_t>(std::min<uint64_t>(acc ? acc.attribute("count").as_ullong(0) : out.size(), out.size() / stride));
+        count = static_cast<size_t>(
+            std::min<uint64_t>(acc ? acc.attribute("count").as_ullong(0) : out.size(), out.size() / stride));
         return true;
     }
 
@@ -1051,7 +1071,8 @@ private:
                     float y = persp.child("yfov").text().as_float(0);
                     float x = persp.child("xfov").text().as_float(0);
                     float aspect = persp.child("aspect_ratio").text().as_float(0);
-                    if (y <= 0 && x > 0 && aspect > 0) y = 2 * std::atan(std::tan(x * 3.14159265f / 360) / aspect) * 180 / 3.14159265f;
+                    if (y <= 0 && x > 0 && aspect > 0)
+                        y = 2 * std::atan(std::tan(x * 3.14159265f / 360) / aspect) * 180 / 3.14159265f;
                     if (y > 0) camera->SetVFov(y * 3.14159265f / 180.0f);
                 } else if (pugi::xml_node ortho = opt.child("orthographic")) {
                     camera->SetProjection(PROJECTION_ORTHOGRAPHIC);
@@ -1063,13 +1084,15 @@ private:
                 pugi::xml_node which = l.first_child();
                 auto* light = new C3DLight();
                 const std::string_view type = which.name();
-                light->SetLightKind(type == "spot" ? LIGHT_SPOT : type == "directional" ? LIGHT_DIRECTIONAL
-                                                      : type == "ambient"                ? LIGHT_AMBIENT
-                                                                                          : LIGHT_POINT);
+                light->SetLightKind(type == "spot"          ? LIGHT_SPOT
+                                    : type == "directional" ? LIGHT_DIRECTIONAL
+                                    : type == "ambient"     ? LIGHT_AMBIENT
+                                                            : LIGHT_POINT);
                 std::vector<float> col;
                 ParseList(which.child("color").child_value(), col);
                 if (col.size() >= 3) light->color = CRGBColor(Byte(col[0]), Byte(col[1]), Byte(col[2]));
-                if (type == "spot") light->cutOffAngle = which.child("falloff_angle").text().as_float(45) * 3.14159265f / 360.0f;
+                if (type == "spot")
+                    light->cutOffAngle = which.child("falloff_angle").text().as_float(45) * 3.14159265f / 360.0f;
                 AddNode(me, light, ById(Fragment(c.attribute("url").value())).attribute("name").value());
             }
         }
@@ -1100,16 +1123,16 @@ private:
         if (single && g->taken) {
             // This same element reached again (an instanced node): copies of what it placed.
             for (size_t i = 0; i < g->placed.size(); ++i) {
-                if (!Charge(cost(*g->placed[i])) || !place(g->placed[i]->Clone(), i == 0 && g->placedMesh))
-                    return;
+                if (!Charge(cost(*g->placed[i])) || !place(g->placed[i]->Clone(), i == 0 && g->placedMesh)) return;
             }
             return;
         }
         // Symbols of the geometry's primitives to host materials, through bind_material.
         std::vector<uint32_t> map(g->symbols.size(), NO_MATERIAL);
         for (size_t s = 0; s < g->symbols.size(); ++s) {
-            pugi::xml_node im = inst.child("bind_material").child("technique_common").find_child_by_attribute(
-                "instance_material", "symbol", g->symbols[s].c_str());
+            pugi::xml_node im = inst.child("bind_material")
+                                    .child("technique_common")
+                                    .find_child_by_attribute("instance_material", "symbol", g->symbols[s].c_str());
             std::string_view target = im ? Fragment(im.attribute("target").value()) : std::string_view(g->symbols[s]);
             if (!target.empty() && ById(target)) map[s] = Material(target);
         }
@@ -1119,7 +1142,8 @@ private:
         };
         if (g->mesh) {
             if (!Charge(cost(*g->mesh))) return;
-            std::unique_ptr<C3DBaseObject> obj = single ? std::unique_ptr<C3DBaseObject>(std::move(g->mesh)) : g->mesh->Clone();
+            std::unique_ptr<C3DBaseObject> obj =
+                single ? std::unique_ptr<C3DBaseObject>(std::move(g->mesh)) : g->mesh->Clone();
             remap(*obj);
             const C3DBaseObject* at = place(std::move(obj), true);
             if (!at) return;

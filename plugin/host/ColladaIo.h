@@ -26,7 +26,8 @@ public:
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
 
 private:
-    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path, const IoFile* file);
+    C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
+                        const IoFile* file);
 };
 
 // The host's built-in formats, offered like a module's (action 0 lists, action 1 creates).

@@ -11,7 +11,10 @@ uint8_t ToByte(float f) {
 } // namespace
 
 void CRGBColor::SetColor4f(float fr, float fg, float fb, float fa) {
-    r = ToByte(fr); g = ToByte(fg); b = ToByte(fb); a = ToByte(fa);
+    r = ToByte(fr);
+    g = ToByte(fg);
+    b = ToByte(fb);
+    a = ToByte(fa);
 }
 
 CRGBColor CGammaColor::GetDegammaColor(const CRGBColor& c, float gamma) {

@@ -12,7 +12,17 @@
 #include <unistd.h>
 
 namespace {
-enum Tag : uint8_t { TAG_INT = 0, TAG_UINT, TAG_UINT64, TAG_DOUBLE, TAG_STRING, TAG_BINARY, TAG_PTR, TAG_STRINGS, TAG_BAG };
+enum Tag : uint8_t {
+    TAG_INT = 0,
+    TAG_UINT,
+    TAG_UINT64,
+    TAG_DOUBLE,
+    TAG_STRING,
+    TAG_BINARY,
+    TAG_PTR,
+    TAG_STRINGS,
+    TAG_BAG
+};
 constexpr uint8_t kMagic[4] = {'O', 'C', 'D', 1};
 constexpr uint8_t kPrefsMagic[4] = {'O', 'P', 'R', 'F'};
 constexpr int kMaxDepth = 64;
@@ -85,13 +95,14 @@ CCustomData& CCustomData::operator=(const CCustomData& o) {
         // Named copies, not a structured binding: clang 14 cannot capture those in the lambda.
         const uint32_t id = entry.first;
         const Value& v = entry.second;
-        if (const Bag* b = std::get_if<Bag>(&v))
-            copy.emplace(id, std::make_unique<CCustomData>(**b));
+        if (const Bag* b = std::get_if<Bag>(&v)) copy.emplace(id, std::make_unique<CCustomData>(**b));
         else
-            std::visit([&](const auto& x) {
-                using X = std::decay_t<decltype(x)>;
-                if constexpr (!std::is_same_v<X, Bag>) copy.emplace(id, x);
-            }, v);
+            std::visit(
+                [&](const auto& x) {
+                    using X = std::decay_t<decltype(x)>;
+                    if constexpr (!std::is_same_v<X, Bag>) copy.emplace(id, x);
+                },
+                v);
     }
     m_values = std::move(copy);
     return *this;
@@ -190,11 +201,13 @@ bool CCustomData::operator==(const CCustomData& o) const {
             // Bitwise, so a NaN survives a round trip as "equal".
             if (std::memcmp(d, &std::get<double>(b->second), sizeof(double)) != 0) return false;
         } else {
-            bool same = std::visit([&](const auto& val) {
-                using X = std::decay_t<decltype(val)>;
-                if constexpr (std::is_same_v<X, Bag>) return true;
-                else return val == std::get<X>(b->second);
-            }, a->second);
+            bool same = std::visit(
+                [&](const auto& val) {
+                    using X = std::decay_t<decltype(val)>;
+                    if constexpr (std::is_same_v<X, Bag>) return true;
+                    else return val == std::get<X>(b->second);
+                },
+                a->second);
             if (!same) return false;
         }
     }
@@ -212,9 +225,18 @@ std::vector<uint8_t> CCustomData::Serialize() const {
         if (std::holds_alternative<void*>(v)) continue;
         PutU32(out, id);
         switch (v.index()) {
-        case 0: out.push_back(TAG_INT); PutU32(out, static_cast<uint32_t>(std::get<int32_t>(v))); break;
-        case 1: out.push_back(TAG_UINT); PutU32(out, std::get<uint32_t>(v)); break;
-        case 2: out.push_back(TAG_UINT64); PutU64(out, std::get<uint64_t>(v)); break;
+        case 0:
+            out.push_back(TAG_INT);
+            PutU32(out, static_cast<uint32_t>(std::get<int32_t>(v)));
+            break;
+        case 1:
+            out.push_back(TAG_UINT);
+            PutU32(out, std::get<uint32_t>(v));
+            break;
+        case 2:
+            out.push_back(TAG_UINT64);
+            PutU64(out, std::get<uint64_t>(v));
+            break;
         case 3: {
             out.push_back(TAG_DOUBLE);
             uint64_t bits;
@@ -223,7 +245,10 @@ std::vector<uint8_t> CCustomData::Serialize() const {
             PutU64(out, bits);
             break;
         }
-        case 4: out.push_back(TAG_STRING); PutString(out, std::get<CXStringW>(v)); break;
+        case 4:
+            out.push_back(TAG_STRING);
+            PutString(out, std::get<CXStringW>(v));
+            break;
         case 5: {
             out.push_back(TAG_BINARY);
             const auto& b = std::get<std::vector<uint8_t>>(v);
@@ -281,9 +306,24 @@ bool DecodeInto(CCustomData& bag, const uint8_t* data, size_t size, int depth) {
         if (!r.U32(id) || !r.U8(tag)) return false;
         if (bag.Has(id)) return false; // a writer never repeats an ID
         switch (tag) {
-        case TAG_INT: { uint32_t v; if (!r.U32(v)) return false; bag.SetInt(id, static_cast<int32_t>(v)); break; }
-        case TAG_UINT: { uint32_t v; if (!r.U32(v)) return false; bag.SetUInt(id, v); break; }
-        case TAG_UINT64: { uint64_t v; if (!r.U64(v)) return false; bag.SetUInt64(id, v); break; }
+        case TAG_INT: {
+            uint32_t v;
+            if (!r.U32(v)) return false;
+            bag.SetInt(id, static_cast<int32_t>(v));
+            break;
+        }
+        case TAG_UINT: {
+            uint32_t v;
+            if (!r.U32(v)) return false;
+            bag.SetUInt(id, v);
+            break;
+        }
+        case TAG_UINT64: {
+            uint64_t v;
+            if (!r.U64(v)) return false;
+            bag.SetUInt64(id, v);
+            break;
+        }
         case TAG_DOUBLE: {
             uint64_t v;
             if (!r.U64(v)) return false;
@@ -292,7 +332,12 @@ bool DecodeInto(CCustomData& bag, const uint8_t* data, size_t size, int depth) {
             bag.SetDouble(id, d);
             break;
         }
-        case TAG_STRING: { CXStringW s; if (!r.String(s)) return false; bag.SetString(id, s); break; }
+        case TAG_STRING: {
+            CXStringW s;
+            if (!r.String(s)) return false;
+            bag.SetString(id, s);
+            break;
+        }
         case TAG_BINARY: {
             const uint8_t* d;
             uint32_t n;

@@ -35,7 +35,11 @@ void Sanitize(C3DGeomObject& g) {
     bool any = false;
     for (int f = 0; f < nf; ++f)
         for (uint32_t i : faces->Face(f))
-            if (i >= np) { keep[static_cast<size_t>(f)] = false; any = true; break; }
+            if (i >= np) {
+                keep[static_cast<size_t>(f)] = false;
+                any = true;
+                break;
+            }
     std::vector<int32_t> drop;
     for (auto& c : g.GetChannels()) {
         const CFaceList* cf = c->GetFaceList();
@@ -44,8 +48,10 @@ void Sanitize(C3DGeomObject& g) {
             continue;
         }
         uint32_t cp = 0;
-        if (c->GetType() == CHANNEL_UVW) cp = static_cast<uint32_t>(static_cast<CUVWChannel&>(*c).GetUVWPointList()->GetSize());
-        else if (c->GetType() == CHANNEL_VC) cp = static_cast<uint32_t>(static_cast<CVCChannel&>(*c).GetVCPointList()->GetSize());
+        if (c->GetType() == CHANNEL_UVW)
+            cp = static_cast<uint32_t>(static_cast<CUVWChannel&>(*c).GetUVWPointList()->GetSize());
+        else if (c->GetType() == CHANNEL_VC)
+            cp = static_cast<uint32_t>(static_cast<CVCChannel&>(*c).GetVCPointList()->GetSize());
         else if (c->GetType() == CHANNEL_SPEC_NORMAL)
             cp = static_cast<uint32_t>(static_cast<CSpecNormalChannel&>(*c).GetNormalVectorList()->GetSize());
         bool bad = cf->GetNumberOfFaces() != nf || cf->GetMaxIndex() > cp;
@@ -142,13 +148,15 @@ std::unique_ptr<C3DChannel> EmptyChannelLike(const C3DChannel& c) {
 // Copies entry `i` of `src`'s point list to the end of `dst`'s (same kind).
 void CopyChannelPoint(const C3DChannel& src, C3DChannel& dst, uint32_t i) {
     if (src.GetType() == CHANNEL_VC) {
-        static_cast<CVCChannel&>(dst).GetVCPointList()->Add(static_cast<const CVCChannel&>(src).GetVCPointList()->Raw()[i]);
+        static_cast<CVCChannel&>(dst).GetVCPointList()->Add(
+            static_cast<const CVCChannel&>(src).GetVCPointList()->Raw()[i]);
         return;
     }
-    const C3DPointList* sp = src.GetType() == CHANNEL_UVW ? static_cast<const CUVWChannel&>(src).GetUVWPointList()
-                                                           : static_cast<const CSpecNormalChannel&>(src).GetNormalVectorList();
+    const C3DPointList* sp = src.GetType() == CHANNEL_UVW
+                                 ? static_cast<const CUVWChannel&>(src).GetUVWPointList()
+                                 : static_cast<const CSpecNormalChannel&>(src).GetNormalVectorList();
     C3DPointList* dp = dst.GetType() == CHANNEL_UVW ? static_cast<CUVWChannel&>(dst).GetUVWPointList()
-                                                     : static_cast<CSpecNormalChannel&>(dst).GetNormalVectorList();
+                                                    : static_cast<CSpecNormalChannel&>(dst).GetNormalVectorList();
     dp->Add(sp->GetPoint(static_cast<int>(i)));
 }
 
@@ -298,7 +306,10 @@ void AppendMesh(C3DObject& dst, const C3DGeomObject& src, bool uv, bool vc, bool
         if (!target) return;
         C3DChannel* sc = type == CHANNEL_UVW ? src.GetGlobalUVWChannel() : nullptr;
         if (!sc) sc = src.GetChannelByIndex(0, type);
-        if (sc) { target->Append(*sc); return; }
+        if (sc) {
+            target->Append(*sc);
+            return;
+        }
         uint32_t p = makeDefault();
         CFaceList* tf = target->GetFaceList();
         for (int f = 0; f < nf; ++f) {
@@ -312,11 +323,13 @@ void AppendMesh(C3DObject& dst, const C3DGeomObject& src, bool uv, bool vc, bool
     }
     if (vc) {
         auto* t = static_cast<CVCChannel*>(dst.GetChannelByIndex(0, CHANNEL_VC));
-        appendChannel(CHANNEL_VC, t, [&] { return static_cast<uint32_t>(t->GetVCPointList()->Add(CRGBColor(255, 255, 255))); });
+        appendChannel(CHANNEL_VC, t,
+                      [&] { return static_cast<uint32_t>(t->GetVCPointList()->Add(CRGBColor(255, 255, 255))); });
     }
     if (normals) {
         auto* t = static_cast<CSpecNormalChannel*>(dst.GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
-        appendChannel(CHANNEL_SPEC_NORMAL, t, [&] { return static_cast<uint32_t>(t->GetNormalVectorList()->Add(0, 0, 1)); });
+        appendChannel(CHANNEL_SPEC_NORMAL, t,
+                      [&] { return static_cast<uint32_t>(t->GetNormalVectorList()->Add(0, 0, 1)); });
     }
 }
 } // namespace
@@ -342,7 +355,10 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
             o = m;
         }
         if (o->GetKindOf() == KINDOF_CURVE) {
-            if (!(flags & PREP_CURVES)) { n->SetObject(nullptr); continue; }
+            if (!(flags & PREP_CURVES)) {
+                n->SetObject(nullptr);
+                continue;
+            }
             if (flags & PREP_CURVE_POLYLINES) static_cast<C3DCurve*>(o)->SetDegree(1);
         }
         if (!o->IsGeomObject()) continue;
@@ -389,7 +405,8 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
                 part->SetFlag(c.GetFlags() & ~uint32_t(OBJF_CLOSED));
                 std::vector<uint32_t> seq;
                 for (uint32_t i : fl.Face(f))
-                    if (i < pts.size()) seq.push_back(static_cast<uint32_t>(part->GetPointList()->Add(pts[static_cast<int>(i)])));
+                    if (i < pts.size())
+                        seq.push_back(static_cast<uint32_t>(part->GetPointList()->Add(pts[static_cast<int>(i)])));
                 if (c.IsClosed() && seq.size() > 1)
                     seq.push_back(static_cast<uint32_t>(part->GetPointList()->Add(part->GetPointList()->GetPoint(0))));
                 part->GetFaceList()->SetCurrentMaterial(fl.GetMaterialID(f));
@@ -427,8 +444,9 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
                                               CXStringW(L" large faces were cut into triangles as simple fans; "
                                                         L"concave ones may overlap."));
         if (options && cutter.ForcedCuts() > 0)
-            options->AddLogInfo(LOG_INFO, CXStringW(std::to_wstring(cutter.ForcedCuts())) +
-                                              CXStringW(L" corners of self-crossing faces were cut without a clean ear."));
+            options->AddLogInfo(LOG_INFO,
+                                CXStringW(std::to_wstring(cutter.ForcedCuts())) +
+                                    CXStringW(L" corners of self-crossing faces were cut without a clean ear."));
     }
 
     if (flags & PREP_SPLIT_16BIT) {
@@ -470,7 +488,10 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
             // The merged mesh comes first so that "the first mesh" is the whole scene.
             C3DSceneNode* root = out->GetRoot();
             std::vector<C3DSceneNode*> rest;
-            while (C3DSceneNode* c = root->GetChildNode()) { c->Detach(); rest.push_back(c); }
+            while (C3DSceneNode* c = root->GetChildNode()) {
+                c->Detach();
+                rest.push_back(c);
+            }
             root->AppendChild(node);
             for (C3DSceneNode* c : rest) root->AppendChild(c);
             nodes = AllNodes(*out);
@@ -492,7 +513,8 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
     if (!(flags & PREP_MATERIALS)) {
         out->RemoveAllMaterials();
         for (C3DSceneNode* n : nodes)
-            if (C3DGeomObject* g = n->GetGeomObject(); g && g->GetFaceList()) g->GetFaceList()->SetAllMaterialIDs(NO_MATERIAL);
+            if (C3DGeomObject* g = n->GetGeomObject(); g && g->GetFaceList())
+                g->GetFaceList()->SetAllMaterialIDs(NO_MATERIAL);
     }
     return out;
 }

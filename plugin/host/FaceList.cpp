@@ -232,8 +232,7 @@ void C3DFaceList::SetSize(int count, int vertices, int mode, uint32_t material) 
     }
 }
 
-bool C3DFaceList::Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags,
-                        IndexArray&& materials) {
+bool C3DFaceList::Adopt(IndexArray&& offsets, IndexArray&& indices, FlagArray&& flags, IndexArray&& materials) {
     if (materials.size() + 1 != offsets.size()) return false;
     if (!CFaceList::Adopt(std::move(offsets), std::move(indices), std::move(flags))) return false;
     m_materials = std::move(materials);

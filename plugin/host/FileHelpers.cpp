@@ -49,12 +49,18 @@ bool CopyFileBytes(const std::string& from, const std::string& to) {
     for (;;) {
         ssize_t r = ::read(in, buf.data(), buf.size());
         if (r < 0 && errno == EINTR) continue;
-        if (r < 0) { ok = false; break; }
+        if (r < 0) {
+            ok = false;
+            break;
+        }
         if (r == 0) break;
         for (ssize_t done = 0; done < r;) {
             ssize_t w = ::write(out, buf.data() + done, static_cast<size_t>(r - done));
             if (w < 0 && errno == EINTR) continue;
-            if (w <= 0) { ok = false; break; }
+            if (w <= 0) {
+                ok = false;
+                break;
+            }
             done += w;
         }
         if (!ok) break;

@@ -11,8 +11,8 @@ bool fileDelete(const CXStringW& path);
 bool fileRename(const CXStringW& from, const CXStringW& to);
 bool fileIsPathRelative(const CXStringW& path);
 CXStringW fileMakeAbsolutePath(const CXStringW& base, const CXStringW& relative);
-CXStringW fileStripPath(const CXStringW& path);   // "a/b/c.obj" -> "c.obj"
-CXStringW fileStripName(const CXStringW& path);   // "a/b/c.obj" -> "a/b/"
+CXStringW fileStripPath(const CXStringW& path); // "a/b/c.obj" -> "c.obj"
+CXStringW fileStripName(const CXStringW& path); // "a/b/c.obj" -> "a/b/"
 CXStringW fileRemoveExtension(const CXStringW& path);
 CXStringW fileGetExtension(const CXStringW& path); // with its dot, "" when none
 // A new empty file in `folder` (empty: the system's temporary folder) named prefix + owner
@@ -49,10 +49,15 @@ using CFileInfo = CFileNameSpec;
 class CTempFileGuard {
 public:
     explicit CTempFileGuard(CXStringW path = {}) : m_path(std::move(path)) {}
-    ~CTempFileGuard() { if (!m_path.IsEmpty()) fileDelete(m_path); }
+    ~CTempFileGuard() {
+        if (!m_path.IsEmpty()) fileDelete(m_path);
+    }
     CTempFileGuard(const CTempFileGuard&) = delete;
     CTempFileGuard& operator=(const CTempFileGuard&) = delete;
-    void Reset(CXStringW p) { if (!m_path.IsEmpty()) fileDelete(m_path); m_path = std::move(p); }
+    void Reset(CXStringW p) {
+        if (!m_path.IsEmpty()) fileDelete(m_path);
+        m_path = std::move(p);
+    }
     const CXStringW& Path() const { return m_path; }
 private:
     CXStringW m_path;

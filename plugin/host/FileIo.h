@@ -24,7 +24,11 @@ public:
     int GetIoError() const { return m_result; }
     int GetIoErrorLevel() const { return m_level; }
     const CXStringW& GetIoErrorText() const { return m_text; }
-    void ClearIoError() { m_result = 0; m_level = 0; m_text.Empty(); }
+    void ClearIoError() {
+        m_result = 0;
+        m_level = 0;
+        m_text.Empty();
+    }
 
     void SetSilentMode(bool s) { m_silent = s; }
     bool IsSilentMode() const { return m_silent; }

@@ -43,17 +43,17 @@ enum NODE_FLAGS : uint32_t {
 };
 // Object property flags (C3DBaseObject::SetFlag).
 enum OBJECT_FLAGS : uint32_t {
-    OBJF_CLOSED = 0x1,     // curves: closed
+    OBJF_CLOSED = 0x1, // curves: closed
     OBJF_SMOOTH = 0x2,
-    OBJF_HIDDEN = 0x10,    // 16: hidden object; the writers leave it out
+    OBJF_HIDDEN = 0x10, // 16: hidden object; the writers leave it out
 };
 
 // Face flags (per face, 8 bits used).
 enum FACE_PROPERTIES : uint32_t {
-    FACE_SKIP = 0x01,       // bit 0: writers skip this face
-    FACE_HIDDEN = 0x02,     // hidden in the viewer
+    FACE_SKIP = 0x01,   // bit 0: writers skip this face
+    FACE_HIDDEN = 0x02, // hidden in the viewer
     FACE_SELECTED = 0x04,
-    FACE_EDGE_AB = 0x08,    // 3DS-style edge visibility bits
+    FACE_EDGE_AB = 0x08, // 3DS-style edge visibility bits
     FACE_EDGE_BC = 0x10,
     FACE_EDGE_CA = 0x20,
     FACE_ALL_PROPERTIES = 0xFF,
@@ -61,9 +61,9 @@ enum FACE_PROPERTIES : uint32_t {
 
 // SetSize modes of face lists.
 enum FACE_SETSIZE_MODE : int {
-    SETSIZE_UNIFORM = 0,   // count faces, each with `vertices` indices (zeroed)
-    SETSIZE_RESERVE = 1,   // reserve room for count faces of `vertices`; list stays empty
-    SETSIZE_TRUNCATE = 2,  // keep the first count faces
+    SETSIZE_UNIFORM = 0,  // count faces, each with `vertices` indices (zeroed)
+    SETSIZE_RESERVE = 1,  // reserve room for count faces of `vertices`; list stays empty
+    SETSIZE_TRUNCATE = 2, // keep the first count faces
 };
 
 enum MATERIAL_CLASS : uint32_t {
@@ -102,7 +102,7 @@ enum MapFlags : uint32_t {
     MAPF_MIRROR_V = 0x8,
     MAPF_NEGATIVE = 0x10,
     MAPF_ALPHA_FROM_RGB = 0x20,
-    MAPF_QUATERNION = 0x40,  // rotation given as a quaternion, not HPB angles
+    MAPF_QUATERNION = 0x40, // rotation given as a quaternion, not HPB angles
 };
 
 // Channel types. 4 (vertex colour) is fixed; the others are ours.
@@ -155,20 +155,20 @@ enum IoLogLevel : int {
 // Export preparation flags: what a writer's SaveDefaultOptions asks the host to do
 // to (a copy of) the scene before Save runs.
 enum EXPORT_PREP : uint64_t {
-    PREP_MESHES = 0x1,                 // patches become meshes; meshes are kept
-    PREP_MATERIALS = 0x2,              // keep the material table (else faces lose their materials)
-    PREP_CURVES = 0x10,                // keep curves
-    PREP_CURVE_POLYLINES = 0x20,       // curves become degree-1 poly-lines
-    PREP_TRIANGULATE = 0x400,          // every face becomes triangles, cut on its own plane
-    PREP_TRIANGULATE_POLYGONS = 0x800, // faces of more than four corners become triangles
-    PREP_SPLIT_16BIT = 0x1000,         // meshes beyond 65535 points or triangles become several
-    PREP_MERGE = 0x2000,               // all meshes merge into one mesh in world space, under the root
-    PREP_WORLD_SPACE = 0x4000,         // node transforms are baked into the points
-    PREP_KEEP_NORMALS = 0x10000,       // keep explicit normal channels (else dropped)
-    PREP_KEEP_VERTEX_COLORS = 0x20000, // the writer uses vertex colours (they are always kept)
-    PREP_FACE_NORMALS = 0x40000,       // compute a face normal channel
-    PREP_DROP_EMPTY = 0x80000,         // remove meshes without points or faces and skipped faces
-    PREP_SPLIT_LARGE = 0x400000000ull, // faces of more than 255 vertices become triangles
+    PREP_MESHES = 0x1,                  // patches become meshes; meshes are kept
+    PREP_MATERIALS = 0x2,               // keep the material table (else faces lose their materials)
+    PREP_CURVES = 0x10,                 // keep curves
+    PREP_CURVE_POLYLINES = 0x20,        // curves become degree-1 poly-lines
+    PREP_TRIANGULATE = 0x400,           // every face becomes triangles, cut on its own plane
+    PREP_TRIANGULATE_POLYGONS = 0x800,  // faces of more than four corners become triangles
+    PREP_SPLIT_16BIT = 0x1000,          // meshes beyond 65535 points or triangles become several
+    PREP_MERGE = 0x2000,                // all meshes merge into one mesh in world space, under the root
+    PREP_WORLD_SPACE = 0x4000,          // node transforms are baked into the points
+    PREP_KEEP_NORMALS = 0x10000,        // keep explicit normal channels (else dropped)
+    PREP_KEEP_VERTEX_COLORS = 0x20000,  // the writer uses vertex colours (they are always kept)
+    PREP_FACE_NORMALS = 0x40000,        // compute a face normal channel
+    PREP_DROP_EMPTY = 0x80000,          // remove meshes without points or faces and skipped faces
+    PREP_SPLIT_LARGE = 0x400000000ull,  // faces of more than 255 vertices become triangles
     PREP_SPLIT_CURVES = 0x800000000ull, // one poly-line per curve node, its points in line order
                                         // (a closed curve repeats its first point at the end)
 };
@@ -176,7 +176,7 @@ enum EXPORT_PREP : uint64_t {
 // Text decoding modes of IoFile (the numbers formats pass).
 enum IOFILE_TEXT_MODE : int {
     TEXT_MODE_BINARY = 0,
-    TEXT_MODE_ANSI = 8,    // bytes widened one by one (Latin-1)
-    TEXT_MODE_UTF8 = 16,   // UTF-8, invalid bytes become U+FFFD
-    TEXT_MODE_AUTO = 40,   // BOM detection (UTF-8, UTF-16 LE/BE); without a BOM, UTF-8 if valid else Latin-1
+    TEXT_MODE_ANSI = 8,  // bytes widened one by one (Latin-1)
+    TEXT_MODE_UTF8 = 16, // UTF-8, invalid bytes become U+FFFD
+    TEXT_MODE_AUTO = 40, // BOM detection (UTF-8, UTF-16 LE/BE); without a BOM, UTF-8 if valid else Latin-1
 };

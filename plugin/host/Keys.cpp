@@ -22,8 +22,16 @@ namespace {
 // Index i with key[i].time <= t < key[i+1].time and the local parameter; clamps at the ends.
 bool Locate(const std::vector<std::unique_ptr<C3DKey>>& keys, double t, size_t& i, float& u) {
     if (keys.empty()) return false;
-    if (t <= keys.front()->GetTime() || keys.size() == 1) { i = 0; u = 0; return true; }
-    if (t >= keys.back()->GetTime()) { i = keys.size() - 1; u = 0; return true; }
+    if (t <= keys.front()->GetTime() || keys.size() == 1) {
+        i = 0;
+        u = 0;
+        return true;
+    }
+    if (t >= keys.back()->GetTime()) {
+        i = keys.size() - 1;
+        u = 0;
+        return true;
+    }
     auto it = std::upper_bound(keys.begin(), keys.end(), t,
                                [](double tt, const std::unique_ptr<C3DKey>& k) { return tt < k->GetTime(); });
     i = static_cast<size_t>(it - keys.begin()) - 1;
@@ -54,9 +62,15 @@ bool C3DKeyCurve::EvaluateVector(double time, C3DVector& out) const {
     float u;
     if (!Locate(m_keys, time, i, u)) return false;
     if (m_keys[i]->GetType() == KEY_MATRIX || m_keys[i]->GetType() == KEY_ROTATE) return false;
-    if (u == 0 || i + 1 >= m_keys.size()) { out = VecOf(*m_keys[i]); return true; }
+    if (u == 0 || i + 1 >= m_keys.size()) {
+        out = VecOf(*m_keys[i]);
+        return true;
+    }
     C3DVector p0 = VecOf(*m_keys[i]), p1 = VecOf(*m_keys[i + 1]);
-    if (m_curve != CURVE_TCB) { out = p0 + (p1 - p0) * u; return true; }
+    if (m_curve != CURVE_TCB) {
+        out = p0 + (p1 - p0) * u;
+        return true;
+    }
     C3DVector outTan, inTan, o1, in1;
     TcbTangents(m_keys, i, outTan, inTan);
     TcbTangents(m_keys, i + 1, o1, in1);
@@ -72,7 +86,10 @@ bool C3DKeyCurve::EvaluateRotation(double time, CQuaternion& out) const {
     if (!Locate(m_keys, time, i, u)) return false;
     if (m_keys[i]->GetType() != KEY_ROTATE) return false;
     const auto& a = static_cast<const C3DRotateKey&>(*m_keys[i]).GetQuaternion();
-    if (u == 0 || i + 1 >= m_keys.size()) { out = a; return true; }
+    if (u == 0 || i + 1 >= m_keys.size()) {
+        out = a;
+        return true;
+    }
     const auto& b = static_cast<const C3DRotateKey&>(*m_keys[i + 1]).GetQuaternion();
     out = CQuaternion::Slerp(a, b, u);
     return true;
@@ -84,7 +101,10 @@ bool C3DKeyCurve::EvaluateMatrix(double time, C4x4Matrix& out) const {
     if (!Locate(m_keys, time, i, u)) return false;
     if (m_keys[i]->GetType() != KEY_MATRIX) return false;
     const C4x4Matrix& a = static_cast<const C3DMatrixKey&>(*m_keys[i]).matrix;
-    if (u == 0 || i + 1 >= m_keys.size()) { out = a; return true; }
+    if (u == 0 || i + 1 >= m_keys.size()) {
+        out = a;
+        return true;
+    }
     const C4x4Matrix& b = static_cast<const C3DMatrixKey&>(*m_keys[i + 1]).matrix;
     C3DPoint ta, sa, tb, sb;
     CQuaternion ra, rb;

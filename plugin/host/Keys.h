@@ -56,9 +56,14 @@ public:
     explicit C3DRotateKey(int32_t t = 0) : C3DKey(KEY_ROTATE, t) {}
     std::unique_ptr<C3DKey> Clone() const override { return std::make_unique<C3DRotateKey>(*this); }
     void SetRotation(float angle, const C3DVector& axis) {
-        m_axis = axis; m_angle = angle; m_q = CQuaternion::FromAxisAngle(axis, -angle);
+        m_axis = axis;
+        m_angle = angle;
+        m_q = CQuaternion::FromAxisAngle(axis, -angle);
     }
-    void SetQuaternion(const CQuaternion& q) { m_q = q.Normalized(); AngleAxisOf(m_q, m_angle, m_axis); }
+    void SetQuaternion(const CQuaternion& q) {
+        m_q = q.Normalized();
+        AngleAxisOf(m_q, m_angle, m_axis);
+    }
     const CQuaternion& GetQuaternion() const { return m_q; }
     C3DVector GetAxis() const { return m_axis; }
     float GetAngle() const { return m_angle; }

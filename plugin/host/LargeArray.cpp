@@ -80,9 +80,7 @@ void RunPair(const std::function<void()>& a, const std::function<void()>& b, boo
     auto runB = [&] {
         try {
             b();
-        } catch (...) {
-            errB = std::current_exception();
-        }
+        } catch (...) { errB = std::current_exception(); }
     };
     std::thread t;
     if (parallel && SecondThreadAllowed()) {
@@ -93,9 +91,7 @@ void RunPair(const std::function<void()>& a, const std::function<void()>& b, boo
     }
     try {
         a();
-    } catch (...) {
-        errA = std::current_exception();
-    }
+    } catch (...) { errA = std::current_exception(); }
     if (t.joinable()) t.join();
     else if (!errA) runB();
     if (errA) std::rethrow_exception(errA);

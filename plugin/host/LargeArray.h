@@ -43,8 +43,7 @@ void ReserveLarge(V& v, size_t n) {
 
 // ReserveLarge for arrays that are then written whole straight away (sized with zeros, or
 // filled to an exact count): their pages are populated at once.
-template <class V>
-void ReserveFilled(V& v, size_t n) {
+template <class V> void ReserveFilled(V& v, size_t n) {
     if (n <= v.capacity()) return;
     ReserveLarge(v, n);
     PopulateNow(v.data(), v.capacity() * sizeof(typename V::value_type));
@@ -55,8 +54,7 @@ void ReserveFilled(V& v, size_t n) {
 // which hands fresh pages over from the kernel as they are, and it remembers how far it has
 // ever written. Growing with zeros writes only below that mark, so a list sized to n but
 // filled only in part never touches the pages of the rest until something writes there.
-template <class T>
-class ZeroedArray {
+template <class T> class ZeroedArray {
     static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_default_constructible_v<T>);
     static_assert(alignof(T) <= alignof(std::max_align_t));
 
@@ -103,7 +101,8 @@ public:
     // New elements are zero; only those below the written mark need writing.
     void resize(size_t n) {
         if (n > m_cap) Reallocate(std::max(n, Grown()));
-        if (n > m_size && m_size < m_written) std::memset(m_p + m_size, 0, (std::min(n, m_written) - m_size) * sizeof(T));
+        if (n > m_size && m_size < m_written)
+            std::memset(m_p + m_size, 0, (std::min(n, m_written) - m_size) * sizeof(T));
         m_size = n;
         m_written = std::max(m_written, n);
     }
@@ -121,8 +120,7 @@ public:
         }
     }
     // Copies [first, last) in at pos.
-    template <std::input_iterator It>
-    T* insert(const T* pos, It first, It last) {
+    template <std::input_iterator It> T* insert(const T* pos, It first, It last) {
         const size_t at = static_cast<size_t>(pos - m_p), n = static_cast<size_t>(std::distance(first, last));
         if constexpr (std::is_pointer_v<It>) {
             const std::less<const T*> before;
@@ -139,8 +137,7 @@ public:
         m_written = std::max(m_written, m_size);
         return dst;
     }
-    template <std::input_iterator It>
-    void assign(It first, It last) {
+    template <std::input_iterator It> void assign(It first, It last) {
         clear();
         insert(end(), first, last);
     }

@@ -16,25 +16,40 @@ public:
     CXStringW alphaFile;
     uint32_t type = MAP_DIFFUSE;
     uint32_t projection = PROJ_UV;
-    int32_t channel = -1;       // UV channel ID
+    int32_t channel = -1; // UV channel ID
     int axis = 0;
-    float amount = 1.0f;        // blend strength 0..1
+    float amount = 1.0f; // blend strength 0..1
     float tileU = 1, tileV = 1;
     float scaleU = 1, scaleV = 1;
     float translateU = 0, translateV = 0;
-    C3DVector hpb;              // rotation as heading/pitch/bank angles (radians)
-    CQuaternion rotation;       // used when MAPF_QUATERNION is set
+    C3DVector hpb;        // rotation as heading/pitch/bank angles (radians)
+    CQuaternion rotation; // used when MAPF_QUATERNION is set
     uint32_t flags = 0;
     bool IsFlagSet(uint32_t f) const { return (flags & f) != 0; }
     void SetFlag(uint32_t f, bool on = true) { flags = on ? (flags | f) : (flags & ~f); }
 
     const CXStringW& GetFileName() const { return file; }
     void SetFileName(const CXStringW& f) { file = f; }
-    void SetScale(float u, float v) { scaleU = u; scaleV = v; }
-    void SetTranslation(float u, float v) { translateU = u; translateV = v; }
-    void SetTile(float u, float v) { tileU = u; tileV = v; }
-    void SetHPBRotation(float h, float p, float b) { hpb = {h, p, b}; SetFlag(MAPF_QUATERNION, false); }
-    void SetQuaternionRotation(const CQuaternion& q) { rotation = q; SetFlag(MAPF_QUATERNION, true); }
+    void SetScale(float u, float v) {
+        scaleU = u;
+        scaleV = v;
+    }
+    void SetTranslation(float u, float v) {
+        translateU = u;
+        translateV = v;
+    }
+    void SetTile(float u, float v) {
+        tileU = u;
+        tileV = v;
+    }
+    void SetHPBRotation(float h, float p, float b) {
+        hpb = {h, p, b};
+        SetFlag(MAPF_QUATERNION, false);
+    }
+    void SetQuaternionRotation(const CQuaternion& q) {
+        rotation = q;
+        SetFlag(MAPF_QUATERNION, true);
+    }
 };
 
 enum MaterialFlags : uint32_t {
@@ -78,8 +93,7 @@ public:
     int GetAlphaMode() const { return alphaMode; }
     void SetAlphaMode(int m) { alphaMode = m; }
 
-    CMaterialMap* AddMaterialMap(const CXStringW& file, int32_t channel, uint32_t type,
-                                 uint32_t projection = PROJ_UV);
+    CMaterialMap* AddMaterialMap(const CXStringW& file, int32_t channel, uint32_t type, uint32_t projection = PROJ_UV);
     // The first map of `type`, or null.
     CMaterialMap* GetMaterialMap(uint32_t type) const;
     int GetMaterialMapCount() const { return static_cast<int>(m_maps.size()); }
@@ -103,7 +117,7 @@ public:
     float ambientFactor = 1.0f;
     CRGBColor specular{255, 255, 255};
     float specularFactor = 0.0f;
-    float shininess = 0.0f;  // 0..1
+    float shininess = 0.0f; // 0..1
     CRGBColor emissive{0, 0, 0};
     float emissiveFactor = 0.0f;
 

@@ -37,7 +37,10 @@ CQuaternion CQuaternion::Normalized() const {
 CQuaternion CQuaternion::Slerp(const CQuaternion& a, const CQuaternion& b0, float t) {
     CQuaternion b = b0;
     float d = a.Dot(b);
-    if (d < 0) { b = {-b.x, -b.y, -b.z, -b.w}; d = -d; }
+    if (d < 0) {
+        b = {-b.x, -b.y, -b.z, -b.w};
+        d = -d;
+    }
     if (d > 0.9995f) {
         CQuaternion r{a.x + t * (b.x - a.x), a.y + t * (b.y - a.y), a.z + t * (b.z - a.z), a.w + t * (b.w - a.w)};
         return r.Normalized();
@@ -54,9 +57,15 @@ template <typename T> C4x4TMatrix<T> C4x4TMatrix<T>::Rotation(const CQuaternion&
     C4x4TMatrix r;
     T xx = q.x * q.x, yy = q.y * q.y, zz = q.z * q.z;
     T xy = q.x * q.y, xz = q.x * q.z, yz = q.y * q.z, wx = q.w * q.x, wy = q.w * q.y, wz = q.w * q.z;
-    r.m[0][0] = 1 - 2 * (yy + zz); r.m[0][1] = 2 * (xy + wz);     r.m[0][2] = 2 * (xz - wy);
-    r.m[1][0] = 2 * (xy - wz);     r.m[1][1] = 1 - 2 * (xx + zz); r.m[1][2] = 2 * (yz + wx);
-    r.m[2][0] = 2 * (xz + wy);     r.m[2][1] = 2 * (yz - wx);     r.m[2][2] = 1 - 2 * (xx + yy);
+    r.m[0][0] = 1 - 2 * (yy + zz);
+    r.m[0][1] = 2 * (xy + wz);
+    r.m[0][2] = 2 * (xz - wy);
+    r.m[1][0] = 2 * (xy - wz);
+    r.m[1][1] = 1 - 2 * (xx + zz);
+    r.m[1][2] = 2 * (yz + wx);
+    r.m[2][0] = 2 * (xz + wy);
+    r.m[2][1] = 2 * (yz - wx);
+    r.m[2][2] = 1 - 2 * (xx + yy);
     return r;
 }
 
@@ -72,7 +81,10 @@ template <typename T> bool C4x4TMatrix<T>::Invert(C4x4TMatrix& out) const {
         int piv = c;
         for (int r = c + 1; r < 4; ++r)
             if (std::fabs(a[r][c]) > std::fabs(a[piv][c])) piv = r;
-        if (!(std::fabs(a[piv][c]) > 1e-30)) { out.SetIdentity(); return false; }
+        if (!(std::fabs(a[piv][c]) > 1e-30)) {
+            out.SetIdentity();
+            return false;
+        }
         if (piv != c)
             for (int k = 0; k < 8; ++k) std::swap(a[c][k], a[piv][k]);
         double inv = 1.0 / a[c][c];
@@ -89,8 +101,7 @@ template <typename T> bool C4x4TMatrix<T>::Invert(C4x4TMatrix& out) const {
     return true;
 }
 
-template <typename T>
-void C4x4TMatrix<T>::Decompose(C3DTPoint<T>& t, CQuaternion& rot, C3DTPoint<T>& s) const {
+template <typename T> void C4x4TMatrix<T>::Decompose(C3DTPoint<T>& t, CQuaternion& rot, C3DTPoint<T>& s) const {
     t = GetTranslation();
     C3DTPoint<T> r0{m[0][0], m[0][1], m[0][2]}, r1{m[1][0], m[1][1], m[1][2]}, r2{m[2][0], m[2][1], m[2][2]};
     s = {r0.Length(), r1.Length(), r2.Length()};

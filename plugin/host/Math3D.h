@@ -12,7 +12,12 @@ template <typename T> struct C3DTPoint {
     C3DTPoint operator-(const C3DTPoint& o) const { return {x - o.x, y - o.y, z - o.z}; }
     C3DTPoint operator*(T s) const { return {x * s, y * s, z * s}; }
     C3DTPoint operator-() const { return {-x, -y, -z}; }
-    C3DTPoint& operator+=(const C3DTPoint& o) { x += o.x; y += o.y; z += o.z; return *this; }
+    C3DTPoint& operator+=(const C3DTPoint& o) {
+        x += o.x;
+        y += o.y;
+        z += o.z;
+        return *this;
+    }
     bool operator==(const C3DTPoint& o) const { return x == o.x && y == o.y && z == o.z; }
     T Dot(const C3DTPoint& o) const { return x * o.x + y * o.y + z * o.z; }
     C3DTPoint Cross(const C3DTPoint& o) const { return {y * o.z - z * o.y, z * o.x - x * o.z, x * o.y - y * o.x}; }
@@ -72,10 +77,24 @@ template <typename T> struct C4x4TMatrix {
         return {p.x * m[0][0] + p.y * m[1][0] + p.z * m[2][0], p.x * m[0][1] + p.y * m[1][1] + p.z * m[2][1],
                 p.x * m[0][2] + p.y * m[1][2] + p.z * m[2][2]};
     }
-    void SetTranslation(T x, T y, T z) { m[3][0] = x; m[3][1] = y; m[3][2] = z; }
+    void SetTranslation(T x, T y, T z) {
+        m[3][0] = x;
+        m[3][1] = y;
+        m[3][2] = z;
+    }
     C3DTPoint<T> GetTranslation() const { return {m[3][0], m[3][1], m[3][2]}; }
-    static C4x4TMatrix Translation(T x, T y, T z) { C4x4TMatrix r; r.SetTranslation(x, y, z); return r; }
-    static C4x4TMatrix Scaling(T x, T y, T z) { C4x4TMatrix r; r.m[0][0] = x; r.m[1][1] = y; r.m[2][2] = z; return r; }
+    static C4x4TMatrix Translation(T x, T y, T z) {
+        C4x4TMatrix r;
+        r.SetTranslation(x, y, z);
+        return r;
+    }
+    static C4x4TMatrix Scaling(T x, T y, T z) {
+        C4x4TMatrix r;
+        r.m[0][0] = x;
+        r.m[1][1] = y;
+        r.m[2][2] = z;
+        return r;
+    }
     static C4x4TMatrix Rotation(const CQuaternion& q);
     // General inverse; returns false (and leaves identity) for a singular matrix.
     bool Invert(C4x4TMatrix& out) const;
@@ -86,8 +105,7 @@ template <typename T> struct C4x4TMatrix {
     // Splits into translation, rotation and scale (with the sign of the determinant on x).
     void Decompose(C3DTPoint<T>& translation, CQuaternion& rotation, C3DTPoint<T>& scale) const;
     // Builds scale, then rotation, then translation.
-    static C4x4TMatrix Compose(const C3DTPoint<T>& translation, const CQuaternion& rotation,
-                               const C3DTPoint<T>& scale);
+    static C4x4TMatrix Compose(const C3DTPoint<T>& translation, const CQuaternion& rotation, const C3DTPoint<T>& scale);
 };
 using C4x4Matrix = C4x4TMatrix<float>;
 
@@ -103,6 +121,11 @@ struct C3DBox {
         if (p.y > max.y) max.y = p.y;
         if (p.z > max.z) max.z = p.z;
     }
-    void Add(const C3DBox& b) { if (b.IsValid()) { Add(b.min); Add(b.max); } }
+    void Add(const C3DBox& b) {
+        if (b.IsValid()) {
+            Add(b.min);
+            Add(b.max);
+        }
+    }
     C3DPoint Center() const { return (min + max) * 0.5f; }
 };

@@ -24,8 +24,7 @@ namespace {
 // Hands every inflated block to sink(data, size), which returns false to stop.
 // Fails on damaged or truncated input, when the sink stops, and when the output
 // would go past maxBytes.
-template <class Sink>
-bool Inflate(std::span<const uint8_t> in, uint64_t maxBytes, Sink&& sink) {
+template <class Sink> bool Inflate(std::span<const uint8_t> in, uint64_t maxBytes, Sink&& sink) {
     if (in.size() < 2 || in[0] != 0x1F || in[1] != 0x8B) return false;
     z_stream zs{};
     if (inflateInit2(&zs, 16 + MAX_WBITS) != Z_OK) return false;

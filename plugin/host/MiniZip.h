@@ -22,7 +22,9 @@ public:
     static bool InflateGZip(const CXStringW& path, std::string& out, uint64_t maxBytes);
     static bool InflateGZip(std::span<const uint8_t> data, std::string& out, uint64_t maxBytes);
     // True when `data` starts with the gzip magic bytes.
-    static bool IsGZipData(std::span<const uint8_t> data) { return data.size() >= 2 && data[0] == 0x1F && data[1] == 0x8B; }
+    static bool IsGZipData(std::span<const uint8_t> data) {
+        return data.size() >= 2 && data[0] == 0x1F && data[1] == 0x8B;
+    }
     // What a gzip file of `compressedBytes` may inflate to: 200 times its size, at least
     // 256 MiB, at most 4 GiB (deflate's best ratio is about 1000:1, real files stay far below).
     static uint64_t InflateLimit(uint64_t compressedBytes);

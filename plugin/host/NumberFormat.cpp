@@ -80,17 +80,15 @@ void AppendFixed(std::string& out, double v, int precision) {
         return;
     }
     if (AppendSpecial(out, v, false)) return;
-    AppendChars(out, FixedGuess(v, precision), [&](char* b, char* e) {
-        return std::to_chars(b, e, v, std::chars_format::fixed, precision);
-    });
+    AppendChars(out, FixedGuess(v, precision),
+                [&](char* b, char* e) { return std::to_chars(b, e, v, std::chars_format::fixed, precision); });
 }
 
 void AppendExp(std::string& out, double v, int precision) {
     if (precision < 0) precision = 6;
     if (AppendSpecial(out, v, false)) return;
-    AppendChars(out, static_cast<size_t>(precision) + 16, [&](char* b, char* e) {
-        return std::to_chars(b, e, v, std::chars_format::scientific, precision);
-    });
+    AppendChars(out, static_cast<size_t>(precision) + 16,
+                [&](char* b, char* e) { return std::to_chars(b, e, v, std::chars_format::scientific, precision); });
 }
 
 void AppendGeneral(std::string& out, double v, int precision) {
@@ -239,7 +237,8 @@ template <typename T, typename F> void Narrowed(std::basic_string<T>& out, F&& f
     }
 }
 
-template <typename T> void AppendPadded(std::basic_string<T>& out, std::basic_string_view<T> body, const FieldFormat& s) {
+template <typename T>
+void AppendPadded(std::basic_string<T>& out, std::basic_string_view<T> body, const FieldFormat& s) {
     const size_t w = s.width > 0 ? static_cast<size_t>(s.width) : 0;
     const size_t pad = body.size() < w ? w - body.size() : 0;
     if (!s.left) out.append(pad, T(' '));
@@ -278,8 +277,10 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             else if (*p == T(' ')) s.space = true;
             else if (*p == T('0')) s.zero = true;
             else if (*p == T('#')) alt = true;
-            else if (*p == T('\'')) {} // grouping is a locale matter; the C locale has none
-            else break;
+            else if (*p == T('\'')) {
+            } // grouping is a locale matter; the C locale has none
+            else
+                break;
         }
         if (*p == T('*')) {
             s.width = va_arg(ap, int);
@@ -314,10 +315,16 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
         bool longDouble = false;
         if (*p == T('h')) {
             lenH = 1;
-            if (*++p == T('h')) { lenH = 2; ++p; }
+            if (*++p == T('h')) {
+                lenH = 2;
+                ++p;
+            }
         } else if (*p == T('l')) {
             lenL = 1;
-            if (*++p == T('l')) { lenL = 2; ++p; }
+            if (*++p == T('l')) {
+                lenL = 2;
+                ++p;
+            }
         } else if (*p == T('j') || *p == T('z') || *p == T('t')) {
             lenL = 2;
             ++p;
@@ -349,16 +356,21 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             return f;
         };
         switch (conv) {
-        case 'd': case 'i': {
+        case 'd':
+        case 'i': {
             long long v = lenL ? va_arg(ap, long long) : va_arg(ap, int);
             if (lenL == 1) v = static_cast<long>(v);
             if (lenH == 2) v = static_cast<signed char>(v);
             else if (lenH == 1) v = static_cast<short>(v);
-            unsigned long long mag = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+            unsigned long long mag =
+                v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
             Narrowed(out, [&](std::string& o) { AppendIntegerField(o, mag, v < 0, 10, false, s, true); });
             break;
         }
-        case 'u': case 'x': case 'X': case 'o': {
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o': {
             unsigned long long v = lenL ? va_arg(ap, unsigned long long) : va_arg(ap, unsigned);
             if (lenH == 2) v = static_cast<unsigned char>(v);
             else if (lenH == 1) v = static_cast<unsigned short>(v);
@@ -370,7 +382,12 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             Narrowed(out, [&](std::string& o) { AppendIntegerField(o, v, false, base, conv == 'X', s, false); });
             break;
         }
-        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': {
+        case 'f':
+        case 'F':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G': {
             if (longDouble) {
                 long double v = va_arg(ap, long double);
                 Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec("L"), v); });
@@ -381,7 +398,8 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             else Narrowed(out, [&](std::string& o) { AppendFloatField(o, v, conv, s); });
             break;
         }
-        case 'a': case 'A':
+        case 'a':
+        case 'A':
             if (longDouble) {
                 long double v = va_arg(ap, long double);
                 Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec("L"), v); });
@@ -390,7 +408,8 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
                 Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec(""), v); });
             }
             break;
-        case 'c': case 'C': {
+        case 'c':
+        case 'C': {
             FieldFormat t = s;
             t.prec = -1;
             const bool wideArg = conv == 'C' || (kWide ? lenH == 0 : lenL == 1);
@@ -404,7 +423,8 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             }
             break;
         }
-        case 's': case 'S': {
+        case 's':
+        case 'S': {
             FieldFormat t = s;
             t.prec = -1;
             const bool wideArg = conv == 'S' || (kWide ? lenH == 0 : lenL == 1);
@@ -444,9 +464,7 @@ template <typename T> void FormatCore(std::basic_string<T>& out, const T* fmt, v
             Narrowed(out, [&](std::string& o) { AppendSlow(o, slowSpec(""), v); });
             break;
         }
-        case 'n':
-            *va_arg(ap, int*) = static_cast<int>(out.size() - startSize);
-            break;
+        case 'n': *va_arg(ap, int*) = static_cast<int>(out.size() - startSize); break;
         default:
             // Unknown conversion: copied through, as glibc does.
             out.append(pct, static_cast<size_t>(fmt - pct));

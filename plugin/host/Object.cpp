@@ -170,7 +170,10 @@ bool C3DGeomObject::InitGraph(int32_t channelID) {
             bool seen = false;
             if (fill[p] - count[p] < 64)
                 for (uint32_t j = count[p]; j < fill[p]; ++j)
-                if (pts[j] == ci[i]) { seen = true; break; }
+                    if (pts[j] == ci[i]) {
+                        seen = true;
+                        break;
+                    }
             if (!seen) pts[fill[p]++] = ci[i];
         }
     }

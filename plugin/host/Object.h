@@ -50,7 +50,9 @@ public:
 
     // Channels. AddChannel takes ownership; id -1 assigns the next free ID. Returns the ID.
     int32_t AddChannel(C3DChannel* channel, int32_t id = -1);
-    int32_t AddChannel(std::unique_ptr<C3DChannel> channel, int32_t id = -1) { return AddChannel(channel.release(), id); }
+    int32_t AddChannel(std::unique_ptr<C3DChannel> channel, int32_t id = -1) {
+        return AddChannel(channel.release(), id);
+    }
     C3DChannel* GetChannelByID(int32_t id, uint32_t type = CHANNEL_ANY) const;
     // index-th channel of `type` (CHANNEL_ANY: of any type).
     C3DChannel* GetChannelByIndex(int index, uint32_t type = CHANNEL_ANY) const;
@@ -89,7 +91,10 @@ public:
     bool InitGraph(int32_t channelID);
     // The channel points connected to mesh point `point` in first-seen order (empty when none).
     std::span<const uint32_t> GetChannelConnectionInfo(int point) const;
-    void DeleteGraph() { m_graphOffsets.clear(); m_graphPoints.clear(); }
+    void DeleteGraph() {
+        m_graphOffsets.clear();
+        m_graphPoints.clear();
+    }
 
     C3DBox GetBoundingBox() const override;
     size_t MemoryBytes() const override;
@@ -165,7 +170,10 @@ public:
     float GetRoll() const { return m_roll; }
     void SetTarget(const C3DPoint& t) { m_target = t; }
     C3DPoint GetTarget() const { return m_target; }
-    void SetClipping(float n, float f) { m_near = n; m_far = f; }
+    void SetClipping(float n, float f) {
+        m_near = n;
+        m_far = f;
+    }
     float GetNear() const { return m_near; }
     float GetFar() const { return m_far; }
 private:

@@ -5,7 +5,9 @@ void C3DPointList::MatrixTransform(const C4x4Matrix& m) {
     for (size_t i = 0; i < n; ++i) {
         float* p = &m_xyz[i * 3];
         C3DPoint q = m.TransformPoint({p[0], p[1], p[2]});
-        p[0] = q.x; p[1] = q.y; p[2] = q.z;
+        p[0] = q.x;
+        p[1] = q.y;
+        p[2] = q.z;
     }
 }
 
@@ -20,7 +22,9 @@ void C3DPointList::MatrixTransformNormals(const C4x4Matrix& m) {
     for (size_t i = 0; i < n; ++i) {
         float* p = &m_xyz[i * 3];
         C3DPoint q = it.TransformVector({p[0], p[1], p[2]}).Normalized();
-        p[0] = q.x; p[1] = q.y; p[2] = q.z;
+        p[0] = q.x;
+        p[1] = q.y;
+        p[2] = q.z;
     }
 }
 

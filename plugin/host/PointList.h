@@ -20,10 +20,14 @@ public:
     C3DPoint operator[](int i) const { return GetPoint(i); }
     void SetPoint(int i, const C3DPoint& p) {
         float* d = &m_xyz[static_cast<size_t>(i) * 3];
-        d[0] = p.x; d[1] = p.y; d[2] = p.z;
+        d[0] = p.x;
+        d[1] = p.y;
+        d[2] = p.z;
     }
     int Add(float x, float y, float z) {
-        m_xyz.push_back(x); m_xyz.push_back(y); m_xyz.push_back(z);
+        m_xyz.push_back(x);
+        m_xyz.push_back(y);
+        m_xyz.push_back(z);
         return GetSize() - 1;
     }
     int Add(const C3DPoint& p) { return Add(p.x, p.y, p.z); }
@@ -50,15 +54,18 @@ private:
     hostmem::ZeroedArray<float> m_xyz;
 };
 
-using CUVWPointList = C3DPointList;   // u, v, w
-using C3DVectorList = C3DPointList;   // normals and other directions
+using CUVWPointList = C3DPointList; // u, v, w
+using C3DVectorList = C3DPointList; // normals and other directions
 
 class CVCPointList {
 public:
     int GetSize() const { return static_cast<int>(m_c.size()); }
     const CRGBColor& operator[](int i) const { return m_c[static_cast<size_t>(i)]; }
     CRGBColor& operator[](int i) { return m_c[static_cast<size_t>(i)]; }
-    int Add(const CRGBColor& c) { m_c.push_back(c); return GetSize() - 1; }
+    int Add(const CRGBColor& c) {
+        m_c.push_back(c);
+        return GetSize() - 1;
+    }
     void SetSize(int n) {
         const size_t k = static_cast<size_t>(n < 0 ? 0 : n);
         hostmem::ReserveFilled(m_c, k);

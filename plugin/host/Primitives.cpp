@@ -31,13 +31,15 @@ struct Builder {
     uint32_t Point(double x, double y, double z) {
         C3DPoint p;
         switch (axis) {
-        case 1: p = {float(x), float(-z), float(y)}; break;  // Y up -> Z up
-        case 2: p = {float(y), float(x), float(z)}; break;   // Y up -> X up
+        case 1: p = {float(x), float(-z), float(y)}; break; // Y up -> Z up
+        case 2: p = {float(y), float(x), float(z)}; break;  // Y up -> X up
         default: p = {float(x), float(y), float(z)}; break;
         }
         return static_cast<uint32_t>(pts.Add(p + origin));
     }
-    uint32_t UV(double u, double v) { return uv ? static_cast<uint32_t>(uv->GetUVWPointList()->Add(float(u), float(v), 0)) : 0; }
+    uint32_t UV(double u, double v) {
+        return uv ? static_cast<uint32_t>(uv->GetUVWPointList()->Add(float(u), float(v), 0)) : 0;
+    }
     void Face(std::initializer_list<uint32_t> idx, std::initializer_list<uint32_t> uvIdx) {
         faces.AddFace(idx.begin(), static_cast<int>(idx.size()));
         if (uv) uv->GetUVWFaceList()->AddFace(uvIdx.begin(), static_cast<int>(uvIdx.size()));

@@ -60,17 +60,15 @@ template <class F> C3DScene* Call(void* fn, std::span<const uint8_t> data, CRead
 } // namespace readadapter
 
 // `read(std::span<const uint8_t>, CReadContext&) -> C3DScene*` on the file at `path`.
-template <class F>
-C3DScene* ReadThroughFile(C3DParser& parser, const CXStringW& path, CSceneImportOptions& options, F&& read,
-                          int textMode = 0) {
+template <class F> C3DScene* ReadThroughFile(C3DParser& parser, const CXStringW& path, CSceneImportOptions& options,
+                                             F&& read, int textMode = 0) {
     using Fn = std::remove_reference_t<F>;
     return readadapter::FromPath(parser, path, options, textMode, &readadapter::Call<Fn>, &read);
 }
 
 // The same on bytes held in memory (fuzzing, archive members, tests).
-template <class F>
-C3DScene* ReadThroughMemory(C3DParser& parser, std::span<const uint8_t> data, CSceneImportOptions& options, F&& read,
-                            int textMode = 0) {
+template <class F> C3DScene* ReadThroughMemory(C3DParser& parser, std::span<const uint8_t> data,
+                                               CSceneImportOptions& options, F&& read, int textMode = 0) {
     using Fn = std::remove_reference_t<F>;
     return readadapter::FromMemory(parser, data, options, textMode, &readadapter::Call<Fn>, &read);
 }

@@ -219,7 +219,8 @@ void C3DScene::AddTexturePath(const CXStringW& p) {
 void C3DScene::ReplaceRequiredFile(const CXStringW& from, const CXStringW& to) {
     auto it = std::find(m_requiredFiles.begin(), m_requiredFiles.end(), from);
     if (it == m_requiredFiles.end()) return AddRequiredFile(to);
-    if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), to) != m_requiredFiles.end()) m_requiredFiles.erase(it);
+    if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), to) != m_requiredFiles.end())
+        m_requiredFiles.erase(it);
     else *it = to;
 }
 

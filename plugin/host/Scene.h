@@ -61,7 +61,10 @@ public:
                             const C3DSceneNode* stop = nullptr) const;
     // The next matching node (and its object, may be null); null when exhausted.
     C3DSceneNode* GetNextNode(C3DBaseObject*& object, C3DNodePos& pos) const;
-    C3DSceneNode* GetNextNode(C3DNodePos& pos) const { C3DBaseObject* o; return GetNextNode(o, pos); }
+    C3DSceneNode* GetNextNode(C3DNodePos& pos) const {
+        C3DBaseObject* o;
+        return GetNextNode(o, pos);
+    }
     // Nodes below `node` (null: the root) whose kind intersects `kinds`, all levels.
     int GetChildCount(const C3DSceneNode* node, uint32_t kinds = KINDOF_ALL, bool recursive = true) const;
     int GetNodeCount() const { return GetChildCount(nullptr); }
@@ -95,7 +98,10 @@ public:
     // Animation ticks per second, and the animated range in ticks.
     int GetTickCount() const { return m_ticks; }
     void SetTickCount(int t) { m_ticks = t; }
-    void SetAnimationRange(int32_t start, int32_t end) { m_start = start; m_end = end; }
+    void SetAnimationRange(int32_t start, int32_t end) {
+        m_start = start;
+        m_end = end;
+    }
     int32_t GetAnimationStart() const { return m_start; }
     int32_t GetAnimationEnd() const { return m_end; }
     CCustomData& GetParserData() { return m_parserData; }

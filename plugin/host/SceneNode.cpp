@@ -45,7 +45,10 @@ bool C3DSceneNode::GetBoundingBox(double time, C3DBox& box, bool world) const {
     if (!m_object) return false;
     C3DBox local = m_object->GetBoundingBox();
     if (!local.IsValid()) return false;
-    if (!world) { box = local; return true; }
+    if (!world) {
+        box = local;
+        return true;
+    }
     C4x4Matrix tm;
     GetNodeTM(time, tm);
     tm = m_objectTM * tm;

@@ -31,7 +31,10 @@ public:
 
     // With `own` false the node stores a clone (the caller keeps its object).
     void SetObject(C3DBaseObject* object, bool own = true);
-    C3DBaseObject* GetBaseObject(double time = 0) const { (void)time; return m_object.get(); }
+    C3DBaseObject* GetBaseObject(double time = 0) const {
+        (void)time;
+        return m_object.get();
+    }
     C3DGeomObject* GetGeomObject(double time = 0) const;
     std::unique_ptr<C3DBaseObject> ReleaseObject() { return std::move(m_object); }
     // Kind of the carried object; an object-less node counts as a group.
@@ -46,7 +49,10 @@ public:
     void GetNodeTM(double time, C4x4Matrix& out) const;
     // Offset of the object within the node (pivot placement), applied before the node's TM.
     void SetObjectLocalTM(const C4x4Matrix& m) { m_objectTM = m; }
-    void GetObjectLocalTM(double time, C4x4Matrix& out) const { (void)time; out = m_objectTM; }
+    void GetObjectLocalTM(double time, C4x4Matrix& out) const {
+        (void)time;
+        out = m_objectTM;
+    }
     const C3DPoint& GetPivot() const { return m_pivot; }
     void SetPivot(const C3DPoint& p) { m_pivot = p; }
     // Box of the object (object offset and world transform applied when `world`).

@@ -24,13 +24,21 @@ bool IsValidUtf8(std::string_view s) {
         int need;
         uint8_t lo = 0x80, hi = 0xBF;
         if (b >= 0xC2 && b <= 0xDF) need = 1;
-        else if (b == 0xE0) { need = 2; lo = 0xA0; }
-        else if ((b >= 0xE1 && b <= 0xEC) || b == 0xEE || b == 0xEF) need = 2;
-        else if (b == 0xED) { need = 2; hi = 0x9F; }
-        else if (b == 0xF0) { need = 3; lo = 0x90; }
-        else if (b >= 0xF1 && b <= 0xF3) need = 3;
-        else if (b == 0xF4) { need = 3; hi = 0x8F; }
-        else return false;
+        else if (b == 0xE0) {
+            need = 2;
+            lo = 0xA0;
+        } else if ((b >= 0xE1 && b <= 0xEC) || b == 0xEE || b == 0xEF) need = 2;
+        else if (b == 0xED) {
+            need = 2;
+            hi = 0x9F;
+        } else if (b == 0xF0) {
+            need = 3;
+            lo = 0x90;
+        } else if (b >= 0xF1 && b <= 0xF3) need = 3;
+        else if (b == 0xF4) {
+            need = 3;
+            hi = 0x8F;
+        } else return false;
         if (n - i - 1 < static_cast<size_t>(need)) return false;
         if (p[i + 1] < lo || p[i + 1] > hi) return false;
         for (int k = 2; k <= need; ++k)

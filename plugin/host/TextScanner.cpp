@@ -2,8 +2,8 @@
 // conversion swallows (even ones the number does not use, as in "1e"), when the
 // result is a matching failure and when EOF. The oracle tests compare it with
 // sscanf on generated input; from_chars does the conversions.
-#include "plugin/host/TextHelpers.h"
 #include "plugin/host/TextScanner.h"
+#include "plugin/host/TextHelpers.h"
 
 #include <charconv>
 #include <clocale>
@@ -275,8 +275,8 @@ template <typename C> size_t CollectInt(const C* p, const C* end, size_t width, 
 // strtol / strtoul of the collected text, on a 64-bit long.
 long long AsSigned(const IntResult& r) {
     const unsigned long long lim = 1ull << 63;
-    if (r.neg) return (r.overflow || r.mag > lim) ? std::numeric_limits<long long>::min()
-                                                  : static_cast<long long>(0 - r.mag);
+    if (r.neg)
+        return (r.overflow || r.mag > lim) ? std::numeric_limits<long long>::min() : static_cast<long long>(0 - r.mag);
     return (r.overflow || r.mag >= lim) ? std::numeric_limits<long long>::max() : static_cast<long long>(r.mag);
 }
 unsigned long long AsUnsigned(const IntResult& r) {
@@ -302,9 +302,7 @@ template <typename C> void StoreChars(void* dst, bool wide, const C* s, size_t n
         if constexpr (std::is_same_v<C, char>) {
             std::memcpy(d, s, n);
         } else {
-            for (size_t k = 0; k < n; ++k) {
-                d[k] = NarrowLatin1(s[k]);
-            }
+            for (size_t k = 0; k < n; ++k) { d[k] = NarrowLatin1(s[k]); }
         }
         if (terminate) d[n] = 0;
     }
@@ -315,7 +313,8 @@ template <typename C> void StoreSigned(va_list& ap, Length len, long long v) {
     case LEN_HH: *va_arg(ap, signed char*) = static_cast<signed char>(v); break;
     case LEN_H: *va_arg(ap, short*) = static_cast<short>(v); break;
     case LEN_L: *va_arg(ap, long*) = static_cast<long>(v); break;
-    case LEN_LL: case LEN_BIGL: *va_arg(ap, long long*) = v; break;
+    case LEN_LL:
+    case LEN_BIGL: *va_arg(ap, long long*) = v; break;
     case LEN_J: *va_arg(ap, intmax_t*) = v; break;
     case LEN_Z: *va_arg(ap, ptrdiff_t*) = static_cast<ptrdiff_t>(v); break;
     case LEN_T: *va_arg(ap, ptrdiff_t*) = static_cast<ptrdiff_t>(v); break;
@@ -328,7 +327,8 @@ template <typename C> void StoreUnsigned(va_list& ap, Length len, unsigned long 
     case LEN_HH: *va_arg(ap, unsigned char*) = static_cast<unsigned char>(v); break;
     case LEN_H: *va_arg(ap, unsigned short*) = static_cast<unsigned short>(v); break;
     case LEN_L: *va_arg(ap, unsigned long*) = static_cast<unsigned long>(v); break;
-    case LEN_LL: case LEN_BIGL: *va_arg(ap, unsigned long long*) = v; break;
+    case LEN_LL:
+    case LEN_BIGL: *va_arg(ap, unsigned long long*) = v; break;
     case LEN_J: *va_arg(ap, uintmax_t*) = v; break;
     case LEN_Z: *va_arg(ap, size_t*) = static_cast<size_t>(v); break;
     case LEN_T: *va_arg(ap, size_t*) = static_cast<size_t>(v); break;
@@ -385,17 +385,38 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
         switch (*fmt) {
         case 'h':
             ++fmt;
-            if (*fmt == 'h') { ++fmt; len = LEN_HH; } else len = LEN_H;
+            if (*fmt == 'h') {
+                ++fmt;
+                len = LEN_HH;
+            } else len = LEN_H;
             break;
         case 'l':
             ++fmt;
-            if (*fmt == 'l') { ++fmt; len = LEN_LL; } else len = LEN_L;
+            if (*fmt == 'l') {
+                ++fmt;
+                len = LEN_LL;
+            } else len = LEN_L;
             break;
-        case 'q': ++fmt; len = LEN_LL; break;
-        case 'L': ++fmt; len = LEN_BIGL; break;
-        case 'j': ++fmt; len = LEN_J; break;
-        case 'z': ++fmt; len = LEN_Z; break;
-        case 't': ++fmt; len = LEN_T; break;
+        case 'q':
+            ++fmt;
+            len = LEN_LL;
+            break;
+        case 'L':
+            ++fmt;
+            len = LEN_BIGL;
+            break;
+        case 'j':
+            ++fmt;
+            len = LEN_J;
+            break;
+        case 'z':
+            ++fmt;
+            len = LEN_Z;
+            break;
+        case 't':
+            ++fmt;
+            len = LEN_T;
+            break;
         default: break;
         }
         C conv = *fmt;
@@ -405,7 +426,12 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
         case 'n':
             if (!suppress) StoreSigned<C>(ap, len, static_cast<long long>(in - start));
             break;
-        case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': {
+        case 'd':
+        case 'i':
+        case 'u':
+        case 'x':
+        case 'X':
+        case 'o': {
             skipSpaces();
             if (in >= end) return inputFailure();
             int base = conv == 'i' ? 0 : (conv == 'o' ? 8 : ((conv == 'x' || conv == 'X') ? 16 : 10));
@@ -420,7 +446,14 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
             }
             break;
         }
-        case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A': {
+        case 'f':
+        case 'F':
+        case 'e':
+        case 'E':
+        case 'g':
+        case 'G':
+        case 'a':
+        case 'A': {
             skipSpaces();
             if (in >= end) return inputFailure();
             size_t n;
@@ -442,7 +475,8 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
             if (!suppress) ++done;
             break;
         }
-        case 's': case 'S': {
+        case 's':
+        case 'S': {
             skipSpaces();
             if (in >= end) return inputFailure();
             const C* b = in;
@@ -454,7 +488,8 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
             }
             break;
         }
-        case 'c': case 'C': {
+        case 'c':
+        case 'C': {
             if (width == SIZE_MAX) width = 1;
             if (in >= end) return inputFailure();
             const C* b = in;
@@ -502,8 +537,7 @@ template <typename C> int ScanEngine(const C* in, const C* end, const C* fmt, va
             }
             break;
         }
-        default:
-            return done; // %p and unknown conversions stop the scan
+        default: return done; // %p and unknown conversions stop the scan
         }
     }
     return done;

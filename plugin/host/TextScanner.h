@@ -93,15 +93,18 @@ public:
     char Peek() const { return m_p < m_end ? *m_p : '\0'; }
     void Advance(size_t n) { m_p += n < static_cast<size_t>(m_end - m_p) ? n : static_cast<size_t>(m_end - m_p); }
 
-    bool ReadFloat(float& v);          // "%f"
-    bool ReadDouble(double& v);        // "%lf"
-    bool ReadInt(int& v);              // "%d"
-    bool ReadUInt(unsigned& v);        // "%u"
-    bool ReadInt64(long long& v);      // "%lld"
+    bool ReadFloat(float& v);               // "%f"
+    bool ReadDouble(double& v);             // "%lf"
+    bool ReadInt(int& v);                   // "%d"
+    bool ReadUInt(unsigned& v);             // "%u"
+    bool ReadInt64(long long& v);           // "%lld"
     bool ReadUInt64(unsigned long long& v); // "%llu"
     // "%s" with an optional width: the next run of non-spaces, at most maxLen bytes.
     bool ReadWord(std::string_view& w, size_t maxLen = SIZE_MAX);
-    bool SkipWord() { std::string_view w; return ReadWord(w); } // "%*s"
+    bool SkipWord() {
+        std::string_view w;
+        return ReadWord(w);
+    } // "%*s"
     // Skips spaces, then consumes `c` if it is next.
     bool Match(char c);
     // Consumes `s` if the text continues with it exactly (no space skipping).
@@ -141,8 +144,8 @@ size_t ParseDoubleField(const char* p, const char* end, size_t width, double& v)
 // compares, where bytes from 0x80 up are negative and fall outside.
 inline __m128i Load16(const char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 inline unsigned BreakMask16(__m128i x) {
-    return static_cast<unsigned>(
-        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('\n')), _mm_cmpeq_epi8(x, _mm_set1_epi8('\r')))));
+    return static_cast<unsigned>(_mm_movemask_epi8(
+        _mm_or_si128(_mm_cmpeq_epi8(x, _mm_set1_epi8('\n')), _mm_cmpeq_epi8(x, _mm_set1_epi8('\r')))));
 }
 inline unsigned SpaceMask16(__m128i x) {
     const __m128i ctl =
@@ -264,7 +267,9 @@ inline void ClassifyBlock64(const char* p, uint64_t& breaks, uint64_t& spaces) {
     breaks = b;
     spaces = s;
 }
-[[gnu::target("popcnt")]] inline unsigned PopCount64Hw(uint64_t x) { return static_cast<unsigned>(__builtin_popcountll(x)); }
+[[gnu::target("popcnt")]] inline unsigned PopCount64Hw(uint64_t x) {
+    return static_cast<unsigned>(__builtin_popcountll(x));
+}
 // True when the processor runs AVX2, POPCNT and BMI1 code.
 inline bool HaveAvx2() {
     static const bool have =
@@ -389,7 +394,7 @@ inline float Negated(float f, bool neg) {
         }
     }
     if (digits == 0 || digits > 19) return nullptr; // beyond 19 digits m has wrapped
-    if (p < end && !IsSpaceNoBranch(*p)) { // most numbers end here, without an exponent
+    if (p < end && !IsSpaceNoBranch(*p)) {          // most numbers end here, without an exponent
         if (*p != 'e' && *p != 'E') return nullptr;
         ++p;
         bool eneg = false;

@@ -26,7 +26,10 @@ void CPolygonTriangulator::Triangulate(const C3DPointList& points, std::span<con
                                        std::vector<uint32_t>& out) {
     const size_t n = face.size();
     if (n < 3) return;
-    if (n == 3) { Fan(n, out); return; }
+    if (n == 3) {
+        Fan(n, out);
+        return;
+    }
 
     // Newell normal: robust for warped faces and independent of where the outline starts.
     const float* xyz = points.GetData();
@@ -38,7 +41,9 @@ void CPolygonTriangulator::Triangulate(const C3DPointList& points, std::span<con
         nx += (double(a[1]) - b[1]) * (double(a[2]) + b[2]);
         ny += (double(a[2]) - b[2]) * (double(a[0]) + b[0]);
         nz += (double(a[0]) - b[0]) * (double(a[1]) + b[1]);
-        cx += a[0]; cy += a[1]; cz += a[2];
+        cx += a[0];
+        cy += a[1];
+        cz += a[2];
     }
     const double len = std::sqrt(nx * nx + ny * ny + nz * nz);
     if (!std::isfinite(len) || !std::isfinite(cx + cy + cz)) {
@@ -46,20 +51,40 @@ void CPolygonTriangulator::Triangulate(const C3DPointList& points, std::span<con
         Fan(n, out);
         return;
     }
-    if (len == 0) { Fan(n, out); return; } // no area to keep
-    nx /= len; ny /= len; nz /= len;
+    if (len == 0) {
+        Fan(n, out);
+        return;
+    } // no area to keep
+    nx /= len;
+    ny /= len;
+    nz /= len;
     // Plane axes u, v with u x v = normal: the outline turns counter-clockwise in (u, v).
     double ux, uy, uz;
-    if (std::fabs(nx) <= std::fabs(ny) && std::fabs(nx) <= std::fabs(nz)) { ux = 0; uy = nz; uz = -ny; }
-    else if (std::fabs(ny) <= std::fabs(nz)) { ux = -nz; uy = 0; uz = nx; }
-    else { ux = ny; uy = -nx; uz = 0; }
+    if (std::fabs(nx) <= std::fabs(ny) && std::fabs(nx) <= std::fabs(nz)) {
+        ux = 0;
+        uy = nz;
+        uz = -ny;
+    } else if (std::fabs(ny) <= std::fabs(nz)) {
+        ux = -nz;
+        uy = 0;
+        uz = nx;
+    } else {
+        ux = ny;
+        uy = -nx;
+        uz = 0;
+    }
     const double ul = std::sqrt(ux * ux + uy * uy + uz * uz);
-    ux /= ul; uy /= ul; uz /= ul;
+    ux /= ul;
+    uy /= ul;
+    uz /= ul;
     const double vx = ny * uz - nz * uy, vy = nz * ux - nx * uz, vz = nx * uy - ny * ux;
 
     // Centred coordinates keep the products small for faces far from the origin.
-    cx /= double(n); cy /= double(n); cz /= double(n);
-    m_x.resize(n); m_y.resize(n);
+    cx /= double(n);
+    cy /= double(n);
+    cz /= double(n);
+    m_x.resize(n);
+    m_y.resize(n);
     double extent = 0;
     for (size_t i = 0; i < n; ++i) {
         const float* a = xyz + size_t(face[i]) * 3;
@@ -68,11 +93,21 @@ void CPolygonTriangulator::Triangulate(const C3DPointList& points, std::span<con
         m_y[i] = px * vx + py * vy + pz * vz;
         extent = std::max({extent, std::fabs(m_x[i]), std::fabs(m_y[i])});
     }
-    if (!(extent > 0)) { Fan(n, out); return; }
+    if (!(extent > 0)) {
+        Fan(n, out);
+        return;
+    }
     const double eps = extent * extent * 1e-12;
-    if (len <= eps) { Fan(n, out); return; } // collinear outline: no area to keep
+    if (len <= eps) {
+        Fan(n, out);
+        return;
+    } // collinear outline: no area to keep
 
-    m_prev.resize(n); m_next.resize(n); m_cross.resize(n); m_state.assign(n, 0); m_reflex.clear();
+    m_prev.resize(n);
+    m_next.resize(n);
+    m_cross.resize(n);
+    m_state.assign(n, 0);
+    m_reflex.clear();
     for (size_t i = 0; i < n; ++i) {
         m_prev[i] = static_cast<uint32_t>(i == 0 ? n - 1 : i - 1);
         m_next[i] = static_cast<uint32_t>(i + 1 == n ? 0 : i + 1);
@@ -84,7 +119,10 @@ void CPolygonTriangulator::Triangulate(const C3DPointList& points, std::span<con
             m_state[i] |= kConvex;
         } else {
             m_state[i] &= static_cast<uint8_t>(~kConvex);
-            if (!(m_state[i] & kListed)) { m_state[i] |= kListed; m_reflex.push_back(i); }
+            if (!(m_state[i] & kListed)) {
+                m_state[i] |= kListed;
+                m_reflex.push_back(i);
+            }
         }
     };
     for (uint32_t i = 0; i < n; ++i) classify(i);

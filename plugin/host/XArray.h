@@ -55,15 +55,20 @@ public:
         EnsureCount(count);
         m_data.resize(static_cast<size_t>(count));
     }
-    void RemoveAt(int i, int n = 1) {
-        m_data.erase(m_data.begin() + i, m_data.begin() + i + n);
-    }
+    void RemoveAt(int i, int n = 1) { m_data.erase(m_data.begin() + i, m_data.begin() + i + n); }
     void InsertAt(int i, const T& v) {
         EnsureCount(GetSize() + 1);
         m_data.insert(m_data.begin() + i, v);
     }
-    void RemoveAll() { m_data.clear(); m_data.shrink_to_fit(); m_capacity = 0; }
-    void FreeExtra() { m_data.shrink_to_fit(); m_capacity = GetSize(); }
+    void RemoveAll() {
+        m_data.clear();
+        m_data.shrink_to_fit();
+        m_capacity = 0;
+    }
+    void FreeExtra() {
+        m_data.shrink_to_fit();
+        m_capacity = GetSize();
+    }
 
     // The host's growth rule, exposed for tests: the capacity after growing to hold `needed`.
     static int NextCapacity(int capacity, int count, int grow, int needed) {
@@ -102,7 +107,11 @@ template <typename T> class CStack {
 public:
     explicit CStack(int growStep = 5) { m_data.reserve(static_cast<size_t>(growStep > 0 ? growStep : 0)); }
     void Push(const T& v) { m_data.push_back(v); }
-    T Pop() { T v = std::move(m_data.back()); m_data.pop_back(); return v; }
+    T Pop() {
+        T v = std::move(m_data.back());
+        m_data.pop_back();
+        return v;
+    }
     T& Top() { return m_data.back(); }
     bool IsEmpty() const { return m_data.empty(); }
     int GetSize() const { return static_cast<int>(m_data.size()); }

@@ -90,15 +90,35 @@ void AppendUtf8ToWide(std::wstring& out, std::string_view s) {
         int need;
         unsigned char lo = 0x80, hi = 0xBF;
         uint32_t cp;
-        if (b >= 0xC2 && b <= 0xDF) { need = 1; cp = b & 0x1F; }
-        else if (b == 0xE0) { need = 2; cp = 0; lo = 0xA0; }
-        else if (b >= 0xE1 && b <= 0xEC) { need = 2; cp = b & 0x0F; }
-        else if (b == 0xED) { need = 2; cp = 0xD; hi = 0x9F; }
-        else if (b >= 0xEE && b <= 0xEF) { need = 2; cp = b & 0x0F; }
-        else if (b == 0xF0) { need = 3; cp = 0; lo = 0x90; }
-        else if (b >= 0xF1 && b <= 0xF3) { need = 3; cp = b & 0x07; }
-        else if (b == 0xF4) { need = 3; cp = 4; hi = 0x8F; }
-        else {
+        if (b >= 0xC2 && b <= 0xDF) {
+            need = 1;
+            cp = b & 0x1F;
+        } else if (b == 0xE0) {
+            need = 2;
+            cp = 0;
+            lo = 0xA0;
+        } else if (b >= 0xE1 && b <= 0xEC) {
+            need = 2;
+            cp = b & 0x0F;
+        } else if (b == 0xED) {
+            need = 2;
+            cp = 0xD;
+            hi = 0x9F;
+        } else if (b >= 0xEE && b <= 0xEF) {
+            need = 2;
+            cp = b & 0x0F;
+        } else if (b == 0xF0) {
+            need = 3;
+            cp = 0;
+            lo = 0x90;
+        } else if (b >= 0xF1 && b <= 0xF3) {
+            need = 3;
+            cp = b & 0x07;
+        } else if (b == 0xF4) {
+            need = 3;
+            cp = 4;
+            hi = 0x8F;
+        } else {
             out += L'\xFFFD';
             ++i;
             continue;

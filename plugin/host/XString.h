@@ -36,14 +36,39 @@ public:
     void SetAt(int i, T c) { m_s[static_cast<size_t>(i)] = c; }
     T operator[](int i) const { return m_s[static_cast<size_t>(i)]; }
 
-    CXTString& operator=(const T* s) { m_s = s ? s : empty(); return *this; }
-    CXTString& operator+=(const CXTString& o) { m_s += o.m_s; return *this; }
-    CXTString& operator+=(const T* s) { if (s) m_s += s; return *this; }
-    CXTString& operator+=(T c) { m_s += c; return *this; }
-    friend CXTString operator+(CXTString a, const CXTString& b) { a += b; return a; }
-    friend CXTString operator+(CXTString a, const T* b) { a += b; return a; }
-    friend CXTString operator+(const T* a, const CXTString& b) { CXTString r(a); r += b; return r; }
-    friend CXTString operator+(CXTString a, T c) { a += c; return a; }
+    CXTString& operator=(const T* s) {
+        m_s = s ? s : empty();
+        return *this;
+    }
+    CXTString& operator+=(const CXTString& o) {
+        m_s += o.m_s;
+        return *this;
+    }
+    CXTString& operator+=(const T* s) {
+        if (s) m_s += s;
+        return *this;
+    }
+    CXTString& operator+=(T c) {
+        m_s += c;
+        return *this;
+    }
+    friend CXTString operator+(CXTString a, const CXTString& b) {
+        a += b;
+        return a;
+    }
+    friend CXTString operator+(CXTString a, const T* b) {
+        a += b;
+        return a;
+    }
+    friend CXTString operator+(const T* a, const CXTString& b) {
+        CXTString r(a);
+        r += b;
+        return r;
+    }
+    friend CXTString operator+(CXTString a, T c) {
+        a += c;
+        return a;
+    }
     friend bool operator==(const CXTString& a, const CXTString& b) { return a.m_s == b.m_s; }
     friend bool operator==(const CXTString& a, const T* b) { return a.m_s == (b ? b : empty()); }
     friend bool operator<(const CXTString& a, const CXTString& b) { return a.m_s < b.m_s; }
@@ -79,7 +104,10 @@ public:
     int Replace(T from, T to) {
         int n = 0;
         for (auto& c : m_s)
-            if (c == from) { c = to; ++n; }
+            if (c == from) {
+                c = to;
+                ++n;
+            }
         return n;
     }
     CXTString Mid(int first, int count = -1) const {
@@ -110,7 +138,10 @@ public:
         m_s.resize(n);
         return *this;
     }
-    CXTString& Trim() { TrimRight(); return TrimLeft(); }
+    CXTString& Trim() {
+        TrimRight();
+        return TrimLeft();
+    }
     // ASCII case mapping only: the formats compare keywords, not prose.
     CXTString& MakeLower() {
         for (auto& c : m_s)
@@ -142,7 +173,10 @@ public:
 
 private:
     static T lower(T c) { return (c >= 'A' && c <= 'Z') ? static_cast<T>(c + 32) : c; }
-    static const T* empty() { static const T z[1] = {0}; return z; }
+    static const T* empty() {
+        static const T z[1] = {0};
+        return z;
+    }
     string_type m_s;
 };
 

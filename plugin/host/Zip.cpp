@@ -1,5 +1,5 @@
-#include "plugin/host/TextHelpers.h"
 #include "plugin/host/Zip.h"
+#include "plugin/host/TextHelpers.h"
 
 #include <sys/stat.h>
 #include <zip.h>
@@ -12,7 +12,6 @@
 #include "plugin/host/Options.h"
 
 namespace {
-
 
 std::string FileNameOf(std::string_view s) {
     size_t slash = s.find_last_of("/\\");
@@ -116,8 +115,8 @@ void CZip::Close(bool force) {
 bool CZip::IsSafeName(const std::string& name) {
     if (name.empty()) return false;
     const std::string s = Slashes(name);
-    if (s[0] == '/') return false;                                    // absolute or backslash root
-    if (s.size() >= 2 && s[1] == ':') return false;                   // drive letter
+    if (s[0] == '/') return false;                  // absolute or backslash root
+    if (s.size() >= 2 && s[1] == ':') return false; // drive letter
     if (s.find('\0') != std::string::npos) return false;
     size_t start = 0;
     while (start <= s.size()) {
@@ -151,7 +150,8 @@ int CZip::FindMatchingFiles(CXArray<uint32_t>& indices, const CXStringW& pattern
     // '\' separates folders in the names the KMZ reader builds and also escapes: only before a wildcard.
     std::string norm;
     for (size_t i = 0; i < p.size(); ++i) {
-        if (p[i] == '\\' && !(i + 1 < p.size() && (p[i + 1] == '*' || p[i + 1] == '?' || p[i + 1] == '\\'))) norm += '/';
+        if (p[i] == '\\' && !(i + 1 < p.size() && (p[i + 1] == '*' || p[i + 1] == '?' || p[i + 1] == '\\')))
+            norm += '/';
         else norm += p[i];
     }
     int found = 0;

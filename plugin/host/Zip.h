@@ -52,7 +52,10 @@ public:
 
     // Bytes extracted so far and the limits (total, and per entry: 1 MiB + ratio x compressed).
     uint64_t ExtractedBytes() const { return m_extracted; }
-    void SetLimits(uint64_t totalBytes, uint64_t ratio) { m_totalLimit = totalBytes; m_ratio = ratio; }
+    void SetLimits(uint64_t totalBytes, uint64_t ratio) {
+        m_totalLimit = totalBytes;
+        m_ratio = ratio;
+    }
 
     // Whether a stored name may reach the file system.
     static bool IsSafeName(const std::string& name);

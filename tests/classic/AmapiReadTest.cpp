@@ -48,7 +48,8 @@ TEST(AmapiRead, ShapeWithNameColourAndPolygons) {
     AmapiWriter w;
     w.Shape([](AmapiWriter& s) {
         s.Name("Cube").Color(255, 10, 0);
-        s.Geom({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0.5f, 2, 0}, {{0, 1, 2, 3}, {3, 2, 4}, {0, 1, 2, 4, 3}}, 0, 0, 1, 2);
+        s.Geom({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0.5f, 2, 0}, {{0, 1, 2, 3}, {3, 2, 4}, {0, 1, 2, 4, 3}}, 0, 0, 1,
+               2);
     });
     ReadResult r = ReadAmapi(w.Bytes());
     ASSERT_TRUE(r.scene);
@@ -120,9 +121,7 @@ TEST(AmapiRead, ClosedCurvesOpenCurvesAndTheKeepOpenFlag) {
 TEST(AmapiRead, GroupsHoldTheirChildren) {
     AmapiWriter w;
     w.Shape([](AmapiWriter& s) {
-        s.Name("Outer").Group({Mesh("A"), [](AmapiWriter& c) {
-                                   c.Name("Inner").Group({Mesh("B"), Mesh("")});
-                               }});
+        s.Name("Outer").Group({Mesh("A"), [](AmapiWriter& c) { c.Name("Inner").Group({Mesh("B"), Mesh("")}); }});
     });
     w.Shape([](AmapiWriter& s) { s.Group({Mesh("C")}); }); // a nameless group, named at the end
     ReadResult r = ReadAmapi(w.Bytes());
@@ -239,7 +238,14 @@ TEST(AmapiRead, DamagedFilesNeverCrashOrHang) {
     }
     // A ctrl block without its marker, and a block size past the end.
     AmapiWriter noEof;
-    noEof.Shape([](AmapiWriter& s) { s.Sub("ctrl", [](AmapiWriter& c) { Mesh("X")(c); c.EndMarker(); }); }, false);
+    noEof.Shape(
+        [](AmapiWriter& s) {
+            s.Sub("ctrl", [](AmapiWriter& c) {
+                Mesh("X")(c);
+                c.EndMarker();
+            });
+        },
+        false);
     EXPECT_TRUE(ReadAmapi(noEof.Bytes()).scene);
     std::string longBlock = AmapiWriter().Raw("BLOKSHAP").U32(0xFFFFFFF0).Raw("blokname").U32(20).Bytes();
     EXPECT_TRUE(ReadAmapi(longBlock).scene);

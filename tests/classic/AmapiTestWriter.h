@@ -19,7 +19,10 @@ public:
     }
     const std::string& Bytes() const { return m_b; }
 
-    AmapiWriter& U8(uint8_t v) { m_b.push_back(static_cast<char>(v)); return *this; }
+    AmapiWriter& U8(uint8_t v) {
+        m_b.push_back(static_cast<char>(v));
+        return *this;
+    }
     AmapiWriter& U32(uint32_t v) {
         for (int s = 24; s >= 0; s -= 8) U8(static_cast<uint8_t>(v >> s));
         return *this;
@@ -29,8 +32,14 @@ public:
         std::memcpy(&v, &f, 4);
         return U32(v);
     }
-    AmapiWriter& Tag(const char (&t)[5]) { m_b.append(t, 4); return *this; }
-    AmapiWriter& Raw(const std::string& s) { m_b += s; return *this; }
+    AmapiWriter& Tag(const char (&t)[5]) {
+        m_b.append(t, 4);
+        return *this;
+    }
+    AmapiWriter& Raw(const std::string& s) {
+        m_b += s;
+        return *this;
+    }
 
     // A top-level block; its size is patched after `body`.
     AmapiWriter& Block(const char (&type)[5], const Body& body) {
@@ -62,8 +71,8 @@ public:
         return Sub("colr", [&](AmapiWriter& w) { w.U8(r).U8(g).U8(b); });
     }
     // Geometry: points (x y z triples; a fourth float is written per point), faces as index lists.
-    AmapiWriter& Geom(const std::vector<float>& xyz, const std::vector<std::vector<uint32_t>>& faces,
-                      uint8_t flags = 0, uint8_t closed = 0, uint8_t visible = 1, uint32_t skipped = 0) {
+    AmapiWriter& Geom(const std::vector<float>& xyz, const std::vector<std::vector<uint32_t>>& faces, uint8_t flags = 0,
+                      uint8_t closed = 0, uint8_t visible = 1, uint32_t skipped = 0) {
         return Sub("geom", [&](AmapiWriter& w) {
             uint32_t words = 0;
             for (auto& f : faces) words += 1 + static_cast<uint32_t>(f.size());

@@ -32,13 +32,23 @@ public:
         std::memcpy(&m_b[start + 2], &len, 4);
         return *this;
     }
-    StudioBuilder& U8(uint8_t v) { m_b.push_back(static_cast<char>(v)); return *this; }
+    StudioBuilder& U8(uint8_t v) {
+        m_b.push_back(static_cast<char>(v));
+        return *this;
+    }
     StudioBuilder& U16(uint16_t v) { return Raw(&v, 2); }
     StudioBuilder& U32(uint32_t v) { return Raw(&v, 4); }
     StudioBuilder& I32(int32_t v) { return Raw(&v, 4); }
     StudioBuilder& F32(float v) { return Raw(&v, 4); }
-    StudioBuilder& Str(const std::string& s) { m_b += s; m_b.push_back('\0'); return *this; }
-    StudioBuilder& Raw(const void* p, size_t n) { m_b.append(static_cast<const char*>(p), n); return *this; }
+    StudioBuilder& Str(const std::string& s) {
+        m_b += s;
+        m_b.push_back('\0');
+        return *this;
+    }
+    StudioBuilder& Raw(const void* p, size_t n) {
+        m_b.append(static_cast<const char*>(p), n);
+        return *this;
+    }
     // A chunk header with an explicit (possibly wrong) length.
     StudioBuilder& Header(uint16_t id, uint32_t len) { return U16(id).U32(len); }
     const std::string& Bytes() const { return m_b; }

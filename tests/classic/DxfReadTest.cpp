@@ -179,8 +179,7 @@ TEST(DxfTags, InPlaceReadingAgreesWithLineByLine) {
             }
             }
             pairs.push_back({code, value});
-            s += std::string(next(4) == 0 ? next(4) : 0, ' ') + std::to_string(code) +
-                 (next(6) == 0 ? " " : "") + eol;
+            s += std::string(next(4) == 0 ? next(4) : 0, ' ') + std::to_string(code) + (next(6) == 0 ? " " : "") + eol;
             s += (next(8) == 0 ? " " : "") + value + (next(8) == 0 ? "\t" : "") + eol;
         }
         if (next(3) == 0 && !pairs.back().second.empty())
@@ -196,9 +195,7 @@ TEST(DxfTags, InPlaceReadingAgreesWithLineByLine) {
             const auto [end, ec] = std::from_chars(b, value.data() + value.size(), full);
             const bool number = ec == std::errc() && end == value.data() + value.size() && b != end;
             ASSERT_EQ(CDxfTagReader::ToDouble(t, mine), number) << value;
-            if (number) {
-                ASSERT_EQ(mine, full) << value;
-            }
+            if (number) { ASSERT_EQ(mine, full) << value; }
         }
         EXPECT_FALSE(r.Next(t));
         EXPECT_FALSE(r.Failed()) << s;
@@ -218,15 +215,53 @@ TEST(DxfColors, IndexTable) {
 TEST(DxfRead, FacesSolidsAndTheirCornerOrder) {
     Read r = ReadBytes(Drawing({
         // Corners written last to first; the fourth equals the third: a triangle.
-        {0, "3DFACE"}, {8, "F"}, {13, "1"}, {23, "1"}, {33, "0"}, {12, "1"}, {22, "1"}, {32, "0"},
-        {11, "1"}, {21, "0"}, {31, "0"}, {10, "0"}, {20, "0"}, {30, "0"},
-        {0, "3DFACE"}, {8, "F"}, {10, "0"}, {20, "0"}, {30, "1"}, {11, "1"}, {21, "0"}, {31, "1"},
-        {12, "1"}, {22, "1"}, {32, "1"}, {13, "0"}, {23, "1"}, {33, "1"},
+        {0, "3DFACE"},
+        {8, "F"},
+        {13, "1"},
+        {23, "1"},
+        {33, "0"},
+        {12, "1"},
+        {22, "1"},
+        {32, "0"},
+        {11, "1"},
+        {21, "0"},
+        {31, "0"},
+        {10, "0"},
+        {20, "0"},
+        {30, "0"},
+        {0, "3DFACE"},
+        {8, "F"},
+        {10, "0"},
+        {20, "0"},
+        {30, "1"},
+        {11, "1"},
+        {21, "0"},
+        {31, "1"},
+        {12, "1"},
+        {22, "1"},
+        {32, "1"},
+        {13, "0"},
+        {23, "1"},
+        {33, "1"},
         // All corners equal: nothing.
-        {0, "3DFACE"}, {8, "F"}, {10, "2"}, {11, "2"}, {12, "2"}, {13, "2"},
+        {0, "3DFACE"},
+        {8, "F"},
+        {10, "2"},
+        {11, "2"},
+        {12, "2"},
+        {13, "2"},
         // SOLID: drawn 1, 2, 4, 3 at the elevation of 30.
-        {0, "SOLID"}, {8, "F"}, {10, "0"}, {20, "0"}, {30, "5"}, {11, "1"}, {21, "0"}, {12, "0"}, {22, "1"},
-        {13, "1"}, {23, "1"},
+        {0, "SOLID"},
+        {8, "F"},
+        {10, "0"},
+        {20, "0"},
+        {30, "5"},
+        {11, "1"},
+        {21, "0"},
+        {12, "0"},
+        {22, "1"},
+        {13, "1"},
+        {23, "1"},
     }));
     ASSERT_TRUE(r.scene);
     auto meshes = OfKind(*r.scene, KINDOF_MESH);
@@ -300,20 +335,71 @@ TEST(DxfRead, PolygonMeshClosedEitherWay) {
 
 TEST(DxfRead, CurvesFromLinesArcsAndPolylines) {
     Read r = ReadBytes(Drawing({
-        {0, "LINE"}, {10, "0"}, {20, "0"}, {30, "0"}, {11, "3"}, {21, "4"}, {31, "5"},
+        {0, "LINE"},
+        {10, "0"},
+        {20, "0"},
+        {30, "0"},
+        {11, "3"},
+        {21, "4"},
+        {31, "5"},
         // Quarter arc from (7.5,0) to (5,2.5).
-        {0, "ARC"}, {10, "5"}, {20, "0"}, {30, "0"}, {40, "2.5"}, {50, "0"}, {51, "90"},
+        {0, "ARC"},
+        {10, "5"},
+        {20, "0"},
+        {30, "0"},
+        {40, "2.5"},
+        {50, "0"},
+        {51, "90"},
         // Bulge 1 from (0,0) to (2,0): a half circle through (1,-1).
-        {0, "LWPOLYLINE"}, {90, "2"}, {70, "0"}, {38, "2"}, {10, "0"}, {20, "0"}, {42, "1"}, {10, "2"}, {20, "0"},
+        {0, "LWPOLYLINE"},
+        {90, "2"},
+        {70, "0"},
+        {38, "2"},
+        {10, "0"},
+        {20, "0"},
+        {42, "1"},
+        {10, "2"},
+        {20, "0"},
         // A circle seen from below: its OCS x axis points the other way.
-        {0, "CIRCLE"}, {10, "1"}, {20, "0"}, {30, "0"}, {40, "1"}, {210, "0"}, {220, "0"}, {230, "-1"},
+        {0, "CIRCLE"},
+        {10, "1"},
+        {20, "0"},
+        {30, "0"},
+        {40, "1"},
+        {210, "0"},
+        {220, "0"},
+        {230, "-1"},
         // Ellipse, major (4,0,0), ratio 0.5: t = pi/2 gives (0,2,0).
-        {0, "ELLIPSE"}, {10, "0"}, {20, "0"}, {30, "0"}, {11, "4"}, {21, "0"}, {31, "0"}, {40, "0.5"},
-        {41, "0"}, {42, "1.5707963267948966"},
+        {0, "ELLIPSE"},
+        {10, "0"},
+        {20, "0"},
+        {30, "0"},
+        {11, "4"},
+        {21, "0"},
+        {31, "0"},
+        {40, "0.5"},
+        {41, "0"},
+        {42, "1.5707963267948966"},
         // Degree 1 spline: exactly its control polygon.
-        {0, "SPLINE"}, {70, "0"}, {71, "1"}, {72, "4"}, {73, "2"}, {40, "0"}, {40, "0"}, {40, "1"}, {40, "1"},
-        {10, "0"}, {20, "0"}, {30, "0"}, {10, "10"}, {20, "0"}, {30, "0"},
-        {0, "POINT"}, {10, "1"}, {20, "2"}, {30, "3"},
+        {0, "SPLINE"},
+        {70, "0"},
+        {71, "1"},
+        {72, "4"},
+        {73, "2"},
+        {40, "0"},
+        {40, "0"},
+        {40, "1"},
+        {40, "1"},
+        {10, "0"},
+        {20, "0"},
+        {30, "0"},
+        {10, "10"},
+        {20, "0"},
+        {30, "0"},
+        {0, "POINT"},
+        {10, "1"},
+        {20, "2"},
+        {30, "3"},
     }));
     ASSERT_TRUE(r.scene);
     auto curves = OfKind(*r.scene, KINDOF_CURVE);
@@ -332,7 +418,7 @@ TEST(DxfRead, CurvesFromLinesArcsAndPolylines) {
     ExpectNear(bulge.back(), 2, 0, 2);
     auto circle = FacePoints(g, 3);
     EXPECT_EQ(circle.front().x, circle.back().x); // closed: the first index again
-    ExpectNear(circle[0], -2, 0, 0); // OCS x is world -x: centre (-1,0,0), angle 0 at x = -2
+    ExpectNear(circle[0], -2, 0, 0);              // OCS x is world -x: centre (-1,0,0), angle 0 at x = -2
     ExpectNear(circle[dxf::kSegmentsPerTurn / 4], -1, 1, 0);
     auto ellipse = FacePoints(g, 4);
     ExpectNear(ellipse.back(), 0, 2, 0);
@@ -346,14 +432,13 @@ TEST(DxfRead, CurvesFromLinesArcsAndPolylines) {
 }
 
 TEST(DxfRead, LayersColoursAndUnits) {
-    const Pairs header = {{0, "SECTION"}, {2, "HEADER"}, {9, "$ACADVER"}, {1, "AC1015"}, {9, "$INSUNITS"}, {70, "4"},
-                          {0, "ENDSEC"},
-                          {0, "SECTION"}, {2, "TABLES"}, {0, "TABLE"}, {2, "LAYER"},
-                          {0, "LAYER"}, {2, "Red"}, {70, "0"}, {62, "1"},
-                          {0, "LAYER"}, {2, "Off"}, {70, "0"}, {62, "-5"},
-                          {0, "LAYER"}, {2, "Frozen"}, {70, "1"}, {62, "3"},
-                          {0, "LAYER"}, {2, "red"}, {70, "0"}, {62, "2"}, // same name: the first wins
-                          {0, "ENDTAB"}, {0, "ENDSEC"}};
+    const Pairs header = {{0, "SECTION"}, {2, "HEADER"}, {9, "$ACADVER"}, {1, "AC1015"}, {9, "$INSUNITS"},
+                          {70, "4"},      {0, "ENDSEC"}, {0, "SECTION"},  {2, "TABLES"}, {0, "TABLE"},
+                          {2, "LAYER"},   {0, "LAYER"},  {2, "Red"},      {70, "0"},     {62, "1"},
+                          {0, "LAYER"},   {2, "Off"},    {70, "0"},       {62, "-5"},    {0, "LAYER"},
+                          {2, "Frozen"},  {70, "1"},     {62, "3"},       {0, "LAYER"},  {2, "red"},
+                          {70, "0"},      {62, "2"}, // same name: the first wins
+                          {0, "ENDTAB"},  {0, "ENDSEC"}};
     auto face = [](const char* layer, std::vector<std::pair<int, std::string>> extra) {
         Pairs p = {{0, "3DFACE"}, {8, layer}, {10, "0"}, {11, "1"}, {12, "1"}, {22, "1"}, {13, "0"}, {23, "1"}};
         p.insert(p.end(), extra.begin(), extra.end());
@@ -392,7 +477,7 @@ namespace {
 
 Pairs Block(const std::string& name, double bx, double by, const Pairs& content) {
     Pairs p = {{0, "BLOCK"}, {8, "0"}, {2, name}, {70, "0"}, {10, std::to_string(bx)}, {20, std::to_string(by)},
-               {30, "0"}, {3, name}};
+               {30, "0"},    {3, name}};
     p.insert(p.end(), content.begin(), content.end());
     p.push_back({0, "ENDBLK"});
     return p;
@@ -405,8 +490,8 @@ Pairs Blocks(const std::vector<Pairs>& blocks) {
     return p;
 }
 
-const Pairs kUnitFace = {{0, "3DFACE"}, {8, "0"}, {62, "0"}, {10, "1"}, {20, "0"}, {30, "0"}, {11, "2"}, {21, "0"},
-                         {31, "0"}, {12, "2"}, {22, "1"}, {32, "0"}, {13, "2"}, {23, "1"}, {33, "0"}};
+const Pairs kUnitFace = {{0, "3DFACE"}, {8, "0"},  {62, "0"}, {10, "1"}, {20, "0"}, {30, "0"}, {11, "2"}, {21, "0"},
+                         {31, "0"},     {12, "2"}, {22, "1"}, {32, "0"}, {13, "2"}, {23, "1"}, {33, "0"}};
 
 C3DPoint World(const C3DSceneNode& n, const C3DPoint& p) {
     C4x4Matrix tm;
@@ -419,11 +504,27 @@ C3DPoint World(const C3DSceneNode& n, const C3DPoint& p) {
 TEST(DxfRead, InsertPlacementArraysAndNesting) {
     // Block A: one triangle from (1,0) with base point (1,0). Inserted at (10,0), rotated 90,
     // scaled 2: block (2,0) goes to 10 + R90(2*(1,0)) = (10,2).
-    const Pairs blocks = Blocks({Block("A", 1, 0, kUnitFace),
-                                 Block("B", 0, 0, {{0, "INSERT"}, {8, "0"}, {2, "a"}, {10, "0"}, {20, "0"}, {30, "5"}})});
-    Read r = ReadBytes(Drawing({{0, "INSERT"}, {8, "L"}, {62, "1"}, {2, "A"}, {10, "10"}, {20, "0"}, {30, "0"},
-                                {41, "2"}, {42, "2"}, {43, "2"}, {50, "90"},
-                                {0, "INSERT"}, {8, "L"}, {2, "B"}, {70, "3"}, {71, "2"}, {44, "100"}, {45, "1000"}},
+    const Pairs blocks =
+        Blocks({Block("A", 1, 0, kUnitFace),
+                Block("B", 0, 0, {{0, "INSERT"}, {8, "0"}, {2, "a"}, {10, "0"}, {20, "0"}, {30, "5"}})});
+    Read r = ReadBytes(Drawing({{0, "INSERT"},
+                                {8, "L"},
+                                {62, "1"},
+                                {2, "A"},
+                                {10, "10"},
+                                {20, "0"},
+                                {30, "0"},
+                                {41, "2"},
+                                {42, "2"},
+                                {43, "2"},
+                                {50, "90"},
+                                {0, "INSERT"},
+                                {8, "L"},
+                                {2, "B"},
+                                {70, "3"},
+                                {71, "2"},
+                                {44, "100"},
+                                {45, "1000"}},
                                blocks));
     ASSERT_TRUE(r.scene);
     auto meshes = OfKind(*r.scene, KINDOF_MESH);
@@ -530,11 +631,12 @@ TEST(DxfRead, DamagedTextKeepsWhatCameBefore) {
     EXPECT_EQ(OfKind(*cut.scene, KINDOF_CURVE)[0]->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
     EXPECT_TRUE(Logged(cut, L"damaged"));
     // Every prefix of a drawing with all entity kinds reads or fails cleanly.
-    const std::string all = Drawing({{0, "3DFACE"}, {10, "0"}, {11, "1"}, {12, "1"}, {22, "1"}, {0, "ARC"}, {40, "1"},
-                                     {51, "90"}, {0, "LWPOLYLINE"}, {10, "0"}, {20, "0"}, {42, "0.5"}, {10, "1"},
-                                     {0, "POLYLINE"}, {70, "64"}, {0, "VERTEX"}, {70, "192"}, {0, "VERTEX"},
-                                     {70, "128"}, {71, "1"}, {72, "1"}, {73, "1"}, {0, "SEQEND"}},
-                                    Blocks({Block("A", 0, 0, kUnitFace)}));
+    const std::string all =
+        Drawing({{0, "3DFACE"}, {10, "0"},       {11, "1"},         {12, "1"},     {22, "1"},    {0, "ARC"},
+                 {40, "1"},     {51, "90"},      {0, "LWPOLYLINE"}, {10, "0"},     {20, "0"},    {42, "0.5"},
+                 {10, "1"},     {0, "POLYLINE"}, {70, "64"},        {0, "VERTEX"}, {70, "192"},  {0, "VERTEX"},
+                 {70, "128"},   {71, "1"},       {72, "1"},         {73, "1"},     {0, "SEQEND"}},
+                Blocks({Block("A", 0, 0, kUnitFace)}));
     for (size_t n = 0; n < all.size(); n += 3) {
         Read p = ReadBytes(all.substr(0, n));
         if (!p.scene) { EXPECT_TRUE(p.error == IO_ERR_FORMAT || p.error == IO_ERR_EMPTY) << n; }
@@ -556,10 +658,27 @@ public:
         }
         return *this;
     }
-    BinaryDxf& Str(int c, const std::string& s) { Code(c); m_b += s; m_b += '\0'; return *this; }
-    BinaryDxf& Dbl(int c, double v) { Code(c); m_b.append(reinterpret_cast<const char*>(&v), 8); return *this; }
-    BinaryDxf& I16(int c, int16_t v) { Code(c); m_b.append(reinterpret_cast<const char*>(&v), 2); return *this; }
-    BinaryDxf& Byte(int c, uint8_t v) { Code(c); m_b += static_cast<char>(v); return *this; }
+    BinaryDxf& Str(int c, const std::string& s) {
+        Code(c);
+        m_b += s;
+        m_b += '\0';
+        return *this;
+    }
+    BinaryDxf& Dbl(int c, double v) {
+        Code(c);
+        m_b.append(reinterpret_cast<const char*>(&v), 8);
+        return *this;
+    }
+    BinaryDxf& I16(int c, int16_t v) {
+        Code(c);
+        m_b.append(reinterpret_cast<const char*>(&v), 2);
+        return *this;
+    }
+    BinaryDxf& Byte(int c, uint8_t v) {
+        Code(c);
+        m_b += static_cast<char>(v);
+        return *this;
+    }
     const std::string& Bytes() const { return m_b; }
 private:
     bool m_one;
@@ -651,12 +770,12 @@ TEST(DxfRead, WriteThenReadKeepsMeshesAndCurves) {
 TEST(DxfRead, ReadWriteReadKeepsPlacedMeshesAndEveryLine) {
     // Two lines and a closed square on one layer, and a block placed twice.
     const Pairs blocks = Blocks({Block("A", 0, 0, kUnitFace)});
-    Read first = ReadBytes(Drawing({{0, "LINE"}, {8, "L"}, {11, "1"}, {0, "LINE"}, {8, "L"}, {10, "5"}, {11, "6"},
-                                    {0, "LWPOLYLINE"}, {8, "L"}, {70, "1"}, {10, "0"}, {20, "0"}, {10, "1"}, {20, "0"},
-                                    {10, "1"}, {20, "1"}, {10, "0"}, {20, "1"},
-                                    {0, "INSERT"}, {8, "M"}, {2, "A"}, {10, "100"},
-                                    {0, "INSERT"}, {8, "M"}, {2, "A"}, {10, "200"}, {50, "90"}},
-                                   blocks));
+    Read first = ReadBytes(
+        Drawing({{0, "LINE"},       {8, "L"},      {11, "1"}, {0, "LINE"}, {8, "L"},      {10, "5"}, {11, "6"},
+                 {0, "LWPOLYLINE"}, {8, "L"},      {70, "1"}, {10, "0"},   {20, "0"},     {10, "1"}, {20, "0"},
+                 {10, "1"},         {20, "1"},     {10, "0"}, {20, "1"},   {0, "INSERT"}, {8, "M"},  {2, "A"},
+                 {10, "100"},       {0, "INSERT"}, {8, "M"},  {2, "A"},    {10, "200"},   {50, "90"}},
+                blocks));
     ASSERT_TRUE(first.scene);
     CFileIo io;
     CDxfIo writer(io);
@@ -699,7 +818,8 @@ TEST(DxfRead, ReadWriteReadKeepsPlacedMeshesAndEveryLine) {
 }
 
 TEST(DxfRead, LayerNamesDecodeEscapesUtf8AndSingleBytes) {
-    Read r = ReadBytes(Drawing({{0, "POINT"}, {8, "A\\U+00C4b"}, {0, "POINT"}, {8, "Gr\xC3\xBCn"}, {0, "POINT"}, {8, "Gr\xFCn2"}}));
+    Read r = ReadBytes(
+        Drawing({{0, "POINT"}, {8, "A\\U+00C4b"}, {0, "POINT"}, {8, "Gr\xC3\xBCn"}, {0, "POINT"}, {8, "Gr\xFCn2"}}));
     ASSERT_TRUE(r.scene);
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"A\u00C4b")));
     EXPECT_TRUE(r.scene->FindNodeByName(CXStringW(L"Gr\u00FCn")));

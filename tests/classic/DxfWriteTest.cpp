@@ -45,37 +45,36 @@ TEST(DxfWrite, MeshesAndCurvesGoldenText) {
     C3DSceneNode* hidden = Add(scene, group, L"H", new C3DObject(), {0, 0, 0, 1e7f, 0, 0, 0, 1, 0}, {{0, 1, 2}});
     hidden->GetBaseObject()->SetFlag(OBJF_HIDDEN);
 
-    const std::string expected =
-        "0\nSECTION\n2\nTABLES\n0\nTABLE\n"
-        // One layer per node, "LAYER" repeated; no layer for the group or the flagged mesh.
-        "2\nLAYER\n2\nA\n70\n0\n"
-        "2\nLAYER\n2\nC\n70\n0\n"
-        "0\nENDTAB\n0\nENDSEC\n0\nSECTION\n2\nENTITIES\n"
-        "0\nPOLYLINE\n8\nA\n70\n64\n66\n1\n71\n5\n72\n4\n"
-        "0\nVERTEX\n8\nA\n70\n192\n10\n0.000000\n20\n0.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nA\n70\n192\n10\n1.000000\n20\n0.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nA\n70\n192\n10\n1.000000\n20\n1.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nA\n70\n192\n10\n0.000000\n20\n1.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nA\n70\n192\n10\n0.500000\n20\n1.500000\n30\n-2.250000\n"
-        "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
-        "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n74\n4\n"
-        // The pentagon keeps its first three corners; the two-corner face repeats its last.
-        "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
-        "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n4\n72\n5\n73\n5\n"
-        "0\nSEQEND\n"
-        // The closed curve gets no closed flag.
-        "0\nPOLYLINE\n8\nC\n66\n1\n"
-        "0\nVERTEX\n8\nC\n10\n1.000000\n20\n2.000000\n30\n3.000000\n"
-        "0\nVERTEX\n8\nC\n10\n4.000000\n20\n5.000000\n30\n6.500000\n"
-        "0\nSEQEND\n"
-        // The flagged mesh, inside the group, still has its entity.
-        "0\nPOLYLINE\n8\nH\n70\n64\n66\n1\n71\n3\n72\n1\n"
-        "0\nVERTEX\n8\nH\n70\n192\n10\n0.000000\n20\n0.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nH\n70\n192\n10\n10000000.000000\n20\n0.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nH\n70\n192\n10\n0.000000\n20\n1.000000\n30\n0.000000\n"
-        "0\nVERTEX\n8\nH\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
-        "0\nSEQEND\n"
-        "0\nENDSEC\n0\nEOF\n";
+    const std::string expected = "0\nSECTION\n2\nTABLES\n0\nTABLE\n"
+                                 // One layer per node, "LAYER" repeated; no layer for the group or the flagged mesh.
+                                 "2\nLAYER\n2\nA\n70\n0\n"
+                                 "2\nLAYER\n2\nC\n70\n0\n"
+                                 "0\nENDTAB\n0\nENDSEC\n0\nSECTION\n2\nENTITIES\n"
+                                 "0\nPOLYLINE\n8\nA\n70\n64\n66\n1\n71\n5\n72\n4\n"
+                                 "0\nVERTEX\n8\nA\n70\n192\n10\n0.000000\n20\n0.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nA\n70\n192\n10\n1.000000\n20\n0.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nA\n70\n192\n10\n1.000000\n20\n1.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nA\n70\n192\n10\n0.000000\n20\n1.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nA\n70\n192\n10\n0.500000\n20\n1.500000\n30\n-2.250000\n"
+                                 "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
+                                 "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n74\n4\n"
+                                 // The pentagon keeps its first three corners; the two-corner face repeats its last.
+                                 "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
+                                 "0\nVERTEX\n8\nA\n70\n128\n10\n0\n20\n0\n30\n0\n71\n4\n72\n5\n73\n5\n"
+                                 "0\nSEQEND\n"
+                                 // The closed curve gets no closed flag.
+                                 "0\nPOLYLINE\n8\nC\n66\n1\n"
+                                 "0\nVERTEX\n8\nC\n10\n1.000000\n20\n2.000000\n30\n3.000000\n"
+                                 "0\nVERTEX\n8\nC\n10\n4.000000\n20\n5.000000\n30\n6.500000\n"
+                                 "0\nSEQEND\n"
+                                 // The flagged mesh, inside the group, still has its entity.
+                                 "0\nPOLYLINE\n8\nH\n70\n64\n66\n1\n71\n3\n72\n1\n"
+                                 "0\nVERTEX\n8\nH\n70\n192\n10\n0.000000\n20\n0.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nH\n70\n192\n10\n10000000.000000\n20\n0.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nH\n70\n192\n10\n0.000000\n20\n1.000000\n30\n0.000000\n"
+                                 "0\nVERTEX\n8\nH\n70\n128\n10\n0\n20\n0\n30\n0\n71\n1\n72\n2\n73\n3\n"
+                                 "0\nSEQEND\n"
+                                 "0\nENDSEC\n0\nEOF\n";
     EXPECT_EQ(CDxfIo::FormatScene(scene), expected);
 
     // Through Save: the same bytes, names as 8-bit text.
@@ -95,7 +94,9 @@ TEST(DxfWrite, LayerNamesAreLatin1AndAnUnopenablePathFails) {
     C3DScene scene;
     Add(scene, nullptr, L"Gr\u00fcn\u4e2d", new C3DCurve(), {0, 0, 0}, {{0}});
     std::string text = CDxfIo::FormatScene(scene);
-    EXPECT_NE(text.find("2\nGr\xFC" "n?\n70\n0\n"), std::string::npos);
+    EXPECT_NE(text.find("2\nGr\xFC"
+                        "n?\n70\n0\n"),
+              std::string::npos);
 
     CFileIo io;
     CSceneExportOptions opt;

@@ -33,7 +33,8 @@ Totals Count(const C3DScene& s) {
         ++t.meshes;
         t.points += m->GetPointList()->GetSize();
         t.faces += m->GetFaceList()->GetNumberOfFaces();
-        for (int f = 0; f < m->GetFaceList()->GetNumberOfFaces(); ++f) t.triangles += m->GetFaceList()->GetFaceSize(f) - 2;
+        for (int f = 0; f < m->GetFaceList()->GetNumberOfFaces(); ++f)
+            t.triangles += m->GetFaceList()->GetFaceSize(f) - 2;
         (void)n;
     }
     return t;
@@ -69,7 +70,7 @@ TEST(LightwaveCorpus, HierarchyLayersByNumber) {
     const Totals t = Count(*r.scene);
     EXPECT_EQ(t.meshes, 4);
     EXPECT_EQ(t.points, 290);
-    EXPECT_EQ(t.faces, 306);      // 258 quads + 48 triangles
+    EXPECT_EQ(t.faces, 306); // 258 quads + 48 triangles
     EXPECT_EQ(t.triangles, 564);
     EXPECT_EQ(MeshOf(root)->GetPointList()->GetSize(), 266);
     EXPECT_EQ(r.scene->GetMaterialNumber(), 3);

@@ -27,11 +27,14 @@ IffBuilder Triangle(float z = 2.0f) {
     return b;
 }
 
-std::string Close(IffBuilder& b) { b.End(); return b.Bytes(); }
+std::string Close(IffBuilder& b) {
+    b.End();
+    return b.Bytes();
+}
 
 float UvAt(const C3DObject& o, int face, int corner, int comp, int channel = -1) {
-    const CUVWChannel* ch = channel < 0 ? o.GetGlobalUVWChannel()
-                                        : static_cast<CUVWChannel*>(o.GetChannelByID(channel, CHANNEL_UVW));
+    const CUVWChannel* ch =
+        channel < 0 ? o.GetGlobalUVWChannel() : static_cast<CUVWChannel*>(o.GetChannelByID(channel, CHANNEL_UVW));
     const uint32_t idx = ch->GetUVWFaceList()->Face(face)[corner];
     const C3DPoint p = ch->GetUVWPointList()->GetPoint(static_cast<int>(idx));
     return comp == 0 ? p.x : p.y;
@@ -63,7 +66,11 @@ TEST(LightwaveRead, SurfaceValuesBecomeMaterialValues) {
     b.Chunk("SURF").S0("Red").S0("");
     b.Sub("COLR").Vec(1.0f, 0.5f, 0.0f).VX(0).End();
     b.Sub("DIFF").F32(0.8f).VX(0).End();
-    b.Sub("S" "PEC").F32(0.25f).VX(0).End();
+    b.Sub("S"
+          "PEC")
+        .F32(0.25f)
+        .VX(0)
+        .End();
     b.Sub("GLOS").F32(0.6f).VX(0).End();
     b.Sub("TRAN").F32(0.3f).VX(0).End();
     b.Sub("LUMI").F32(0.5f).VX(0).End();
@@ -401,9 +408,7 @@ TEST(LightwaveRead, DamagedLengthsAndTruncationNeverFail) {
     // Every prefix: a scene or a clean error, never a crash (ASan/UBSan builds check the rest).
     for (size_t n = 0; n <= good.size(); ++n) {
         ReadResult r = ReadObjectBytes(good.substr(0, n));
-        if (!r.scene) {
-            EXPECT_NE(r.error, 0) << n;
-        }
+        if (!r.scene) { EXPECT_NE(r.error, 0) << n; }
     }
     // A PNTS length far past the file is clamped to what is there.
     std::string bad = good;

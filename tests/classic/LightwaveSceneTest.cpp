@@ -91,12 +91,12 @@ TEST(LightwaveEnvelope, SpanTypesBetweenKeys) {
 
 TEST(LightwaveEnvelope, BehavioursOutsideTheKeys) {
     EnvelopeKey a{1, 0, 3, {}}, b{3, 1, 3, {}};
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 0).Evaluate(2.0), 0.0);  // reset
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 1).Evaluate(2.0), 3.0);  // constant
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 2).Evaluate(2.25), 1.5); // repeat
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 3).Evaluate(1.25), 2.5); // oscillate: on its way back
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 4).Evaluate(2.5), 6.0);  // offset repeat: + 2 per cycle
-    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 5).Evaluate(3.0), 7.0);  // linear on
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 0).Evaluate(2.0), 0.0);   // reset
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 1).Evaluate(2.0), 3.0);   // constant
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 2).Evaluate(2.25), 1.5);  // repeat
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 3).Evaluate(1.25), 2.5);  // oscillate: on its way back
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 4).Evaluate(2.5), 6.0);   // offset repeat: + 2 per cycle
+    EXPECT_DOUBLE_EQ(Env({a, b}, 1, 5).Evaluate(3.0), 7.0);   // linear on
     EXPECT_DOUBLE_EQ(Env({a, b}, 4, 1).Evaluate(-0.25), 0.5); // pre offset repeat: 2.5 - 2
     EXPECT_DOUBLE_EQ(Env({a, b}, 0, 1).Evaluate(-0.5), 0.0);
     // Far outside: no loop runs per cycle.
@@ -104,15 +104,16 @@ TEST(LightwaveEnvelope, BehavioursOutsideTheKeys) {
 }
 
 TEST(LightwaveScene, VersionThreeEnvelopesParentsAndForwardReferences) {
-    const std::string text = "LWSC\n3\n\nFirstFrame 0\nLastFrame 60\nFramesPerSecond 30\n"
-                             "AddNullObject Child\nParentItem 10000001\nObjectMotion\nNumChannels 9\nChannel 0\n" +
-                             ThreeKeyEnvelope(3) +
-                             "Channel 2\n{ Envelope\n  1\n  Key 4 0 0 0 0 0 0 0 0\n  Behaviors 1 1\n}\n"
-                             "\nAddNullObject Parent Null\nPivotPosition 0 0 0\n"
-                             "{ Unknown\n  { Nested\n  }\n  AddNullObject Fake\n}\n"
-                             "AddLight\nLightName Sun\nLightType 0\nLightColor 1 0.5 0\nLightIntensity 0.8\n"
-                             "AddCamera\nCameraName Cam\nZoomFactor (envelope)\n{ Envelope\n  1\n  Key 1 0 0 0 0 0 0 0 0\n"
-                             "  Behaviors 1 1\n}\nParentItem 10000000\n";
+    const std::string text =
+        "LWSC\n3\n\nFirstFrame 0\nLastFrame 60\nFramesPerSecond 30\n"
+        "AddNullObject Child\nParentItem 10000001\nObjectMotion\nNumChannels 9\nChannel 0\n" +
+        ThreeKeyEnvelope(3) +
+        "Channel 2\n{ Envelope\n  1\n  Key 4 0 0 0 0 0 0 0 0\n  Behaviors 1 1\n}\n"
+        "\nAddNullObject Parent Null\nPivotPosition 0 0 0\n"
+        "{ Unknown\n  { Nested\n  }\n  AddNullObject Fake\n}\n"
+        "AddLight\nLightName Sun\nLightType 0\nLightColor 1 0.5 0\nLightIntensity 0.8\n"
+        "AddCamera\nCameraName Cam\nZoomFactor (envelope)\n{ Envelope\n  1\n  Key 1 0 0 0 0 0 0 0 0\n"
+        "  Behaviors 1 1\n}\nParentItem 10000000\n";
     ReadResult r = ReadSceneText(text);
     ASSERT_TRUE(r.scene) << r.error;
     EXPECT_EQ(r.scene->GetNodeCount(), 4); // the block's AddNullObject was skipped with it
@@ -195,9 +196,7 @@ TEST(LightwaveScene, RefusesAndSurvivesHostileScenes) {
     const std::string good = "LWSC\n3\nAddNullObject N\nObjectMotion\nNumChannels 9\nChannel 0\n" + ThreeKeyEnvelope(0);
     for (size_t n = 0; n <= good.size(); ++n) {
         ReadResult p = ReadSceneText(good.substr(0, n));
-        if (!p.scene) {
-            EXPECT_NE(p.error, 0) << n;
-        }
+        if (!p.scene) { EXPECT_NE(p.error, 0) << n; }
     }
 }
 

@@ -17,10 +17,21 @@ namespace lwtest {
 class IffBuilder {
 public:
     // FORM <type> ... ; close with End().
-    IffBuilder& Form(const char* type) { Chunk("FORM"); return Id(type); }
+    IffBuilder& Form(const char* type) {
+        Chunk("FORM");
+        return Id(type);
+    }
     // A chunk with a U4 length, or a sub-chunk with a U2 length; End() patches the length and pads.
-    IffBuilder& Chunk(const char* id) { Id(id); m_open.push_back({m_b.size(), 4}); return U32(0); }
-    IffBuilder& Sub(const char* id) { Id(id); m_open.push_back({m_b.size(), 2}); return U16(0); }
+    IffBuilder& Chunk(const char* id) {
+        Id(id);
+        m_open.push_back({m_b.size(), 4});
+        return U32(0);
+    }
+    IffBuilder& Sub(const char* id) {
+        Id(id);
+        m_open.push_back({m_b.size(), 2});
+        return U16(0);
+    }
     IffBuilder& End() {
         const Open o = m_open.back();
         m_open.pop_back();
@@ -29,12 +40,22 @@ public:
         if (len & 1) m_b.push_back('\0');
         return *this;
     }
-    IffBuilder& Id(const char* id) { m_b.append(id, 4); return *this; }
-    IffBuilder& U8(uint8_t v) { m_b.push_back(static_cast<char>(v)); return *this; }
+    IffBuilder& Id(const char* id) {
+        m_b.append(id, 4);
+        return *this;
+    }
+    IffBuilder& U8(uint8_t v) {
+        m_b.push_back(static_cast<char>(v));
+        return *this;
+    }
     IffBuilder& U16(uint16_t v) { return U8(uint8_t(v >> 8)).U8(uint8_t(v)); }
     IffBuilder& I16(int16_t v) { return U16(static_cast<uint16_t>(v)); }
     IffBuilder& U32(uint32_t v) { return U16(uint16_t(v >> 16)).U16(uint16_t(v)); }
-    IffBuilder& F32(float f) { uint32_t u; std::memcpy(&u, &f, 4); return U32(u); }
+    IffBuilder& F32(float f) {
+        uint32_t u;
+        std::memcpy(&u, &f, 4);
+        return U32(u);
+    }
     IffBuilder& Vec(float x, float y, float z) { return F32(x).F32(y).F32(z); }
     IffBuilder& S0(const std::string& s) {
         m_b += s;
@@ -47,7 +68,9 @@ public:
     std::string& Mutable() { return m_b; }
 
 private:
-    struct Open { size_t at, width; };
+    struct Open {
+        size_t at, width;
+    };
     std::string m_b;
     std::vector<Open> m_open;
 };
@@ -69,8 +92,8 @@ inline ReadResult ReadObjectBytes(const std::string& bytes, const std::wstring& 
     CSceneImportOptions options;
     parser.LoadDefaultOptions(options);
     ReadResult r;
-    r.scene.reset(parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, options,
-                                    CXStringW(folder)));
+    r.scene.reset(
+        parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, options, CXStringW(folder)));
     r.error = io.GetIoError();
     for (const auto& l : options.GetLog()) r.log.push_back(l.text.str());
     return r;

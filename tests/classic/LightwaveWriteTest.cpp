@@ -10,9 +10,9 @@
 
 #include "formats/classic/C3DStudioIo.h"
 #include "formats/classic/LightwaveWriter.h"
-#include "plugin/host/ExportPrep.h"
 #include "plugin/host/BinaryCursor.h"
 #include "plugin/host/Channel.h"
+#include "plugin/host/ExportPrep.h"
 #include "plugin/host/Material.h"
 
 using namespace lwtest;
@@ -30,7 +30,10 @@ std::string Write(const C3DScene& s) {
 C3DSceneNode* Quad(const wchar_t* name, uint32_t material, float z) {
     auto* o = new C3DObject();
     auto* pts = new C3DPointList();
-    pts->Add(0, 0, z); pts->Add(1, 0, z); pts->Add(1, 1, z); pts->Add(0, 1, z);
+    pts->Add(0, 0, z);
+    pts->Add(1, 0, z);
+    pts->Add(1, 1, z);
+    pts->Add(0, 1, z);
     o->SetPointList(pts);
     auto* f = new C3DFaceList();
     f->SetCurrentMaterial(material);
@@ -60,7 +63,8 @@ std::vector<C3DPoint> WorldPoints(const C3DSceneNode* n) {
     const C4x4Matrix m = o * w;
     std::vector<C3DPoint> r;
     auto* g = n->GetGeomObject();
-    for (int i = 0; i < g->GetPointList()->GetSize(); ++i) r.push_back(m.TransformPoint(g->GetPointList()->GetPoint(i)));
+    for (int i = 0; i < g->GetPointList()->GetSize(); ++i)
+        r.push_back(m.TransformPoint(g->GetPointList()->GetPoint(i)));
     return r;
 }
 

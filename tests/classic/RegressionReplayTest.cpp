@@ -26,18 +26,14 @@ TEST(ClassicRegressions, EveryKeptInputReadsWithoutACrash) {
             C3DStudioIo parser(io);
             parser.SetReadShapes(true);
             scene.reset(parser.ReadMemory(bytes.data(), bytes.size(), opt));
-            if (!scene) {
-                EXPECT_TRUE(io.GetIoError() == IO_ERR_FORMAT || io.GetIoError() == IO_ERR_OPEN) << name;
-            }
+            if (!scene) { EXPECT_TRUE(io.GetIoError() == IO_ERR_FORMAT || io.GetIoError() == IO_ERR_OPEN) << name; }
         } else if (name.rfind("amapi_", 0) == 0) {
             CAmapiIo parser(io);
             scene.reset(parser.ReadMemory(bytes.data(), bytes.size(), opt));
         } else if (name.rfind("dxf_", 0) == 0) {
             CDxfIo parser(io);
             scene.reset(parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, opt));
-            if (!scene) {
-                EXPECT_TRUE(io.GetIoError() == IO_ERR_FORMAT || io.GetIoError() == IO_ERR_EMPTY) << name;
-            }
+            if (!scene) { EXPECT_TRUE(io.GetIoError() == IO_ERR_FORMAT || io.GetIoError() == IO_ERR_EMPTY) << name; }
         } else {
             continue;
         }

@@ -65,7 +65,8 @@ bool SavePath(C3DScene& scene, const fs::path& p) {
 std::vector<int32_t> KeyTimes(const C3DSceneNode& n) {
     std::vector<int32_t> t;
     for (int i = 0; i < n.GetTrackCount(); ++i)
-        for (int k = 0; k < n.GetTrackByIndex(i)->GetKeyNbr(); ++k) t.push_back(n.GetTrackByIndex(i)->GetKeyByIndex(k)->GetTime());
+        for (int k = 0; k < n.GetTrackByIndex(i)->GetKeyNbr(); ++k)
+            t.push_back(n.GetTrackByIndex(i)->GetKeyByIndex(k)->GetTime());
     return t;
 }
 
@@ -102,9 +103,7 @@ void ExpectSameScene(const C3DScene& a, const C3DScene& b, const std::string& fi
             C3DVector axis;
             float angle = 0;
             qx.ToAxisAngle(axis, angle);
-            if (std::fabs(angle) > 1e-6f) {
-                EXPECT_GT(std::fabs(qx.Dot(qy)), 0.9999f) << at;
-            }
+            if (std::fabs(angle) > 1e-6f) { EXPECT_GT(std::fabs(qx.Dot(qy)), 0.9999f) << at; }
         }
         const C3DGeomObject* gx = x.GetGeomObject();
         const C3DGeomObject* gy = y.GetGeomObject();
@@ -131,9 +130,7 @@ void ExpectSameScene(const C3DScene& a, const C3DScene& b, const std::string& fi
             const C3DMaterial* mx = a.GetMaterialByID(fx.GetMaterialID(f));
             const C3DMaterial* my = b.GetMaterialByID(fy.GetMaterialID(f));
             ASSERT_EQ(mx == nullptr, my == nullptr) << what << " face " << f;
-            if (mx) {
-                EXPECT_EQ(mx->GetName(), my->GetName()) << what << " face " << f;
-            }
+            if (mx) { EXPECT_EQ(mx->GetName(), my->GetName()) << what << " face " << f; }
         }
         EXPECT_EQ(gx->GetGlobalUVWChannel() != nullptr, gy->GetGlobalUVWChannel() != nullptr) << what;
     }
@@ -197,7 +194,8 @@ TEST(StudioCorpus, TexturedCubeHasItsMapAndCoordinates) {
     ASSERT_TRUE(map);
     EXPECT_EQ(map->file, L"TEST.PNG");
     EXPECT_EQ(map->channel, C3DStudioIo::kUVChannelID);
-    for (int f = 0; f < g->GetFaceList()->GetNumberOfFaces(); ++f) EXPECT_EQ(g->GetFaceList()->GetMaterialID(f), m->GetID());
+    for (int f = 0; f < g->GetFaceList()->GetNumberOfFaces(); ++f)
+        EXPECT_EQ(g->GetFaceList()->GetMaterialID(f), m->GetID());
 }
 
 TEST(StudioCorpus, WriteThenReadGivesTheSameScene) {

@@ -46,12 +46,17 @@ Totals Measure(const C3DScene& s) {
         const C3DFaceList& f = *g->GetFaceList();
         for (int i = 0; i < f.GetNumberOfFaces(); ++i) {
             auto c = f.Face(i);
-            if (c.size() != 3) { t.triangles = 0; return t; }
+            if (c.size() != 3) {
+                t.triangles = 0;
+                return t;
+            }
             C3DPoint a = m.TransformPoint(g->GetPointList()->GetPoint(int(c[0])));
             C3DPoint b = m.TransformPoint(g->GetPointList()->GetPoint(int(c[1])));
             C3DPoint d = m.TransformPoint(g->GetPointList()->GetPoint(int(c[2])));
             t.area += 0.5 * (b - a).Cross(d - a).Length();
-            t.box.Add(a); t.box.Add(b); t.box.Add(d);
+            t.box.Add(a);
+            t.box.Add(b);
+            t.box.Add(d);
             ++t.triangles;
         }
     }
@@ -111,7 +116,8 @@ TEST(StudioGeometry, PolygonsReachTheFileAsTrianglesWithAllTheirArea) {
     uint32_t dart[5] = {0, 1, 2, 3, 4};
     o->GetFaceList()->AddFace(dart, 5);
     uint32_t hex[6];
-    for (int i = 0; i < 6; ++i) hex[i] = uint32_t(o->GetPointList()->Add(3 + std::cos(i * 1.0471975f), 0, std::sin(i * 1.0471975f)));
+    for (int i = 0; i < 6; ++i)
+        hex[i] = uint32_t(o->GetPointList()->Add(3 + std::cos(i * 1.0471975f), 0, std::sin(i * 1.0471975f)));
     o->GetFaceList()->AddFace(hex, 6);
     auto* node = new C3DSceneNode(o);
     node->SetName(L"Shapes");

@@ -119,7 +119,7 @@ TEST(StudioRead, MasterScaleSetsUnitAndFactor) {
         double factor;
         int unit;
     } cases[] = {{39.37f, 100.0, UNIT_METER}, {0.3937f, 1.0, UNIT_CENTIMETER}, {1.0f, 2.54, UNIT_INCH},
-                 {0.0f, 2.54, UNIT_INCH},     {2.0f, 5.08, UNIT_INCH},        {NAN, 2.54, UNIT_INCH}};
+                 {0.0f, 2.54, UNIT_INCH},     {2.0f, 5.08, UNIT_INCH},         {NAN, 2.54, UNIT_INCH}};
     for (const Case& c : cases) {
         StudioBuilder b;
         b.Begin(0x4D4D).Begin(0x0100).F32(c.value).End().End();
@@ -245,8 +245,8 @@ TEST(StudioRead, MaterialColoursPercentagesAndMaps) {
     StudioBuilder b;
     b.Begin(0x3D3D);
     Material(b, "Mat", [](StudioBuilder& m) {
-        m.Begin(0xA010).Begin(0x0011).U8(128).U8(200).U8(255).End().End();            // gamma colour
-        m.Begin(0xA020).Begin(0x0012).U8(128).U8(10).U8(20).End().End();              // linear only
+        m.Begin(0xA010).Begin(0x0011).U8(128).U8(200).U8(255).End().End(); // gamma colour
+        m.Begin(0xA020).Begin(0x0012).U8(128).U8(10).U8(20).End().End();   // linear only
         m.Begin(0xA030).Begin(0x0012).U8(1).U8(2).U8(3).End().Begin(0x0010).F32(0.2f).F32(2.0f).F32(-1).End().End();
         m.Begin(0xA040).Begin(0x0030).U16(80).End().End();
         m.Begin(0xA050).Begin(0x0031).F32(0.257f).End().End();
@@ -310,14 +310,12 @@ TEST(StudioRead, MaskChunksOfSpecularAndShininessAreCrossed) {
         uint16_t id;
         int slot;
         bool mask;
-    } cases[] = {{0xA346, 5, true}, {0xA348, 4, true}, {0xA204, 4, false},
+    } cases[] = {{0xA346, 5, true},  {0xA348, 4, true}, {0xA204, 4, false},
                  {0xA33C, 5, false}, {0xA342, 2, true}, {0xA000, -1, false}};
     for (const auto& c : cases) {
         bool mask = !c.mask;
         EXPECT_EQ(StudioMapSlot(c.id, mask), c.slot) << std::hex << c.id;
-        if (c.slot >= 0) {
-            EXPECT_EQ(mask, c.mask) << std::hex << c.id;
-        }
+        if (c.slot >= 0) { EXPECT_EQ(mask, c.mask) << std::hex << c.id; }
     }
 }
 
@@ -418,12 +416,15 @@ TEST(StudioRead, NodeIDsComeFromTheCounterWithoutChunk0xB030) {
 }
 
 TEST(StudioRead, AnObjectUsedTwiceGivesAKeylessCopy) {
-    std::string file = Scene([](StudioBuilder& b) { TriObject(b, "Tree", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2}); },
-                             [](StudioBuilder& b) {
-                                 b.Begin(0xB002).Begin(0xB030).U16(0).End().NodeHeader("Tree", 0xFFFF).End();
-                                 b.Begin(0xB002).Begin(0xB030).U16(1).End().NodeHeader("Tree", 0xFFFF);
-                                 b.Begin(0xB011).Str("Tree2").End().End();
-                             });
+    std::string file = Scene(
+        [](StudioBuilder& b) {
+            TriObject(b, "Tree", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2});
+        },
+        [](StudioBuilder& b) {
+            b.Begin(0xB002).Begin(0xB030).U16(0).End().NodeHeader("Tree", 0xFFFF).End();
+            b.Begin(0xB002).Begin(0xB030).U16(1).End().NodeHeader("Tree", 0xFFFF);
+            b.Begin(0xB011).Str("Tree2").End().End();
+        });
     ReadResult r = ReadStudio(file);
     ASSERT_TRUE(r.scene);
     auto nodes = AllNodes(*r.scene);
@@ -456,8 +457,11 @@ TEST(StudioRead, SelfParentsAndUnknownNamesInTheKeyframer) {
     EXPECT_EQ(nodes[0]->GetParent(), r.scene->GetRoot());
     EXPECT_EQ(nodes[1]->GetParent(), r.scene->GetRoot());
 
-    std::string unknown = Scene([](StudioBuilder& b) { TriObject(b, "A", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2}); },
-                                [](StudioBuilder& b) { b.Begin(0xB002).NodeHeader("Nobody", 0xFFFF).End(); });
+    std::string unknown = Scene(
+        [](StudioBuilder& b) {
+            TriObject(b, "A", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2});
+        },
+        [](StudioBuilder& b) { b.Begin(0xB002).NodeHeader("Nobody", 0xFFFF).End(); });
     ReadResult u = ReadStudio(unknown);
     EXPECT_FALSE(u.scene);
     EXPECT_EQ(u.error, IO_ERR_FORMAT);
@@ -471,9 +475,7 @@ TEST(StudioRead, StringsAreLimitedTo63Characters) {
         b.End();
         ReadResult r = ReadStudio(b.Bytes());
         EXPECT_EQ(r.scene != nullptr, len == 63) << len;
-        if (len == 64) {
-            EXPECT_EQ(r.error, IO_ERR_FORMAT);
-        }
+        if (len == 64) { EXPECT_EQ(r.error, IO_ERR_FORMAT); }
     }
 }
 

@@ -127,9 +127,9 @@ TEST(StudioWrite, QuadsSplitLargerFacesKeepOneTriangleAndMaterialsNumberTriangle
     StudioBuilder expect;
     expect.U16(5);
     expect.U16(0).U16(1).U16(2).U16(6).U16(2).U16(3).U16(0).U16(6); // quad
-    expect.U16(0).U16(2).U16(4).U16(7);                            // triangle
-    expect.U16(0).U16(1).U16(2).U16(6);                            // pentagon: first triangle only
-    expect.U16(1).U16(2).U16(2).U16(6);                            // two corners: the last repeats
+    expect.U16(0).U16(2).U16(4).U16(7);                             // triangle
+    expect.U16(0).U16(1).U16(2).U16(6);                             // pentagon: first triangle only
+    expect.U16(1).U16(2).U16(2).U16(6);                             // two corners: the last repeats
     expect.Begin(0x4130).Str("A").U16(3).U16(0).U16(1).U16(3).End();
     expect.Begin(0x4130).Str("B").U16(1).U16(2).End();
     EXPECT_EQ(file.substr(faceChunk->Data(), faceChunk->length - 6), expect.Bytes());
@@ -144,9 +144,9 @@ TEST(StudioWrite, MeshesPastTheLimitsAreLeftOutSilently) {
         for (int i = 0; i < quads; ++i) g->GetFaceList()->AddFace(std::vector<uint32_t>{0, 1, 2, 3}.data(), 4);
         for (int i = 0; i < tris; ++i) g->GetFaceList()->AddTriangle(0, 1, 2);
     };
-    addBig(L"Fits", 65535, 32767, 1);   // 65535 triangles
-    addBig(L"TooMany", 4, 32767, 2);    // 65536 triangles
-    addBig(L"TooBig", 65536, 0, 1);     // 65536 points
+    addBig(L"Fits", 65535, 32767, 1); // 65535 triangles
+    addBig(L"TooMany", 4, 32767, 2);  // 65536 triangles
+    addBig(L"TooBig", 65536, 0, 1);   // 65536 points
     std::string file = SaveBytes(scene);
     EXPECT_EQ(ObjectNames(file), (std::vector<std::string>{"Fits"}));
     // Their keyframer nodes are still written, under new names the editor part lacks,
@@ -251,5 +251,6 @@ TEST(StudioWrite, AnUnopenablePathReportsCode1) {
     EXPECT_EQ(io.GetIoError(), IO_ERR_OPEN);
     EXPECT_EQ(io.GetIoErrorLevel(), LOG_ERROR);
     parser.SaveDefaultOptions(opt);
-    EXPECT_EQ(opt.prepFlags, uint64_t(PREP_MESHES | PREP_MATERIALS | PREP_CURVES | PREP_TRIANGULATE | PREP_SPLIT_16BIT));
+    EXPECT_EQ(opt.prepFlags,
+              uint64_t(PREP_MESHES | PREP_MATERIALS | PREP_CURVES | PREP_TRIANGULATE | PREP_SPLIT_16BIT));
 }

@@ -74,8 +74,7 @@ TEST(TruespaceCorpus, SpiderCountsByHand) {
     EXPECT_EQ(g->GetGlobalUVWChannel()->GetUVWPointList()->size(), 1u);
     EXPECT_EQ(r.scene->GetMaterialNumber(), 4);
     std::map<uint32_t, int> perMaterial;
-    for (int f = 0; f < g->GetFaceList()->GetNumberOfFaces(); ++f)
-        ++perMaterial[g->GetFaceList()->GetMaterialID(f)];
+    for (int f = 0; f < g->GetFaceList()->GetNumberOfFaces(); ++f) ++perMaterial[g->GetFaceList()->GetMaterialID(f)];
     EXPECT_EQ(perMaterial.count(NO_MATERIAL), 0u);
     // The first Mat1 (mat# 1): rgb 0.8 with kd 0.6 in the binary file.
     const C3DMaterial* m = r.scene->GetMaterialByID(g->GetFaceList()->GetMaterialID(0));
@@ -120,8 +119,7 @@ TEST(TruespaceCorpus, BinaryAndAsciiTwinsGiveTheSameScene) {
             EXPECT_EQ(nb[i]->GetKindOf(), na[i]->GetKindOf()) << base;
             for (int r = 0; r < 4; ++r)
                 for (int c = 0; c < 4; ++c)
-                    EXPECT_NEAR(nb[i]->GetStaticLocalTM().m[r][c], na[i]->GetStaticLocalTM().m[r][c], 1e-4)
-                        << base;
+                    EXPECT_NEAR(nb[i]->GetStaticLocalTM().m[r][c], na[i]->GetStaticLocalTM().m[r][c], 1e-4) << base;
             const C3DGeomObject* gb = nb[i]->GetGeomObject();
             const C3DGeomObject* ga = na[i]->GetGeomObject();
             if (!gb) continue;

@@ -21,14 +21,15 @@ namespace {
 // triangle with material 0, two UVs; the mesh's matrix is absolute (scale 2, x = 12).
 std::string Sample(bool ascii, bool bigEndian = false) {
     const Object g{.type = "Grou", .id = 500, .name = "Body", .tm = {2, 0, 0, 10, 0, 2, 0, 0, 0, 0, 2, 0}};
-    const Object m{.id = 600,
-                   .parent = 500,
-                   .name = "Sphere",
-                   .dup = 2,
-                   .tm = {2, 0, 0, 12, 0, 2, 0, 0, 0, 0, 2, 0},
-                   .points = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0.5f, 0.5f, 1},
-                   .uvs = {0, 0, 1, 1},
-                   .faces = {Face{{{0, 0}, {1, 1}, {2, 1}, {3, 0}}, 1, false}, Face{{{0, 0}, {1, 0}, {4, 1}}, 0, false}}};
+    const Object m{
+        .id = 600,
+        .parent = 500,
+        .name = "Sphere",
+        .dup = 2,
+        .tm = {2, 0, 0, 12, 0, 2, 0, 0, 0, 0, 2, 0},
+        .points = {0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0, 0.5f, 0.5f, 1},
+        .uvs = {0, 0, 1, 1},
+        .faces = {Face{{{0, 0}, {1, 1}, {2, 1}, {3, 0}}, 1, false}, Face{{{0, 0}, {1, 0}, {4, 1}}, 0, false}}};
     const Mat m0{.id = 700, .parent = 600, .number = 0};
     const Mat m1{.id = 710, .parent = 600, .number = 1, .rgb = {1, 0, 0}, .alpha = 0.5f, .hasKd = true, .kd = 0.75f};
     return Builder(ascii, bigEndian).Add(g).Unit(501, 500, 5).Add(m).Unit(601, 600, 5).Add(m0).Add(m1).End().Bytes();
@@ -36,7 +37,10 @@ std::string Sample(bool ascii, bool bigEndian = false) {
 
 // One triangle with material 0 and no UVs.
 Object Triangle(int32_t id = 1, const std::string& name = "") {
-    return Object{.id = id, .name = name, .points = {0, 0, 0, 1, 0, 0, 0, 1, 0}, .faces = {Face{{{0, 0}, {1, 0}, {2, 0}}, 0, false}}};
+    return Object{.id = id,
+                  .name = name,
+                  .points = {0, 0, 0, 1, 0, 0, 0, 1, 0},
+                  .faces = {Face{{{0, 0}, {1, 0}, {2, 0}}, 0, false}}};
 }
 
 } // namespace
@@ -68,8 +72,7 @@ TEST(TruespaceRead, BinarySampleBuildsHierarchyMeshAndMaterials) {
     const C3DFaceList* f = g->GetFaceList();
     ASSERT_EQ(f->GetNumberOfFaces(), 2);
     // Clockwise in the file, counter-clockwise in the scene.
-    EXPECT_EQ(std::vector<uint32_t>(f->Face(0).begin(), f->Face(0).end()),
-              (std::vector<uint32_t>{3, 2, 1, 0}));
+    EXPECT_EQ(std::vector<uint32_t>(f->Face(0).begin(), f->Face(0).end()), (std::vector<uint32_t>{3, 2, 1, 0}));
     EXPECT_EQ(std::vector<uint32_t>(f->Face(1).begin(), f->Face(1).end()), (std::vector<uint32_t>{4, 1, 0}));
     const CUVWChannel* uv = g->GetGlobalUVWChannel();
     ASSERT_TRUE(uv);
@@ -116,9 +119,7 @@ TEST(TruespaceRead, EveryEncodingGivesTheSameScene) {
         auto r = cobtest::Read(c.bytes);
         ASSERT_TRUE(r.scene) << c.name << " " << r.error;
         EXPECT_EQ(Describe(*bin.scene), Describe(*r.scene)) << c.name;
-        if (c.logged) {
-            EXPECT_TRUE(r.Logged(c.logged)) << c.name;
-        }
+        if (c.logged) { EXPECT_TRUE(r.Logged(c.logged)) << c.name; }
     }
 }
 
@@ -132,8 +133,7 @@ TEST(TruespaceRead, HoleIsBridgedIntoItsFaceWindingAgainstIt) {
         m.uvs = {0, 0};
         // Outer and hole listed the same way round: the outer face is turned for the host,
         // the hole must end up winding against it.
-        m.faces = {Face{{{0, 0}, {1, 0}, {2, 0}, {3, 0}}, 0, false},
-                   Face{{{4, 0}, {5, 0}, {6, 0}, {7, 0}}, 0, true}};
+        m.faces = {Face{{{0, 0}, {1, 0}, {2, 0}, {3, 0}}, 0, false}, Face{{{4, 0}, {5, 0}, {6, 0}, {7, 0}}, 0, true}};
         b.Add(m).End();
         auto r = cobtest::Read(b.Bytes());
         ASSERT_TRUE(r.scene) << ascii;
@@ -200,8 +200,7 @@ TEST(TruespaceRead, ParentCyclesAndDanglingParentsEndAtTheTop) {
     auto nodes = cobtest::Nodes(*r.scene);
     ASSERT_EQ(nodes.size(), 4u);
     int roots = 0;
-    for (C3DSceneNode* n : nodes)
-        roots += n->GetParent() == r.scene->GetRoot();
+    for (C3DSceneNode* n : nodes) roots += n->GetParent() == r.scene->GetRoot();
     EXPECT_EQ(roots, 3); // one of A and C, D, Self
     EXPECT_EQ(r.scene->FindNodeByName(CXStringW(L"D"))->GetParent(), r.scene->GetRoot());
     EXPECT_TRUE(r.Logged(L"cycles"));
@@ -245,11 +244,9 @@ TEST(TruespaceRead, CountsBeyondTheChunkDropTheChunkOnly) {
         for (const char* what : {"points", "faces"}) {
             std::string bad = bytes;
             if (ascii) {
-                const std::string from =
-                    std::string(what) == std::string("points") ? "World Vertices 3" : "Faces 1";
-                const std::string to = std::string(what) == std::string("points")
-                                           ? "World Vertices 1000000000"
-                                           : "Faces 1000000000";
+                const std::string from = std::string(what) == std::string("points") ? "World Vertices 3" : "Faces 1";
+                const std::string to =
+                    std::string(what) == std::string("points") ? "World Vertices 1000000000" : "Faces 1000000000";
                 bad.replace(bad.find(from), from.size(), to);
             } else {
                 // Header 32 + chunk 20 + dup 2 + len 2 + name 3 + 24 floats.
@@ -319,8 +316,7 @@ TEST(TruespaceRead, EveryPrefixReadsOrFailsCleanly) {
             auto r = cobtest::Read(full.substr(0, n));
             if (r.scene) {
                 C4x4Matrix tm;
-                for (C3DSceneNode* node : cobtest::Nodes(*r.scene))
-                    node->GetNodeTM(0, tm);
+                for (C3DSceneNode* node : cobtest::Nodes(*r.scene)) node->GetNodeTM(0, tm);
             } else {
                 EXPECT_TRUE(r.error == IO_ERR_FORMAT || r.error == IO_ERR_EMPTY) << n << " " << r.error;
             }
@@ -358,8 +354,7 @@ TEST(TruespaceRead, KeptRegressionInputsReadWithoutACrash) {
         auto r = cobtest::Read(testsupport::ReadFile(e.path()));
         if (r.scene) {
             C4x4Matrix tm;
-            for (C3DSceneNode* n : cobtest::Nodes(*r.scene))
-                n->GetNodeTM(0, tm);
+            for (C3DSceneNode* n : cobtest::Nodes(*r.scene)) n->GetNodeTM(0, tm);
         } else {
             EXPECT_TRUE(r.error == IO_ERR_FORMAT || r.error == IO_ERR_EMPTY) << e.path();
         }

@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "formats/classic/CTruespaceIo.h"
-#include "tests/classic/ClassicTestSupport.h"
 #include "plugin/host/FileIo.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
+#include "tests/classic/ClassicTestSupport.h"
 
 namespace cobtest {
 
@@ -49,7 +49,7 @@ struct Mat {
 
 // Builds one file, binary or ASCII, from chunks added in order.
 class Builder {
-  public:
+public:
     // `bigEndian`: an "HL" binary file, every number byte-swapped.
     explicit Builder(bool ascii, bool bigEndian = false) : m_ascii(ascii), m_be(bigEndian && !ascii) {
         m_out = "Caligari V00.01";
@@ -66,16 +66,15 @@ class Builder {
             b += "\ncenter " + N(o.tm[3]) + " " + N(o.tm[7]) + " " + N(o.tm[11]) + "\n";
             b += "x axis 1 0 0\ny axis 0 1 0\nz axis 0 0 1\nTransform\n";
             for (int r = 0; r < 3; ++r)
-                b += N(o.tm[4 * r]) + " " + N(o.tm[4 * r + 1]) + " " + N(o.tm[4 * r + 2]) + " " +
-                     N(o.tm[4 * r + 3]) + "\n";
+                b += N(o.tm[4 * r]) + " " + N(o.tm[4 * r + 1]) + " " + N(o.tm[4 * r + 2]) + " " + N(o.tm[4 * r + 3]) +
+                     "\n";
             b += "0 0 0 1\n";
             if (o.type == "PolH") {
                 b += "World Vertices " + std::to_string(o.points.size() / 3) + "\n";
                 for (size_t i = 0; i < o.points.size(); i += 3)
                     b += N(o.points[i]) + " " + N(o.points[i + 1]) + " " + N(o.points[i + 2]) + "\n";
                 b += "Texture Vertices " + std::to_string(o.uvs.size() / 2) + "\n";
-                for (size_t i = 0; i < o.uvs.size(); i += 2)
-                    b += N(o.uvs[i]) + " " + N(o.uvs[i + 1]) + "\n";
+                for (size_t i = 0; i < o.uvs.size(); i += 2) b += N(o.uvs[i]) + " " + N(o.uvs[i + 1]) + "\n";
                 b += "Faces " + std::to_string(o.faces.size()) + "\n";
                 for (const Face& f : o.faces) {
                     b += f.hole ? "Hole" : "Face";
@@ -93,17 +92,13 @@ class Builder {
             U16(b, static_cast<uint16_t>(o.name.size()));
             b += o.name;
             const float frame[12] = {o.tm[3], o.tm[7], o.tm[11], 1, 0, 0, 0, 1, 0, 0, 0, 1};
-            for (float f : frame)
-                F32(b, f);
-            for (float f : o.tm)
-                F32(b, f);
+            for (float f : frame) F32(b, f);
+            for (float f : o.tm) F32(b, f);
             if (o.type == "PolH") {
                 U32(b, static_cast<uint32_t>(o.points.size() / 3));
-                for (float f : o.points)
-                    F32(b, f);
+                for (float f : o.points) F32(b, f);
                 U32(b, static_cast<uint32_t>(o.uvs.size() / 2));
-                for (float f : o.uvs)
-                    F32(b, f);
+                for (float f : o.uvs) F32(b, f);
                 U32(b, static_cast<uint32_t>(o.faces.size()));
                 for (const Face& f : o.faces) {
                     b += static_cast<char>(f.hole ? 8 : 0);
@@ -125,26 +120,23 @@ class Builder {
         if (m_ascii) {
             b += "mat# " + std::to_string(m.number) + "\nshader: phong  facet: auto40\n";
             b += "rgb " + N(m.rgb[0]) + "," + N(m.rgb[1]) + "," + N(m.rgb[2]) + "\n";
-            b += "alpha " + N(m.alpha) + "  ka " + N(m.ka) + "  ks " + N(m.ks) + "  exp " + N(m.exp) +
-                 "  ior " + N(m.ior);
+            b += "alpha " + N(m.alpha) + "  ka " + N(m.ka) + "  ks " + N(m.ks) + "  exp " + N(m.exp) + "  ior " +
+                 N(m.ior);
             if (m.hasKd) b += "  kd " + N(m.kd);
             b += "\n";
         } else {
             U16(b, m.number);
             b += "pa";
             b += static_cast<char>(40);
-            for (float f : m.rgb)
-                F32(b, f);
-            for (float f : {m.alpha, m.ka, m.ks, m.exp, m.ior})
-                F32(b, f);
+            for (float f : m.rgb) F32(b, f);
+            for (float f : {m.alpha, m.ka, m.ks, m.exp, m.ior}) F32(b, f);
             if (m.hasKd) F32(b, m.kd);
             if (!m.texture.empty()) {
                 b += "t:";
                 b += static_cast<char>(2);
                 U16(b, static_cast<uint16_t>(m.texture.size()));
                 b += m.texture;
-                for (float f : {0.0f, 0.0f, 1.0f, 1.0f})
-                    F32(b, f);
+                for (float f : {0.0f, 0.0f, 1.0f, 1.0f}) F32(b, f);
             }
         }
         return Chunk("Mat1", 0, 8, m.id, m.parent, b);
@@ -152,20 +144,18 @@ class Builder {
 
     Builder& Unit(int32_t id, int32_t parent, uint16_t code) {
         std::string b;
-        if (m_ascii)
-            b = "Units " + std::to_string(code) + "\n";
-        else
-            U16(b, code);
+        if (m_ascii) b = "Units " + std::to_string(code) + "\n";
+        else U16(b, code);
         return Chunk("Unit", 0, 1, id, parent, b);
     }
 
     // Any chunk; `size` overrides the binary size field (a lying size).
-    Builder& Chunk(const std::string& type, int major, int minor, int32_t id, int32_t parent,
-                   const std::string& body, int64_t size = -1) {
+    Builder& Chunk(const std::string& type, int major, int minor, int32_t id, int32_t parent, const std::string& body,
+                   int64_t size = -1) {
         if (m_ascii) {
             char line[128];
-            std::snprintf(line, sizeof line, "%-4.4s V%d.%02d Id %d Parent %d Size %08zu\n", type.c_str(),
-                          major, minor, id, parent, body.size() + 1);
+            std::snprintf(line, sizeof line, "%-4.4s V%d.%02d Id %d Parent %d Size %08zu\n", type.c_str(), major, minor,
+                          id, parent, body.size() + 1);
             m_out += line;
         } else {
             m_out += type.substr(0, 4);
@@ -180,10 +170,8 @@ class Builder {
     }
 
     Builder& End() {
-        if (m_ascii)
-            m_out += "END  V1.00 Id 0 Parent 0 Size        0\n";
-        else
-            Chunk("END ", 1, 0, 0, 0, "");
+        if (m_ascii) m_out += "END  V1.00 Id 0 Parent 0 Size        0\n";
+        else Chunk("END ", 1, 0, 0, 0, "");
         return *this;
     }
     const std::string& Bytes() const { return m_out; }
@@ -211,7 +199,7 @@ class Builder {
         return buf;
     }
 
-  private:
+private:
     bool m_ascii;
     bool m_be;
     std::string m_out;
@@ -235,8 +223,7 @@ inline ReadResult Read(const std::string& bytes) {
 inline std::vector<C3DSceneNode*> Nodes(const C3DScene& s) {
     std::vector<C3DSceneNode*> out;
     C3DNodePos pos = s.GetFirstNode(KINDOF_ALL);
-    while (C3DSceneNode* n = s.GetNextNode(pos))
-        out.push_back(n);
+    while (C3DSceneNode* n = s.GetNextNode(pos)) out.push_back(n);
     return out;
 }
 
@@ -253,25 +240,21 @@ inline std::string Describe(const C3DScene& s, int digits = 9) {
     };
     auto name = [](const C3DSceneNode* n) { return n ? WideToUtf8(n->GetName().str()) : std::string("-"); };
     for (const C3DSceneNode* n : Nodes(s)) {
-        out += "node " + name(n) + " parent " +
-               name(n->GetParent() == s.GetRoot() ? nullptr : n->GetParent()) + " kind " +
-               std::to_string(n->GetKindOf()) + "\n tm ";
+        out += "node " + name(n) + " parent " + name(n->GetParent() == s.GetRoot() ? nullptr : n->GetParent()) +
+               " kind " + std::to_string(n->GetKindOf()) + "\n tm ";
         for (auto& row : n->GetStaticLocalTM().m)
-            for (float v : row)
-                num(v);
+            for (float v : row) num(v);
         out += "\n";
         const C3DGeomObject* g = n->GetGeomObject();
         if (!g) continue;
         const C3DPointList* p = g->GetPointList();
         out += " points " + std::to_string(p->size()) + ":";
-        for (size_t i = 0; i < p->size() * 3; ++i)
-            num(p->GetData()[i]);
+        for (size_t i = 0; i < p->size() * 3; ++i) num(p->GetData()[i]);
         const C3DFaceList* f = g->GetFaceList();
         out += "\n faces " + std::to_string(f->GetNumberOfFaces()) + ":";
         for (int i = 0; i < f->GetNumberOfFaces(); ++i) {
             out += " [";
-            for (uint32_t v : f->Face(i))
-                out += std::to_string(v) + " ";
+            for (uint32_t v : f->Face(i)) out += std::to_string(v) + " ";
             const C3DMaterial* m = s.GetMaterialByID(f->GetMaterialID(i));
             out += m ? WideToUtf8(m->GetName().str()) : std::string("none");
             out += "]";
@@ -281,25 +264,22 @@ inline std::string Describe(const C3DScene& s, int digits = 9) {
             const CUVWFaceList* uf = uv->GetUVWFaceList();
             for (int i = 0; i < uf->GetNumberOfFaces(); ++i) {
                 out += " [";
-                for (uint32_t v : uf->Face(i))
-                    out += std::to_string(v) + " ";
+                for (uint32_t v : uf->Face(i)) out += std::to_string(v) + " ";
                 out += "]";
             }
             out += "\n uvs:";
-            for (size_t i = 0; i < uv->GetUVWPointList()->size() * 3; ++i)
-                num(uv->GetUVWPointList()->GetData()[i]);
+            for (size_t i = 0; i < uv->GetUVWPointList()->size() * 3; ++i) num(uv->GetUVWPointList()->GetData()[i]);
         }
         out += "\n";
     }
     CMaterialPos mp;
     for (C3DMaterial* m = s.GetFirstMaterial(mp); m; m = s.GetNextMaterial(mp)) {
-        out += "material " + WideToUtf8(m->GetName().str()) + " diffuse " + std::to_string(m->diffuse.r) +
-               "," + std::to_string(m->diffuse.g) + "," + std::to_string(m->diffuse.b) + " kd ";
+        out += "material " + WideToUtf8(m->GetName().str()) + " diffuse " + std::to_string(m->diffuse.r) + "," +
+               std::to_string(m->diffuse.g) + "," + std::to_string(m->diffuse.b) + " kd ";
         num(m->diffuseFactor);
         out += "transparency ";
         num(m->transparency);
-        if (const CMaterialMap* map = m->GetMaterialMap(MAP_DIFFUSE))
-            out += " map " + WideToUtf8(map->file.str());
+        if (const CMaterialMap* map = m->GetMaterialMap(MAP_DIFFUSE)) out += " map " + WideToUtf8(map->file.str());
         out += "\n";
     }
     out += "unit " + std::to_string(s.GetUnit()) + "\n";

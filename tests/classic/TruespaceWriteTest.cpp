@@ -80,26 +80,25 @@ TEST(TruespaceWrite, AsciiTriangleExactBytes) {
     auto s = Triangle();
     std::string expected = "Caligari V00.01ALH             \n";
     expected += AsciiChunk("PolH V0.08 Id 100 Parent 0",
-                      "Name Tri\ncenter 0 0 0\nx axis 1 0 0\ny axis 0 1 0\nz axis 0 0 1\nTransform\n"
-                      "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n"
-                      "World Vertices 3\n0 0 0\n1 0 0\n0 1 0\n"
-                      "Texture Vertices 1\n0 0\n"
-                      "Faces 1\nFace verts 3 flags 0 mat 0\n<2,0> <1,0> <0,0> \n"
-                      "DrawFlags 0\n");
+                           "Name Tri\ncenter 0 0 0\nx axis 1 0 0\ny axis 0 1 0\nz axis 0 0 1\nTransform\n"
+                           "1 0 0 0\n0 1 0 0\n0 0 1 0\n0 0 0 1\n"
+                           "World Vertices 3\n0 0 0\n1 0 0\n0 1 0\n"
+                           "Texture Vertices 1\n0 0\n"
+                           "Faces 1\nFace verts 3 flags 0 mat 0\n<2,0> <1,0> <0,0> \n"
+                           "DrawFlags 0\n");
     expected += AsciiChunk("Unit V0.01 Id 101 Parent 100", "Units 2\n");
+    expected += AsciiChunk("Mat1 V0.08 Id 102 Parent 100", "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
+                                                           "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
     expected +=
-        AsciiChunk("Mat1 V0.08 Id 102 Parent 100", "mat# 0\nshader: phong  facet: auto40\nrgb 1.0,0.0,0.0\n"
-                                              "alpha 1  ka 1  ks 0  exp 0  ior 1  kd 1\n");
-    expected += AsciiChunk(
-        "ShBx V0.04 Id 103 Parent 102",
-        "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
-        "colour: color (255, 0, 0)\nFlags: 3\n"
-        "Shader class: transparency\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n"
-        "Shader class: reflectance\nShader name: \"caligari phong\" (caligari phong)\n"
-        "Number of parameters: 8\nambient factor: float 1\ndiffuse factor: float 1\n"
-        "specular factor: float 0\nexponent: float 3\nspecular colour: color (255, 255, 255)\n"
-        "transmission factor: float 0\nmirror factor: float 0\nrefraction: float 1\nFlags: 3\n"
-        "Shader class: displacement\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n");
+        AsciiChunk("ShBx V0.04 Id 103 Parent 102",
+                   "Shader class: color\nShader name: \"plain color\" (plain)\nNumber of parameters: 1\n"
+                   "colour: color (255, 0, 0)\nFlags: 3\n"
+                   "Shader class: transparency\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n"
+                   "Shader class: reflectance\nShader name: \"caligari phong\" (caligari phong)\n"
+                   "Number of parameters: 8\nambient factor: float 1\ndiffuse factor: float 1\n"
+                   "specular factor: float 0\nexponent: float 3\nspecular colour: color (255, 255, 255)\n"
+                   "transmission factor: float 0\nmirror factor: float 0\nrefraction: float 1\nFlags: 3\n"
+                   "Shader class: displacement\nShader name: \"none\" (none)\nNumber of parameters: 0\nFlags: 3\n");
     expected += "END  V1.00 Id 0 Parent 0 Size        0\n";
     EXPECT_EQ(Write(*s, true), expected);
 }
@@ -126,8 +125,7 @@ TEST(TruespaceWrite, BinaryTriangleLayout) {
     EXPECT_EQ(polhSize, 7u + 96 + 40 + 12 + 4 + 29 + 4);
     EXPECT_EQ(mat1Size, 41u); // with the diffuse factor, no texture record
     // With a texture: the record follows ior directly (no diffuse factor), as in trueSpace's files.
-    C3DMaterial* m =
-        s->GetMaterialByID(cobtest::Nodes(*s)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    C3DMaterial* m = s->GetMaterialByID(cobtest::Nodes(*s)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
     m->AddMaterialMap(CXStringW(L"wood.jpg"), -1, MAP_DIFFUSE);
     const std::string t = Write(*s, false);
     const size_t mat1 = t.find("Mat1");

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <string>
-#include <csignal>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,8 +35,9 @@ std::string Quote(const std::string& s) {
 
 CliRun Orbiscope(const std::string& args, const fs::path& cwd = fs::current_path()) {
     TempDir io;
-    std::string cmd = "cd " + Quote(cwd.string()) + " && " + Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) +
-                      " " + args + " >" + Quote((io / "out").string()) + " 2>" + Quote((io / "err").string());
+    std::string cmd = "cd " + Quote(cwd.string()) + " && " +
+                      Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " " + args + " >" +
+                      Quote((io / "out").string()) + " 2>" + Quote((io / "err").string());
     int rc = std::system(cmd.c_str());
     CliRun r;
     r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
@@ -117,13 +118,17 @@ TEST(Cli, ConvertWritesEveryFileIntoPlaceAndReadsBack) {
     EXPECT_TRUE(fs::exists(sub / "maison é.obj"));
     EXPECT_TRUE(fs::exists(sub / "maison é.mtl")); // the second file comes along
     int entries = 0;
-    for (auto& e : fs::directory_iterator(sub)) { (void)e; ++entries; }
+    for (auto& e : fs::directory_iterator(sub)) {
+        (void)e;
+        ++entries;
+    }
     EXPECT_EQ(entries, 2); // no temporary folder left behind
     CliRun i = Orbiscope("info " + Quote((sub / "maison é.obj").string()) + " --json");
     ASSERT_EQ(i.status, 0) << i.err;
     EXPECT_NE(i.out.find("\"meshes\": 2"), std::string::npos) << i.out;
     EXPECT_NE(i.out.find("\"faces\": 9"), std::string::npos) << i.out;
-    CliRun stl = Orbiscope("convert " + Quote(House().string()) + " " + Quote((d / "h.stl").string()) + " --to \"STL \"");
+    CliRun stl =
+        Orbiscope("convert " + Quote(House().string()) + " " + Quote((d / "h.stl").string()) + " --to \"STL \"");
     EXPECT_EQ(stl.status, 0) << stl.err;
 }
 
@@ -163,8 +168,8 @@ TEST(Cli, ModuleThatCannotBeLoadedIsReported) {
     TempDir d;
     WriteFile(d / "orbiscope-formats.so", "not a module");
     std::string env = "ORBISCOPE_PLUGIN_PATH=" + Quote(d.path().string()) + " ";
-    std::string cmd = env + Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " formats >/dev/null 2>" +
-                      Quote((d / "err").string());
+    std::string cmd = env + Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) +
+                      " formats >/dev/null 2>" + Quote((d / "err").string());
     int rc = std::system(cmd.c_str());
     EXPECT_EQ(WEXITSTATUS(rc), 10);
     EXPECT_NE(ReadFile(d / "err").find("cannot be loaded"), std::string::npos);
@@ -173,7 +178,9 @@ TEST(Cli, ModuleThatCannotBeLoadedIsReported) {
 TEST(Cli, GzipWorldsAreReadByTheirInnerExtension) {
     TempDir d;
     WriteFile(d / "box.wrl", "#VRML V2.0 utf8\nShape { geometry Box { size 1 2 3 } }\n");
-    ASSERT_EQ(std::system(("gzip -c " + Quote((d / "box.wrl").string()) + " > " + Quote((d / "box.wrl.gz").string())).c_str()), 0);
+    ASSERT_EQ(std::system(
+                  ("gzip -c " + Quote((d / "box.wrl").string()) + " > " + Quote((d / "box.wrl.gz").string())).c_str()),
+              0);
     CliRun r = Orbiscope("info box.wrl.gz", d.path());
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("VRML97 files"), std::string::npos) << r.out;
@@ -347,7 +354,8 @@ TEST(CliSignals, CtrlCDuringAWrite) {
         fs::path outDir = d / ("out" + std::to_string(presses));
         fs::create_directory(outDir);
         Running r({"convert", (d / "big.obj").string(), (outDir / "big.ma").string()}, d.path(), io.path());
-        if (!r.Until([&] { return WriteUnderWay(outDir); })) GTEST_SKIP() << "the write ended before it could be caught";
+        if (!r.Until([&] { return WriteUnderWay(outDir); }))
+            GTEST_SKIP() << "the write ended before it could be caught";
         for (int i = 0; i < presses; ++i) {
             kill(r.pid, SIGINT);
             usleep(20000);
@@ -377,7 +385,10 @@ TEST(CliSignals, GzipWorldTemporaryIsRemovedOnTermination) {
     }
     world += "] } coordIndex [ 0 1 2 -1 ] } }\n";
     WriteFile(d / "big.wrl", world);
-    ASSERT_EQ(std::system(("gzip -1 -c " + Quote((d / "big.wrl").string()) + " > " + Quote((d / "big.wrl.gz").string())).c_str()), 0);
+    ASSERT_EQ(
+        std::system(
+            ("gzip -1 -c " + Quote((d / "big.wrl").string()) + " > " + Quote((d / "big.wrl.gz").string())).c_str()),
+        0);
     fs::remove(d / "big.wrl");
     for (int sig : {SIGTERM, SIGPIPE}) {
         TempDir io;
@@ -495,11 +506,12 @@ TEST(CliWriteFailures, StandardOutputFailures) {
 TEST(Cli, InfoListsTheFilesASceneNeedsFoundOrMissing) {
     TempDir d;
     testsupport::WriteFile(d / "here.png", "png");
-    testsupport::WriteFile(d / "model.wrl",
-                           "#VRML V1.0 ascii\nSeparator {\n"
-                           " Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
-                           " Separator { Texture2 { filename \"here.png\" } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
-                           " Separator { Texture2 { filename \"gone.png\" } IndexedFaceSet { coordIndex [ 0, 2, 1 ] } }\n}\n");
+    testsupport::WriteFile(
+        d / "model.wrl",
+        "#VRML V1.0 ascii\nSeparator {\n"
+        " Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
+        " Separator { Texture2 { filename \"here.png\" } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+        " Separator { Texture2 { filename \"gone.png\" } IndexedFaceSet { coordIndex [ 0, 2, 1 ] } }\n}\n");
     CliRun r = Orbiscope("info " + Quote((d / "model.wrl").string()));
     ASSERT_EQ(r.status, 0) << r.err;
     const size_t files = r.out.find("files:\n");
@@ -514,7 +526,8 @@ TEST(Cli, KmzPackagesListTheirModelsAndConvertWithTheirTextures) {
     const fs::path kmz = testsupport::CorpusDir() / "kmz" / "shared-textures.kmz";
     CliRun info = Orbiscope("info " + Quote(kmz.string()));
     ASSERT_EQ(info.status, 0) << info.err;
-    EXPECT_NE(info.out.find("models:\n  \"geometry\\bldg.dae\"\n  \"geometry\\wall.dae\"\n"), std::string::npos) << info.out;
+    EXPECT_NE(info.out.find("models:\n  \"geometry\\bldg.dae\"\n  \"geometry\\wall.dae\"\n"), std::string::npos)
+        << info.out;
     // The unpacked folder goes when the command ends: the textures travel with the output.
     TempDir d;
     CliRun conv = Orbiscope("convert " + Quote(kmz.string()) + " out.obj", d.path());

@@ -124,7 +124,8 @@ void Walk3ds(const std::string& b, size_t from, size_t to, std::vector<Vec>& poi
         } else if (id == 0x4120) {
             for (size_t i = 0, n = U16(b, data); i < n; ++i) {
                 size_t a = U16(b, data + 2 + 8 * i), c = U16(b, data + 4 + 8 * i), d = U16(b, data + 6 + 8 * i);
-                if (a < local.size() && c < local.size() && d < local.size()) tris.push_back({local[a], local[c], local[d]});
+                if (a < local.size() && c < local.size() && d < local.size())
+                    tris.push_back({local[a], local[c], local[d]});
             }
         }
         from = end;
@@ -147,8 +148,7 @@ struct Box {
 };
 
 // The concave dart, area 0.2455, standing in the plane y = 2 - z / 2 (tilted, planar).
-const char* kDartObj =
-    "v 0 2 0\nv 0.5 2 0\nv 0.5 1.65 0.7\nv 0.25 1.859 0.282\nv 0 1.65 0.7\nf 1 2 3 4 5\n";
+const char* kDartObj = "v 0 2 0\nv 0.5 2 0\nv 0.5 1.65 0.7\nv 0.25 1.859 0.282\nv 0 1.65 0.7\nf 1 2 3 4 5\n";
 const double kDartArea = 0.2455 * std::sqrt(1.25);
 } // namespace
 
@@ -235,14 +235,28 @@ TEST(GeometryConversion, BinaryStlColoursSurviveAnStlToStlConversion) {
     const uint16_t attrs[4] = {uint16_t(0x8000 | 31), uint16_t(0x8000 | (16 << 5) | (3 << 10)),
                                uint16_t(0x8000 | (31 << 10) | 5), 0};
     std::string b(80, '\0');
-    auto put32 = [&](uint32_t v) { for (int i = 0; i < 4; ++i) b.push_back(char(v >> (8 * i))); };
-    auto putF = [&](float f) { uint32_t u; std::memcpy(&u, &f, 4); put32(u); };
+    auto put32 = [&](uint32_t v) {
+        for (int i = 0; i < 4; ++i) b.push_back(char(v >> (8 * i)));
+    };
+    auto putF = [&](float f) {
+        uint32_t u;
+        std::memcpy(&u, &f, 4);
+        put32(u);
+    };
     put32(4);
     for (int t = 0; t < 4; ++t) {
-        putF(0); putF(0); putF(1);
-        putF(float(t)); putF(0); putF(0);
-        putF(float(t) + 1); putF(0); putF(0);
-        putF(float(t)); putF(1); putF(0);
+        putF(0);
+        putF(0);
+        putF(1);
+        putF(float(t));
+        putF(0);
+        putF(0);
+        putF(float(t) + 1);
+        putF(0);
+        putF(0);
+        putF(float(t));
+        putF(1);
+        putF(0);
         b.push_back(char(attrs[t] & 0xFF));
         b.push_back(char(attrs[t] >> 8));
     }

@@ -13,11 +13,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include <orbiscope/Version.h>
 #include "plugin/host/Cancel.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/MiniZip.h"
 #include "tests/support/TestSupport.h"
+#include <orbiscope/Version.h>
 
 namespace fs = std::filesystem;
 using testsupport::ReadFile;
@@ -64,18 +64,19 @@ int Validate(const std::string& json, const std::string& schema, bool lines, std
     WriteFile(d / "doc", json);
     const std::string cmd = "python3 " + Q((testsupport::SourceDir() / "tests" / "cli" / "validate_json.py").string()) +
                             " " + Q((testsupport::SourceDir() / "docs" / "json-schema").string()) + " " + schema +
-                            (lines ? " --lines" : "") + " <" + Q((d / "doc").string()) + " 2>" + Q((d / "why").string());
+                            (lines ? " --lines" : "") + " <" + Q((d / "doc").string()) + " 2>" +
+                            Q((d / "why").string());
     const int rc = std::system(cmd.c_str());
     if (why) *why = ReadFile(d / "why");
     return WIFEXITED(rc) ? WEXITSTATUS(rc) : 1;
 }
 
-#define EXPECT_VALID(json, schema, lines)                                                         \
-    do {                                                                                          \
-        std::string why_;                                                                         \
-        const int v_ = Validate(json, schema, lines, &why_);                                      \
-        if (v_ == 77) GTEST_SKIP() << "python3-jsonschema is not installed";                      \
-        EXPECT_EQ(v_, 0) << why_ << "\n" << (json);                                               \
+#define EXPECT_VALID(json, schema, lines)                                                                              \
+    do {                                                                                                               \
+        std::string why_;                                                                                              \
+        const int v_ = Validate(json, schema, lines, &why_);                                                           \
+        if (v_ == 77) GTEST_SKIP() << "python3-jsonschema is not installed";                                           \
+        EXPECT_EQ(v_, 0) << why_ << "\n" << (json);                                                                    \
     } while (0)
 } // namespace
 
@@ -178,14 +179,16 @@ TEST(CliUsage, EveryPrintingCommandSpeaksJsonThatValidates) {
     EXPECT_VALID(info.out, "info.schema.json", false);
 
     WriteFile(d / "here.png", "png");
-    WriteFile(d / "tex.wrl", "#VRML V1.0 ascii\nSeparator {\n Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
-                             " Separator { Texture2 { filename \"here.png\" } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
-                             " Separator { Texture2 { filename \"gone.png\" } IndexedFaceSet { coordIndex [ 0, 2, 1 ] } }\n}\n");
+    WriteFile(d / "tex.wrl",
+              "#VRML V1.0 ascii\nSeparator {\n Coordinate3 { point [ 0 0 0, 1 0 0, 0 1 0 ] }\n"
+              " Separator { Texture2 { filename \"here.png\" } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+              " Separator { Texture2 { filename \"gone.png\" } IndexedFaceSet { coordIndex [ 0, 2, 1 ] } }\n}\n");
     Outcome tex = Orbiscope("info --json " + Q((d / "tex.wrl").string()));
     ASSERT_EQ(tex.status, 0) << tex.err;
     EXPECT_VALID(tex.out, "info.schema.json", false);
     EXPECT_NE(tex.out.find("\"resolved\": " + std::string("\"") + (d / "here.png").string() + "\", \"found\": true"),
-              std::string::npos) << tex.out;
+              std::string::npos)
+        << tex.out;
     EXPECT_NE(tex.out.find("gone.png\", \"found\": false"), std::string::npos) << tex.out;
     EXPECT_NE(tex.out.find("\"maps\": [{\"type\": \"diffuse\""), std::string::npos) << tex.out;
 
@@ -207,12 +210,13 @@ TEST(CliUsage, EveryPrintingCommandSpeaksJsonThatValidates) {
 
     WriteFile(d / "box.wrl", "#VRML V2.0 utf8\nShape { geometry Box { size 1 2 3 } }\n");
     for (const std::string& cmd : std::vector<std::string>{"formats --json", "version --json",
-                                                          "vrml97 check --json " + Q((d / "box.wrl").string())}) {
+                                                           "vrml97 check --json " + Q((d / "box.wrl").string())}) {
         Outcome r = Orbiscope(cmd);
         ASSERT_EQ(r.status, 0) << cmd;
         TempDir t;
         WriteFile(t / "j", r.out);
-        EXPECT_EQ(std::system(("python3 -c 'import json,sys; json.load(sys.stdin)' <" + Q((t / "j").string())).c_str()), 0)
+        EXPECT_EQ(std::system(("python3 -c 'import json,sys; json.load(sys.stdin)' <" + Q((t / "j").string())).c_str()),
+                  0)
             << cmd << ": " << r.out;
     }
 }
@@ -225,7 +229,8 @@ TEST(CliUsage, InfoShowsTheAnimationAndTheNodeIds) {
     Outcome text = Orbiscope("info " + Q(scene.string()));
     ASSERT_EQ(text.status, 0) << text.err;
     EXPECT_NE(text.out.find("animation: 160..9600 ticks (0.0333333..2 s at 4800 ticks/s), 180 keys on 1 nodes"),
-              std::string::npos) << text.out;
+              std::string::npos)
+        << text.out;
     Outcome json = Orbiscope("info --json " + Q(scene.string()));
     ASSERT_EQ(json.status, 0) << json.err;
     EXPECT_NE(json.out.find("\"firstKey\": 160, \"lastKey\": 9600"), std::string::npos) << json.out;
@@ -252,7 +257,8 @@ TEST(CliUsage, TheOptionsLogIsShownOncePerMessage) {
     // The convert summary: what went out, file by file.
     Outcome c = Orbiscope("convert m.obj m.ply", d.path());
     ASSERT_EQ(c.status, 0) << c.err;
-    EXPECT_EQ(c.out.rfind("m.obj -> m.ply: wrote 2 nodes, 1 meshes, 3 points, 1 faces, 0 materials (m.ply ", 0), 0u) << c.out;
+    EXPECT_EQ(c.out.rfind("m.obj -> m.ply: wrote 2 nodes, 1 meshes, 3 points, 1 faces, 0 materials (m.ply ", 0), 0u)
+        << c.out;
     EXPECT_NE(c.out.find(std::to_string(fs::file_size(d / "m.ply")) + " bytes)"), std::string::npos) << c.out;
 }
 
@@ -274,12 +280,14 @@ TEST(CliBatch, AFolderWithADamagedFileConvertsTheRestAndReportsEach) {
     EXPECT_NE(r.out.find("converted 3 of 4 files"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("1 failed"), std::string::npos) << r.out;
     EXPECT_NE(r.err.find("orbiscope: in/broken.3ds is not a file of this format, or it is damaged.\n"),
-              std::string::npos) << r.err;
+              std::string::npos)
+        << r.err;
     const std::string report = ReadFile(d / "report.jsonl");
     EXPECT_EQ(Lines(report), 4) << report;
     EXPECT_NE(report.find("\"input\": \"in/broken.3ds\", \"output\": \"out/broken.ply\", \"status\": \"failed\", "
                           "\"exit\": 4"),
-              std::string::npos) << report;
+              std::string::npos)
+        << report;
     EXPECT_NE(report.find("\"status\": \"ok\", \"exit\": 0, \"message\": \"\""), std::string::npos);
     EXPECT_VALID(report, "batch-record.schema.json", true);
     // No temporary report, no temporary output folder is left.
@@ -387,7 +395,8 @@ struct Batch {
     // The worker running now, once its output is being written (up to 20 s).
     pid_t WorkerWriting(const fs::path& outDir) {
         for (int i = 0; i < 20000; ++i) {
-            const std::string kids = ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+            const std::string kids =
+                ReadFile("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
             std::error_code ec;
             for (auto& t : fs::directory_iterator(outDir, ec))
                 if (t.path().filename().string().rfind(".orbiscope-", 0) == 0)
@@ -408,7 +417,8 @@ TEST(CliBatch, AWorkerThatDiesCostsItsOwnFileOnly) {
     TempDir d;
     WriteBigObj(d / "a_big.obj", 1500000);
     WriteFile(d / "b_small.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
-    Batch b(d.path(), {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
+    Batch b(d.path(),
+            {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
             d / "err");
     const pid_t worker = b.WorkerWriting(d / "out");
     if (worker <= 0) GTEST_SKIP() << "the write ended before it could be caught: " << ReadFile(d / "err");
@@ -417,10 +427,13 @@ TEST(CliBatch, AWorkerThatDiesCostsItsOwnFileOnly) {
     ASSERT_TRUE(WIFEXITED(st));
     EXPECT_EQ(WEXITSTATUS(st), 1);
     const std::string report = ReadFile(d / "r.jsonl");
-    EXPECT_NE(report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"crashed\", \"exit\": 137"),
-              std::string::npos) << report;
+    EXPECT_NE(
+        report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"crashed\", \"exit\": 137"),
+        std::string::npos)
+        << report;
     EXPECT_NE(report.find("\"input\": \"b_small.obj\", \"output\": \"out/b_small.ma\", \"status\": \"ok\""),
-              std::string::npos) << report;
+              std::string::npos)
+        << report;
     EXPECT_TRUE(fs::exists(d / "out" / "b_small.ma"));
     EXPECT_FALSE(fs::exists(d / "out" / "a_big.ma"));
 }
@@ -429,7 +442,8 @@ TEST(CliBatch, CtrlCCancelsTheRunningWorkerAndTheRest) {
     TempDir d;
     WriteBigObj(d / "a_big.obj", 1500000);
     WriteFile(d / "b_small.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
-    Batch b(d.path(), {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
+    Batch b(d.path(),
+            {"convert", "a_big.obj", "b_small.obj", "-o", "out", "--to", "ma", "-j", "1", "--report", "r.jsonl"},
             d / "err");
     if (b.WorkerWriting(d / "out") <= 0) GTEST_SKIP() << "the write ended before it could be caught";
     kill(b.pid, SIGINT);
@@ -437,10 +451,13 @@ TEST(CliBatch, CtrlCCancelsTheRunningWorkerAndTheRest) {
     ASSERT_TRUE(WIFEXITED(st)) << "ended by signal " << WTERMSIG(st);
     EXPECT_EQ(WEXITSTATUS(st), 7);
     const std::string report = ReadFile(d / "r.jsonl");
-    EXPECT_NE(report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"cancelled\", \"exit\": 7"),
-              std::string::npos) << report;
+    EXPECT_NE(
+        report.find("\"input\": \"a_big.obj\", \"output\": \"out/a_big.ma\", \"status\": \"cancelled\", \"exit\": 7"),
+        std::string::npos)
+        << report;
     EXPECT_NE(report.find("\"input\": \"b_small.obj\", \"output\": \"out/b_small.ma\", \"status\": \"cancelled\""),
-              std::string::npos) << report;
+              std::string::npos)
+        << report;
     EXPECT_TRUE(fs::is_empty(d / "out")); // no output, no temporary folder
     EXPECT_NE(ReadFile(d / "err").find("converted 0 of 2 files"), std::string::npos) << ReadFile(d / "err");
 }

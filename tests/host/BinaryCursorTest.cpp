@@ -100,8 +100,8 @@ TEST(ChunkWalker, BadLengthsStopTheWalk) {
         std::vector<uint8_t> bytes;
         ChunkStatus want;
     } cases[] = {
-        {{0x4D, 0x4D, 0x00, 0x00, 0x00, 0x00}, ChunkStatus::BadSize}, // zero: would loop forever
-        {{0x4D, 0x4D, 0x05, 0x00, 0x00, 0x00}, ChunkStatus::BadSize}, // below the header
+        {{0x4D, 0x4D, 0x00, 0x00, 0x00, 0x00}, ChunkStatus::BadSize},       // zero: would loop forever
+        {{0x4D, 0x4D, 0x05, 0x00, 0x00, 0x00}, ChunkStatus::BadSize},       // below the header
         {{0x4D, 0x4D, 0xFF, 0x00, 0x00, 0x00, 1, 2}, ChunkStatus::BadSize}, // beyond the container
         {{0x4D, 0x4D, 0x06}, ChunkStatus::Truncated},
     };

@@ -32,7 +32,8 @@ Result ReadText(const std::string& text) {
     CSceneImportOptions opt;
     CColladaIo parser(io);
     Result r;
-    r.scene.reset(parser.ReadMemory(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()), opt));
+    r.scene.reset(
+        parser.ReadMemory(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()), opt));
     r.error = io.GetIoError();
     r.log = opt.GetLog();
     return r;
@@ -61,16 +62,17 @@ const std::string kSquare =
     "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>";
 
 TEST(Collada, PrimitivesWithSharedAndSeparateIndices) {
-    auto r = ReadText(Doc(kSquare +
-                              "<triangles count=\"1\" material=\"a\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
-                              "<input semantic=\"TEXCOORD\" source=\"#t\" offset=\"1\" set=\"0\"/><p>0 3 1 2 2 1</p></triangles>"
-                              "<polylist count=\"2\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
-                              "<vcount>4 3</vcount><p>0 1 2 3 0 2 3</p></polylist>"
-                              "<polygons count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
-                              "<ph><p>0 1 2 3</p><h>0 1 2</h></ph></polygons>"
-                              "<tristrips count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 3 2</p></tristrips>"
-                              "<lines count=\"2\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 1 2</p></lines>",
-                          "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
+    auto r = ReadText(Doc(
+        kSquare +
+            "<triangles count=\"1\" material=\"a\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+            "<input semantic=\"TEXCOORD\" source=\"#t\" offset=\"1\" set=\"0\"/><p>0 3 1 2 2 1</p></triangles>"
+            "<polylist count=\"2\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+            "<vcount>4 3</vcount><p>0 1 2 3 0 2 3</p></polylist>"
+            "<polygons count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+            "<ph><p>0 1 2 3</p><h>0 1 2</h></ph></polygons>"
+            "<tristrips count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 3 2</p></tristrips>"
+            "<lines count=\"2\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 1 2</p></lines>",
+        "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
     ASSERT_TRUE(r.scene) << r.error;
     EXPECT_EQ(r.scene->GetUnit(), UNIT_INCH);
     EXPECT_DOUBLE_EQ(r.scene->GetScaleFactor(), 2.54);
@@ -109,15 +111,18 @@ TEST(Collada, MaterialsThroughEffectsAndBindings) {
         "</lambert></technique></profile_COMMON></effect></library_effects>"
         "<library_materials><material id=\"wood\" name=\"Wood\"><instance_effect url=\"#fx\"/></material>"
         "<material id=\"paint\"><instance_effect url=\"#red\"/></material></library_materials>";
-    auto r = ReadText(Doc(kSquare +
-                              "<triangles count=\"1\" material=\"A\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>"
-                              "<triangles count=\"1\" material=\"B\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 2 3</p></triangles>",
-                          "<node id=\"n\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
-                          "<instance_material symbol=\"A\" target=\"#wood\"/><instance_material symbol=\"B\" target=\"#paint\"/>"
-                          "</technique_common></bind_material></instance_geometry></node>"
-                          "<node id=\"m\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
-                          "<instance_material symbol=\"A\" target=\"#paint\"/></technique_common></bind_material></instance_geometry></node>",
-                          libs));
+    auto r = ReadText(
+        Doc(kSquare + "<triangles count=\"1\" material=\"A\"><input semantic=\"VERTEX\" source=\"#v\" "
+                      "offset=\"0\"/><p>0 1 2</p></triangles>"
+                      "<triangles count=\"1\" material=\"B\"><input semantic=\"VERTEX\" source=\"#v\" "
+                      "offset=\"0\"/><p>0 2 3</p></triangles>",
+            "<node id=\"n\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
+            "<instance_material symbol=\"A\" target=\"#wood\"/><instance_material symbol=\"B\" target=\"#paint\"/>"
+            "</technique_common></bind_material></instance_geometry></node>"
+            "<node id=\"m\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
+            "<instance_material symbol=\"A\" "
+            "target=\"#paint\"/></technique_common></bind_material></instance_geometry></node>",
+            libs));
     ASSERT_TRUE(r.scene) << r.error;
     EXPECT_EQ(r.scene->GetMaterialNumber(), 2);
     auto meshes = Nodes(*r.scene, KINDOF_MESH);
@@ -137,12 +142,14 @@ TEST(Collada, MaterialsThroughEffectsAndBindings) {
 }
 
 TEST(Collada, NodeTransformsAndInstancedNodes) {
-    auto r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
-                          "<node id=\"top\"><translate>10 0 0</translate><rotate>0 0 1 90</rotate>"
-                          "<node id=\"leaf\"><matrix>2 0 0 0 0 2 0 1 0 0 2 0 0 0 0 1</matrix><instance_geometry url=\"#g\"/></node>"
-                          "<instance_node url=\"#lib\"/></node>",
-                          "<library_nodes><node id=\"lib\"><translate>0 0 5</translate><instance_geometry url=\"#g\"/>"
-                          "<instance_node url=\"#lib\"/></node></library_nodes>"));
+    auto r = ReadText(Doc(
+        kSquare +
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+        "<node id=\"top\"><translate>10 0 0</translate><rotate>0 0 1 90</rotate>"
+        "<node id=\"leaf\"><matrix>2 0 0 0 0 2 0 1 0 0 2 0 0 0 0 1</matrix><instance_geometry url=\"#g\"/></node>"
+        "<instance_node url=\"#lib\"/></node>",
+        "<library_nodes><node id=\"lib\"><translate>0 0 5</translate><instance_geometry url=\"#g\"/>"
+        "<instance_node url=\"#lib\"/></node></library_nodes>"));
     ASSERT_TRUE(r.scene) << r.error;
     auto meshes = Nodes(*r.scene, KINDOF_MESH);
     ASSERT_EQ(meshes.size(), 2u); // the library node's copy of itself is refused
@@ -160,8 +167,10 @@ TEST(Collada, NodeTransformsAndInstancedNodes) {
 }
 
 TEST(Collada, EncodingsDamageAndBounds) {
-    const std::string doc = Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
-                                "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
+    const std::string doc = Doc(
+        kSquare +
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+        "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
     // UTF-16 with its byte order mark.
     std::string u16 = "\xFF\xFE";
     for (char c : doc) {
@@ -175,11 +184,13 @@ TEST(Collada, EncodingsDamageAndBounds) {
     EXPECT_EQ(ReadText("<COLLADA><unclosed>").error, IO_ERR_FORMAT);
     EXPECT_EQ(ReadText("<notcollada/>").error, IO_ERR_FORMAT);
     // Counts that lie: a huge count over a short list, indices past the points, a short <p>.
-    r = ReadText(Doc("<source id=\"p\"><float_array id=\"pa\" count=\"2000000000\">0 0 0 1 0 0 1 1 0</float_array>"
-                     "<technique_common><accessor source=\"#pa\" count=\"2000000000\" stride=\"3\"/></technique_common></source>"
-                     "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
-                     "<triangles count=\"2000000000\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2 0 1 9 0 1</p></triangles>",
-                     "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
+    r = ReadText(
+        Doc("<source id=\"p\"><float_array id=\"pa\" count=\"2000000000\">0 0 0 1 0 0 1 1 0</float_array>"
+            "<technique_common><accessor source=\"#pa\" count=\"2000000000\" stride=\"3\"/></technique_common></source>"
+            "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+            "<triangles count=\"2000000000\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2 0 1 9 0 "
+            "1</p></triangles>",
+            "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
     ASSERT_TRUE(r.scene);
     const C3DGeomObject* g = Nodes(*r.scene, KINDOF_MESH)[0]->GetGeomObject();
     EXPECT_EQ(g->GetPointList()->GetSize(), 3);
@@ -189,21 +200,27 @@ TEST(Collada, EncodingsDamageAndBounds) {
     for (int i = 0; i < 100000; ++i) deep += "<node>";
     deep += "<instance_geometry url=\"#g\"/>";
     for (int i = 0; i < 100000; ++i) deep += "</node>";
-    r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>", deep));
+    r = ReadText(Doc(
+        kSquare +
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+        deep));
     EXPECT_FALSE(r.scene && !Nodes(*r.scene, KINDOF_MESH).empty());
 }
 
 TEST(Collada, NumberListsReadAlikeWhateverTheirMarkup) {
     // An attribute holding '>', a list with a character reference, one in a CDATA section,
     // a commented-out list: the lifted lists and the DOM's text must give the same mesh.
-    const std::string doc = Doc(
-        "<!-- <p>9 9 9</p> --><source id=\"p\"><float_array id=\"pa\" name=\"a>b\" count=\"12\">0 0 0 1 0 0 1 1 0 0 1 0</float_array>"
-        "<technique_common><accessor source=\"#pa\" count=\"4\" stride=\"3\"/></technique_common></source>"
-        "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
-        "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0&#32;1 2</p></triangles>"
-        "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p><![CDATA[0 2 3]]></p></triangles>"
-        "<polylist count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><vcount>3</vcount><p>3 2 1</p></polylist>",
-        "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
+    const std::string doc =
+        Doc("<!-- <p>9 9 9</p> --><source id=\"p\"><float_array id=\"pa\" name=\"a>b\" count=\"12\">0 0 0 1 0 0 1 1 0 "
+            "0 1 0</float_array>"
+            "<technique_common><accessor source=\"#pa\" count=\"4\" stride=\"3\"/></technique_common></source>"
+            "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0&#32;1 2</p></triangles>"
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p><![CDATA[0 2 "
+            "3]]></p></triangles>"
+            "<polylist count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><vcount>3</vcount><p>3 2 "
+            "1</p></polylist>",
+            "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
     std::string u16 = "\xFF\xFE"; // parsed whole, without lifting
     for (char c : doc) {
         u16 += c;
@@ -224,16 +241,18 @@ TEST(Collada, NumberListsReadAlikeWhateverTheirMarkup) {
 
 TEST(Collada, DecimalsReadAsTheNearestFloat) {
     // Short decimals take a quicker path than long ones; both must give the nearest float.
-    const char* values[] = {"0.1", "-8.12345", "16777.21", "9999999", "0.3333333", "1234567.8", "-0", "7.", ".5", "1e-3",
-                            "3.4028236e38", "2.5e-46", "0.000001"};
+    const char* values[] = {"0.1", "-8.12345", "16777.21", "9999999",      "0.3333333", "1234567.8", "-0",
+                            "7.",  ".5",       "1e-3",     "3.4028236e38", "2.5e-46",   "0.000001"};
     std::string list;
     for (const char* v : values) list += std::string(v) + " ";
     const size_t n = std::size(values) / 3 * 3;
-    auto r = ReadText(Doc("<source id=\"p\"><float_array id=\"pa\">" + list + "</float_array><technique_common><accessor source=\"#pa\" count=\"" +
-                              std::to_string(n / 3) + "\" stride=\"3\"/></technique_common></source>"
-                              "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
-                              "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
-                          "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
+    auto r = ReadText(Doc(
+        "<source id=\"p\"><float_array id=\"pa\">" + list +
+            "</float_array><technique_common><accessor source=\"#pa\" count=\"" + std::to_string(n / 3) +
+            "\" stride=\"3\"/></technique_common></source>"
+            "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#p\"/></vertices>"
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+        "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
     ASSERT_TRUE(r.scene) << r.error;
     const float* xyz = Nodes(*r.scene, KINDOF_MESH).at(0)->GetGeomObject()->GetPointList()->GetData();
     for (size_t i = 0; i < n; ++i) {
@@ -246,15 +265,18 @@ TEST(Collada, DecimalsReadAsTheNearestFloat) {
 TEST(Collada, GeometryOfOneInstanceReachedTwice) {
     // The geometry is named by one instance_geometry only, inside a library node that two
     // scene nodes instance: both copies get the mesh, its curve and its material.
-    auto r = ReadText(Doc(kSquare + "<triangles count=\"2\" material=\"s\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2 0 2 3</p></triangles>"
-                                    "<lines count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1</p></lines>",
-                          "<node id=\"a\"><instance_node url=\"#lib\"/></node><node id=\"b\"><instance_node url=\"#lib\"/></node>",
-                          "<library_effects><effect id=\"fx\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>0 1 0 1</color>"
-                          "</diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
-                          "<library_materials><material id=\"green\"><instance_effect url=\"#fx\"/></material></library_materials>"
-                          "<library_nodes><node id=\"lib\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
-                          "<instance_material symbol=\"s\" target=\"#green\"/></technique_common></bind_material></instance_geometry>"
-                          "</node></library_nodes>"));
+    auto r = ReadText(
+        Doc(kSquare + "<triangles count=\"2\" material=\"s\"><input semantic=\"VERTEX\" source=\"#v\" "
+                      "offset=\"0\"/><p>0 1 2 0 2 3</p></triangles>"
+                      "<lines count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1</p></lines>",
+            "<node id=\"a\"><instance_node url=\"#lib\"/></node><node id=\"b\"><instance_node url=\"#lib\"/></node>",
+            "<library_effects><effect id=\"fx\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>0 1 0 "
+            "1</color>"
+            "</diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
+            "<library_materials><material id=\"green\"><instance_effect url=\"#fx\"/></material></library_materials>"
+            "<library_nodes><node id=\"lib\"><instance_geometry url=\"#g\"><bind_material><technique_common>"
+            "<instance_material symbol=\"s\" target=\"#green\"/></technique_common></bind_material></instance_geometry>"
+            "</node></library_nodes>"));
     ASSERT_TRUE(r.scene) << r.error;
     auto meshes = Nodes(*r.scene, KINDOF_MESH);
     ASSERT_EQ(meshes.size(), 2u);
@@ -273,24 +295,36 @@ TEST(Collada, GeometryOfOneInstanceReachedTwice) {
 TEST(Collada, AnimatedTransformsBecomeMatrixKeys) {
     const std::string anims =
         "<library_animations><animation id=\"a1\">"
-        "<source id=\"t1\"><float_array id=\"t1a\" count=\"2\">0 1</float_array><technique_common><accessor source=\"#t1a\" count=\"2\"/></technique_common></source>"
-        "<source id=\"v1\"><float_array id=\"v1a\" count=\"6\">0 0 0 10 0 0</float_array><technique_common><accessor source=\"#v1a\" count=\"2\" stride=\"3\"/></technique_common></source>"
-        "<sampler id=\"s1\"><input semantic=\"INPUT\" source=\"#t1\"/><input semantic=\"OUTPUT\" source=\"#v1\"/></sampler>"
+        "<source id=\"t1\"><float_array id=\"t1a\" count=\"2\">0 1</float_array><technique_common><accessor "
+        "source=\"#t1a\" count=\"2\"/></technique_common></source>"
+        "<source id=\"v1\"><float_array id=\"v1a\" count=\"6\">0 0 0 10 0 0</float_array><technique_common><accessor "
+        "source=\"#v1a\" count=\"2\" stride=\"3\"/></technique_common></source>"
+        "<sampler id=\"s1\"><input semantic=\"INPUT\" source=\"#t1\"/><input semantic=\"OUTPUT\" "
+        "source=\"#v1\"/></sampler>"
         "<channel source=\"#s1\" target=\"n/t\"/>"
         "<animation id=\"inner\">" // nested animations count too
-        "<source id=\"t2\"><float_array id=\"t2a\" count=\"1\">0.5</float_array><technique_common><accessor source=\"#t2a\" count=\"1\"/></technique_common></source>"
-        "<source id=\"v2\"><float_array id=\"v2a\" count=\"1\">90</float_array><technique_common><accessor source=\"#v2a\" count=\"1\"/></technique_common></source>"
-        "<sampler id=\"s2\"><input semantic=\"INPUT\" source=\"#t2\"/><input semantic=\"OUTPUT\" source=\"#v2\"/></sampler>"
+        "<source id=\"t2\"><float_array id=\"t2a\" count=\"1\">0.5</float_array><technique_common><accessor "
+        "source=\"#t2a\" count=\"1\"/></technique_common></source>"
+        "<source id=\"v2\"><float_array id=\"v2a\" count=\"1\">90</float_array><technique_common><accessor "
+        "source=\"#v2a\" count=\"1\"/></technique_common></source>"
+        "<sampler id=\"s2\"><input semantic=\"INPUT\" source=\"#t2\"/><input semantic=\"OUTPUT\" "
+        "source=\"#v2\"/></sampler>"
         "<channel source=\"#s2\" target=\"n/r.ANGLE\"/>"
-        "<source id=\"t3\"><float_array id=\"t3a\" count=\"2\">0 2</float_array><technique_common><accessor source=\"#t3a\" count=\"2\"/></technique_common></source>"
-        "<source id=\"v3\"><float_array id=\"v3a\" count=\"2\">0 7</float_array><technique_common><accessor source=\"#v3a\" count=\"2\"/></technique_common></source>"
-        "<sampler id=\"s3\"><input semantic=\"INPUT\" source=\"#t3\"/><input semantic=\"OUTPUT\" source=\"#v3\"/></sampler>"
+        "<source id=\"t3\"><float_array id=\"t3a\" count=\"2\">0 2</float_array><technique_common><accessor "
+        "source=\"#t3a\" count=\"2\"/></technique_common></source>"
+        "<source id=\"v3\"><float_array id=\"v3a\" count=\"2\">0 7</float_array><technique_common><accessor "
+        "source=\"#v3a\" count=\"2\"/></technique_common></source>"
+        "<sampler id=\"s3\"><input semantic=\"INPUT\" source=\"#t3\"/><input semantic=\"OUTPUT\" "
+        "source=\"#v3\"/></sampler>"
         "<channel source=\"#s3\" target=\"m/transform(0)(3)\"/>"
         "</animation></animation></library_animations>";
-    auto r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
-                          "<node id=\"n\"><translate sid=\"t\">0 0 0</translate><rotate sid=\"r\">0 0 1 0</rotate><instance_geometry url=\"#g\"/></node>"
-                          "<node id=\"m\"><matrix sid=\"transform\">1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1</matrix><scale>2 2 2</scale></node>",
-                          anims));
+    auto r = ReadText(Doc(
+        kSquare +
+            "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+        "<node id=\"n\"><translate sid=\"t\">0 0 0</translate><rotate sid=\"r\">0 0 1 0</rotate><instance_geometry "
+        "url=\"#g\"/></node>"
+        "<node id=\"m\"><matrix sid=\"transform\">1 0 0 0 0 1 0 0 0 0 1 0 0 0 0 1</matrix><scale>2 2 2</scale></node>",
+        anims));
     ASSERT_TRUE(r.scene) << r.error;
     C3DNodePos pos = r.scene->GetFirstNode();
     C3DSceneNode* n = r.scene->GetNextNode(pos);
@@ -318,7 +352,8 @@ TEST(Collada, AnimatedTransformsBecomeMatrixKeys) {
 
 TEST(Collada, ReachedThroughTheGenericReader) {
     testsupport::TempDir dir;
-    testsupport::WriteFile(dir / "m.dae", Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
+    testsupport::WriteFile(dir / "m.dae", Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" "
+                                                        "source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>",
                                               "<node id=\"n\"><instance_geometry url=\"#g\"/></node>"));
     CFileIo io;
     auto scene = C3DIo::ReadScene(CXStringW(Utf8ToWide((dir / "m.dae").string())), io);

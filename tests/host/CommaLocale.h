@@ -14,13 +14,14 @@ namespace testsupport {
 class CommaLocaleScope {
 public:
     CommaLocaleScope() {
-        for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "nl_NL.UTF-8",
-                                 "it_IT.UTF-8", "ru_RU.UTF-8", "de_DE", "fr_FR"})
+        for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "fr_FR.utf8", "nl_NL.UTF-8", "it_IT.UTF-8",
+                                 "ru_RU.UTF-8", "de_DE", "fr_FR"})
             if (Try(name)) return;
         std::string dir = "/tmp/orbiscope-locales-" + std::to_string(getuid());
         std::error_code ec;
         if (!std::filesystem::exists(dir + "/de_DE.UTF-8", ec) &&
-            std::filesystem::exists("/usr/share/i18n/locales/de_DE", ec) && std::filesystem::exists("/usr/bin/localedef", ec)) {
+            std::filesystem::exists("/usr/share/i18n/locales/de_DE", ec) &&
+            std::filesystem::exists("/usr/bin/localedef", ec)) {
             // Build beside the cache and move it in, so parallel test processes never see half a locale.
             std::filesystem::create_directories(dir, ec);
             std::string tmp = dir + "/build-" + std::to_string(getpid());

@@ -18,9 +18,9 @@ TEST(Containers, ArrayGrowthRule) {
     EXPECT_EQ(CXArray<int>::NextCapacity(100, 100, 0, 101), 125);
     EXPECT_EQ(CXArray<int>::NextCapacity(100000, 100000, 0, 100001), 101024);
     EXPECT_EQ(CXArray<int>::NextCapacity(8, 8, -2, 9), 16);   // doubling
-    EXPECT_EQ(CXArray<int>::NextCapacity(10, 10, 3, 11), 13);  // explicit step
-    EXPECT_EQ(CXArray<int>::NextCapacity(10, 10, 3, 50), 50);  // never less than needed
-    EXPECT_EQ(CXArray<int>::NextCapacity(10, 5, 0, 7), 10);    // fits already
+    EXPECT_EQ(CXArray<int>::NextCapacity(10, 10, 3, 11), 13); // explicit step
+    EXPECT_EQ(CXArray<int>::NextCapacity(10, 10, 3, 50), 50); // never less than needed
+    EXPECT_EQ(CXArray<int>::NextCapacity(10, 5, 0, 7), 10);   // fits already
     EXPECT_THROW(CXArray<int>::NextCapacity(2147483000, 2147483000, 0, 2147483001), CXInvalidArgException);
     CXArray<int> d(-2);
     for (int i = 0; i < 9; ++i) d.Add(i);

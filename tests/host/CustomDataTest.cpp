@@ -123,7 +123,8 @@ TEST(CustomData, SerializeRoundTripAndHostileBytes) {
     std::mt19937 rng(3);
     for (int it = 0; it < 20000; ++it) {
         std::vector<uint8_t> m = bytes;
-        for (int k = 0, e = 1 + static_cast<int>(rng() % 4); k < e; ++k) m[rng() % m.size()] = static_cast<uint8_t>(rng());
+        for (int k = 0, e = 1 + static_cast<int>(rng() % 4); k < e; ++k)
+            m[rng() % m.size()] = static_cast<uint8_t>(rng());
         CCustomData c;
         c.Deserialize(m.data(), m.size());
     }

@@ -118,7 +118,8 @@ TEST(ExportPrep, ChannelAndMaterialBitsAndFaceNormals) {
     EXPECT_EQ(FirstMesh(*bare)->GetFaceList()->GetMaterialID(0), NO_MATERIAL);
     EXPECT_EQ(bare->GetChildCount(nullptr, KINDOF_CURVE), 0);
 
-    auto kept = PrepareSceneForExport(*s, PREP_MATERIALS | PREP_KEEP_NORMALS | PREP_KEEP_VERTEX_COLORS | PREP_FACE_NORMALS);
+    auto kept =
+        PrepareSceneForExport(*s, PREP_MATERIALS | PREP_KEEP_NORMALS | PREP_KEEP_VERTEX_COLORS | PREP_FACE_NORMALS);
     EXPECT_EQ(FirstMesh(*kept)->GetChannelCount(CHANNEL_VC), 1);
     EXPECT_EQ(FirstMesh(*kept)->GetChannelCount(CHANNEL_SPEC_NORMAL), 1);
     EXPECT_EQ(kept->GetMaterialNumber(), 1);

@@ -100,7 +100,8 @@ TEST(Normals, SmoothingAngleSplitsHardEdges) {
     CSpecNormalChannel* soft = obj->GenerateNormals(100.0f);
     EXPECT_EQ(soft, hard); // regenerated in place
     EXPECT_EQ(soft->GetNormalVectorList()->GetSize(), 8);
-    C3DVector n0 = soft->GetNormalVectorList()->GetPoint(static_cast<int>(soft->GetNormalFaceList()->GetFaceIndices(0)[0]));
+    C3DVector n0 =
+        soft->GetNormalVectorList()->GetPoint(static_cast<int>(soft->GetNormalFaceList()->GetFaceIndices(0)[0]));
     EXPECT_NEAR(std::fabs(n0.x), 1 / std::sqrt(3.0f), 1e-5f);
     EXPECT_EQ(soft->GetNormalFaceList()->GetNumberOfFaces(), 6);
 

@@ -164,7 +164,8 @@ pid_t ChildMaking(bool stay, const std::function<std::vector<CXStringW>()>& make
     for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) text.append(buf, static_cast<size_t>(n));
     close(fds[0]);
     names.clear();
-    for (size_t a = 0, b; (b = text.find('\n', a)) != std::string::npos; a = b + 1) names.push_back(text.substr(a, b - a));
+    for (size_t a = 0, b; (b = text.find('\n', a)) != std::string::npos; a = b + 1)
+        names.push_back(text.substr(a, b - a));
     return pid;
 }
 } // namespace
@@ -218,16 +219,19 @@ TEST(FileHelpers, RemovesTheTemporariesOfThisProcessOnRequest) {
     testsupport::TempDir dir;
     const CXStringW base = W(dir.path());
     std::vector<std::string> names;
-    pid_t pid = ChildMaking(false, [&] {
-        CXStringW a = fileCreateTmpName(base, L"a", L".tmp"), b = fileCreateTmpName(base, L"b");
-        CXStringW c = fileCreateTmpName(base, L"c"), f = fileCreateTmpFolder(base, L"f");
-        testsupport::WriteFile(std::filesystem::path(PathToUtf8(f)) / "sub" / "x", "1");
-        fileDelete(b);
-        fileRename(c, base + L"/moved");
-        testsupport::WriteFile(PathToUtf8(b), "someone else's");
-        fileRemoveTmpOfThisProcess();
-        return std::vector<CXStringW>{a, b, c, f};
-    }, names);
+    pid_t pid = ChildMaking(
+        false,
+        [&] {
+            CXStringW a = fileCreateTmpName(base, L"a", L".tmp"), b = fileCreateTmpName(base, L"b");
+            CXStringW c = fileCreateTmpName(base, L"c"), f = fileCreateTmpFolder(base, L"f");
+            testsupport::WriteFile(std::filesystem::path(PathToUtf8(f)) / "sub" / "x", "1");
+            fileDelete(b);
+            fileRename(c, base + L"/moved");
+            testsupport::WriteFile(PathToUtf8(b), "someone else's");
+            fileRemoveTmpOfThisProcess();
+            return std::vector<CXStringW>{a, b, c, f};
+        },
+        names);
     ASSERT_GT(pid, 0);
     int st = 0;
     waitpid(pid, &st, 0);

@@ -8,10 +8,10 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <thread>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "plugin/host/Cancel.h"
@@ -95,21 +95,32 @@ TEST(IoFile, OpenFailuresSayWhy) {
 
 TEST(IoFile, TextModes) {
     // UTF-8: invalid bytes become U+FFFD; a BOM is skipped; all three line ends.
-    EXPECT_EQ(W({L"a\u00e9", L"\uFFFDb", L"", L"c"}), Lines("\xEF\xBB\xBF" "a\xC3\xA9\r\n\xFF" "b\r\rc", TEXT_MODE_UTF8));
+    EXPECT_EQ(W({L"a\u00e9", L"\uFFFDb", L"", L"c"}), Lines("\xEF\xBB\xBF"
+                                                            "a\xC3\xA9\r\n\xFF"
+                                                            "b\r\rc",
+                                                            TEXT_MODE_UTF8));
     // ANSI and binary: one character per byte, the BOM kept as bytes.
-    EXPECT_EQ(W({L"\u00ef\u00bb\u00bfA\u00e9"}), Lines("\xEF\xBB\xBF" "A\xE9", TEXT_MODE_ANSI));
+    EXPECT_EQ(W({L"\u00ef\u00bb\u00bfA\u00e9"}), Lines("\xEF\xBB\xBF"
+                                                       "A\xE9",
+                                                       TEXT_MODE_ANSI));
     EXPECT_EQ(W({L"x\u00ff"}), Lines("x\xFF\n", TEXT_MODE_BINARY));
     // Auto: UTF-8 when the whole text is valid, Latin-1 as soon as one byte is not.
     EXPECT_EQ(W({L"\u00e9", L"ok"}), Lines("\xC3\xA9\nok", TEXT_MODE_AUTO));
     EXPECT_EQ(W({L"\u00c3\u00a9", L"\u00e9"}), Lines("\xC3\xA9\n\xE9", TEXT_MODE_AUTO));
-    EXPECT_EQ(W({L"bom", L"\u00e9"}), Lines("\xEF\xBB\xBF" "bom\n\xC3\xA9", TEXT_MODE_AUTO));
+    EXPECT_EQ(W({L"bom", L"\u00e9"}), Lines("\xEF\xBB\xBF"
+                                            "bom\n\xC3\xA9",
+                                            TEXT_MODE_AUTO));
     // UTF-16 both ways, with a surrogate pair, CRLF, a lone low surrogate and a dangling byte.
-    std::string le = Bytes("\xFF\xFE" "A\0\r\0\n\0\x3D\xD8\x00\xDE\n\0\x00\xDC" "B");
+    std::string le = Bytes("\xFF\xFE"
+                           "A\0\r\0\n\0\x3D\xD8\x00\xDE\n\0\x00\xDC"
+                           "B");
     EXPECT_EQ(W({L"A", L"\U0001F600", L"\uFFFD\uFFFD"}), Lines(le, TEXT_MODE_AUTO));
     std::string be = Bytes("\xFE\xFF\0A\0\r\0B\xD8\x3D");
     EXPECT_EQ(W({L"A", L"B\uFFFD"}), Lines(be, TEXT_MODE_AUTO));
     // Without auto detection the UTF-16 BOM is just bytes.
-    EXPECT_EQ(W({std::wstring(L"\uFFFD\uFFFDA\0", 4)}), Lines(Bytes("\xFF\xFE" "A\0"), TEXT_MODE_UTF8));
+    EXPECT_EQ(W({std::wstring(L"\uFFFD\uFFFDA\0", 4)}), Lines(Bytes("\xFF\xFE"
+                                                                    "A\0"),
+                                                              TEXT_MODE_UTF8));
 }
 
 TEST(IoFile, RawLinesAndMixedReads) {

@@ -112,8 +112,16 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
         const float x = static_cast<float>(r % 1000) + 0.5f;
         switch (op) {
         case 0:
-        case 1: z.push_back(x); v.push_back(x); break;
-        case 2: { const size_t n = r % 300; z.resize(n); v.resize(n); break; }
+        case 1:
+            z.push_back(x);
+            v.push_back(x);
+            break;
+        case 2: {
+            const size_t n = r % 300;
+            z.resize(n);
+            v.resize(n);
+            break;
+        }
         case 3: { // insert anywhere
             const float src[3] = {x, x + 1, x + 2};
             const size_t at = v.empty() ? 0 : r % (v.size() + 1), n = r % 4;
@@ -126,27 +134,40 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
                 z.clear();
                 v.clear();
             } else if (!v.empty()) { // a piece of itself, copied in (the array may move meanwhile)
-                const size_t from = r % v.size(), n = std::min<size_t>(v.size() - from, 1 + r % 5), at = r % (v.size() + 1);
+                const size_t from = r % v.size(), n = std::min<size_t>(v.size() - from, 1 + r % 5),
+                             at = r % (v.size() + 1);
                 const std::vector<float> piece(v.begin() + static_cast<std::ptrdiff_t>(from),
                                                v.begin() + static_cast<std::ptrdiff_t>(from + n));
                 z.insert(z.begin() + at, z.begin() + from, z.begin() + from + n);
                 v.insert(v.begin() + static_cast<std::ptrdiff_t>(at), piece.begin(), piece.end());
             }
             break;
-        case 5: if (r % 4 == 0) { z.shrink_to_fit(); v.shrink_to_fit(); } break;
+        case 5:
+            if (r % 4 == 0) {
+                z.shrink_to_fit();
+                v.shrink_to_fit();
+            }
+            break;
         case 6: z.reserve(r % 600); break;
-        case 7: if (!v.empty()) { const size_t i = r % v.size(); z[i] = x; v[i] = x; } break;
-        case 8: { hostmem::ZeroedArray<float> c(z); z = r % 2 ? c : std::move(c); break; }
+        case 7:
+            if (!v.empty()) {
+                const size_t i = r % v.size();
+                z[i] = x;
+                v[i] = x;
+            }
+            break;
+        case 8: {
+            hostmem::ZeroedArray<float> c(z);
+            z = r % 2 ? c : std::move(c);
+            break;
+        }
         case 9: { // n copies, zeros half the time, or copies of its own first element
             const size_t n = r % 400;
             const bool own = r % 5 == 1 && !v.empty();
             const float fill = own ? v[0] : r % 2 ? 0.0f : x;
-            if (own)
-                z.assign(n, z[0]);
-            else if (r % 3 == 0)
-                z = hostmem::ZeroedArray<float>(n, fill);
-            else
-                z.assign(n, fill);
+            if (own) z.assign(n, z[0]);
+            else if (r % 3 == 0) z = hostmem::ZeroedArray<float>(n, fill);
+            else z.assign(n, fill);
             v.assign(n, fill);
             break;
         }
@@ -158,9 +179,7 @@ TEST(ZeroedArray, BehavesLikeAVectorOfZeroInitialisedFloats) {
             break;
         }
         ASSERT_EQ(z.size(), v.size()) << "step " << step;
-        if (!v.empty()) {
-            ASSERT_EQ(z.back(), v.back()) << "step " << step;
-        }
+        if (!v.empty()) { ASSERT_EQ(z.back(), v.back()) << "step " << step; }
         ASSERT_GE(z.capacity(), z.size());
         ASSERT_TRUE(std::equal(v.begin(), v.end(), z.begin())) << "step " << step << " op " << op;
     }
@@ -185,7 +204,8 @@ TEST(ZeroedArray, GrowingOverFreshMemoryLeavesItsPagesUntouched) {
     std::fill(z.begin(), z.end(), 1.0f);
     z.resize(n);
     EXPECT_EQ(resident(n * sizeof(float) / 4 + page, n * sizeof(float)), 0u);
-    EXPECT_TRUE(std::all_of(z.begin() + static_cast<std::ptrdiff_t>(n / 4), z.end(), [](float f) { return f == 0.0f; }));
+    EXPECT_TRUE(
+        std::all_of(z.begin() + static_cast<std::ptrdiff_t>(n / 4), z.end(), [](float f) { return f == 0.0f; }));
     EXPECT_EQ(z[n / 4 - 1], 1.0f);
 }
 #endif

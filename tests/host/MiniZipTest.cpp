@@ -70,7 +70,8 @@ TEST(MiniZip, FailuresRemoveTheTarget) {
     EXPECT_FALSE(fileExists(W(dir / "out")));
     EXPECT_TRUE(CMiniZip::ExtractGZip(W(dir / "big.gz"), W(dir / "out"), 200000));
     // Every truncation fails cleanly (a gzip stream carries its length and CRC).
-    for (size_t n : {size_t(0), size_t(1), size_t(2), size_t(10), size_t(11), gz.size() / 2, gz.size() - 8, gz.size() - 1}) {
+    for (size_t n :
+         {size_t(0), size_t(1), size_t(2), size_t(10), size_t(11), gz.size() / 2, gz.size() - 8, gz.size() - 1}) {
         testsupport::WriteFile(dir / "cut.gz", gz.substr(0, n));
         EXPECT_FALSE(CMiniZip::ExtractGZip(W(dir / "cut.gz"), W(dir / "cut.out"))) << n;
         EXPECT_FALSE(fileExists(W(dir / "cut.out"))) << n;

@@ -41,11 +41,37 @@ void AppendFormatV3(std::string& out, const char* fmt, ...) {
 // Values that stress rounding: random bit patterns, decimal fractions, exact ties
 // in binary (x.5, x.125), huge and tiny magnitudes.
 std::vector<double> Values() {
-    std::vector<double> v = {0.0, -0.0, 0.5, 1.5, 2.5, -0.5, 0.125, 0.375, 1e-7, 5e-7, 4.9999995e-7, 0.0000005,
-                             1e15, 1e16, 1e17, 1e22, 1e300, 1.7976931348623157e308, 4.9e-324, 2.2250738585072014e-308,
-                             123456.7890125, 0.1, 0.2, 0.3, 9.9999995, 99999.9999995, -1e-300,
-                             std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
-                             std::numeric_limits<double>::quiet_NaN(), -std::numeric_limits<double>::quiet_NaN()};
+    std::vector<double> v = {0.0,
+                             -0.0,
+                             0.5,
+                             1.5,
+                             2.5,
+                             -0.5,
+                             0.125,
+                             0.375,
+                             1e-7,
+                             5e-7,
+                             4.9999995e-7,
+                             0.0000005,
+                             1e15,
+                             1e16,
+                             1e17,
+                             1e22,
+                             1e300,
+                             1.7976931348623157e308,
+                             4.9e-324,
+                             2.2250738585072014e-308,
+                             123456.7890125,
+                             0.1,
+                             0.2,
+                             0.3,
+                             9.9999995,
+                             99999.9999995,
+                             -1e-300,
+                             std::numeric_limits<double>::infinity(),
+                             -std::numeric_limits<double>::infinity(),
+                             std::numeric_limits<double>::quiet_NaN(),
+                             -std::numeric_limits<double>::quiet_NaN()};
     std::mt19937_64 rng(2024);
     for (int i = 0; i < 12000; ++i) {
         uint64_t b = rng();
@@ -189,8 +215,11 @@ TEST(NumberFormat, IntegersMatchPrintf) {
 TEST(NumberFormat, AppendFormatMatchesPrintf) {
     // The writers' own format strings, then flags, widths and the slow-path conversions.
     std::mt19937_64 rng(77);
-    const char* fmts[] = {"Ka %f %f %f\n", "10\n%f\n20\n%f\n30\n%f\n", " %15.6f", "%+.3f|%-10.2f|", "%08.2f|% f",
-                          "%e|%E|%G", "%.0f %.0e", "%#.0f %#x %#o", "%10.4g|%-8e|", "%a %A"};
+    const char* fmts[] = {"Ka %f %f %f\n", "10\n%f\n20\n%f\n30\n%f\n",
+                          " %15.6f",       "%+.3f|%-10.2f|",
+                          "%08.2f|% f",    "%e|%E|%G",
+                          "%.0f %.0e",     "%#.0f %#x %#o",
+                          "%10.4g|%-8e|",  "%a %A"};
     for (int it = 0; it < 30000; ++it) {
         double a, b, c;
         uint64_t bits = rng();

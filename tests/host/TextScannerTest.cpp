@@ -34,8 +34,8 @@ template <typename Scan> Outcome Run(Scan&& scan, const char* fmt) {
 
 std::string Show(const Outcome& o) {
     char buf[128];
-    std::snprintf(buf, sizeof(buf), "ret=%d n=%d bytes=%02x%02x%02x%02x%02x%02x%02x%02x", o.ret, o.n, o.value[0], o.value[1],
-                  o.value[2], o.value[3], o.value[4], o.value[5], o.value[6], o.value[7]);
+    std::snprintf(buf, sizeof(buf), "ret=%d n=%d bytes=%02x%02x%02x%02x%02x%02x%02x%02x", o.ret, o.n, o.value[0],
+                  o.value[1], o.value[2], o.value[3], o.value[4], o.value[5], o.value[6], o.value[7]);
     return buf;
 }
 
@@ -54,10 +54,10 @@ TEST(TextScanner, RandomFieldsMatchSscanf) {
     // Short strings over the characters that matter to numbers: signs, dots,
     // exponents, hex prefixes, the letters of inf/nan, spaces.
     const char alphabet[] = "0123456789.eE+-xXpPinfatyINFATY \tabc";
-    const char* formats[] = {"%f%n",   "%lf%n",  "%e%n",   "%g%n",   "%1f%n",  "%2f%n",   "%3f%n",  "%4f%n",
-                             "%5lf%n", "%d%n",   "%i%n",   "%x%n",   "%u%n",   "%o%n",    "%1d%n",  "%2d%n",
-                             "%2i%n",  "%3i%n",  "%1x%n",  "%3x%n",  "%lld%n", "%llu%n",  "%lli%n", "%hhd%n",
-                             "%hd%n",  "%hu%n",  "%ld%n",  "%3s%n",  "%1s%n",  "%2c%n",   "%c%n",   "%[0-9]%n",
+    const char* formats[] = {"%f%n",    "%lf%n",      "%e%n",  "%g%n",  "%1f%n",  "%2f%n",  "%3f%n",  "%4f%n",
+                             "%5lf%n",  "%d%n",       "%i%n",  "%x%n",  "%u%n",   "%o%n",   "%1d%n",  "%2d%n",
+                             "%2i%n",   "%3i%n",      "%1x%n", "%3x%n", "%lld%n", "%llu%n", "%lli%n", "%hhd%n",
+                             "%hd%n",   "%hu%n",      "%ld%n", "%3s%n", "%1s%n",  "%2c%n",  "%c%n",   "%[0-9]%n",
                              "%[^e]%n", "%3[a-f.]%n", "%*f%n", "%*d%n", "%*s%n"};
     std::mt19937 rng(12345);
     for (int it = 0; it < 400000; ++it) {
@@ -120,13 +120,18 @@ TEST(TextScanner, PinnedFloatQuirks) {
     // glibc swallows an exponent marker without digits ("1e" reads 1 and consumes
     // two characters), takes "inf" out of "infx" but fails a partial "infin", reads
     // "nan(" as "nan", and fails a bare "0x".
-    struct Case { const char* in; int ret; float v; int n; };
-    const Case cases[] = {{"1e", 1, 1.0f, 2},      {"1e+", 1, 1.0f, 3},   {"100ergs", 1, 100.0f, 4},
-                          {"+.5", 1, 0.5f, 3},     {"infx", 1, INFINITY, 3}, {"infinity", 1, INFINITY, 8},
-                          {"infinit", 0, 0, -1},   {"nan(", 1, NAN, 3},   {"0x", 0, 0, -1},
-                          {"0x.", 1, 0.0f, 3},     {"0x1p3", 1, 8.0f, 5}, {"1e2.5", 1, 100.0f, 3},
-                          {".", 0, 0, -1},         {"-", 0, 0, -1},       {"", -1, 0, -1},
-                          {"   ", -1, 0, -1},      {"  12", 1, 12.0f, 4}};
+    struct Case {
+        const char* in;
+        int ret;
+        float v;
+        int n;
+    };
+    const Case cases[] = {{"1e", 1, 1.0f, 2},    {"1e+", 1, 1.0f, 3},      {"100ergs", 1, 100.0f, 4},
+                          {"+.5", 1, 0.5f, 3},   {"infx", 1, INFINITY, 3}, {"infinity", 1, INFINITY, 8},
+                          {"infinit", 0, 0, -1}, {"nan(", 1, NAN, 3},      {"0x", 0, 0, -1},
+                          {"0x.", 1, 0.0f, 3},   {"0x1p3", 1, 8.0f, 5},    {"1e2.5", 1, 100.0f, 3},
+                          {".", 0, 0, -1},       {"-", 0, 0, -1},          {"", -1, 0, -1},
+                          {"   ", -1, 0, -1},    {"  12", 1, 12.0f, 4}};
     for (const auto& c : cases) {
         float v = 0;
         int n = -1;
@@ -143,8 +148,9 @@ TEST(TextScanner, PinnedFloatQuirks) {
     EXPECT_TRUE(std::signbit(v));
     // The cursor's fast path for plain decimals must hand over exactly where from_chars
     // and scanf disagree.
-    for (const char* s : {"-infinit", "-infinity", "-nan(12)", "-inf", "1e", "1E+", "0x1p3", "-0x.", "-.5", "1.e5",
-                          "5e-50", "-7e39", "12.5.6", "3-4", "1e5e6", "007", "-", "-.", "+1.5", "1,5", "0X1", "9e+9x"}) {
+    for (const char* s :
+         {"-infinit", "-infinity", "-nan(12)", "-inf",  "1e",  "1E+", "0x1p3", "-0x.", "-.5", "1.e5", "5e-50",
+          "-7e39",    "12.5.6",    "3-4",      "1e5e6", "007", "-",   "-.",    "+1.5", "1,5", "0X1",  "9e+9x"}) {
         float c = -99, o = -99;
         int n = -1;
         int r = std::sscanf(s, "%f%n", &c, &n);
@@ -191,8 +197,8 @@ TEST(TextScanner, ReturnValuesAndLiterals) {
 }
 
 TEST(TextScanner, IntegerOverflowMatchesGlibc) {
-    const char* inputs[] = {"2147483647", "2147483648",  "-2147483649", "4294967296",          "99999999999999999999",
-                            "-1",         "0x7fffffff",  "-0x80000001", "18446744073709551616", "-9223372036854775809"};
+    const char* inputs[] = {"2147483647", "2147483648", "-2147483649", "4294967296",           "99999999999999999999",
+                            "-1",         "0x7fffffff", "-0x80000001", "18446744073709551616", "-9223372036854775809"};
     for (const char* in : inputs)
         for (const char* f : {"%d%n", "%u%n", "%i%n", "%x%n", "%lld%n", "%llu%n", "%hd%n", "%hhu%n"})
             ExpectSameAsSscanf(in, f);
@@ -355,8 +361,8 @@ TEST(TextScannerFastPaths, PlainFloatAgreesWithStrtofWheneverItAnswers) {
     }
     EXPECT_GT(answered, total / 4);
     // The shapes real files are made of must take the fast path, or it buys nothing.
-    for (const char* s : {"0.000000", "-0.151489", "123.456789", "1e5", "1.", ".5", "-0", "+2.5", "0.1",
-                          "-1234.5678e-3"}) {
+    for (const char* s :
+         {"0.000000", "-0.151489", "123.456789", "1e5", "1.", ".5", "-0", "+2.5", "0.1", "-1234.5678e-3"}) {
         float f;
         EXPECT_NE(ParsePlainFloat(s, s + std::strlen(s), f), nullptr) << s;
         const std::string padded = std::string(s) + std::string(48, ' ');
@@ -388,8 +394,8 @@ TEST(TextScannerFastPaths, PlainFloatDeclinesWhatItCannotSettle) {
 
 TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
     int v = 0;
-    for (const char* s : {"0", "-1", "+7", "12", "123", "1234", "12345", "123456", "1234567", "12345678",
-                          "123456789", "-999999999", "0009"}) {
+    for (const char* s : {"0", "-1", "+7", "12", "123", "1234", "12345", "123456", "1234567", "12345678", "123456789",
+                          "-999999999", "0009"}) {
         ASSERT_EQ(ParsePlainInt(s, s + std::strlen(s), v), s + std::strlen(s)) << s;
         EXPECT_EQ(v, static_cast<int>(std::strtol(s, nullptr, 10))) << s;
         for (const char* tail : {"/4/5 ", " 6 7 8 9 10", "\n           "}) { // far from the end of the text
@@ -410,11 +416,11 @@ TEST(TextScannerFastPaths, PlainIntLineBreaksAndTokenCounts) {
     const unsigned char edges[] = {'/', ':', ' ', '.', '-', 0x00, 0x7f, 0x80, 0xaf, 0xb0, 0xb9, 0xba, 0xc6, 0xff};
     for (int round = 0; round < 200000; ++round) {
         char w[8];
-        for (char& c : w)
-            c = static_cast<char>(bytes() % 3 ? '0' + bytes() % 10 : edges[bytes() % sizeof edges]);
+        for (char& c : w) c = static_cast<char>(bytes() % 3 ? '0' + bytes() % 10 : edges[bytes() % sizeof edges]);
         unsigned n = 99, want = 0;
         uint64_t value = 0;
-        while (want < 8 && w[want] >= '0' && w[want] <= '9') value = value * 10 + static_cast<unsigned>(w[want++] - '0');
+        while (want < 8 && w[want] >= '0' && w[want] <= '9')
+            value = value * 10 + static_cast<unsigned>(w[want++] - '0');
         ASSERT_EQ(DigitRun8(w, n), value) << std::string(w, 8);
         ASSERT_EQ(n, want) << std::string(w, 8);
     }

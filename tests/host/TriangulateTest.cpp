@@ -105,7 +105,13 @@ TEST(Triangulate, DegenerateFacesFinishWithoutLosingArea) {
     double u, s;
     // Collinear corners along the edges of a square (including a run of three).
     Poly sq;
-    sq.Add(0, 0); sq.Add(0.5, 0); sq.Add(1, 0); sq.Add(1, 0.25); sq.Add(1, 0.5); sq.Add(1, 1); sq.Add(0, 1);
+    sq.Add(0, 0);
+    sq.Add(0.5, 0);
+    sq.Add(1, 0);
+    sq.Add(1, 0.25);
+    sq.Add(1, 0.5);
+    sq.Add(1, 1);
+    sq.Add(0, 1);
     cut.Triangulate(sq.pts, sq.face, t);
     ASSERT_EQ(t.size(), 3u * 5);
     Areas(sq, t, {0, 0, 1}, u, s);
@@ -124,7 +130,12 @@ TEST(Triangulate, DegenerateFacesFinishWithoutLosingArea) {
     }
     // A square with a spike going out and back along one edge direction.
     Poly spike;
-    spike.Add(0, 0); spike.Add(1, 0); spike.Add(1, 1); spike.Add(1, 2); spike.Add(1, 1); spike.Add(0, 1);
+    spike.Add(0, 0);
+    spike.Add(1, 0);
+    spike.Add(1, 1);
+    spike.Add(1, 2);
+    spike.Add(1, 1);
+    spike.Add(0, 1);
     t.clear();
     cut.Triangulate(spike.pts, spike.face, t);
     EXPECT_EQ(t.size(), 12u);
@@ -132,13 +143,20 @@ TEST(Triangulate, DegenerateFacesFinishWithoutLosingArea) {
     EXPECT_NEAR(s, 1.0, 1e-6);
     // A bow tie crosses itself: it still finishes with n - 2 triangles.
     Poly bow;
-    bow.Add(0, 0); bow.Add(1, 1); bow.Add(1, 0); bow.Add(0, 1); bow.Add(0.5, 2);
+    bow.Add(0, 0);
+    bow.Add(1, 1);
+    bow.Add(1, 0);
+    bow.Add(0, 1);
+    bow.Add(0.5, 2);
     t.clear();
     cut.Triangulate(bow.pts, bow.face, t);
     EXPECT_EQ(t.size(), 9u);
     // Corners that are not numbers: a fan, counted.
     Poly nan;
-    nan.Add(0, 0); nan.Add(1, 0); nan.Add(std::nan(""), 1); nan.Add(0, 1);
+    nan.Add(0, 0);
+    nan.Add(1, 0);
+    nan.Add(std::nan(""), 1);
+    nan.Add(0, 1);
     t.clear();
     cut.Triangulate(nan.pts, nan.face, t);
     EXPECT_EQ(t.size(), 6u);

@@ -1,6 +1,6 @@
 // CXTString Format/ScanS against the C library, the wide-format conventions, UTF-8.
-#include "plugin/host/TextHelpers.h"
 #include "plugin/host/XString.h"
+#include "plugin/host/TextHelpers.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,8 @@ std::string Snprintf(const char* fmt, ...) {
 
 TEST(XString, NarrowFormatMatchesSnprintf) {
     std::mt19937_64 rng(7);
-    const char* dfmts[] = {"%f", "%.4f", "%10.3f", "%-12.2e|", "%g", "%.12g", "%+e", "% .0f", "%08.3f", "%E", "%G", "%a"};
+    const char* dfmts[] = {"%f",  "%.4f",  "%10.3f", "%-12.2e|", "%g", "%.12g",
+                           "%+e", "% .0f", "%08.3f", "%E",       "%G", "%a"};
     for (int it = 0; it < 20000; ++it) {
         uint64_t bits = rng();
         double d;
@@ -97,16 +98,18 @@ TEST(XString, Utf8Conversions) {
     EXPECT_EQ(std::wstring(L"\uFFFDx"), Utf8ToWide("\xE2\x82x"));
     EXPECT_EQ(std::wstring(L"\uFFFD\uFFFD"), Utf8ToWide("\xC0\xAF"));           // overlong
     EXPECT_EQ(std::wstring(L"\uFFFD\uFFFD\uFFFD"), Utf8ToWide("\xED\xA0\x80")); // surrogate
-    EXPECT_EQ(std::wstring(L"\uFFFD\uFFFD"), Utf8ToWide("\xF4\x90")); // past U+10FFFF
+    EXPECT_EQ(std::wstring(L"\uFFFD\uFFFD"), Utf8ToWide("\xF4\x90"));           // past U+10FFFF
     EXPECT_EQ(std::wstring(L"\uFFFD"), Utf8ToWide("\xF0\x9F\x98"));             // truncated at the end
-    EXPECT_EQ(std::wstring(L"\uFFFDA"), Utf8ToWide("\xFF" "A"));
+    EXPECT_EQ(std::wstring(L"\uFFFDA"), Utf8ToWide("\xFF"
+                                                   "A"));
     // Round trip of every scalar value class, and what cannot be encoded.
     std::wstring all;
     for (wchar_t c : {L'\x01', L'\x7F', L'\x80', L'\x7FF', L'\x800', L'\xFFFF', L'\U00010000', L'\U0010FFFF'}) all += c;
     EXPECT_EQ(all, Utf8ToWide(WideToUtf8(all)));
     EXPECT_EQ("\xEF\xBF\xBD", WideToUtf8(std::wstring(1, static_cast<wchar_t>(0xD800))));
     EXPECT_EQ("\xEF\xBF\xBD", WideToUtf8(std::wstring(1, static_cast<wchar_t>(0x110000))));
-    EXPECT_EQ(std::wstring(L"\u00ff\u0080A"), WidenBytes("\xFF\x80" "A"));
+    EXPECT_EQ(std::wstring(L"\u00ff\u0080A"), WidenBytes("\xFF\x80"
+                                                         "A"));
     EXPECT_STREQ("\xC3\xA4", XCW2A(L"\u00e4"));
 }
 

@@ -35,7 +35,8 @@ void MakeZip(const fs::path& path, const std::map<std::string, std::string>& ent
 std::string Dae(const std::string& image, float x) {
     return R"(<?xml version="1.0"?>
 <COLLADA xmlns="http://www.collada.org/2005/11/COLLADASchema" version="1.4.1">
- <library_images><image id="img"><init_from>)" + image + R"(</init_from></image></library_images>
+ <library_images><image id="img"><init_from>)" +
+           image + R"(</init_from></image></library_images>
  <library_effects><effect id="fx"><profile_COMMON>
   <newparam sid="surf"><surface type="2D"><init_from>img</init_from></surface></newparam>
   <newparam sid="samp"><sampler2D><source>surf</source></sampler2D></newparam>
@@ -43,7 +44,8 @@ std::string Dae(const std::string& image, float x) {
  </profile_COMMON></effect></library_effects>
  <library_materials><material id="mat"><instance_effect url="#fx"/></material></library_materials>
  <library_geometries><geometry id="g"><mesh>
-  <source id="p"><float_array id="pa" count="9">)" + std::to_string(x) + R"( 0 0 1 0 0 0 1 0</float_array>
+  <source id="p"><float_array id="pa" count="9">)" +
+           std::to_string(x) + R"( 0 0 1 0 0 0 1 0</float_array>
    <technique_common><accessor source="#pa" count="3" stride="3"/></technique_common></source>
   <vertices id="v"><input semantic="POSITION" source="#p"/></vertices>
   <triangles material="m" count="1"><input semantic="VERTEX" source="#v" offset="0"/><p>0 1 2</p></triangles>
@@ -91,13 +93,12 @@ int TmpFolders(const std::string& stem) {
 
 TEST(Kmz, TwoModelsMergeWithTheirFoldersAsTexturePaths) {
     testsupport::TempDir dir;
-    MakeZip(dir / "kmztwo.kmz",
-            {{"doc.kml", "<kml><Model><Link><href>a/one.dae</href></Link></Model>\n"
-                         "<Model><Link><HREF>B/Two.DAE</HREF></Link></Model></kml>"},
-             {"a/one.dae", Dae("one.png", 0)},
-             {"a/one.png", "png"},
-             {"B/Two.DAE", Dae("two.png", 5)},
-             {"B/two.png", "png"}});
+    MakeZip(dir / "kmztwo.kmz", {{"doc.kml", "<kml><Model><Link><href>a/one.dae</href></Link></Model>\n"
+                                             "<Model><Link><HREF>B/Two.DAE</HREF></Link></Model></kml>"},
+                                 {"a/one.dae", Dae("one.png", 0)},
+                                 {"a/one.png", "png"},
+                                 {"B/Two.DAE", Dae("two.png", 5)},
+                                 {"B/two.png", "png"}});
     const int before = TmpFolders("kmztwo");
     {
         auto r = Read(dir / "kmztwo.kmz");
@@ -119,11 +120,12 @@ TEST(Kmz, TwoModelsMergeWithTheirFoldersAsTexturePaths) {
 TEST(Kmz, AliasesRestoreSourceNamesAndCarryOver) {
     testsupport::TempDir dir;
     MakeZip(dir / "kmzalias.kmz",
-            {{"doc.kml", "<Model><Link><href>models/m.dae</href></Link><ResourceMap>"
-                         "<Alias><targetHref>../images/real.jpg</targetHref><sourceHref>../tex/first.jpg</sourceHref></Alias>"
-                         "<Alias><sourceHref>second.jpg</sourceHref></Alias>"
-                         "<Alias><targetHref>same.jpg</targetHref><sourceHref>SAME.jpg</sourceHref></Alias>"
-                         "</ResourceMap></Model>"},
+            {{"doc.kml",
+              "<Model><Link><href>models/m.dae</href></Link><ResourceMap>"
+              "<Alias><targetHref>../images/real.jpg</targetHref><sourceHref>../tex/first.jpg</sourceHref></Alias>"
+              "<Alias><sourceHref>second.jpg</sourceHref></Alias>"
+              "<Alias><targetHref>same.jpg</targetHref><sourceHref>SAME.jpg</sourceHref></Alias>"
+              "</ResourceMap></Model>"},
              {"models/m.dae", Dae("../tex/first.jpg", 0)},
              {"images/real.jpg", "jpeg bytes"},
              {"same.jpg", "x"}});
@@ -177,7 +179,8 @@ TEST(Kmz, UnsafeNamesNeverReachTheDisk) {
     EXPECT_EQ(Meshes(*r.scene), 1);
     EXPECT_FALSE(fs::exists(dir.path().parent_path() / "evil.dae"));
     EXPECT_FALSE(fs::exists(fs::path(PathToUtf8(fileGetTempDirectory())).parent_path() / "escape.txt"));
-    for (const char* bad : {"../x", "a/../../x", "/etc/x", "\\x", "c:x", "a\\..\\..\\x"}) EXPECT_FALSE(CZip::IsSafeName(bad)) << bad;
+    for (const char* bad : {"../x", "a/../../x", "/etc/x", "\\x", "c:x", "a\\..\\..\\x"})
+        EXPECT_FALSE(CZip::IsSafeName(bad)) << bad;
     for (const char* good : {"a/b.dae", "doc.kml", "a..b/c", "x..y"}) EXPECT_TRUE(CZip::IsSafeName(good)) << good;
 }
 
@@ -192,8 +195,8 @@ private:
 TEST(Kmz, CancelDuringTheSecondModelDiscardsEverything) {
     testsupport::TempDir dir;
     MakeZip(dir / "kmzcancel.kmz", {{"doc.kml", "<href>one.dae</href><href>two.dae</href>"},
-                                         {"one.dae", Dae("x.png", 0)},
-                                         {"two.dae", Dae("y.png", 1)}});
+                                    {"one.dae", Dae("x.png", 0)},
+                                    {"two.dae", Dae("y.png", 1)}});
     const int before = TmpFolders("kmzcancel");
     CFileIo io;
     CSceneImportOptions opt;
@@ -247,7 +250,8 @@ TEST(KmzCorpus, SamplePackages) {
     ASSERT_TRUE(shared.scene) << shared.error;
     EXPECT_GE(Meshes(*shared.scene), 2); // two models from one folder, plus the aliases' folder
     EXPECT_EQ(shared.scene->GetTexturePaths().size(), 2u);
-    for (const char* none : {"no-model-big.kmz", "no-model-placemark.kmz"}) EXPECT_EQ(Read(d / none).error, IO_ERR_EMPTY) << none;
+    for (const char* none : {"no-model-big.kmz", "no-model-placemark.kmz"})
+        EXPECT_EQ(Read(d / none).error, IO_ERR_EMPTY) << none;
 }
 
 } // namespace

@@ -121,9 +121,9 @@ TEST(LxoCopy, PlainCopyReemitsChannelNamesAndWritesItemHeadersOnly) {
     }
     EXPECT_EQ(names, (std::vector<std::string>{"unknown", "ab"}));
     const std::string out = testsupport::ReadFile(dst);
-    EXPECT_EQ(out, Form(pnts + Chunk("CHNM", U4(2) + std::string("unknown\0", 8) + std::string("ab\0a", 4)) +
-                        Chunk("ITEM", std::string("mesh\0m", 6) + std::string("\0\0", 2) + U4(0)) +
-                        Chunk("ZZZZ", "raw")));
+    EXPECT_EQ(out,
+              Form(pnts + Chunk("CHNM", U4(2) + std::string("unknown\0", 8) + std::string("ab\0a", 4)) +
+                   Chunk("ITEM", std::string("mesh\0m", 6) + std::string("\0\0", 2) + U4(0)) + Chunk("ZZZZ", "raw")));
 }
 
 TEST(LxoCopy, DestinationThatCannotBeCreated) {
@@ -183,9 +183,7 @@ TEST(LxoUpdater, ReplacedLayerLosesItsDataChunksOnly) {
     // Layer 9 and everything after it is untouched.
     for (size_t i = 12; i < out.size(); ++i) {
         EXPECT_EQ(out[i].id, in[i - 3].id);
-        if (out[i].id != lxoid::CHNM && out[i].id != lxoid::ITEM) {
-            EXPECT_EQ(out[i].payload, in[i - 3].payload) << i;
-        }
+        if (out[i].id != lxoid::CHNM && out[i].id != lxoid::ITEM) { EXPECT_EQ(out[i].payload, in[i - 3].payload) << i; }
     }
     // And the result reads back through the dump.
     LxoDump d(dst.c_str(), (tmp / "dump.txt").string().c_str(), true);
@@ -196,8 +194,8 @@ TEST(LxoUpdater, GroupReferenceWithoutTopBit) {
     TempDir tmp;
     const std::string src = (tmp / "s.lxo").string(), dst = (tmp / "d.lxo").string();
     const std::string old = Chunk("PNTS", F4(9) + F4(9) + F4(9)) + Chunk("POLS", U4(lxoid::FACE) + U2(1) + U2(0));
-    testsupport::WriteFile(src, Form(Chunk("3GRP", U4(1) + U4(0x80000005) + U4(0)) + old +
-                                     Chunk("3GRP", U4(1) + U4(6) + U4(0)) + old));
+    testsupport::WriteFile(
+        src, Form(Chunk("3GRP", U4(1) + U4(0x80000005) + U4(0)) + old + Chunk("3GRP", U4(1) + U4(6) + U4(0)) + old));
     const auto mesh = MakeMesh();
     LxoLayerMesh layer;
     layer.object = mesh.get();
@@ -255,8 +253,8 @@ TEST(LxoUpdater, LargeChunksCopyExactly) {
     layer.object = mesh.get();
     EXPECT_EQ(Update(src, rep, 0, &layer), 0u);
     const auto out = ListChunks(testsupport::ReadFile(rep));
-    EXPECT_EQ(Ids(out), (std::vector<std::string>{"LAYR", "PNTS", "BBOX", "VMPA", "VMAP", "POLS", "VMAD", "PTAG",
-                                                  "ZZZZ"}));
+    EXPECT_EQ(Ids(out),
+              (std::vector<std::string>{"LAYR", "PNTS", "BBOX", "VMPA", "VMAP", "POLS", "VMAD", "PTAG", "ZZZZ"}));
     ASSERT_EQ(out.size(), 9u);
     EXPECT_TRUE(out[8].payload == big.substr(0, 70001));
 }

@@ -80,10 +80,10 @@ TEST(LxoDump, KeyTypeNamesAndIds) {
 
 TEST(LxoDump, ChannelValueNotes) {
     using lxotest::Chunk;
+    using lxotest::F4;
     using lxotest::Sub;
     using lxotest::U2;
     using lxotest::U4;
-    using lxotest::F4;
     auto chan = [](uint16_t type, const std::string& value) {
         return Sub("CHAN", std::string("\0\0", 2) + U2(type) + value);
     };
@@ -146,9 +146,7 @@ TEST(LxoDump, CorpusDumpsCompletely) {
                 ++headers;
             EXPECT_EQ(headers, chunks + 1) << f; // FORM + every chunk
             EXPECT_NE(text.find("Mesh: Reference ID: "), std::string::npos);
-            if (verbose) {
-                EXPECT_NE(text.find("Poly Type: 'FACE'"), std::string::npos);
-            }
+            if (verbose) { EXPECT_NE(text.find("Poly Type: 'FACE'"), std::string::npos); }
         }
     }
 }
@@ -207,7 +205,8 @@ TEST(LxoDump, BakedAndItemChunkObjects) {
              "#Points: 2\n\tPoint[  0]: <       0.000000,       1.000000,       2.000000>\n",
              "#Triangles: 1\n\tTriangle[  0]: [  0,  1,  1]\n",
              "ID: 'MATR'  Tag: <Default>\n",
-             "ID: 'NORM', Name: <n>, #Vectors: 2 (3-D)\n\tVector[  0]:        0.000000        1.000000        2.000000\n",
+             "ID: 'NORM', Name: <n>, #Vectors: 2 (3-D)\n\tVector[  0]:        0.000000        1.000000        "
+             "2.000000\n",
              "BakedTriGroup: Reference ID: 4, #Surfs: 1, Unused: 0\n",
              "Type: <translation>, Name: <>, Reference ID: 4\n",
              "Chan: <pos                  >, Type: 2, #Elements: 3\n\t\t<X> = Float: 3.000000\n",

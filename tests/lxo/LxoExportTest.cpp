@@ -219,7 +219,8 @@ TEST(LxoExport, FileHasTheItemSetAndEveryReferenceResolves) {
     EXPECT_EQ(lxotest::IdText(chunks[3].id), "LAYR");
     // Channel-name count, then the items: IDs are positions, links and CHAN indices in range.
     const std::string& chnm = chunks[2].payload;
-    const uint32_t names = (uint8_t(chnm[0]) << 24) | (uint8_t(chnm[1]) << 16) | (uint8_t(chnm[2]) << 8) | uint8_t(chnm[3]);
+    const uint32_t names =
+        (uint8_t(chnm[0]) << 24) | (uint8_t(chnm[1]) << 16) | (uint8_t(chnm[2]) << 8) | uint8_t(chnm[3]);
     std::vector<std::string> types;
     std::vector<std::pair<std::string, uint32_t>> links;
     int actions = 0;
@@ -235,14 +236,13 @@ TEST(LxoExport, FileHasTheItemSetAndEveryReferenceResolves) {
         };
         types.push_back(s0());
         s0();
-        const uint32_t id = (uint8_t(p[o]) << 24) | (uint8_t(p[o + 1]) << 16) | (uint8_t(p[o + 2]) << 8) | uint8_t(p[o + 3]);
+        const uint32_t id =
+            (uint8_t(p[o]) << 24) | (uint8_t(p[o + 1]) << 16) | (uint8_t(p[o + 2]) << 8) | uint8_t(p[o + 3]);
         EXPECT_EQ(id, types.size() - 1);
         for (const auto& sub : lxotest::ListSubChunks(p, o + 4)) {
             const std::string sid = lxotest::IdText(sub.id);
             const std::string& q = sub.payload;
-            if (sid == "CHAN") {
-                EXPECT_LT((uint8_t(q[0]) << 8 | uint8_t(q[1])), int(names));
-            }
+            if (sid == "CHAN") { EXPECT_LT((uint8_t(q[0]) << 8 | uint8_t(q[1])), int(names)); }
             if (sid == "LINK") {
                 const std::string graph = q.c_str();
                 const size_t at = graph.size() + 1 + ((graph.size() + 1) & 1);
@@ -329,8 +329,8 @@ TEST(LxoExport, ScenesFromEveryReadableFormatReadBackWithTheSameCounts) {
         const char* ext;
         const char* type;
     };
-    const Source sources[] = {{"3ds", ".3ds", "3DST"}, {"lwo", "", "LIGT"},  {"cob", ".cob", "TRUE"},
-                              {"dxf", ".dxf", "DXF4"}, {"obj", ".obj", "WAVF"}, {"stl", ".stl", "STL "},
+    const Source sources[] = {{"3ds", ".3ds", "3DST"}, {"lwo", "", "LIGT"},       {"cob", ".cob", "TRUE"},
+                              {"dxf", ".dxf", "DXF4"}, {"obj", ".obj", "WAVF"},   {"stl", ".stl", "STL "},
                               {"iv", ".iv", "VRML"},   {"wrl97", ".wrl", "VR97"}, {"lxo", ".lxo", "LXOI"},
                               {"lws", ".lws", "LIGS"}, {"kmz", ".kmz", "KMZI"}};
     TempDir dir;

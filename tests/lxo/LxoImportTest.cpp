@@ -29,8 +29,7 @@ std::unique_ptr<Imported> Import(const std::string& bytes) {
     auto r = std::make_unique<Imported>();
     CLxoIo parser(r->io);
     CSceneImportOptions options;
-    r->scene.reset(
-        parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, options));
+    r->scene.reset(parser.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, options));
     r->error = r->io.GetIoError();
     return r;
 }
@@ -38,14 +37,11 @@ std::unique_ptr<Imported> Import(const std::string& bytes) {
 std::vector<C3DSceneNode*> Nodes(const C3DScene& scene) {
     std::vector<C3DSceneNode*> out;
     C3DNodePos pos = scene.GetFirstNode();
-    while (pos.IsValid())
-        out.push_back(scene.GetNextNode(pos));
+    while (pos.IsValid()) out.push_back(scene.GetNextNode(pos));
     return out;
 }
 
-C3DSceneNode* Named(const C3DScene& scene, const wchar_t* name) {
-    return scene.FindNodeByName(CXStringW(name));
-}
+C3DSceneNode* Named(const C3DScene& scene, const wchar_t* name) { return scene.FindNodeByName(CXStringW(name)); }
 
 // A scene with a located mesh: locator "Root" (id 1, moved by 1,2,3) holding mesh "Body"
 // (id 2, turned 90 degrees about Y), a mask selecting tag "Red" with a red material inside,
@@ -99,9 +95,7 @@ std::string WriteScene(const TempDir& dir) {
             const uint32_t curve[3] = {0, 2, 4};
             c.AddPolygon(curve, 3);
         }
-        auto item = [&](const char* type, const char* name, uint32_t id) {
-            w.WriteItemHeader(type, name, id, false);
-        };
+        auto item = [&](const char* type, const char* name, uint32_t id) { w.WriteItemHeader(type, name, id, false); };
         {
             LxoChunk c(w, ITEM);
             item("locator", "Root", 1);
@@ -294,13 +288,12 @@ TEST(LxoImport, ChannelIndicesAreResolvedThroughTheNameTable) {
     std::string chnm = U4(3) + std::string("unknown\0order\0rot.Y\0", 20);
     std::string rot = std::string("rotation\0\0", 10) + std::string("\0\0", 2) + U4(2);
     rot += Sub("LINK", std::string("xfrmCore\0\0", 10) + U4(1) + U4(0));
-    rot += Sub("CHNV", std::string("rot\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(0) +
-                           std::string("Y\0", 2) + F4(1.5707964f) + std::string("Z\0", 2) + F4(1.5707964f));
+    rot += Sub("CHNV", std::string("rot\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(0) + std::string("Y\0", 2) +
+                           F4(1.5707964f) + std::string("Z\0", 2) + F4(1.5707964f));
     rot += Sub("CHAN", U2(1) + U2(3) + std::string("zxy\0", 4));
     rot += Sub("CHAN", U2(700) + U2(3) + std::string("xyz\0", 4)); // no such channel
     rot += Sub("CHAN", U2(2) + U2(0x11) + U4(4));                  // rot.Y through envelope 4: not a value
-    std::string loc =
-        std::string("locator\0", 8) + std::string("L\0", 2) + U4(1) + Sub("LAYR", U4(0) + U4(9) + U4(0));
+    std::string loc = std::string("locator\0", 8) + std::string("L\0", 2) + U4(1) + Sub("LAYR", U4(0) + U4(9) + U4(0));
     const std::string file = Form(Chunk("CHNM", chnm) + Chunk("ITEM", loc) + Chunk("ITEM", rot));
     auto r = Import(file);
     ASSERT_TRUE(r->scene);
@@ -364,10 +357,8 @@ TEST(LxoImport, CorpusSphere) {
     const C3DPointList& pts = *obj->GetPointList();
     for (int f = 0; f < faces.GetNumberOfFaces(); ++f) {
         const uint32_t* ix = faces.GetFaceIndices(f);
-        const C3DPoint a = pts.GetPoint(int(ix[0])), b = pts.GetPoint(int(ix[1])),
-                       c = pts.GetPoint(int(ix[2]));
-        const float ux = b.x - a.x, uy = b.y - a.y, uz = b.z - a.z, vx = c.x - a.x, vy = c.y - a.y,
-                    vz = c.z - a.z;
+        const C3DPoint a = pts.GetPoint(int(ix[0])), b = pts.GetPoint(int(ix[1])), c = pts.GetPoint(int(ix[2]));
+        const float ux = b.x - a.x, uy = b.y - a.y, uz = b.z - a.z, vx = c.x - a.x, vy = c.y - a.y, vz = c.z - a.z;
         const float nx = uy * vz - uz * vy, ny = uz * vx - ux * vz, nz = ux * vy - uy * vx;
         if (nx * a.x + ny * a.y + nz * a.z > 0) ++outward;
     }
@@ -436,20 +427,16 @@ TEST(LxoImport, BrokenLinksAndTablesAreSurvived) {
     // table, and a polygon index past the points.
     std::string chunks = Chunk("TAGS", std::string("Only\0\0", 6));
     std::string layr = U2(0) + U2(0) + F4(0) + F4(0) + F4(0) + std::string("Loose\0", 6) + U2(0xFFFF);
-    for (int i = 0; i < 11; ++i)
-        layr += U4(0);
+    for (int i = 0; i < 11; ++i) layr += U4(0);
     layr += U4(999) + U2(16) + U2(0) + U2(0) + U2(0);
     chunks += Chunk("LAYR", layr);
     chunks += Chunk("PNTS", F4(0) + F4(0) + F4(0) + F4(1) + F4(0) + F4(0) + F4(0) + F4(1) + F4(0));
-    chunks +=
-        Chunk("POLS", std::string("FACE") + U2(3) + U2(0) + U2(1) + U2(2) + U2(3) + U2(0) + U2(1) + U2(7));
+    chunks += Chunk("POLS", std::string("FACE") + U2(3) + U2(0) + U2(1) + U2(2) + U2(3) + U2(0) + U2(1) + U2(7));
     chunks += Chunk("PTAG", std::string("MATR") + U2(0) + U2(5) + U2(1) + U2(0));
-    chunks +=
-        LocatorItem(1, 2, "A") + LocatorItem(2, 3, "B") + LocatorItem(3, 1, "C") + LocatorItem(4, 77, "D");
+    chunks += LocatorItem(1, 2, "A") + LocatorItem(2, 3, "B") + LocatorItem(3, 1, "C") + LocatorItem(4, 77, "D");
     auto r = Import(Form(chunks));
     ASSERT_TRUE(r->scene);
-    for (const wchar_t* n : {L"A", L"B", L"C", L"D"})
-        EXPECT_TRUE(Named(*r->scene, n)) << n;
+    for (const wchar_t* n : {L"A", L"B", L"C", L"D"}) EXPECT_TRUE(Named(*r->scene, n)) << n;
     EXPECT_EQ(C3DScene::GetParent(Named(*r->scene, L"D")), r->scene->GetRoot());
     C3DSceneNode* loose = Named(*r->scene, L"Loose");
     ASSERT_TRUE(loose);
@@ -467,15 +454,13 @@ TEST(LxoImport, LongParentChainStaysLinear) {
     constexpr uint32_t kCount = 100000;
     std::string chunks;
     chunks.reserve(size_t(kCount) * 64);
-    for (uint32_t i = 0; i < kCount; ++i)
-        chunks += LocatorItem(i, i == 0 ? 0xFFFFFFFFu : i - 1);
+    for (uint32_t i = 0; i < kCount; ++i) chunks += LocatorItem(i, i == 0 ? 0xFFFFFFFFu : i - 1);
     auto r = Import(Form(chunks));
     ASSERT_TRUE(r->scene);
     EXPECT_EQ(r->scene->GetNodeCount(), int(kCount));
     const C3DSceneNode* n = r->scene->GetRoot();
     uint32_t depth = 0;
-    while ((n = C3DScene::GetChildNode(n)))
-        ++depth;
+    while ((n = C3DScene::GetChildNode(n))) ++depth;
     EXPECT_EQ(depth, kCount);
 }
 
@@ -484,14 +469,13 @@ TEST(LxoImport, SetupActionValuesOverrideTheItemsAndOtherActionsDoNot) {
     chunks += LocatorItem(1, 0xFFFFFFFFu, "M");
     std::string xf = std::string("translation\0", 12) + std::string("\0\0", 2) + U4(2);
     xf += Sub("LINK", std::string("xfrmCore\0\0", 10) + U4(1) + U4(0));
-    xf += Sub("CHNV", std::string("pos\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(1) +
-                          std::string("Y\0", 2) + F4(0) + std::string("Z\0", 2) + F4(0));
+    xf += Sub("CHNV", std::string("pos\0", 4) + U2(2) + U2(3) + std::string("X\0", 2) + F4(1) + std::string("Y\0", 2) +
+                          F4(0) + std::string("Z\0", 2) + F4(0));
     chunks += Chunk("ITEM", xf);
     auto action = [](const char* type, float x) {
         const std::string t = std::string(type) + '\0';
         const std::string s0 = t.size() % 2 ? t + '\0' : t;
-        return Chunk("ACTN",
-                     s0 + s0 + U4(7) + Sub("ITEM", U4(2)) + Sub("CHAN", U2(1) + U2(2) + U2(0) + F4(x)));
+        return Chunk("ACTN", s0 + s0 + U4(7) + Sub("ITEM", U4(2)) + Sub("CHAN", U2(1) + U2(2) + U2(0) + F4(x)));
     };
     chunks += action("setup", 5) + action("edit", 9);
     auto r = Import(Form(chunks));
@@ -558,8 +542,7 @@ TEST(LxoImport, VertexColoursWithSeamsAndWhiteForMissingPoints) {
 }
 
 TEST(LxoImport, CamerasAndLightsWithTheLightMaterialColour) {
-    std::string chunks =
-        Chunk("CHNM", U4(4) + std::string("unknown\0focalLen\0\0apertureY\0projType\0\0", 38));
+    std::string chunks = Chunk("CHNM", U4(4) + std::string("unknown\0focalLen\0\0apertureY\0projType\0\0", 38));
     std::string cam = std::string("camera\0\0", 8) + std::string("Cam\0", 4) + U4(1);
     cam += Sub("CHAN", U2(1) + U2(2) + F4(0.05f)) + Sub("CHAN", U2(2) + U2(2) + F4(0.024f));
     cam += Sub("CHAN", U2(3) + U2(3) + std::string("persp\0", 6));

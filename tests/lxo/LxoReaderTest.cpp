@@ -98,8 +98,8 @@ TEST(LxoWriter, S0PaddingAndChunkSizes) {
     const std::string b = testsupport::ReadFile(f);
     const std::string payload = std::string("ab\0a", 4) + std::string("abc\0", 4) + std::string("\0\0", 2) + "SUB " +
                                 U2(10) + "\xFE\xFF" + std::string("\xFF\x00\xFF\x00", 4) + "\xFF\xFF\xFF\xFF";
-    const std::string expect = "FORM" + U4(uint32_t(12 + 8 + payload.size() - 8)) + "LXOB" + "TEST" +
-                               U4(uint32_t(payload.size())) + payload;
+    const std::string expect =
+        "FORM" + U4(uint32_t(12 + 8 + payload.size() - 8)) + "LXOB" + "TEST" + U4(uint32_t(payload.size())) + payload;
     EXPECT_EQ(b, expect);
 }
 
@@ -149,8 +149,7 @@ TEST(LxoReader, ChunkBoundariesAndTruncation) {
     const std::vector<size_t> ends = {12, 12 + 20, 12 + 20 + 13, file.size()};
     for (size_t n = 0; n <= file.size(); ++n) {
         const bool atEnd = n == 0 || std::find(ends.begin(), ends.end(), n) != ends.end();
-        const bool skipped =
-            (n >= 8 && n < 12) || (n >= 12 + 20 + 8 && n < 12 + 20 + 13) || n == file.size() - 1;
+        const bool skipped = (n >= 8 && n < 12) || (n >= 12 + 20 + 8 && n < 12 + 20 + 13) || n == file.size() - 1;
         EXPECT_EQ(ReadBytes(file.substr(0, n)), atEnd || skipped ? 0u : LXO_ERR_READ) << n;
     }
     // Trailing garbage that does not make a chunk header fails; a whole header whose size
@@ -177,7 +176,10 @@ TEST(LxoReader, FormTypeIsNotChecked) {
 
 TEST(LxoReader, StringsAndIndices) {
     // 0xFF inside a string reads as end of file.
-    EXPECT_EQ(ReadBytes(Form(Vrsn(std::string("a\xFF" "b\0", 4)))), LXO_ERR_READ);
+    EXPECT_EQ(ReadBytes(Form(Vrsn(std::string("a\xFF"
+                                              "b\0",
+                                              4)))),
+              LXO_ERR_READ);
     // A string with no NUL before the chunk ends.
     EXPECT_EQ(ReadBytes(Form(Vrsn("abcd"))), LXO_ERR_READ);
     // The pad byte of an odd-length string must be present.
@@ -201,7 +203,8 @@ TEST(LxoReader, StringsAndIndices) {
 
 TEST(LxoReader, ChannelValueTypes) {
     auto item = [](uint16_t type, const std::string& value) {
-        return Form(Chunk("ITEM", std::string("t\0n\0", 4) + U4(0) + Sub("CHAN", std::string("c\0", 2) + U2(type) + value)));
+        return Form(
+            Chunk("ITEM", std::string("t\0n\0", 4) + U4(0) + Sub("CHAN", std::string("c\0", 2) + U2(type) + value)));
     };
     Recording rec;
     EXPECT_EQ(ReadBytes(item(0x4E56, F4(2.5f)), &rec), 0u);
@@ -219,9 +222,9 @@ TEST(LxoReader, ChannelValueTypes) {
     // Hint strings are cut to 1023 characters but consumed whole.
     std::string longText(1500, 'x');
     longText += std::string("\0\0", 2);
-    const std::string two = Form(Chunk("ITEM", std::string("t\0n\0", 4) + U4(0) +
-                                                   Sub("CHAN", std::string("c\0", 2) + U2(3) + longText) +
-                                                   Sub("CHAN", std::string("d\0", 2) + U2(1) + U4(9))));
+    const std::string two =
+        Form(Chunk("ITEM", std::string("t\0n\0", 4) + U4(0) + Sub("CHAN", std::string("c\0", 2) + U2(3) + longText) +
+                               Sub("CHAN", std::string("d\0", 2) + U2(1) + U4(9))));
     EXPECT_EQ(ReadBytes(two, &rec), 0u);
     ASSERT_EQ(rec.values.size(), 2u);
     EXPECT_EQ(std::string(rec.values[0].text), std::string(1023, 'x'));
@@ -239,8 +242,7 @@ TEST(LxoReader, SizesBeyondTheirContainer) {
     // Counts that the chunk cannot hold are refused before anything is allocated.
     EXPECT_EQ(ReadBytes(Form(Chunk("CHNM", U4(0xFFFFFFFF) + std::string("a\0", 2)))), LXO_ERR_READ);
     EXPECT_EQ(ReadBytes(Form(Chunk("REFS", U4(0x7FFFFFFF)))), LXO_ERR_READ);
-    EXPECT_EQ(ReadBytes(Form(Chunk("ITEM", head + Sub("PAKG", std::string("p\0", 2) + U4(0xFFFFFF00))))),
-              LXO_ERR_READ);
+    EXPECT_EQ(ReadBytes(Form(Chunk("ITEM", head + Sub("PAKG", std::string("p\0", 2) + U4(0xFFFFFF00))))), LXO_ERR_READ);
     // A chunk size of 4 GB in a small file.
     EXPECT_EQ(ReadBytes(Form("PNTS" + U4(0xFFFFFFF0) + F4(1))), LXO_ERR_READ);
     // A vertex map of huge dimension with no entries is fine; a cut entry is not.

@@ -46,8 +46,12 @@ std::string U4(uint32_t v) {
 }
 std::string U2(uint16_t v) { return std::string{char(v >> 8), char(v)}; }
 std::string F4(float f) { return U4(std::bit_cast<uint32_t>(f)); }
-std::string Chunk(const char* id, const std::string& payload) { return std::string(id, 4) + U4(uint32_t(payload.size())) + payload; }
-std::string Sub(const char* id, const std::string& payload) { return std::string(id, 4) + U2(uint16_t(payload.size())) + payload; }
+std::string Chunk(const char* id, const std::string& payload) {
+    return std::string(id, 4) + U4(uint32_t(payload.size())) + payload;
+}
+std::string Sub(const char* id, const std::string& payload) {
+    return std::string(id, 4) + U2(uint16_t(payload.size())) + payload;
+}
 std::string Form(const std::string& chunks) { return "FORM" + U4(uint32_t(chunks.size() + 4)) + "LXOB" + chunks; }
 
 void WriteDumpSample(const std::string& path) {
@@ -186,15 +190,28 @@ void WriteDumpSample(const std::string& path) {
             w.WriteU4(LxoId('L', 'O', 'C', 'K'));
             w.WriteS0("locked");
         }
-        { LxoSubChunk s(w, LxoId('Z', 'Z', 'Z', 'Z')); w.WriteU2(9); }
+        {
+            LxoSubChunk s(w, LxoId('Z', 'Z', 'Z', 'Z'));
+            w.WriteU2(9);
+        }
     }
     {
         LxoChunk c(w, ENVL);
         w.WriteVX(0);
         w.WriteU4(0);
-        { LxoSubChunk s(w, PRE_); w.WriteU2(1); }
-        { LxoSubChunk s(w, POST); w.WriteU2(2); }
-        { LxoSubChunk s(w, KEY_); w.WriteF4(0.5f); w.WriteF4(2.0f); }
+        {
+            LxoSubChunk s(w, PRE_);
+            w.WriteU2(1);
+        }
+        {
+            LxoSubChunk s(w, POST);
+            w.WriteU2(2);
+        }
+        {
+            LxoSubChunk s(w, KEY_);
+            w.WriteF4(0.5f);
+            w.WriteF4(2.0f);
+        }
         {
             LxoSubChunk s(w, TANI);
             w.WriteU2(0);
@@ -210,15 +227,24 @@ void WriteDumpSample(const std::string& path) {
             const float f[3] = {0, 0.5f, 1};
             w.WriteF4(f, 3);
         }
-        { LxoSubChunk s(w, FLAG); w.WriteU4(0x10); }
+        {
+            LxoSubChunk s(w, FLAG);
+            w.WriteU4(0x10);
+        }
     }
     {
         LxoChunk c(w, ACTN);
         w.WriteS0("setup");
         w.WriteS0("");
         w.WriteU4(2);
-        { LxoSubChunk s(w, PRNT); w.WriteU4(1); }
-        { LxoSubChunk s(w, ITEM); w.WriteU4(0); }
+        {
+            LxoSubChunk s(w, PRNT);
+            w.WriteU4(1);
+        }
+        {
+            LxoSubChunk s(w, ITEM);
+            w.WriteU4(0);
+        }
         {
             LxoSubChunk s(w, CHAN);
             w.WriteU2(1);
@@ -233,9 +259,15 @@ void WriteDumpSample(const std::string& path) {
             w.WriteU2(5);
             w.WriteF4(1.0f);
         }
-        { LxoSubChunk s(w, AAIT); w.WriteU4(12); }
+        {
+            LxoSubChunk s(w, AAIT);
+            w.WriteU4(12);
+        }
     }
-    { LxoChunk c(w, LxoId('A', 'B', 'C', 'D')); w.WriteU4(1); }
+    {
+        LxoChunk c(w, LxoId('A', 'B', 'C', 'D'));
+        w.WriteU4(1);
+    }
 }
 
 static void WriteLayer(LxoWriter& w, uint16_t index, uint32_t ref, float offset) {
@@ -252,7 +284,11 @@ static void WriteLayer(LxoWriter& w, uint16_t index, uint32_t ref, float offset)
         const float b[6] = {offset, 0, 0, offset + 1, 1, 0};
         w.WriteF4(b, 6);
     }
-    { LxoChunk c(w, VMPA); w.WriteU4(1); w.WriteU4(6); }
+    {
+        LxoChunk c(w, VMPA);
+        w.WriteU4(1);
+        w.WriteU4(6);
+    }
     {
         LxoVertexMapChunk c(w, TXUV, 2, "Texture");
         for (uint32_t i = 0; i < 4; ++i) c.Add(i, pts + 3 * i);

@@ -11,7 +11,7 @@ using namespace meshtest;
 namespace {
 
 struct Expect {
-    int error;      // 0: reads
+    int error; // 0: reads
     int nodes, points, faces;
     const wchar_t* firstMaterial; // name of face 0's material; null: none
 };
@@ -94,7 +94,7 @@ TEST(MeshCorpus, ObjFiles) {
                 {"box_without_lineending.obj", {0, 1, 8, 6, nullptr}},
                 {"concave_polygon.obj", {0, 1, 64, 1, L"test"}},
                 {"cube_mtllib_after_g.obj", {0, 1, 8, 12, nullptr}}, // names a ".mat" file that is not there
-                {"cube_usemtl.obj", {0, 1, 8, 12, nullptr}}, // "mtl3" is not in its library
+                {"cube_usemtl.obj", {0, 1, 8, 12, nullptr}},         // "mtl3" is not in its library
                 {"cube_with_vertexcolors.obj", {0, 1, 8, 12, nullptr}},
                 {"cube_with_vertexcolors_uni.obj", {0, 1, 8, 12, nullptr}},
                 {"empty_mat.obj", {0, 1, 130, 256, L""}},

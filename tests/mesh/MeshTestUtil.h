@@ -30,7 +30,9 @@ inline std::string RandomDecimal(std::mt19937& rng) {
     case 0: std::snprintf(b, sizeof b, "%d", static_cast<int>(rng() % 2001) - 1000); break;
     case 1: std::snprintf(b, sizeof b, "%.9g", (static_cast<double>(rng()) - 2e9) * 1e-7); break;
     case 2: std::snprintf(b, sizeof b, "%.6e", (static_cast<double>(rng()) - 2e9) * 1e-12); break;
-    case 3: std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000)); break;
+    case 3:
+        std::snprintf(b, sizeof b, "+%u.%u", static_cast<unsigned>(rng() % 100), static_cast<unsigned>(rng() % 1000));
+        break;
     case 4: std::snprintf(b, sizeof b, "%.20f", static_cast<double>(rng() % 1000) / 7.0); break;
     case 5: std::snprintf(b, sizeof b, "%.3e", (static_cast<double>(rng()) - 2e9) * 1e30); break; // beyond float
     case 6: std::snprintf(b, sizeof b, "%.9e", static_cast<double>(rng() % 1000) * 1e-41); break; // subnormal
@@ -61,15 +63,15 @@ template <typename Parser> ReadOutcome ReadPath(const std::filesystem::path& p, 
 }
 
 // Writes `bytes` to a fresh file named `name` and reads it with Parser.
-template <typename Parser> ReadOutcome ReadBytes(const std::string& bytes, const std::string& name = "in.bin",
-                                                 uint32_t wven = 0) {
+template <typename Parser>
+ReadOutcome ReadBytes(const std::string& bytes, const std::string& name = "in.bin", uint32_t wven = 0) {
     testsupport::TempDir dir;
     testsupport::WriteFile(dir / name, bytes);
     return ReadPath<Parser>(dir / name, wven);
 }
 
-template <typename Parser> bool SaveScene(C3DScene* scene, const std::filesystem::path& p, int* error = nullptr,
-                                          uint32_t wven = 0) {
+template <typename Parser>
+bool SaveScene(C3DScene* scene, const std::filesystem::path& p, int* error = nullptr, uint32_t wven = 0) {
     CFileIo io(W(p));
     Parser parser(io);
     CSceneExportOptions opts;
@@ -97,8 +99,9 @@ inline std::vector<C3DSceneNode*> Nodes(C3DScene& s) {
 }
 
 // A mesh node with the given points and faces (all faces get `material`).
-inline C3DGeomObject* AddMesh(C3DScene& s, const std::vector<float>& xyz, const std::vector<std::vector<uint32_t>>& faces,
-                              const wchar_t* name = L"mesh", uint32_t material = NO_MATERIAL) {
+inline C3DGeomObject* AddMesh(C3DScene& s, const std::vector<float>& xyz,
+                              const std::vector<std::vector<uint32_t>>& faces, const wchar_t* name = L"mesh",
+                              uint32_t material = NO_MATERIAL) {
     auto* obj = new C3DObject();
     auto* pts = new C3DPointList();
     for (size_t i = 0; i + 2 < xyz.size(); i += 3) pts->Add(xyz[i], xyz[i + 1], xyz[i + 2]);
@@ -118,12 +121,33 @@ inline std::vector<uint32_t> FaceOf(const CFaceList& fl, int f) {
     return std::vector<uint32_t>(s.begin(), s.end());
 }
 
-inline void PutF(std::string& s, float f) { char b[4]; std::memcpy(b, &f, 4); s.append(b, 4); }
-inline void PutU32(std::string& s, uint32_t v) { for (int i = 0; i < 4; ++i) s.push_back(char(v >> (8 * i))); }
-inline void PutU16(std::string& s, uint16_t v) { s.push_back(char(v)); s.push_back(char(v >> 8)); }
-inline float GetF(const std::string& s, size_t at) { float f; std::memcpy(&f, s.data() + at, 4); return f; }
-inline uint32_t GetU32(const std::string& s, size_t at) { uint32_t v; std::memcpy(&v, s.data() + at, 4); return v; }
-inline uint16_t GetU16(const std::string& s, size_t at) { uint16_t v; std::memcpy(&v, s.data() + at, 2); return v; }
+inline void PutF(std::string& s, float f) {
+    char b[4];
+    std::memcpy(b, &f, 4);
+    s.append(b, 4);
+}
+inline void PutU32(std::string& s, uint32_t v) {
+    for (int i = 0; i < 4; ++i) s.push_back(char(v >> (8 * i)));
+}
+inline void PutU16(std::string& s, uint16_t v) {
+    s.push_back(char(v));
+    s.push_back(char(v >> 8));
+}
+inline float GetF(const std::string& s, size_t at) {
+    float f;
+    std::memcpy(&f, s.data() + at, 4);
+    return f;
+}
+inline uint32_t GetU32(const std::string& s, size_t at) {
+    uint32_t v;
+    std::memcpy(&v, s.data() + at, 4);
+    return v;
+}
+inline uint16_t GetU16(const std::string& s, size_t at) {
+    uint16_t v;
+    std::memcpy(&v, s.data() + at, 2);
+    return v;
+}
 
 // Text dumps for comparing two reads bit for bit: "<tag> [flags: i i i] ..." and
 // "<tag> x y z ..." with every float in hexadecimal.

@@ -115,9 +115,7 @@ TEST(ObjHostile, EmptyGroupsStayCompact) {
     ASSERT_TRUE(scene);
     // Sanitizer builds replace the allocator and report no heap figures: the bound is then
     // checked only by the plain build.
-    if (during > 0) {
-        EXPECT_LT(during - std::min(during, before), size_t(kGroups) * 100);
-    }
+    if (during > 0) { EXPECT_LT(during - std::min(during, before), size_t(kGroups) * 100); }
     // Only the groups with faces become nodes, in the order the groups were first named.
     std::vector<std::wstring> names;
     for (C3DSceneNode* n : Nodes(*scene)) names.emplace_back(n->GetName().view());

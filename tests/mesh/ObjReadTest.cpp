@@ -83,11 +83,10 @@ TEST(ObjRead, NumbersFollowScanfRules) {
 }
 
 TEST(ObjRead, GroupsRenumberPointsByFirstUse) {
-    const std::string obj = std::string(kQuadV) +
-                            "g first\nf 3 4 1\n"
-                            "o second extra words\nf 2 3 4\n"
-                            "g first\nf 1 2 3\n"
-                            "g empty\n";
+    const std::string obj = std::string(kQuadV) + "g first\nf 3 4 1\n"
+                                                  "o second extra words\nf 2 3 4\n"
+                                                  "g first\nf 1 2 3\n"
+                                                  "g empty\n";
     auto r = ReadObjText(obj);
     ASSERT_TRUE(r.scene);
     auto nodes = Nodes(*r.scene);
@@ -104,10 +103,9 @@ TEST(ObjRead, GroupsRenumberPointsByFirstUse) {
 }
 
 TEST(ObjRead, MaterialsFromMtl) {
-    const std::string mtl =
-        "# lib\nnewmtl red one\n  Ka 0.1 0.2 0.3\n  Kd 1 0 0\n  Ks 0 0 1\n  Ns 500\n  d 0.25\n"
-        "  map_Kd -o 0.5 0.25 0 -s 2 3 1 tex/red.png\n  bump -bm 1 bump.png\n  map_norm nrm.png\n"
-        "newmtl clear\nTr 0.75\nKd 0 1\n";
+    const std::string mtl = "# lib\nnewmtl red one\n  Ka 0.1 0.2 0.3\n  Kd 1 0 0\n  Ks 0 0 1\n  Ns 500\n  d 0.25\n"
+                            "  map_Kd -o 0.5 0.25 0 -s 2 3 1 tex/red.png\n  bump -bm 1 bump.png\n  map_norm nrm.png\n"
+                            "newmtl clear\nTr 0.75\nKd 0 1\n";
     const std::string obj = "mtllib  m.mtl \n" + std::string(kQuadV) +
                             "usemtl red one\nf 1 2 3\nusemtl nosuch\nf 1 3 4\nusemtl clear\nf 2 3 4\n";
     auto r = ReadObjText(obj, mtl);
@@ -134,7 +132,7 @@ TEST(ObjRead, MaterialsFromMtl) {
 
     auto* clear = r.scene->GetMaterialByID(r.scene->GetMaterialID(L"clear"));
     EXPECT_FLOAT_EQ(clear->transparency, 0.25f); // Tr is read as the dissolve
-    EXPECT_EQ(clear->diffuse.g, 255);             // missing blue keeps its default
+    EXPECT_EQ(clear->diffuse.g, 255);            // missing blue keeps its default
 
     const C3DFaceList& fl = *FirstMesh(*r.scene)->GetFaceList();
     EXPECT_EQ(fl.GetMaterialID(0), redID);
@@ -186,27 +184,28 @@ TEST(ObjRead, BadIndicesWarnAndKeepValidOnes) {
 
 TEST(ObjRead, EmptyAndNotObj) {
     for (const std::string& bad : {std::string(""), std::string("# only a comment\n"), std::string(kQuadV),
-                                  std::string("f 1 2 3\n"), std::string(1025, 'x') + "\n" + kQuadV + "f 1 2 3\n"}) {
+                                   std::string("f 1 2 3\n"), std::string(1025, 'x') + "\n" + kQuadV + "f 1 2 3\n"}) {
         auto r = ReadObjText(bad);
         EXPECT_FALSE(r.scene);
         EXPECT_EQ(r.error, IO_ERR_EMPTY);
         EXPECT_EQ(r.level, LOG_ERROR);
     }
     // 1024 characters are fine, and so is a long line after the first vertex.
-    auto ok = ReadObjText("#" + std::string(1023, 'x') + "\n" + kQuadV + "#" + std::string(100000, 'y') + "\nf 1 2 3\n");
+    auto ok =
+        ReadObjText("#" + std::string(1023, 'x') + "\n" + kQuadV + "#" + std::string(100000, 'y') + "\nf 1 2 3\n");
     EXPECT_TRUE(ok.scene);
     // The limit counts characters as the text mode decodes them, not bytes.
     std::string e600, e1025;
     for (int i = 0; i < 600; ++i) e600 += "\xC3\xA9"; // U+00E9, two bytes in UTF-8
     for (int i = 0; i < 1025; ++i) e1025 += "\xC3\xA9";
     const std::string rest = std::string("\n") + kQuadV + "f 1 2 3\n";
-    EXPECT_TRUE(ReadObjText("#" + e600 + rest).scene);                     // auto: UTF-8
-    EXPECT_TRUE(ReadObjText("#" + e600 + rest, "", "m.mtl", 1).scene);     // UTF-8
-    EXPECT_TRUE(ReadObjText("\xEF\xBB\xBF#" + e600 + rest).scene);         // UTF-8 with its mark
+    EXPECT_TRUE(ReadObjText("#" + e600 + rest).scene);                 // auto: UTF-8
+    EXPECT_TRUE(ReadObjText("#" + e600 + rest, "", "m.mtl", 1).scene); // UTF-8
+    EXPECT_TRUE(ReadObjText("\xEF\xBB\xBF#" + e600 + rest).scene);     // UTF-8 with its mark
     EXPECT_FALSE(ReadObjText("#" + e1025 + rest).scene);
-    EXPECT_FALSE(ReadObjText("#" + e600 + rest, "", "m.mtl", 2).scene);    // ANSI: 1201 characters
-    EXPECT_FALSE(ReadObjText("#" + e600 + rest + "# \xE9\n").scene);        // auto, not UTF-8: Latin-1
-    std::string four; // a four-byte sequence is one character
+    EXPECT_FALSE(ReadObjText("#" + e600 + rest, "", "m.mtl", 2).scene); // ANSI: 1201 characters
+    EXPECT_FALSE(ReadObjText("#" + e600 + rest + "# \xE9\n").scene);    // auto, not UTF-8: Latin-1
+    std::string four;                                                   // a four-byte sequence is one character
     for (int i = 0; i < 1000; ++i) four += "\xF0\x9F\x98\x80";
     EXPECT_TRUE(ReadObjText("g " + four + rest).scene);
     // Faces before any vertex: positive indices still reach the positions read later.
@@ -221,12 +220,18 @@ TEST(ObjRead, LineEndsNulsAndByteOrderMarks) {
     const std::string lf = std::string(kQuadV) + "g grp\nf 1 2 3 4\n";
     std::string crlf, cr;
     for (char c : lf) {
-        if (c == '\n') { crlf += "\r\n"; cr += '\r'; }
-        else { crlf += c; cr += c; }
+        if (c == '\n') {
+            crlf += "\r\n";
+            cr += '\r';
+        } else {
+            crlf += c;
+            cr += c;
+        }
     }
     std::string nul = lf;
     nul.insert(nul.find("g grp"), std::string("#\0x\n", 4));
-    for (const std::string& text : {crlf, cr, "\xEF\xBB\xBF" + lf, nul, std::string("v 0 0 0\r\nv 1 0 0\nv 1 1 0\rv 0 1 0\ng grp\r\nf 1 2 3 4")}) {
+    for (const std::string& text : {crlf, cr, "\xEF\xBB\xBF" + lf, nul,
+                                    std::string("v 0 0 0\r\nv 1 0 0\nv 1 1 0\rv 0 1 0\ng grp\r\nf 1 2 3 4")}) {
         auto r = ReadObjText(text);
         ASSERT_TRUE(r.scene);
         C3DSceneNode* node = nullptr;
@@ -240,8 +245,13 @@ TEST(ObjRead, LineEndsNulsAndByteOrderMarks) {
         std::string bytes = big ? "\xFE\xFF" : "\xFF\xFE";
         for (wchar_t c : wide) {
             char hi = char(c >> 8), lo = char(c & 0xFF);
-            if (big) { bytes += hi; bytes += lo; }
-            else { bytes += lo; bytes += hi; }
+            if (big) {
+                bytes += hi;
+                bytes += lo;
+            } else {
+                bytes += lo;
+                bytes += hi;
+            }
         }
         auto r = ReadObjText(bytes);
         ASSERT_TRUE(r.scene) << big;
@@ -262,7 +272,7 @@ TEST(ObjRead, LineEndsNulsAndByteOrderMarks) {
 
 TEST(ObjRead, NodeIdCommentGoesToNextGroup) {
     const std::string obj = std::string(kQuadV) + "# TVL:NODEID:18446744073709551615\ng a\nf 1 2 3\n"
-                                                   "g b\nf 2 3 4\n# TVL:NODEID:42\no c\nf 1 3 4\n";
+                                                  "g b\nf 2 3 4\n# TVL:NODEID:42\no c\nf 1 3 4\n";
     auto r = ReadObjText(obj);
     ASSERT_TRUE(r.scene);
     auto nodes = Nodes(*r.scene);
@@ -273,13 +283,12 @@ TEST(ObjRead, NodeIdCommentGoesToNextGroup) {
 }
 
 TEST(ObjRead, EveryPrefixAndCancel) {
-    const std::string obj = "mtllib m.mtl\n" + std::string(kQuadV) + "vt 0 0\nvn 0 0 1\ng a\nusemtl x\nf 1/1/1 2/1/1 3/1/1 4/1/1\n";
+    const std::string obj =
+        "mtllib m.mtl\n" + std::string(kQuadV) + "vt 0 0\nvn 0 0 1\ng a\nusemtl x\nf 1/1/1 2/1/1 3/1/1 4/1/1\n";
     const std::string mtl = "newmtl x\nKd 1 1 1\nmap_Kd -s 1 1 1 a.png\n";
     for (size_t n = 0; n <= obj.size(); ++n) {
         auto r = ReadObjText(obj.substr(0, n), mtl.substr(0, n % (mtl.size() + 1)));
-        if (!r.scene) {
-            EXPECT_EQ(r.error, IO_ERR_EMPTY) << n;
-        }
+        if (!r.scene) { EXPECT_EQ(r.error, IO_ERR_EMPTY) << n; }
     }
     std::atomic<bool> cancel{true};
     SetThreadCancelToken(&cancel);
@@ -377,9 +386,7 @@ TEST(ObjRead, QuickAndGeneralPathsAgree) {
         auto a = ReadObjText(quick, mtl);
         auto b = ReadObjText(general, mtl);
         ASSERT_EQ(a.scene != nullptr, b.scene != nullptr) << round;
-        if (a.scene) {
-            ASSERT_EQ(Describe(*a.scene), Describe(*b.scene)) << "round " << round << "\n" << quick;
-        }
+        if (a.scene) { ASSERT_EQ(Describe(*a.scene), Describe(*b.scene)) << "round " << round << "\n" << quick; }
     }
 }
 
@@ -507,11 +514,33 @@ const char* CountLinesByHand(const char* p, const char* end, meshio::ObjLineCoun
 // alternate between the processor's widest path and the portable one.
 TEST(ObjRead, BulkLineCountsMatchCountingByHand) {
     std::mt19937 rng(4242);
-    const std::string pieces[] = {"v 1 2 3", "V\t1 2", "vt 0 0", "VN 1 0 0", "vT", "v", "vx 1", "f 1 2 3", "F1/2 3//4  5",
-                            "f", "f   ", " f 1 2", "\tv 1", "f\v1\f2 3", "ff 1", "g grp", "G", "o x", "mtllib a.mtl",
-                            "M", "usemtl m", "# v f", "s 1", "f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21",
-                            "v 0.000001 -2.5e+03 123456789.0 this line is long enough to cross a block edge", "\x80\xff f",
-                            std::string(70, 'f')};
+    const std::string pieces[] = {"v 1 2 3",
+                                  "V\t1 2",
+                                  "vt 0 0",
+                                  "VN 1 0 0",
+                                  "vT",
+                                  "v",
+                                  "vx 1",
+                                  "f 1 2 3",
+                                  "F1/2 3//4  5",
+                                  "f",
+                                  "f   ",
+                                  " f 1 2",
+                                  "\tv 1",
+                                  "f\v1\f2 3",
+                                  "ff 1",
+                                  "g grp",
+                                  "G",
+                                  "o x",
+                                  "mtllib a.mtl",
+                                  "M",
+                                  "usemtl m",
+                                  "# v f",
+                                  "s 1",
+                                  "f 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21",
+                                  "v 0.000001 -2.5e+03 123456789.0 this line is long enough to cross a block edge",
+                                  "\x80\xff f",
+                                  std::string(70, 'f')};
     // The text sits in a block of its own size, so that a read past its end shows under
     // the address sanitizer.
     auto check = [&](const std::string& text, bool portable, int round) {

@@ -22,23 +22,22 @@ TEST(MeshRegressions, EveryFileReadsOrFailsWithItsCode) {
             CFileIo io;
             CStlIo stl(io);
             CSceneImportOptions opts;
-            std::unique_ptr<C3DScene> s(stl.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, opts));
-            if (!s) {
-                EXPECT_EQ(io.GetIoError(), IO_ERR_FORMAT) << name;
-            }
+            std::unique_ptr<C3DScene> s(
+                stl.ReadMemory({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}, opts));
+            if (!s) { EXPECT_EQ(io.GetIoError(), IO_ERR_FORMAT) << name; }
         }
         {
             const std::string sep = "\n@@MTL@@\n";
             const size_t p = bytes.find(sep);
-            const std::string obj = bytes.substr(0, p), mtl = p == std::string::npos ? "" : bytes.substr(p + sep.size());
+            const std::string obj = bytes.substr(0, p),
+                              mtl = p == std::string::npos ? "" : bytes.substr(p + sep.size());
             CFileIo io;
             CWavefrontIo reader(io);
             CSceneImportOptions opts;
             std::unique_ptr<C3DScene> s(reader.ReadMemory({reinterpret_cast<const uint8_t*>(obj.data()), obj.size()},
-                                                          {reinterpret_cast<const uint8_t*>(mtl.data()), mtl.size()}, opts));
-            if (!s) {
-                EXPECT_EQ(io.GetIoError(), IO_ERR_EMPTY) << name;
-            }
+                                                          {reinterpret_cast<const uint8_t*>(mtl.data()), mtl.size()},
+                                                          opts));
+            if (!s) { EXPECT_EQ(io.GetIoError(), IO_ERR_EMPTY) << name; }
         }
     }
     EXPECT_GT(files, 0);

@@ -1,7 +1,7 @@
 #include <atomic>
 #include <cmath>
-#include <random>
 #include <gtest/gtest.h>
+#include <random>
 
 #include "plugin/host/Cancel.h"
 #include "plugin/host/TextScanner.h"
@@ -17,7 +17,8 @@ struct Tri {
     uint16_t attr;
 };
 
-std::string BinaryStl(const std::vector<Tri>& tris, const std::string& headerText = "test", int64_t countOverride = -1) {
+std::string BinaryStl(const std::vector<Tri>& tris, const std::string& headerText = "test",
+                      int64_t countOverride = -1) {
     std::string s(80, '\0');
     std::memcpy(s.data(), headerText.data(), std::min<size_t>(80, headerText.size()));
     PutU32(s, countOverride >= 0 ? uint32_t(countOverride) : uint32_t(tris.size()));
@@ -32,24 +33,23 @@ std::string BinaryStl(const std::vector<Tri>& tris, const std::string& headerTex
 const Tri kT0{{0, 0, 1}, {0, 0, 0, 1, 0, 0, 0, 1, 0}, 0};
 const Tri kT1{{0, 0, -1}, {5, 5, 5, 6, 5, 5, 5, 6, 5}, 0};
 
-const char* kAscii =
-    "solid part\n"
-    "  facet normal 0 0 1\n"
-    "    outer loop\n"
-    "      vertex 0 0 0\n"
-    "      vertex 1 0 0\n"
-    "      vertex 0 1 0\n"
-    "    endloop\n"
-    "  endfacet\n"
-    "  facet normal 0 0 1\n"
-    "    outer loop\n"
-    "      vertex 2 0 0\n"
-    "      vertex 3 0 0\n"
-    "      vertex 2 1 0\n"
-    "    endloop\n"
-    "  endfacet\n"
-    "endsolid part\n"
-    "endsolid\n";
+const char* kAscii = "solid part\n"
+                     "  facet normal 0 0 1\n"
+                     "    outer loop\n"
+                     "      vertex 0 0 0\n"
+                     "      vertex 1 0 0\n"
+                     "      vertex 0 1 0\n"
+                     "    endloop\n"
+                     "  endfacet\n"
+                     "  facet normal 0 0 1\n"
+                     "    outer loop\n"
+                     "      vertex 2 0 0\n"
+                     "      vertex 3 0 0\n"
+                     "      vertex 2 1 0\n"
+                     "    endloop\n"
+                     "  endfacet\n"
+                     "endsolid part\n"
+                     "endsolid\n";
 
 } // namespace
 
@@ -148,7 +148,8 @@ TEST(StlRead, AsciiVariants) {
     // "endsolid name" does not end the count: the second solid's lines are counted, and read
     // seven at a time like any others, out of step: the facets behind it are read from the
     // wrong lines (a vertex line without numbers gives zeros), but none is dropped.
-    std::string two = std::string(kAscii).substr(0, std::string(kAscii).find("  facet normal 0 0 1\n    outer loop\n      vertex 2"));
+    std::string two =
+        std::string(kAscii).substr(0, std::string(kAscii).find("  facet normal 0 0 1\n    outer loop\n      vertex 2"));
     two += "endsolid part\nsolid second\n";
     two += std::string(kAscii).substr(std::string("solid part\n").size());
     auto t = ReadBytes<CStlIo>(two, "two.stl");
@@ -159,7 +160,6 @@ TEST(StlRead, AsciiVariants) {
     // facet 3 "facet normal", "outer loop" and "vertex 2 0 0".
     for (int i = 3; i < 8; ++i) EXPECT_EQ(to->GetPointList()->GetPoint(i), C3DPoint(0, 0, 0)) << i;
     EXPECT_EQ(to->GetPointList()->GetPoint(8), C3DPoint(2, 0, 0));
-
 
     // Only the first facet line is validated.
     std::string badFirst = kAscii;
@@ -423,7 +423,8 @@ TEST_P(StlBinaryBlocks, AcrossBlocksWithLateColours) {
         Tri& t = tris[static_cast<size_t>(i)];
         for (int k = 0; k < 3; ++k) t.n[k] = static_cast<float>(i) + 0.25f * static_cast<float>(k);
         for (int k = 0; k < 9; ++k) t.v[k] = static_cast<float>(i * 9 + k);
-        t.attr = (i >= firstColour && i % 7 == 3) ? static_cast<uint16_t>(0x8000 | (i & 0x7FFF)) : static_cast<uint16_t>(i & 0x7FFF);
+        t.attr = (i >= firstColour && i % 7 == 3) ? static_cast<uint16_t>(0x8000 | (i & 0x7FFF))
+                                                  : static_cast<uint16_t>(i & 0x7FFF);
     }
     auto r = ReadBytes<CStlIo>(BinaryStl(tris), "blocks.stl");
     ASSERT_TRUE(r.scene);
@@ -511,7 +512,8 @@ TEST(StlRead, AsciiWithByteOrderMarks) {
         return out;
     };
     const std::string named = std::string(kAscii).replace(6, 4, "p\xC3\xA4rt"); // "solid pärt"
-    const std::vector<std::string> files = {"\xEF\xBB\xBF" + named, utf16("solid p\xE4rt" + std::string(kAscii).substr(10), false),
+    const std::vector<std::string> files = {"\xEF\xBB\xBF" + named,
+                                            utf16("solid p\xE4rt" + std::string(kAscii).substr(10), false),
                                             utf16("solid p\xE4rt" + std::string(kAscii).substr(10), true)};
     for (size_t i = 0; i < files.size(); ++i) {
         auto r = ReadBytes<CStlIo>(files[i], "bom.stl");

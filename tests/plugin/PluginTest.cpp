@@ -10,9 +10,9 @@
 
 #include "plugin/host/FileIo.h"
 #include "plugin/host/GenericIo.h"
-#include "plugin/host/Scene.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Parser.h"
+#include "plugin/host/Scene.h"
 #include "plugin/host/XArray.h"
 #include "tests/support/TestSupport.h"
 
@@ -60,7 +60,8 @@ const Expected kTable[14] = {
 } // namespace
 
 TEST(PluginModule, ExportsExactlyTheTwoEntryPoints) {
-    std::string cmd = "nm -D --defined-only '" + (testsupport::BinaryDir() / "lib" / "orbiscope-formats.so").string() + "'";
+    std::string cmd =
+        "nm -D --defined-only '" + (testsupport::BinaryDir() / "lib" / "orbiscope-formats.so").string() + "'";
     std::unique_ptr<FILE, int (*)(FILE*)> p(popen(cmd.c_str(), "r"), pclose);
     ASSERT_TRUE(p);
     std::set<std::string> names;
@@ -71,7 +72,8 @@ TEST(PluginModule, ExportsExactlyTheTwoEntryPoints) {
         char type = s[17];
         std::string name = s.substr(19);
         while (!name.empty() && (name.back() == '\n' || name.back() == '\r')) name.pop_back();
-        if (type == 'T' || type == 'D' || type == 'B' || type == 'W' || type == 'V' || type == 'R' || type == 'u' || type == 'i')
+        if (type == 'T' || type == 'D' || type == 'B' || type == 'W' || type == 'V' || type == 'R' || type == 'u' ||
+            type == 'i')
             names.insert(name);
     }
     EXPECT_EQ(names, (std::set<std::string>{"Init3DParser", "TarnvaleGetPluginVersion"}));
@@ -130,7 +132,7 @@ TEST(PluginModule, ParserCreationAndUnknownRequests) {
     req.parser = sentinel;
     EXPECT_TRUE(M().init(1, &req));
     EXPECT_EQ(req.parser, sentinel); // unknown ID: untouched
-    req.typeID = 0x53544C00u; // "STL" without the blank
+    req.typeID = 0x53544C00u;        // "STL" without the blank
     EXPECT_TRUE(M().init(1, &req));
     EXPECT_EQ(req.parser, sentinel);
     int junk = 7;

@@ -143,8 +143,8 @@ TEST(ReadAdapter, ReadersGiveTheSameSceneFromAFileAndFromItsBytes) {
             const std::string bytes = testsupport::ReadFile(path);
             CFileIo fio(W(path));
             bool known = false;
-            std::unique_ptr<C3DParser, void (*)(C3DParser*)> parser(CreateParserForType(c.id, fio, known),
-                                                                     [](C3DParser* p) { p->ReleaseParser(false, nullptr); });
+            std::unique_ptr<C3DParser, void (*)(C3DParser*)> parser(
+                CreateParserForType(c.id, fio, known), [](C3DParser* p) { p->ReleaseParser(false, nullptr); });
             ASSERT_TRUE(parser);
             CSceneImportOptions fopt;
             parser->LoadDefaultOptions(fopt);

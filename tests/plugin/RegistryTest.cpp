@@ -46,11 +46,12 @@ TEST(FormatRegistry, CorpusFilesRouteToTheirFormat) {
         const char* id;
         bool signature; // the format's probe must say yes, not just maybe
     };
-    const Case cases[] = {{"3ds", ".3ds", "3DST", true},  {"stl", ".stl", "STL ", true},  {"obj", ".obj", "WAVF", false},
-                          {"cob", ".cob", "TRUE", true},  {"dxf", ".dxf", "DXF4", true},  {"lwo", ".lwo", "LIGT", true},
-                          {"lws", ".lws", "LIGS", true},  {"lxo", ".lxo", "LXOI", true},  {"kmz", ".kmz", "KMZI", true},
-                          {"iv", ".iv", "VRML", true},    {"wrl1", ".wrl", "VRML", true}, {"wrl97", ".wrl", "VR97", true},
-                          {"wrl97", ".gz", "VR97", true}};
+    const Case cases[] = {
+        {"3ds", ".3ds", "3DST", true}, {"stl", ".stl", "STL ", true},  {"obj", ".obj", "WAVF", false},
+        {"cob", ".cob", "TRUE", true}, {"dxf", ".dxf", "DXF4", true},  {"lwo", ".lwo", "LIGT", true},
+        {"lws", ".lws", "LIGS", true}, {"lxo", ".lxo", "LXOI", true},  {"kmz", ".kmz", "KMZI", true},
+        {"iv", ".iv", "VRML", true},   {"wrl1", ".wrl", "VRML", true}, {"wrl97", ".wrl", "VR97", true},
+        {"wrl97", ".gz", "VR97", true}};
     int seen = 0;
     for (const Case& c : cases) {
         for (const auto& path : testsupport::CorpusFiles(c.folder)) {
@@ -60,9 +61,7 @@ TEST(FormatRegistry, CorpusFilesRouteToTheirFormat) {
             const std::string ext = std::string(c.ext) == ".gz" ? ".wrl" : Lower(path.extension().string());
             SCOPED_TRACE(path.string());
             EXPECT_EQ(Guess(ext, bytes), Id(c.id));
-            if (c.signature) {
-                EXPECT_EQ(ProbeOf(c.id, bytes), ProbeResult::Yes);
-            }
+            if (c.signature) { EXPECT_EQ(ProbeOf(c.id, bytes), ProbeResult::Yes); }
             ++seen;
         }
     }
@@ -128,9 +127,7 @@ TEST(FormatRegistry, RowsMatchTheModuleAndEveryRowHasAParser) {
         CSceneImportOptions options;
         std::unique_ptr<C3DScene> s(ReadFormatFromMemory(row.typeID, mio, {}, options));
         EXPECT_EQ(s, nullptr);
-        if (row.CanRead() && row.typeID != FourCC("AMAP")) {
-            EXPECT_NE(mio.GetIoError(), 0);
-        }
+        if (row.CanRead() && row.typeID != FourCC("AMAP")) { EXPECT_NE(mio.GetIoError(), 0); }
     }
     bool known = true;
     CFileIo io;

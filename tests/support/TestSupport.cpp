@@ -46,8 +46,8 @@ std::vector<fs::path> CorpusFiles(const std::string& sub, const std::string& ext
 
 TempDir::TempDir() {
     static std::atomic<int> counter{0};
-    m_path = fs::temp_directory_path() /
-             ("orbiscope-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
+    m_path =
+        fs::temp_directory_path() / ("orbiscope-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
     fs::remove_all(m_path);
     fs::create_directories(m_path);
 }

@@ -26,7 +26,7 @@ void WriteFile(const std::filesystem::path& p, const std::string& data);
 } // namespace testsupport
 
 // Skips the current test when the corpus is absent.
-#define SKIP_WITHOUT_CORPUS()                                                                      \
-    do {                                                                                           \
-        if (testsupport::CorpusDir().empty()) GTEST_SKIP() << "corpus folder not present";         \
+#define SKIP_WITHOUT_CORPUS()                                                                                          \
+    do {                                                                                                               \
+        if (testsupport::CorpusDir().empty()) GTEST_SKIP() << "corpus folder not present";                             \
     } while (0)

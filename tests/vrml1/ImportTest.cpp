@@ -30,7 +30,8 @@ Result ReadText(const std::string& text) {
     CSceneImportOptions opt;
     CVrmlIo parser(io);
     Result r;
-    r.scene.reset(parser.ReadMemory(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()), opt));
+    r.scene.reset(
+        parser.ReadMemory(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()), opt));
     r.error = io.GetIoError();
     r.log = opt.GetLog();
     return r;
@@ -159,14 +160,16 @@ TEST(Vrml1Import, MaterialBindingsGiveFaceMaterialsOrVertexColours) {
 
     // BaseColor after Material replaces the diffuse colour only.
     r = ReadText(head + "BaseColor { rgb 1 1 0 }\nIndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] }\n}\n");
-    const C3DMaterial* m = r.scene->GetMaterialByID(Meshes(*r.scene)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
+    const C3DMaterial* m =
+        r.scene->GetMaterialByID(Meshes(*r.scene)[0]->GetGeomObject()->GetFaceList()->GetMaterialID(0));
     EXPECT_EQ(m->GetDiffuseColor().r, 255);
     EXPECT_EQ(m->GetDiffuseColor().g, 255);
     EXPECT_FLOAT_EQ(m->GetTransparency(), 0.5f);
 }
 
 TEST(Vrml1Import, InventorStripsQuadMeshesAndFaceSets) {
-    const std::string grid = "Coordinate3 { point [ 0 0 0, 1 0 0, 2 0 0, 0 1 0, 1 1 0, 2 1 0, 0 2 0, 1 2 0, 2 2 0 ] }\n";
+    const std::string grid =
+        "Coordinate3 { point [ 0 0 0, 1 0 0, 2 0 0, 0 1 0, 1 1 0, 2 1 0, 0 2 0, 1 2 0, 2 2 0 ] }\n";
     auto r = ReadText("#Inventor V2.1 ascii\nSeparator {\n" + grid +
                       "QuadMesh { verticesPerRow 3 verticesPerColumn 3 }\n"
                       "TriangleStripSet { numVertices [ 4, 3 ] }\n"
@@ -264,19 +267,20 @@ std::vector<uint32_t> NormalCorners(const C3DSceneNode& n, int face) {
 }
 
 TEST(Vrml1Import, NormalsFollowTheirBinding) {
-    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
-                      "Normal { vector [ 0 0 1, 0 1 0, 1 0 0, 0 0 -1 ] }\n"
-                      "Separator { NormalBinding { value PER_FACE }\n"
-                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"
-                      "Separator { NormalBinding { value PER_FACE_INDEXED }\n"
-                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] normalIndex [ 3, 2 ] } }\n"
-                      "Separator { NormalBinding { value PER_VERTEX }\n"
-                      "  IndexedFaceSet { coordIndex [ 3, 2, 1, -1 ] } }\n"
-                      "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] normalIndex [ 2, 2, 1, -1 ] }\n" // default: per vertex, indexed
-                      "IndexedFaceSet { coordIndex [ 3, 1, 2, -1 ] }\n"                              // by the coordinate indices
-                      "Separator { NormalBinding { value PER_VERTEX }\n"
-                      "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"             // 6 needed, 4 given
-                      "}\n");
+    auto r = ReadText(
+        std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+        "Normal { vector [ 0 0 1, 0 1 0, 1 0 0, 0 0 -1 ] }\n"
+        "Separator { NormalBinding { value PER_FACE }\n"
+        "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n"
+        "Separator { NormalBinding { value PER_FACE_INDEXED }\n"
+        "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] normalIndex [ 3, 2 ] } }\n"
+        "Separator { NormalBinding { value PER_VERTEX }\n"
+        "  IndexedFaceSet { coordIndex [ 3, 2, 1, -1 ] } }\n"
+        "IndexedFaceSet { coordIndex [ 0, 1, 2, -1 ] normalIndex [ 2, 2, 1, -1 ] }\n" // default: per vertex, indexed
+        "IndexedFaceSet { coordIndex [ 3, 1, 2, -1 ] }\n"                             // by the coordinate indices
+        "Separator { NormalBinding { value PER_VERTEX }\n"
+        "  IndexedFaceSet { coordIndex [ 0, 1, 2, -1, 0, 2, 3, -1 ] } }\n" // 6 needed, 4 given
+        "}\n");
     ASSERT_TRUE(r.scene);
     auto meshes = Meshes(*r.scene);
     ASSERT_EQ(meshes.size(), 6u);
@@ -287,9 +291,11 @@ TEST(Vrml1Import, NormalsFollowTheirBinding) {
     EXPECT_EQ(NormalCorners(*meshes[3], 0), (std::vector<uint32_t>{2, 2, 1}));
     EXPECT_EQ(NormalCorners(*meshes[4], 0), (std::vector<uint32_t>{3, 1, 2}));
     // Only the vectors a shape uses are kept with it.
-    EXPECT_EQ(static_cast<const CSpecNormalChannel*>(meshes[3]->GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))
-                  ->GetNormalVectorList()->GetSize(),
-              2);
+    EXPECT_EQ(
+        static_cast<const CSpecNormalChannel*>(meshes[3]->GetGeomObject()->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))
+            ->GetNormalVectorList()
+            ->GetSize(),
+        2);
     // Too few normals: none are taken, the smoothing angle decides.
     EXPECT_TRUE(NormalCorners(*meshes[5], 0).empty());
 }
@@ -325,10 +331,13 @@ TEST(Vrml1Import, ImageCopiesAreCappedAgainstTheInput) {
     for (int i = 0; i < 40; ++i) {
         t += " 0 0 " + std::to_string(i / 40.0) + ",";
         coords += std::to_string(i) + " 0 0, " + std::to_string(i) + " 1 0, ";
-        faces += std::to_string(2 * i) + ", " + std::to_string(2 * i + 1) + ", " + std::to_string((2 * i + 2) % 80) + ", -1, ";
+        faces += std::to_string(2 * i) + ", " + std::to_string(2 * i + 1) + ", " + std::to_string((2 * i + 2) % 80) +
+                 ", -1, ";
     }
-    t += " ] }\nMaterialBinding { value PER_FACE }\nCoordinate3 { point [ " + coords + "] }\n"
-         "IndexedFaceSet { coordIndex [ " + faces + "] }\n}\n";
+    t += " ] }\nMaterialBinding { value PER_FACE }\nCoordinate3 { point [ " + coords +
+         "] }\n"
+         "IndexedFaceSet { coordIndex [ " +
+         faces + "] }\n}\n";
     QvIn in(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(t.data()), t.size()));
     in.setSink([](const std::string&) {});
     QvFileContents contents;
@@ -375,20 +384,22 @@ TEST(Vrml1Import, TextStaysAsNamedLinesAndLightsKeepTheirSeparator) {
     EXPECT_EQ(lines, (std::vector<CXStringW>{L"one", L"two"}));
     std::vector<uint64_t> scopes;
     for (C3DSceneNode* n : Nodes(*r.scene))
-        if (n->GetKindOf() == KINDOF_LIGHT) scopes.push_back(n->GetBaseObject()->GetCustomData().GetUInt64(vrml1import::kLightScopeID, 99));
+        if (n->GetKindOf() == KINDOF_LIGHT)
+            scopes.push_back(n->GetBaseObject()->GetCustomData().GetUInt64(vrml1import::kLightScopeID, 99));
     ASSERT_EQ(scopes.size(), 3u);
     EXPECT_EQ(scopes[0], r.scene->FindNodeByName(L"Inner")->GetNodeID());
     EXPECT_EQ(scopes[1], r.scene->FindNodeByName(L"Outer")->GetNodeID()); // a TransformSeparator does not hold it
-    EXPECT_EQ(scopes[2], 0u);                                              // top level: everything
+    EXPECT_EQ(scopes[2], 0u);                                             // top level: everything
 }
 
 TEST(Vrml1Import, PartsWalkedAgainAreKeptUntilTheirLastWalk) {
     // The import frees a Separator's part once walked; USEd parts and Array copies are
     // walked more than once and must still be whole then.
-    auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
-                      "DEF Part Separator { Material { diffuseColor 1 0 0 } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
-                      "Array { numElements1 3 separation1 5 0 0 Separator { IndexedFaceSet { coordIndex [ 0, 2, 3 ] } } }\n"
-                      "USE Part\n}\n");
+    auto r =
+        ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
+                 "DEF Part Separator { Material { diffuseColor 1 0 0 } IndexedFaceSet { coordIndex [ 0, 1, 2 ] } }\n"
+                 "Array { numElements1 3 separation1 5 0 0 Separator { IndexedFaceSet { coordIndex [ 0, 2, 3 ] } } }\n"
+                 "USE Part\n}\n");
     ASSERT_TRUE(r.scene);
     auto meshes = Meshes(*r.scene);
     ASSERT_EQ(meshes.size(), 5u);
@@ -403,11 +414,11 @@ TEST(Vrml1Import, PartsWalkedAgainAreKeptUntilTheirLastWalk) {
 
 TEST(Vrml1Import, SwitchLodAndGroupsFollowTheirRules) {
     auto r = ReadText(std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
-                      "Switch { IndexedFaceSet { } }\n"                         // -1: nothing
-                      "Switch { whichChild 1 Cube { } Sphere { } }\n"          // the second only
-                      "Switch { whichChild -3 Cube { } Cube { } }\n"           // all
-                      "LOD { range [ 10 ] Cube { } Sphere { } }\n"              // the first level
-                      "Group { Translation { translation 0 5 0 } }\n"           // leaks out
+                      "Switch { IndexedFaceSet { } }\n"               // -1: nothing
+                      "Switch { whichChild 1 Cube { } Sphere { } }\n" // the second only
+                      "Switch { whichChild -3 Cube { } Cube { } }\n"  // all
+                      "LOD { range [ 10 ] Cube { } Sphere { } }\n"    // the first level
+                      "Group { Translation { translation 0 5 0 } }\n" // leaks out
                       "IndexedFaceSet { coordIndex [ 0, 1, 2 ] }\n}\n");
     ASSERT_TRUE(r.scene);
     auto meshes = Meshes(*r.scene);
@@ -445,13 +456,14 @@ TEST(Vrml1Import, InlinesReadLocalFilesOnceAndStayInTheirFolder) {
     testsupport::WriteFile(dir.path().parent_path() / (dir.path().filename().string() + "-outside.wrl"),
                            std::string("#VRML V1.0 ascii\nSeparator {\n") + kSquare +
                                "IndexedFaceSet { coordIndex [ 0, 1, 2 ] }\n}\n");
-    testsupport::WriteFile(dir / "main.wrl",
-                           "#VRML V1.0 ascii\nSeparator {\n"
-                           "Translation { translation 0 0 7 }\n"
-                           "WWWInline { name \"sub/part.wrl\" }\n"
-                           "WWWInline { name \"file:sub/part.wrl\" }\n"
-                           "WWWInline { name \"../" + dir.path().filename().string() + "-outside.wrl\" }\n"
-                           "WWWInline { name \"http://example.invalid/x.wrl\" }\n}\n");
+    testsupport::WriteFile(dir / "main.wrl", "#VRML V1.0 ascii\nSeparator {\n"
+                                             "Translation { translation 0 0 7 }\n"
+                                             "WWWInline { name \"sub/part.wrl\" }\n"
+                                             "WWWInline { name \"file:sub/part.wrl\" }\n"
+                                             "WWWInline { name \"../" +
+                                                 dir.path().filename().string() +
+                                                 "-outside.wrl\" }\n"
+                                                 "WWWInline { name \"http://example.invalid/x.wrl\" }\n}\n");
     auto r = ReadPath(dir / "main.wrl");
     std::filesystem::remove(dir.path().parent_path() / (dir.path().filename().string() + "-outside.wrl"));
     ASSERT_TRUE(r.scene) << r.error;

@@ -45,9 +45,9 @@ TEST(Vrml1Header, AcceptsTheThreeHeadersAndNothingElse) {
     // Trailing white space (a CRLF file's carriage return, stray blanks) does not matter.
     EXPECT_TRUE(Parse("#VRML V1.0 ascii\r\nGroup { }\r\n")->ok);
     EXPECT_TRUE(Parse("#Inventor V2.1 ascii \t\nGroup { }\n")->ok);
-    for (const char* bad : {"#VRML V1.0 utf8\nGroup { }\n", "#Inventor V1.0 ascii\nGroup { }\n",
-                            "#Inventor V2.1 binary\n", "\xEF\xBB\xBF#VRML V1.0 ascii\n", "#VRML V2.0 utf8\n", "",
-                            " #VRML V1.0 ascii\n"}) {
+    for (const char* bad :
+         {"#VRML V1.0 utf8\nGroup { }\n", "#Inventor V1.0 ascii\nGroup { }\n", "#Inventor V2.1 binary\n",
+          "\xEF\xBB\xBF#VRML V1.0 ascii\n", "#VRML V2.0 utf8\n", "", " #VRML V1.0 ascii\n"}) {
         auto p = Parse(bad);
         EXPECT_FALSE(p->ok) << bad;
         EXPECT_EQ(p->messages.substr(0, p->messages.find('\n')),
@@ -68,7 +68,8 @@ TEST(Vrml1Grammar, DefUseAndTheirErrors) {
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nSeparator {\n USE Foo\n DEF Foo Cube {}\n}\n")->messages,
               ReadError("Unknown reference \"Foo\"", 3));
     // A name is known only once its node is complete.
-    EXPECT_EQ(Parse("#VRML V1.0 ascii\nDEF A Separator { USE A }\n")->messages, ReadError("Unknown reference \"A\"", 2));
+    EXPECT_EQ(Parse("#VRML V1.0 ascii\nDEF A Separator { USE A }\n")->messages,
+              ReadError("Unknown reference \"A\"", 2));
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nDEF")->messages, ReadError("Premature end of file after DEF", 2));
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nUSE  ")->messages, ReadError("Premature end of file after USE", 2));
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nDEF { }")->messages, ReadError("No name given after DEF", 2));
@@ -81,7 +82,8 @@ TEST(Vrml1Grammar, BracesFieldsAndTrailingText) {
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nCube { colour 3 }")->messages, ReadError("Unknown field \"colour\"", 2));
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nCube { width\n}")->messages,
               ReadError("Couldn't read value for field \"width\"", 3));
-    EXPECT_EQ(Parse("#VRML V1.0 ascii\nGroup { }\n}\n")->messages, ReadError("Extra characters ('}') found in input", 3));
+    EXPECT_EQ(Parse("#VRML V1.0 ascii\nGroup { }\n}\n")->messages,
+              ReadError("Extra characters ('}') found in input", 3));
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nGroup { } # open comment")->messages,
               ReadError("EOF reached before end of comment", 2));
     // Comments and commas are white space between fields and nodes.
@@ -110,14 +112,17 @@ TEST(Vrml1Fields, BoolEnumAndBitMask) {
                   ReadError("Couldn't read value for field \"value\"", 2));
     p = Parse("#VRML V1.0 ascii\nGroup { Cylinder { parts (SIDES | BOTTOM) } Cone { parts BOTTOM } }");
     ASSERT_TRUE(p->ok) << p->messages;
-    EXPECT_EQ(static_cast<const QvCylinder*>(p->contents.nodes[0]->children()[0])->parts.value, QV_CYL_SIDES | QV_CYL_BOTTOM);
+    EXPECT_EQ(static_cast<const QvCylinder*>(p->contents.nodes[0]->children()[0])->parts.value,
+              QV_CYL_SIDES | QV_CYL_BOTTOM);
     EXPECT_EQ(static_cast<const QvCone*>(p->contents.nodes[0]->children()[1])->parts.value, QV_CONE_BOTTOM);
     EXPECT_NE(Parse("#VRML V1.0 ascii\nCone { parts (SIDES TOP) }")->messages.find("Expected '|' or ')', got 'T'"),
               std::string::npos);
-    EXPECT_NE(Parse("#VRML V1.0 ascii\nCone { parts (LID) }")->messages.find("Unknown QvSFBitMask bit mask value \"LID\""),
-              std::string::npos);
-    EXPECT_NE(Parse("#VRML V1.0 ascii\nCone { parts (SIDES |")->messages.find("EOF reached before ')' in QvSFBitMask value"),
-              std::string::npos);
+    EXPECT_NE(
+        Parse("#VRML V1.0 ascii\nCone { parts (LID) }")->messages.find("Unknown QvSFBitMask bit mask value \"LID\""),
+        std::string::npos);
+    EXPECT_NE(
+        Parse("#VRML V1.0 ascii\nCone { parts (SIDES |")->messages.find("EOF reached before ')' in QvSFBitMask value"),
+        std::string::npos);
 }
 
 TEST(Vrml1Fields, MultipleValuesInBothForms) {
@@ -162,14 +167,16 @@ TEST(Vrml1Fields, IntegersSaturateAndTakeHexAndOctal) {
 
 TEST(Vrml1Fields, NumbersReadAsTheLibraryReadsThem) {
     // Plain decimals take a short way; every form must give the library's exact value.
-    std::vector<std::string> texts = {"0", "-0", "-0.0", "1.", ".5", "-.25", "16777216", "16777217", "16777215.5",
-                                      "0.1", "0.3", "123456789", "1234567890", "0.0000000001", "0.00000000001",
-                                      "3.4028235e38", "1e-45", "1.5E3", "99999999.9", "8388607.5",
-                                      "0.16777217", "1.6777216", "2.5000000001", "+4.25", "00012.5"};
+    std::vector<std::string> texts = {
+        "0",          "-0",    "-0.0",       "1.",        ".5",         "-.25",         "16777216",      "16777217",
+        "16777215.5", "0.1",   "0.3",        "123456789", "1234567890", "0.0000000001", "0.00000000001", "3.4028235e38",
+        "1e-45",      "1.5E3", "99999999.9", "8388607.5", "0.16777217", "1.6777216",    "2.5000000001",  "+4.25",
+        "00012.5"};
     std::mt19937 rng(1996);
     for (int i = 0; i < 4000; ++i) {
         char buf[64];
-        std::snprintf(buf, sizeof(buf), "%.*f", static_cast<int>(rng() % 11), std::ldexp(double(rng()), -int(rng() % 40)));
+        std::snprintf(buf, sizeof(buf), "%.*f", static_cast<int>(rng() % 11),
+                      std::ldexp(double(rng()), -int(rng() % 40)));
         texts.push_back((rng() & 1) ? std::string("-") + buf : buf);
     }
     std::string list;
@@ -220,7 +227,8 @@ TEST(Vrml1Grammar, UnknownNodesNeedTheirFieldSpecification) {
     EXPECT_EQ(Parse("#VRML V1.0 ascii\nWobble { fields SFFloat a }")->messages,
               ReadError("Bad field specifications for node", 2));
     // Inventor classes we carry nothing for are stepped over, quotes and all.
-    p = Parse("#Inventor V2.1 ascii\nSeparator { Font { name \"Odd } name\" size 1 } Text3 { string \"x\" } Cube { } }");
+    p = Parse(
+        "#Inventor V2.1 ascii\nSeparator { Font { name \"Odd } name\" size 1 } Text3 { string \"x\" } Cube { } }");
     ASSERT_TRUE(p->ok) << p->messages;
     EXPECT_EQ(p->contents.nodes[0]->children().size(), 3u);
 }
@@ -233,7 +241,8 @@ TEST(Vrml1Grammar, DeepNestingIsRefusedNotOverflowed) {
     EXPECT_NE(p->messages.find("nested more than"), std::string::npos);
     // A long chain of shared nodes is released without recursion.
     std::string chain = "#VRML V1.0 ascii\nGroup {\nDEF N0 Group { }\n";
-    for (int i = 1; i < 200000; ++i) chain += "DEF N" + std::to_string(i) + " Group { USE N" + std::to_string(i - 1) + " }\n";
+    for (int i = 1; i < 200000; ++i)
+        chain += "DEF N" + std::to_string(i) + " Group { USE N" + std::to_string(i - 1) + " }\n";
     chain += "}\n";
     EXPECT_TRUE(Parse(chain)->ok);
 }
@@ -248,8 +257,9 @@ TEST(Vrml1State, DebugListingShowsEveryStack) {
     state.print(out);
     const std::string dashes(62, '-');
     EXPECT_EQ(out.substr(0, out.find("\tStack [ 1]")),
-              "Traversal state:\n" + dashes + "\n\tStack [ 0] (Coordinate3):\n\t\tElement of type Coordinate3\n"
-                                              "\t\tElement of type Coordinate3\n");
+              "Traversal state:\n" + dashes +
+                  "\n\tStack [ 0] (Coordinate3):\n\t\tElement of type Coordinate3\n"
+                  "\t\tElement of type Coordinate3\n");
     EXPECT_NE(out.find("\tStack [22] (Transformation):\n\t\tNULL\n"), std::string::npos);
     EXPECT_EQ(out.substr(out.size() - 63), dashes + "\n");
     state.pop(); // the Separator ends: its element goes, the outer one stays

@@ -2,14 +2,14 @@
 // Gzip worlds are inflated by the test (the engine reads plain text).
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <map>
 
+#include "VrmlTestUtil.h"
 #include "plugin/host/MiniZip.h"
 #include "tests/support/TestSupport.h"
-#include "VrmlTestUtil.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/VrmlNodeKinds.h"
 #include "vrml/vrml97/VrmlStats.h"
@@ -73,16 +73,15 @@ TEST(VrmlCorpus, EveryWorldReads) {
         bool invalid = f.string().find("/invalid/") != std::string::npos;
         std::string rel = fs::relative(f, root).string();
         // The record: node count and any diagnostics, per file.
-        std::printf("[corpus] %-70s %6zu nodes%s\n", rel.c_str(), o.nodes, o.diagnostics.empty() ? "" : "  (diagnostics below)");
+        std::printf("[corpus] %-70s %6zu nodes%s\n", rel.c_str(), o.nodes,
+                    o.diagnostics.empty() ? "" : "  (diagnostics below)");
         if (!o.diagnostics.empty()) std::printf("%s", o.diagnostics.c_str());
         if (invalid) continue;
         total += o.nodes;
         EXPECT_EQ(o.diagnostics.find("parse error"), std::string::npos) << rel << "\n" << o.diagnostics;
         EXPECT_EQ(o.diagnostics.find("parser stack overflow"), std::string::npos) << rel;
         // Worlds made only of PROTO libraries have no nodes of their own.
-        if (rel.find("_proto") == std::string::npos) {
-            EXPECT_GT(o.nodes, 0u) << rel;
-        }
+        if (rel.find("_proto") == std::string::npos) { EXPECT_GT(o.nodes, 0u) << rel; }
     }
     EXPECT_GT(files, 40u);
     EXPECT_GT(total, 2000u);

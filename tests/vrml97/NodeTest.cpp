@@ -52,7 +52,8 @@ TEST(VrmlNodeType, TransformDeclaresGroupFirst) {
 
 TEST(VrmlNodeType, IndexedLineSetHasOnlyTheSharedDeclarations) {
     const VrmlNodeType* l = VrmlNodeILineSet::defineType();
-    EXPECT_EQ(Names(l->fields()), (std::vector<std::string>{"color", "coord", "colorIndex", "colorPerVertex", "coordIndex"}));
+    EXPECT_EQ(Names(l->fields()),
+              (std::vector<std::string>{"color", "coord", "colorIndex", "colorPerVertex", "coordIndex"}));
     EXPECT_EQ(Names(l->eventIns()),
               (std::vector<std::string>{"set_colorIndex", "set_coordIndex", "set_color", "set_coord"}));
     const VrmlNodeType* f = VrmlNodeIFaceSet::defineType();

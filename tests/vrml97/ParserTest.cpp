@@ -73,14 +73,23 @@ TEST(VrmlParser, CoordIndexGetsItsClosingMinusOne) {
 // Integers read the strtol way (octal and hex included), and beyond 32 bits they
 // saturate instead of wrapping, in single values and in lists alike.
 TEST(VrmlParser, IntegersReadTheStrtolWayAndSaturate) {
-    const std::pair<const char*, int32_t> cases[] = {
-        {"010", 8},                   {"0x1F", 31},                  {"-12", -12},
-        {"2147483647", 2147483647},   {"2147483648", 2147483647},    {"4294967295", 2147483647},
-        {"4294967296", 2147483647},   {"99999999999", 2147483647},   {"0xFFFFFFFF", 2147483647},
-        {"037777777777", 2147483647}, {"-2147483648", INT32_MIN},    {"-2147483649", INT32_MIN},
-        {"-4294967297", INT32_MIN},   {"123456789012345678901234567890", 2147483647}};
+    const std::pair<const char*, int32_t> cases[] = {{"010", 8},
+                                                     {"0x1F", 31},
+                                                     {"-12", -12},
+                                                     {"2147483647", 2147483647},
+                                                     {"2147483648", 2147483647},
+                                                     {"4294967295", 2147483647},
+                                                     {"4294967296", 2147483647},
+                                                     {"99999999999", 2147483647},
+                                                     {"0xFFFFFFFF", 2147483647},
+                                                     {"037777777777", 2147483647},
+                                                     {"-2147483648", INT32_MIN},
+                                                     {"-2147483649", INT32_MIN},
+                                                     {"-4294967297", INT32_MIN},
+                                                     {"123456789012345678901234567890", 2147483647}};
     for (const auto& [text, want] : cases) {
-        auto p = ParseVrml(std::string("Switch { whichChoice ") + text + " } IndexedFaceSet { colorIndex [ 1 " + text + " ] }");
+        auto p = ParseVrml(std::string("Switch { whichChoice ") + text + " } IndexedFaceSet { colorIndex [ 1 " + text +
+                           " ] }");
         ASSERT_EQ(p.size(), 2u) << text;
         EXPECT_EQ(p[0]->asSwitch()->d_whichChoice.get(), want) << text;
         EXPECT_EQ(Ints(p[1]->asIFaceSet()->d_colorIndex), (std::vector<int32_t>{1, want})) << text;
@@ -98,8 +107,9 @@ TEST(VrmlParser, IntegersReadTheStrtolWayAndSaturate) {
 // PixelTexture's own default written out is an empty image, without complaint; pixels
 // keep only their low byte.
 TEST(VrmlParser, ImagesKeepTheLowByteAndMayBeEmpty) {
-    auto p = ParseVrml("PixelTexture { image 0 0 0 } PixelTexture { image 1 1 3 255 } PixelTexture { image 1 1 3 0xFF0000 }"
-                       "PixelTexture { image 2 1 1 0x12 0x3456 }");
+    auto p =
+        ParseVrml("PixelTexture { image 0 0 0 } PixelTexture { image 1 1 3 255 } PixelTexture { image 1 1 3 0xFF0000 }"
+                  "PixelTexture { image 2 1 1 0x12 0x3456 }");
     EXPECT_EQ(p.diagnostics, "");
     ASSERT_EQ(p.size(), 4u);
     const VrmlSFImage& e = p[0]->asPixelTexture()->d_image;
@@ -118,8 +128,9 @@ TEST(VrmlParser, ImagesKeepTheLowByteAndMayBeEmpty) {
 }
 
 TEST(VrmlParser, BadImageSizesAreRejectedWithoutAllocating) {
-    for (const char* bad : {"PixelTexture { image 100000 100000 4 1 } Box {}", "PixelTexture { image 2 2 5 1 2 3 4 } Box {}",
-                            "PixelTexture { image -1 2 1 } Box {}", "PixelTexture { image 65536 65536 1 } Box {}"}) {
+    for (const char* bad :
+         {"PixelTexture { image 100000 100000 4 1 } Box {}", "PixelTexture { image 2 2 5 1 2 3 4 } Box {}",
+          "PixelTexture { image -1 2 1 } Box {}", "PixelTexture { image 65536 65536 1 } Box {}"}) {
         auto p = ParseVrml(bad);
         EXPECT_NE(p.diagnostics.find("invalid SFImage size"), std::string::npos) << bad;
         ASSERT_EQ(p.size(), 2u) << bad << p.diagnostics;
@@ -207,7 +218,8 @@ TEST(VrmlParser, SyntaxErrorKeepsTheNodesCompletedBeforeIt) {
     EXPECT_NE(p.diagnostics.find("Error near line 1: parse error\n"), std::string::npos);
     ASSERT_EQ(p.size(), 1u);
     EXPECT_TRUE(p[0]->asBox());
-    auto n = ParseVrml("Group {} DEF T Transform { translation 1 2 3 children [ Shape { geometry Box {} } Group { ] } ] }");
+    auto n =
+        ParseVrml("Group {} DEF T Transform { translation 1 2 3 children [ Shape { geometry Box {} } Group { ] } ] }");
     ASSERT_EQ(n.size(), 1u);
     EXPECT_TRUE(n[0]->asGroup());
     auto e = ParseVrml("Transform { children [ Shape { geometry Box {} } ]");
@@ -232,8 +244,8 @@ TEST(VrmlParser, DeepNestingStopsWithStackOverflow) {
 
 TEST(VrmlParser, UnterminatedInputEndsQuietly) {
     for (const char* t : {"WorldInfo { title \"open", "Coordinate { point [ 1 2 3", "Group { # comment to the end",
-                          "Group { children [ Box {", "PROTO X [ field SFFloat f", "ROUTE a.", "DEF", "EXTERNPROTO E [ ]",
-                          "Script { field SFNode n USE", "Transform { translation 1"}) {
+                          "Group { children [ Box {", "PROTO X [ field SFFloat f", "ROUTE a.", "DEF",
+                          "EXTERNPROTO E [ ]", "Script { field SFNode n USE", "Transform { translation 1"}) {
         auto p = ParseVrml(t);
         EXPECT_NE(p.diagnostics.find("Error near line 1: "), std::string::npos) << t;
     }
@@ -259,9 +271,7 @@ TEST(VrmlParser, EveryPrefixOfAWorldParses) {
         "ROUTE TS.fraction_changed TO T.set_scale\n";
     for (size_t n = 0; n <= world.size(); ++n) {
         auto p = ParseVrml(world.substr(0, n));
-        if (p.nodes) {
-            EXPECT_LE(p.size(), 3u);
-        }
+        if (p.nodes) { EXPECT_LE(p.size(), 3u); }
     }
     auto full = ParseVrml(world);
     EXPECT_EQ(full.size(), 3u) << full.diagnostics;

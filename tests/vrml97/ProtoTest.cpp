@@ -4,22 +4,23 @@
 
 #include <cstdio>
 
-#include "tests/support/TestSupport.h"
 #include "VrmlTestUtil.h"
-#include "vrml/vrml97/VrmlStats.h"
+#include "tests/support/TestSupport.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/VrmlNodeProto.h"
 #include "vrml/vrml97/VrmlNodeType.h"
 #include "vrml/vrml97/VrmlNodes.h"
+#include "vrml/vrml97/VrmlStats.h"
 
 namespace {
 
-const char* kBox = "PROTO ColoredBox [ field SFColor c 1 0 0 exposedField SFVec3f pos 0 0 0 eventOut SFTime touched ] {\n"
-                   "  Transform { translation IS pos children [\n"
-                   "    Shape { appearance Appearance { material DEF M Material { diffuseColor IS c } }\n"
-                   "            geometry Box {} }\n"
-                   "    Shape { appearance Appearance { material USE M } }\n"
-                   "    DEF TS TouchSensor { touchTime IS touched } ] } }\n";
+const char* kBox =
+    "PROTO ColoredBox [ field SFColor c 1 0 0 exposedField SFVec3f pos 0 0 0 eventOut SFTime touched ] {\n"
+    "  Transform { translation IS pos children [\n"
+    "    Shape { appearance Appearance { material DEF M Material { diffuseColor IS c } }\n"
+    "            geometry Box {} }\n"
+    "    Shape { appearance Appearance { material USE M } }\n"
+    "    DEF TS TouchSensor { touchTime IS touched } ] } }\n";
 
 VrmlNodeMaterial* FirstMaterial(VrmlNode* transform) {
     VrmlNode* shape = transform->asTransform()->d_children[0];
@@ -67,9 +68,8 @@ TEST(VrmlProto, UnnamedIsTargetsAreNamedByAddress) {
 }
 
 TEST(VrmlProto, RoutesAddedBeforeInstantiationReachTheClones) {
-    auto p = ParseVrml(std::string(kBox) +
-                       "DEF B ColoredBox {} DEF T Transform {} ROUTE B.touched TO T.set_scale "
-                       "DEF Bad ColoredBox {} ROUTE Bad.nothing TO T.set_scale");
+    auto p = ParseVrml(std::string(kBox) + "DEF B ColoredBox {} DEF T Transform {} ROUTE B.touched TO T.set_scale "
+                                           "DEF Bad ColoredBox {} ROUTE Bad.nothing TO T.set_scale");
     VrmlNodeProto* b = p[0]->asProto();
     ASSERT_TRUE(b);
     b->instantiate();
@@ -117,14 +117,16 @@ TEST(VrmlProto, SelfReferenceCannotRecurse) {
 
 TEST(VrmlProto, ExternProtoFetchesLocalFilesAndStopsCycles) {
     testsupport::TempDir dir;
-    testsupport::WriteFile(dir / "lib.wrl", "#VRML V2.0 utf8\nPROTO Other [] { Box {} }\n"
-                                            "PROTO Ball [ field SFFloat r 2 ] { Shape { geometry Sphere { radius IS r } } }\n");
+    testsupport::WriteFile(dir / "lib.wrl",
+                           "#VRML V2.0 utf8\nPROTO Other [] { Box {} }\n"
+                           "PROTO Ball [ field SFFloat r 2 ] { Shape { geometry Sphere { radius IS r } } }\n");
     // self.wrl refers to itself: the fetch of a file already being read fails.
     testsupport::WriteFile(dir / "self.wrl", "#VRML V2.0 utf8\nEXTERNPROTO Loop [] \"self.wrl#Loop\"\nLoop {}\n");
-    testsupport::WriteFile(dir / "main.wrl", "#VRML V2.0 utf8\n"
-                                             "EXTERNPROTO Ball [ field SFFloat r ] [ \"missing.wrl#Ball\" \"lib.wrl#Ball\" ]\n"
-                                             "EXTERNPROTO Gone [] [ \"nope1.wrl\" \"nope2.wrl\" ]\n"
-                                             "Ball { r 5 } Ball {} Gone {}\n");
+    testsupport::WriteFile(dir / "main.wrl",
+                           "#VRML V2.0 utf8\n"
+                           "EXTERNPROTO Ball [ field SFFloat r ] [ \"missing.wrl#Ball\" \"lib.wrl#Ball\" ]\n"
+                           "EXTERNPROTO Gone [] [ \"nope1.wrl\" \"nope2.wrl\" ]\n"
+                           "Ball { r 5 } Ball {} Gone {}\n");
     VrmlScene scene;
     std::string msg = CaptureDiagnostics([&] { EXPECT_TRUE(scene.load((dir / "main.wrl").c_str())); });
     EXPECT_NE(msg.find("Warning: Couldn't read EXTERNPROTO url 'missing.wrl#Ball'"), std::string::npos) << msg;

@@ -3,8 +3,8 @@
 
 #include <filesystem>
 
-#include "tests/support/TestSupport.h"
 #include "VrmlTestUtil.h"
+#include "tests/support/TestSupport.h"
 
 TEST(VrmlRegressions, EverySavedInputReads) {
     std::filesystem::path dir = testsupport::SourceDir() / "tests" / "regressions" / "vrml97";

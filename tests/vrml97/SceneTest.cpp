@@ -4,12 +4,12 @@
 #include <cstring>
 #include <sstream>
 
-#include "tests/support/TestSupport.h"
 #include "VrmlTestUtil.h"
+#include "tests/support/TestSupport.h"
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/System.h"
-#include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlNodeKinds.h"
+#include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlStats.h"
 
 namespace {
@@ -64,8 +64,10 @@ TEST(VrmlScene, MissingFileReportsCouldNotLoad) {
 TEST(VrmlScene, LoadFromUrlsUsesOnlyBackslashAsSeparator) {
     testsupport::TempDir dir;
     std::filesystem::create_directories(dir / "models");
-    testsupport::WriteFile(dir / "models" / "part.wrl", "#VRML V2.0 utf8\nDEF Cam Viewpoint {} DEF Other Viewpoint {}\n");
-    testsupport::WriteFile(dir / "a.wrl.gz", "#VRML V2.0 utf8\nShape { geometry Box {} }\n"); // the name decides, not the bytes
+    testsupport::WriteFile(dir / "models" / "part.wrl",
+                           "#VRML V2.0 utf8\nDEF Cam Viewpoint {} DEF Other Viewpoint {}\n");
+    testsupport::WriteFile(dir / "a.wrl.gz",
+                           "#VRML V2.0 utf8\nShape { geometry Box {} }\n"); // the name decides, not the bytes
     BrowserSpy spy;
     VrmlScene scene;
     std::string base = dir.path().string() + "/";
@@ -127,7 +129,8 @@ TEST(VrmlScene, SavePrintsTheRootGroupAndEveryNamedNodeInFull) {
         "            bboxCenter 0 0 0\n            bboxSize -1 -1 -1\n"
         "            center 0 0 0\n            rotation 0 0 1 0\n            scale 1 1 1\n"
         "            scaleOrientation 0 0 1 0\n            translation 0 0 0 }\n"
-        "        Shape { \n            geometry \n                Ball { #VrmlNodeProto::printFields not implemented yet...\n } }\n"
+        "        Shape { \n            geometry \n                Ball { #VrmlNodeProto::printFields not implemented "
+        "yet...\n } }\n"
         "    ]\n    bboxCenter 0 0 0\n    bboxSize -1 -1 -1 }";
     EXPECT_EQ(printed, want);
     // Read back, the world is one Group deeper, as the format has always saved it.
@@ -206,7 +209,8 @@ TEST(VrmlScene, UpdateDrivesTimeSensorsThroughRoutes) {
 TEST(VrmlScene, InlineReadsLocalWorldsAndStopsAtSelfReference) {
     testsupport::TempDir dir;
     testsupport::WriteFile(dir / "part.wrl", "#VRML V2.0 utf8\nShape { geometry Cone {} }\n");
-    testsupport::WriteFile(dir / "main.wrl", "#VRML V2.0 utf8\nInline { url \"part.wrl\" }\nInline { url \"main.wrl\" }\n");
+    testsupport::WriteFile(dir / "main.wrl",
+                           "#VRML V2.0 utf8\nInline { url \"part.wrl\" }\nInline { url \"main.wrl\" }\n");
     VrmlScene scene((dir / "main.wrl").c_str());
     ASSERT_EQ(scene.root()->size(), 2u);
     EXPECT_EQ(scene.root()->child(0)->asInline()->size(), 1u);

@@ -38,8 +38,7 @@ inline std::string PrintField(const VrmlField& f) {
 }
 
 // Runs fn and returns what the engine wrote to stderr meanwhile.
-template <class Fn>
-std::string CaptureDiagnostics(Fn fn) {
+template <class Fn> std::string CaptureDiagnostics(Fn fn) {
     testing::internal::CaptureStderr();
     fn();
     return testing::internal::GetCapturedStderr();

@@ -1,10 +1,10 @@
 #include "vrml/vrml1/CVrmlIo.h"
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <clocale>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <vector>
 
@@ -15,8 +15,8 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/NumberFormat.h"
 #include "plugin/host/Object.h"
-#include "plugin/host/SwitchLocale.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/SwitchLocale.h"
 #include "vrml/vrml1/QvIn.h"
 #include "vrml/vrml1/QvNode.h"
 #include "vrml/vrml1/Vrml1Import.h"
@@ -150,7 +150,8 @@ void WriteMesh(Writer& w, const C3DScene& scene, const C3DGeomObject& obj) {
     for (int f = 0; f < faces->GetNumberOfFaces(); ++f)
         if (!faces->IsFaceFlagSet(f, FACE_SKIP)) order.push_back(f);
     auto byMaterial = [&](int a, int b) { return faces->GetMaterialID(a) < faces->GetMaterialID(b); };
-    if (!std::is_sorted(order.begin(), order.end(), byMaterial)) std::stable_sort(order.begin(), order.end(), byMaterial);
+    if (!std::is_sorted(order.begin(), order.end(), byMaterial))
+        std::stable_sort(order.begin(), order.end(), byMaterial);
 
     // The materials the faces use, in ascending ID order; a face's index is its material's place.
     std::vector<uint32_t> ids;
@@ -306,10 +307,11 @@ C3DScene* CVrmlIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions&
         });
         // The text behind the reading position is not read again: a mapped file gives those
         // pages back as the parse goes.
-        if (file) in.setProgress([file](size_t pos) {
-            file->ReportProgress(static_cast<int64_t>(pos));
-            file->ReleaseBefore(static_cast<int64_t>(pos));
-        });
+        if (file)
+            in.setProgress([file](size_t pos) {
+                file->ReportProgress(static_cast<int64_t>(pos));
+                file->ReleaseBefore(static_cast<int64_t>(pos));
+            });
         if (!QvReadFile(in, contents)) {
             m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
             return nullptr;
@@ -355,7 +357,8 @@ std::string CVrmlIo::FormatScene(const C3DScene& scene) {
             if (!obj || !obj->IsGeomObject()) continue;
             const auto& g = static_cast<const C3DGeomObject&>(*obj);
             if (g.GetPointList()) estimate += g.GetPointList()->size() * 34;
-            if (g.GetFaceList()) estimate += g.GetFaceList()->GetNumberOfIndices() * 6 + g.GetFaceList()->GetNumberOfFaces() * 6;
+            if (g.GetFaceList())
+                estimate += g.GetFaceList()->GetNumberOfIndices() * 6 + g.GetFaceList()->GetNumberOfFaces() * 6;
             estimate += 1024;
         }
         w.out.reserve(estimate);

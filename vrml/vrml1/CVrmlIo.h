@@ -42,6 +42,8 @@ private:
     CStack<C3DSceneNode*> m_nodeStack{5};
     uint32_t m_state0 = 0;
     uint32_t m_state1 = 1;
-    struct Aux { uint64_t a = 0, b = 0; };
+    struct Aux {
+        uint64_t a = 0, b = 0;
+    };
     Aux* m_aux = nullptr;
 };

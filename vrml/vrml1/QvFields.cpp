@@ -13,16 +13,16 @@ struct TypeName {
     QvFieldType type;
 };
 constexpr TypeName kTypeNames[] = {
-    {"SFBitMask", QvFieldType::SFBitMask}, {"SFBool", QvFieldType::SFBool},       {"SFColor", QvFieldType::SFColor},
-    {"SFEnum", QvFieldType::SFEnum},       {"SFFloat", QvFieldType::SFFloat},     {"SFImage", QvFieldType::SFImage},
-    {"SFLong", QvFieldType::SFLong},       {"SFInt32", QvFieldType::SFLong},      {"SFMatrix", QvFieldType::SFMatrix},
+    {"SFBitMask", QvFieldType::SFBitMask},   {"SFBool", QvFieldType::SFBool},     {"SFColor", QvFieldType::SFColor},
+    {"SFEnum", QvFieldType::SFEnum},         {"SFFloat", QvFieldType::SFFloat},   {"SFImage", QvFieldType::SFImage},
+    {"SFLong", QvFieldType::SFLong},         {"SFInt32", QvFieldType::SFLong},    {"SFMatrix", QvFieldType::SFMatrix},
     {"SFRotation", QvFieldType::SFRotation}, {"SFString", QvFieldType::SFString}, {"SFUShort", QvFieldType::SFUShort},
-    {"SFShort", QvFieldType::SFLong},      {"SFULong", QvFieldType::SFLong},      {"SFUInt32", QvFieldType::SFLong},
-    {"SFVec2f", QvFieldType::SFVec2f},     {"SFVec3f", QvFieldType::SFVec3f},     {"MFColor", QvFieldType::MFColor},
-    {"MFFloat", QvFieldType::MFFloat},     {"MFInt32", QvFieldType::MFInt32},     {"MFLong", QvFieldType::MFLong},
-    {"MFULong", QvFieldType::MFLong},      {"MFUInt32", QvFieldType::MFLong},     {"MFShort", QvFieldType::MFLong},
-    {"MFUShort", QvFieldType::MFLong},     {"MFString", QvFieldType::MFString},   {"MFVec2f", QvFieldType::MFVec2f},
-    {"MFVec3f", QvFieldType::MFVec3f},     {"SFNode", QvFieldType::SFNode},
+    {"SFShort", QvFieldType::SFLong},        {"SFULong", QvFieldType::SFLong},    {"SFUInt32", QvFieldType::SFLong},
+    {"SFVec2f", QvFieldType::SFVec2f},       {"SFVec3f", QvFieldType::SFVec3f},   {"MFColor", QvFieldType::MFColor},
+    {"MFFloat", QvFieldType::MFFloat},       {"MFInt32", QvFieldType::MFInt32},   {"MFLong", QvFieldType::MFLong},
+    {"MFULong", QvFieldType::MFLong},        {"MFUInt32", QvFieldType::MFLong},   {"MFShort", QvFieldType::MFLong},
+    {"MFUShort", QvFieldType::MFLong},       {"MFString", QvFieldType::MFString}, {"MFVec2f", QvFieldType::MFVec2f},
+    {"MFVec3f", QvFieldType::MFVec3f},       {"SFNode", QvFieldType::SFNode},
 };
 
 bool ReadFloats(QvIn& in, float* out, int n) {
@@ -70,7 +70,8 @@ bool QvSFBool::read(QvIn& in) {
     if (w == "TRUE") value = true;
     else if (w == "FALSE") value = false;
     else {
-        in.readError(QvFormat("Unknown value (\"%.*s\") for QvSFBool (must be TRUE or FALSE)", static_cast<int>(w.size()), w.data()));
+        in.readError(QvFormat("Unknown value (\"%.*s\") for QvSFBool (must be TRUE or FALSE)",
+                              static_cast<int>(w.size()), w.data()));
         return false;
     }
     return true;
@@ -277,11 +278,11 @@ template class QvMFNumbers<int32_t, 1, QvFieldType::MFLong>;
 template class QvMFNumbers<int32_t, 1, QvFieldType::MFInt32>;
 template class QvMFNumbers<uint32_t, 1, QvFieldType::MFLong>;
 
-bool QvMField::startsValue(char c) const {
-    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.';
-}
+bool QvMField::startsValue(char c) const { return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.'; }
 
-bool QvMFString::startsValue(char c) const { return c == '"' || (static_cast<unsigned char>(c) > ' ' && c != '}' && c != '['); }
+bool QvMFString::startsValue(char c) const {
+    return c == '"' || (static_cast<unsigned char>(c) > ' ' && c != '}' && c != '[');
+}
 
 bool QvMFString::readValue(QvIn& in) {
     std::string s;

@@ -11,8 +11,26 @@ class QvIn;
 class QvNode;
 
 enum class QvFieldType : uint8_t {
-    SFBitMask, SFBool, SFColor, SFEnum, SFFloat, SFImage, SFLong, SFMatrix, SFRotation, SFString, SFUShort,
-    SFVec2f, SFVec3f, MFColor, MFFloat, MFInt32, MFLong, MFString, MFVec2f, MFVec3f,
+    SFBitMask,
+    SFBool,
+    SFColor,
+    SFEnum,
+    SFFloat,
+    SFImage,
+    SFLong,
+    SFMatrix,
+    SFRotation,
+    SFString,
+    SFUShort,
+    SFVec2f,
+    SFVec3f,
+    MFColor,
+    MFFloat,
+    MFInt32,
+    MFLong,
+    MFString,
+    MFVec2f,
+    MFVec3f,
     SFNode, // Inventor's vertexProperty and the like: a node as a field value
 };
 
@@ -101,7 +119,8 @@ public:
 
 class QvSFVec3f : public QvSField {
 public:
-    QvSFVec3f(float x = 0, float y = 0, float z = 0, QvFieldType t = QvFieldType::SFVec3f) : QvSField(t), value{x, y, z} {}
+    QvSFVec3f(float x = 0, float y = 0, float z = 0, QvFieldType t = QvFieldType::SFVec3f)
+        : QvSField(t), value{x, y, z} {}
     bool read(QvIn& in) override;
     float value[3];
 };
@@ -113,7 +132,8 @@ public:
 
 class QvSFRotation : public QvSField {
 public:
-    QvSFRotation(float x = 0, float y = 0, float z = 1, float a = 0) : QvSField(QvFieldType::SFRotation), axis{x, y, z}, angle(a) {}
+    QvSFRotation(float x = 0, float y = 0, float z = 1, float a = 0)
+        : QvSField(QvFieldType::SFRotation), axis{x, y, z}, angle(a) {}
     bool read(QvIn& in) override;
     float axis[3];
     float angle;
@@ -135,7 +155,8 @@ public:
 
 class QvSFEnum : public QvSField {
 public:
-    QvSFEnum(const QvEnumTable* table, int32_t v, QvFieldType t = QvFieldType::SFEnum) : QvSField(t), value(v), m_table(table) {}
+    QvSFEnum(const QvEnumTable* table, int32_t v, QvFieldType t = QvFieldType::SFEnum)
+        : QvSField(t), value(v), m_table(table) {}
     bool read(QvIn& in) override;
     int32_t value;
 

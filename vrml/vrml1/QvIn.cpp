@@ -27,7 +27,8 @@ struct NameTable {
     constexpr NameTable() : stop() {
         for (int c = 0; c <= ' '; ++c) stop[c] = true;
         stop[127] = true;
-        for (char c : {'{', '}', '[', ']', '(', ')', '|', ',', '"', '#', '\\', '\''}) stop[static_cast<uint8_t>(c)] = true;
+        for (char c : {'{', '}', '[', ']', '(', ')', '|', ',', '"', '#', '\\', '\''})
+            stop[static_cast<uint8_t>(c)] = true;
     }
 };
 constexpr NameTable kNames;
@@ -137,7 +138,6 @@ bool QvIn::readString(std::string& out) {
     return false;
 }
 
-
 namespace {
 // A number read in place from the buffer: from_chars finds its own end, so there is no
 // separate scan for the token. Out-of-range values saturate as strtod's do.
@@ -220,7 +220,9 @@ bool ParseInteger(std::string_view t, int64_t& out, size_t& used) {
         }
     } else if (r.ec == std::errc::result_out_of_range) {
         mag = std::numeric_limits<uint64_t>::max();
-        while (r.ptr < e && ((*r.ptr >= '0' && *r.ptr <= '9') || (base == 16 && std::isxdigit(static_cast<unsigned char>(*r.ptr))))) ++r.ptr;
+        while (r.ptr < e &&
+               ((*r.ptr >= '0' && *r.ptr <= '9') || (base == 16 && std::isxdigit(static_cast<unsigned char>(*r.ptr)))))
+            ++r.ptr;
     }
     const uint64_t lim = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
     if (mag > lim) mag = neg ? lim + 1 : lim;
@@ -261,7 +263,8 @@ bool QvIn::readInteger(int64_t& x) {
 bool QvIn::readInt(int32_t& v) {
     int64_t x;
     if (!readInteger(x)) return false;
-    v = static_cast<int32_t>(std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+    v = static_cast<int32_t>(
+        std::clamp<int64_t>(x, std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
     return true;
 }
 
@@ -269,7 +272,8 @@ bool QvIn::readUInt(uint32_t& v) {
     int64_t x;
     if (!readInteger(x)) return false;
     // Negative values wrap as an unsigned conversion does; large ones saturate.
-    v = x < 0 ? static_cast<uint32_t>(std::max<int64_t>(x, -0xFFFFFFFFll)) : static_cast<uint32_t>(std::min<int64_t>(x, 0xFFFFFFFFll));
+    v = x < 0 ? static_cast<uint32_t>(std::max<int64_t>(x, -0xFFFFFFFFll))
+              : static_cast<uint32_t>(std::min<int64_t>(x, 0xFFFFFFFFll));
     return true;
 }
 
@@ -290,8 +294,8 @@ QvNode* QvIn::findName(const std::string& name) const {
 void QvIn::removeName(const std::string& name, const QvNode* node) {
     auto it = m_dict.find(name);
     if (it == m_dict.end() || it->second != node) {
-        debugError("QvNode::removeName",
-                   QvFormat("Name \"%s\" (node %p) is not in dictionary", name.c_str(), static_cast<const void*>(node)));
+        debugError("QvNode::removeName", QvFormat("Name \"%s\" (node %p) is not in dictionary", name.c_str(),
+                                                  static_cast<const void*>(node)));
         return;
     }
     it->second->unref();

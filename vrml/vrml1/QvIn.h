@@ -68,7 +68,10 @@ public:
         int line;
     };
     Mark mark() const { return {m_pos, m_line}; }
-    void reset(const Mark& m) { m_pos = m.pos; m_line = m.line; }
+    void reset(const Mark& m) {
+        m_pos = m.pos;
+        m_line = m.line;
+    }
     // Skips white space, commas (unless `commas` is false) and comments. False at the end
     // of the input (or when a comment runs into it, which is also reported).
     bool skipWhite(bool commas = true) {

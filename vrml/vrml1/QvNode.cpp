@@ -7,8 +7,8 @@
 
 namespace {
 
-#define QV_TABLE(name, ...)                                                                                           \
-    constexpr QvEnumEntry name##Entries[] = {__VA_ARGS__};                                                            \
+#define QV_TABLE(name, ...)                                                                                            \
+    constexpr QvEnumEntry name##Entries[] = {__VA_ARGS__};                                                             \
     constexpr QvEnumTable name{name##Entries, static_cast<int>(sizeof(name##Entries) / sizeof(QvEnumEntry))};
 
 QV_TABLE(kBinding, {"DEFAULT", QV_BIND_DEFAULT}, {"OVERALL", QV_BIND_OVERALL}, {"PER_PART", QV_BIND_PER_PART},
@@ -46,11 +46,37 @@ QV_TABLE(kArrayOrigin, {"FIRST", 0}, {"CENTER", 1}, {"LAST", 2})
 // Inventor classes met in real files that carry nothing the import uses: their bodies
 // are skipped by brace matching instead of being refused as unknown classes.
 constexpr const char* kSkippedClasses[] = {
-    "Font", "Text2", "Text3", "ProfileCoordinate2", "ProfileCoordinate3", "LinearProfile", "NurbsProfile",
-    "NurbsCurve", "NurbsSurface", "IndexedNurbsCurve", "IndexedNurbsSurface", "Coordinate4", "MultipleCopy",
-    "Environment", "PickStyle", "Blinker", "Rotor", "Pendulum", "Shuttle", "TextureCoordinateDefault",
-    "TextureCoordinatePlane", "TextureCoordinateEnvironment", "SurroundScale", "AntiSquish", "Callback",
-    "EventCallback", "Clip", "ClipPlane", "Image", "MaterialIndex", "TextureCoordinateFunction",
+    "Font",
+    "Text2",
+    "Text3",
+    "ProfileCoordinate2",
+    "ProfileCoordinate3",
+    "LinearProfile",
+    "NurbsProfile",
+    "NurbsCurve",
+    "NurbsSurface",
+    "IndexedNurbsCurve",
+    "IndexedNurbsSurface",
+    "Coordinate4",
+    "MultipleCopy",
+    "Environment",
+    "PickStyle",
+    "Blinker",
+    "Rotor",
+    "Pendulum",
+    "Shuttle",
+    "TextureCoordinateDefault",
+    "TextureCoordinatePlane",
+    "TextureCoordinateEnvironment",
+    "SurroundScale",
+    "AntiSquish",
+    "Callback",
+    "EventCallback",
+    "Clip",
+    "ClipPlane",
+    "Image",
+    "MaterialIndex",
+    "TextureCoordinateFunction",
 };
 
 bool IsSkippedClass(std::string_view cls) {
@@ -368,10 +394,12 @@ QvPackedColor::QvPackedColor() : QvNode(QvNodeType::PackedColor, "PackedColor") 
     addField("orderedRGBA", &orderedRGBA);
     addField("rgba", &orderedRGBA); // the older spelling
 }
-QvMaterialBinding::QvMaterialBinding() : QvNode(QvNodeType::MaterialBinding, "MaterialBinding"), value(&kBinding, QV_BIND_DEFAULT) {
+QvMaterialBinding::QvMaterialBinding()
+    : QvNode(QvNodeType::MaterialBinding, "MaterialBinding"), value(&kBinding, QV_BIND_DEFAULT) {
     addField("value", &value);
 }
-QvNormalBinding::QvNormalBinding() : QvNode(QvNodeType::NormalBinding, "NormalBinding"), value(&kBinding, QV_BIND_DEFAULT) {
+QvNormalBinding::QvNormalBinding()
+    : QvNode(QvNodeType::NormalBinding, "NormalBinding"), value(&kBinding, QV_BIND_DEFAULT) {
     addField("value", &value);
 }
 QvTextureCoordinateBinding::QvTextureCoordinateBinding()
@@ -386,7 +414,8 @@ QvShapeHints::QvShapeHints()
     addField("faceType", &faceType);
     addField("creaseAngle", &creaseAngle);
 }
-QvTexture2::QvTexture2() : QvNode(QvNodeType::Texture2, "Texture2"), wrapS(&kWrap, 0), wrapT(&kWrap, 0), model(&kModel, 0) {
+QvTexture2::QvTexture2()
+    : QvNode(QvNodeType::Texture2, "Texture2"), wrapS(&kWrap, 0), wrapT(&kWrap, 0), model(&kModel, 0) {
     addField("filename", &filename);
     addField("image", &image);
     addField("wrapS", &wrapS);
@@ -439,7 +468,9 @@ QvTransform::QvTransform() : QvNode(QvNodeType::Transform, "Transform") {
     addField("scaleOrientation", &scaleOrientation);
     addField("center", &center);
 }
-QvTranslation::QvTranslation() : QvNode(QvNodeType::Translation, "Translation") { addField("translation", &translation); }
+QvTranslation::QvTranslation() : QvNode(QvNodeType::Translation, "Translation") {
+    addField("translation", &translation);
+}
 QvRotation::QvRotation() : QvNode(QvNodeType::Rotation, "Rotation") { addField("rotation", &rotation); }
 QvRotationXYZ::QvRotationXYZ() : QvNode(QvNodeType::RotationXYZ, "RotationXYZ"), axis(&kAxis, 0) {
     addField("axis", &axis);
@@ -540,64 +571,64 @@ QvNode* QvNode::create(std::string_view cls) {
         QvNode* (*make)();
     };
     static constexpr Maker kMakers[] = {
-        {"Separator", [] () -> QvNode* { return new QvSeparator(); }},
-        {"Group", [] () -> QvNode* { return new QvGroup(); }},
-        {"Switch", [] () -> QvNode* { return new QvSwitch(); }},
-        {"TransformSeparator", [] () -> QvNode* { return new QvTransformSeparator(); }},
-        {"LOD", [] () -> QvNode* { return new QvLOD(); }},
-        {"LevelOfDetail", [] () -> QvNode* { return new QvLOD("LevelOfDetail"); }},
-        {"WWWAnchor", [] () -> QvNode* { return new QvWWWAnchor(); }},
-        {"Selection", [] () -> QvNode* { return new QvSeparator("Selection"); }},
-        {"Annotation", [] () -> QvNode* { return new QvSeparator("Annotation"); }},
-        {"Array", [] () -> QvNode* { return new QvArray(); }},
-        {"Coordinate3", [] () -> QvNode* { return new QvCoordinate3(); }},
-        {"Normal", [] () -> QvNode* { return new QvNormal(); }},
-        {"TextureCoordinate2", [] () -> QvNode* { return new QvTextureCoordinate2(); }},
-        {"Material", [] () -> QvNode* { return new QvMaterial(); }},
-        {"BaseColor", [] () -> QvNode* { return new QvBaseColor(); }},
-        {"PackedColor", [] () -> QvNode* { return new QvPackedColor(); }},
-        {"MaterialBinding", [] () -> QvNode* { return new QvMaterialBinding(); }},
-        {"NormalBinding", [] () -> QvNode* { return new QvNormalBinding(); }},
-        {"TextureCoordinateBinding", [] () -> QvNode* { return new QvTextureCoordinateBinding(); }},
-        {"ShapeHints", [] () -> QvNode* { return new QvShapeHints(); }},
-        {"Texture2", [] () -> QvNode* { return new QvTexture2(); }},
-        {"Texture2Transform", [] () -> QvNode* { return new QvTexture2Transform(); }},
-        {"FontStyle", [] () -> QvNode* { return new QvFontStyle(); }},
-        {"Info", [] () -> QvNode* { return new QvInfo(); }},
-        {"Label", [] () -> QvNode* { return new QvLabel(); }},
-        {"DrawStyle", [] () -> QvNode* { return new QvDrawStyle(); }},
-        {"LightModel", [] () -> QvNode* { return new QvLightModel(); }},
-        {"Complexity", [] () -> QvNode* { return new QvComplexity(); }},
-        {"Units", [] () -> QvNode* { return new QvUnits(); }},
-        {"VertexProperty", [] () -> QvNode* { return new QvVertexProperty(); }},
-        {"Transform", [] () -> QvNode* { return new QvTransform(); }},
-        {"Translation", [] () -> QvNode* { return new QvTranslation(); }},
-        {"Rotation", [] () -> QvNode* { return new QvRotation(); }},
-        {"RotationXYZ", [] () -> QvNode* { return new QvRotationXYZ(); }},
-        {"Scale", [] () -> QvNode* { return new QvScale(); }},
-        {"MatrixTransform", [] () -> QvNode* { return new QvMatrixTransform(); }},
-        {"ResetTransform", [] () -> QvNode* { return new QvResetTransform(); }},
-        {"Cube", [] () -> QvNode* { return new QvCube(); }},
-        {"Sphere", [] () -> QvNode* { return new QvSphere(); }},
-        {"Cone", [] () -> QvNode* { return new QvCone(); }},
-        {"Cylinder", [] () -> QvNode* { return new QvCylinder(); }},
-        {"IndexedFaceSet", [] () -> QvNode* { return new QvIndexedFaceSet(); }},
-        {"IndexedLineSet", [] () -> QvNode* { return new QvIndexedLineSet(); }},
-        {"IndexedTriangleStripSet", [] () -> QvNode* { return new QvIndexedTriangleStripSet(); }},
-        {"IndexedTriangleMesh", [] () -> QvNode* { return new QvIndexedTriangleStripSet(); }},
-        {"FaceSet", [] () -> QvNode* { return new QvFaceSet(); }},
-        {"LineSet", [] () -> QvNode* { return new QvLineSet(); }},
-        {"TriangleStripSet", [] () -> QvNode* { return new QvTriangleStripSet(); }},
-        {"QuadMesh", [] () -> QvNode* { return new QvQuadMesh(); }},
-        {"PointSet", [] () -> QvNode* { return new QvPointSet(); }},
-        {"AsciiText", [] () -> QvNode* { return new QvAsciiText(); }},
-        {"PerspectiveCamera", [] () -> QvNode* { return new QvPerspectiveCamera(); }},
-        {"OrthographicCamera", [] () -> QvNode* { return new QvOrthographicCamera(); }},
-        {"DirectionalLight", [] () -> QvNode* { return new QvDirectionalLight(); }},
-        {"PointLight", [] () -> QvNode* { return new QvPointLight(); }},
-        {"SpotLight", [] () -> QvNode* { return new QvSpotLight(); }},
-        {"WWWInline", [] () -> QvNode* { return new QvWWWInline(); }},
-        {"File", [] () -> QvNode* { return new QvFile(); }},
+        {"Separator", []() -> QvNode* { return new QvSeparator(); }},
+        {"Group", []() -> QvNode* { return new QvGroup(); }},
+        {"Switch", []() -> QvNode* { return new QvSwitch(); }},
+        {"TransformSeparator", []() -> QvNode* { return new QvTransformSeparator(); }},
+        {"LOD", []() -> QvNode* { return new QvLOD(); }},
+        {"LevelOfDetail", []() -> QvNode* { return new QvLOD("LevelOfDetail"); }},
+        {"WWWAnchor", []() -> QvNode* { return new QvWWWAnchor(); }},
+        {"Selection", []() -> QvNode* { return new QvSeparator("Selection"); }},
+        {"Annotation", []() -> QvNode* { return new QvSeparator("Annotation"); }},
+        {"Array", []() -> QvNode* { return new QvArray(); }},
+        {"Coordinate3", []() -> QvNode* { return new QvCoordinate3(); }},
+        {"Normal", []() -> QvNode* { return new QvNormal(); }},
+        {"TextureCoordinate2", []() -> QvNode* { return new QvTextureCoordinate2(); }},
+        {"Material", []() -> QvNode* { return new QvMaterial(); }},
+        {"BaseColor", []() -> QvNode* { return new QvBaseColor(); }},
+        {"PackedColor", []() -> QvNode* { return new QvPackedColor(); }},
+        {"MaterialBinding", []() -> QvNode* { return new QvMaterialBinding(); }},
+        {"NormalBinding", []() -> QvNode* { return new QvNormalBinding(); }},
+        {"TextureCoordinateBinding", []() -> QvNode* { return new QvTextureCoordinateBinding(); }},
+        {"ShapeHints", []() -> QvNode* { return new QvShapeHints(); }},
+        {"Texture2", []() -> QvNode* { return new QvTexture2(); }},
+        {"Texture2Transform", []() -> QvNode* { return new QvTexture2Transform(); }},
+        {"FontStyle", []() -> QvNode* { return new QvFontStyle(); }},
+        {"Info", []() -> QvNode* { return new QvInfo(); }},
+        {"Label", []() -> QvNode* { return new QvLabel(); }},
+        {"DrawStyle", []() -> QvNode* { return new QvDrawStyle(); }},
+        {"LightModel", []() -> QvNode* { return new QvLightModel(); }},
+        {"Complexity", []() -> QvNode* { return new QvComplexity(); }},
+        {"Units", []() -> QvNode* { return new QvUnits(); }},
+        {"VertexProperty", []() -> QvNode* { return new QvVertexProperty(); }},
+        {"Transform", []() -> QvNode* { return new QvTransform(); }},
+        {"Translation", []() -> QvNode* { return new QvTranslation(); }},
+        {"Rotation", []() -> QvNode* { return new QvRotation(); }},
+        {"RotationXYZ", []() -> QvNode* { return new QvRotationXYZ(); }},
+        {"Scale", []() -> QvNode* { return new QvScale(); }},
+        {"MatrixTransform", []() -> QvNode* { return new QvMatrixTransform(); }},
+        {"ResetTransform", []() -> QvNode* { return new QvResetTransform(); }},
+        {"Cube", []() -> QvNode* { return new QvCube(); }},
+        {"Sphere", []() -> QvNode* { return new QvSphere(); }},
+        {"Cone", []() -> QvNode* { return new QvCone(); }},
+        {"Cylinder", []() -> QvNode* { return new QvCylinder(); }},
+        {"IndexedFaceSet", []() -> QvNode* { return new QvIndexedFaceSet(); }},
+        {"IndexedLineSet", []() -> QvNode* { return new QvIndexedLineSet(); }},
+        {"IndexedTriangleStripSet", []() -> QvNode* { return new QvIndexedTriangleStripSet(); }},
+        {"IndexedTriangleMesh", []() -> QvNode* { return new QvIndexedTriangleStripSet(); }},
+        {"FaceSet", []() -> QvNode* { return new QvFaceSet(); }},
+        {"LineSet", []() -> QvNode* { return new QvLineSet(); }},
+        {"TriangleStripSet", []() -> QvNode* { return new QvTriangleStripSet(); }},
+        {"QuadMesh", []() -> QvNode* { return new QvQuadMesh(); }},
+        {"PointSet", []() -> QvNode* { return new QvPointSet(); }},
+        {"AsciiText", []() -> QvNode* { return new QvAsciiText(); }},
+        {"PerspectiveCamera", []() -> QvNode* { return new QvPerspectiveCamera(); }},
+        {"OrthographicCamera", []() -> QvNode* { return new QvOrthographicCamera(); }},
+        {"DirectionalLight", []() -> QvNode* { return new QvDirectionalLight(); }},
+        {"PointLight", []() -> QvNode* { return new QvPointLight(); }},
+        {"SpotLight", []() -> QvNode* { return new QvSpotLight(); }},
+        {"WWWInline", []() -> QvNode* { return new QvWWWInline(); }},
+        {"File", []() -> QvNode* { return new QvFile(); }},
     };
     for (const Maker& m : kMakers)
         if (cls == m.name) return m.make();

@@ -14,20 +14,67 @@
 class QvIn;
 
 enum class QvNodeType : uint8_t {
-    Unknown, Skipped,
+    Unknown,
+    Skipped,
     // groups
-    Group, Separator, Switch, TransformSeparator, LOD, WWWAnchor, Array,
+    Group,
+    Separator,
+    Switch,
+    TransformSeparator,
+    LOD,
+    WWWAnchor,
+    Array,
     // properties
-    Coordinate3, Normal, TextureCoordinate2, Material, BaseColor, PackedColor, MaterialBinding, NormalBinding,
-    TextureCoordinateBinding, ShapeHints, Texture2, Texture2Transform, FontStyle, Info, Label, DrawStyle, LightModel,
-    Complexity, Units, VertexProperty,
+    Coordinate3,
+    Normal,
+    TextureCoordinate2,
+    Material,
+    BaseColor,
+    PackedColor,
+    MaterialBinding,
+    NormalBinding,
+    TextureCoordinateBinding,
+    ShapeHints,
+    Texture2,
+    Texture2Transform,
+    FontStyle,
+    Info,
+    Label,
+    DrawStyle,
+    LightModel,
+    Complexity,
+    Units,
+    VertexProperty,
     // transforms
-    Transform, Translation, Rotation, RotationXYZ, Scale, MatrixTransform, ResetTransform,
+    Transform,
+    Translation,
+    Rotation,
+    RotationXYZ,
+    Scale,
+    MatrixTransform,
+    ResetTransform,
     // shapes
-    Cube, Sphere, Cone, Cylinder, IndexedFaceSet, IndexedLineSet, IndexedTriangleStripSet, FaceSet, LineSet,
-    TriangleStripSet, QuadMesh, PointSet, AsciiText,
+    Cube,
+    Sphere,
+    Cone,
+    Cylinder,
+    IndexedFaceSet,
+    IndexedLineSet,
+    IndexedTriangleStripSet,
+    FaceSet,
+    LineSet,
+    TriangleStripSet,
+    QuadMesh,
+    PointSet,
+    AsciiText,
     // cameras, lights, external files
-    PerspectiveCamera, OrthographicCamera, DirectionalLight, PointLight, SpotLight, WWWInline, File,
+    PerspectiveCamera,
+    OrthographicCamera,
+    DirectionalLight,
+    PointLight,
+    SpotLight,
+    WWWInline,
+    File,
 };
 
 class QvNode {
@@ -178,8 +225,14 @@ public:
 };
 
 enum QvBinding : int32_t {
-    QV_BIND_DEFAULT, QV_BIND_OVERALL, QV_BIND_PER_PART, QV_BIND_PER_PART_INDEXED, QV_BIND_PER_FACE,
-    QV_BIND_PER_FACE_INDEXED, QV_BIND_PER_VERTEX, QV_BIND_PER_VERTEX_INDEXED,
+    QV_BIND_DEFAULT,
+    QV_BIND_OVERALL,
+    QV_BIND_PER_PART,
+    QV_BIND_PER_PART_INDEXED,
+    QV_BIND_PER_FACE,
+    QV_BIND_PER_FACE_INDEXED,
+    QV_BIND_PER_VERTEX,
+    QV_BIND_PER_VERTEX_INDEXED,
 };
 class QvMaterialBinding : public QvNode {
 public:

@@ -4,10 +4,31 @@
 
 namespace {
 constexpr const char* kKindNames[QvElement::NumKinds] = {
-    "Coordinate3", "Info", "MaterialBinding", "MatrixTransform", "NormalBinding", "OrthographicCamera",
-    "PerspectiveCamera", "Separator", "ShapeHints", "Texture2", "Texture2Transform", "TextureCoordinate2",
-    "TextureCoordinateBinding", "TransformSeparator", "WWWAnchor", "WWWInline", "DrawStyle", "LightModel",
-    "BaseColor", "Camera", "Light", "Texture2Transformation", "Transformation", "Material", "Normal",
+    "Coordinate3",
+    "Info",
+    "MaterialBinding",
+    "MatrixTransform",
+    "NormalBinding",
+    "OrthographicCamera",
+    "PerspectiveCamera",
+    "Separator",
+    "ShapeHints",
+    "Texture2",
+    "Texture2Transform",
+    "TextureCoordinate2",
+    "TextureCoordinateBinding",
+    "TransformSeparator",
+    "WWWAnchor",
+    "WWWInline",
+    "DrawStyle",
+    "LightModel",
+    "BaseColor",
+    "Camera",
+    "Light",
+    "Texture2Transformation",
+    "Transformation",
+    "Material",
+    "Normal",
 };
 } // namespace
 
@@ -67,7 +88,8 @@ void QvState::print(std::string& out) const {
     for (int k = 0; k < QvElement::NumKinds; ++k) {
         numfmt::AppendFormat(out, "\tStack [%2d] (%s):\n", k, kKindNames[k]);
         if (!m_stacks[k]) out += "\t\tNULL\n";
-        for (const QvElement* e = m_stacks[k]; e; e = e->next) numfmt::AppendFormat(out, "\t\tElement of type %s\n", kKindNames[k]);
+        for (const QvElement* e = m_stacks[k]; e; e = e->next)
+            numfmt::AppendFormat(out, "\t\tElement of type %s\n", kKindNames[k]);
     }
     out += dashes;
     out += '\n';

@@ -12,12 +12,32 @@ class QvNode;
 
 struct QvElement {
     enum Kind : int {
-        Coordinate3, Info, MaterialBinding, MatrixTransform, NormalBinding, OrthographicCamera, PerspectiveCamera,
-        Separator, ShapeHints, Texture2, Texture2Transform, TextureCoordinate2, TextureCoordinateBinding,
-        TransformSeparator, WWWAnchor, WWWInline, DrawStyle, LightModel, BaseColor, Camera, Light,
-        Texture2Transformation, Transformation,
+        Coordinate3,
+        Info,
+        MaterialBinding,
+        MatrixTransform,
+        NormalBinding,
+        OrthographicCamera,
+        PerspectiveCamera,
+        Separator,
+        ShapeHints,
+        Texture2,
+        Texture2Transform,
+        TextureCoordinate2,
+        TextureCoordinateBinding,
+        TransformSeparator,
+        WWWAnchor,
+        WWWInline,
+        DrawStyle,
+        LightModel,
+        BaseColor,
+        Camera,
+        Light,
+        Texture2Transformation,
+        Transformation,
         // Kinds the import adds for the material and normal lists.
-        Material, Normal,
+        Material,
+        Normal,
         NumKinds
     };
     static const char* kindName(int kind);

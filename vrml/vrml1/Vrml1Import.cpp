@@ -64,7 +64,7 @@ C4x4Matrix TransformMatrix(const QvTransform& t) {
 }
 
 double MetresPerUnit(int32_t units) {
-    static constexpr double kFactors[] = {1,    0.01,   0.001,  1e-6,   1e-6,     1e-9,     1e-10,
+    static constexpr double kFactors[] = {1,    0.01,   0.001,  1e-6,        1e-6,   1e-9,     1e-10,
                                           1000, 0.3048, 0.0254, 0.0254 / 72, 0.9144, 1609.344, 1852};
     return units >= 0 && units < 14 ? kFactors[units] : 1;
 }
@@ -239,9 +239,7 @@ void CVrml1Converter::Walk(QvNode* n, Frame& f, int depth, bool once) {
         return;
     }
     case QvNodeType::Group:
-    case QvNodeType::Unknown:
-        WalkChildren(n, f, depth, once);
-        return;
+    case QvNodeType::Unknown: WalkChildren(n, f, depth, once); return;
     case QvNodeType::Switch: {
         int32_t which = As<QvSwitch>(n)->whichChild.value;
         if (which == -3) {
@@ -510,7 +508,7 @@ uint32_t CVrml1Converter::Material(int index) {
             if (!m_reportedImages) Log(L"VRML 1.0: texture images were left out of materials past the size allowed.");
             m_reportedImages = true;
         } else {
-                CCustomData* bag = hm->GetCustomData().GetCustomData(kImageID, true);
+            CCustomData* bag = hm->GetCustomData().GetCustomData(kImageID, true);
             bag->SetInt(kImageWidth, img.width);
             bag->SetInt(kImageHeight, img.height);
             bag->SetInt(kImageComponents, img.components);
@@ -541,7 +539,9 @@ void CVrml1Converter::BuildPrimitive(QvNode* n, Frame& f) {
         built = CreateCube(origin, c->width.value, c->height.value, c->depth.value, uv, material, -1);
         break;
     }
-    case QvNodeType::Sphere: built = CreateSphere(origin, As<QvSphere>(n)->radius.value, 16, 16, uv, material, -1); break;
+    case QvNodeType::Sphere:
+        built = CreateSphere(origin, As<QvSphere>(n)->radius.value, 16, 16, uv, material, -1);
+        break;
     case QvNodeType::Cone: {
         const QvCone* c = As<QvCone>(n);
         if (!(c->parts.value & (QV_CONE_SIDES | QV_CONE_BOTTOM))) return;
@@ -689,7 +689,8 @@ void CVrml1Converter::BuildShape(QvNode* n, Frame& f) {
         for (int64_t r = 0; r + 1 < usableRows; ++r)
             for (int64_t k = 0; k + 1 < cols; ++k) {
                 const int64_t a = start + r * cols + k;
-                for (int64_t x : {a, a + cols, a + cols + 1, a + 1}) c.corner(int32_t(x), int32_t(x), int32_t(x - start));
+                for (int64_t x : {a, a + cols, a + cols + 1, a + 1})
+                    c.corner(int32_t(x), int32_t(x), int32_t(x - start));
                 c.endFace(int32_t(r), ordinal++);
             }
     } else {
@@ -750,7 +751,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
 
     // Materials.
     int32_t binding = QV_BIND_DEFAULT;
-    if (const QvElement* e = m_state.top(QvElement::MaterialBinding)) binding = As<QvMaterialBinding>(e->node)->value.value;
+    if (const QvElement* e = m_state.top(QvElement::MaterialBinding))
+        binding = As<QvMaterialBinding>(e->node)->value.value;
     auto faces = std::make_unique<C3DFaceList>();
     faces->Reserve(c.faces(), c.coord.size());
     const bool perVertex = binding == QV_BIND_PER_VERTEX || binding == QV_BIND_PER_VERTEX_INDEXED;
@@ -769,7 +771,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
         case QV_BIND_PER_PART_INDEXED:
         case QV_BIND_PER_FACE_INDEXED: {
             const int32_t ord = binding == QV_BIND_PER_PART_INDEXED ? c.part[fi] : c.ordinal[fi];
-            matIndex = ix && UsesOwnIndices(ix->materialIndex) ? At(ix->materialIndex.values, static_cast<size_t>(ord)) : ord;
+            matIndex =
+                ix && UsesOwnIndices(ix->materialIndex) ? At(ix->materialIndex.values, static_cast<size_t>(ord)) : ord;
             break;
         }
         default: break;
@@ -794,7 +797,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
             for (uint32_t k = c.faceStart[fi]; k < c.faceStart[fi + 1]; ++k) {
                 int64_t ci;
                 if (binding == QV_BIND_PER_VERTEX) ci = c.ref[k];
-                else if (ix && UsesOwnIndices(ix->materialIndex)) ci = At(ix->materialIndex.values, static_cast<size_t>(c.pos[k]));
+                else if (ix && UsesOwnIndices(ix->materialIndex))
+                    ci = At(ix->materialIndex.values, static_cast<size_t>(c.pos[k]));
                 else ci = c.coord[k];
                 ci = ci < 0 ? 0 : ci % static_cast<int64_t>(ncolors);
                 idx.push_back(static_cast<uint32_t>(ci));
@@ -808,7 +812,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
     // Texture coordinates: explicit ones, else a box projection when a texture is on.
     const QvMFVec2f* uvs = nullptr;
     if (vp && vp->texCoord.num()) uvs = &vp->texCoord;
-    else if (const QvElement* e = m_state.top(QvElement::TextureCoordinate2)) uvs = &As<QvTextureCoordinate2>(e->node)->point;
+    else if (const QvElement* e = m_state.top(QvElement::TextureCoordinate2))
+        uvs = &As<QvTextureCoordinate2>(e->node)->point;
     const C4x4Matrix& tm = m_state.top(QvElement::Texture2Transformation)->matrix;
     auto addUV = [&](CUVWPointList& list, float u, float v) {
         C3DPoint p = tm.TransformPoint(C3DPoint(u, v, 0));
@@ -827,7 +832,8 @@ void CVrml1Converter::BuildMesh(QvNode* n, const Corners& c, Frame& f) {
             for (uint32_t k = c.faceStart[fi]; k < c.faceStart[fi + 1]; ++k) {
                 int64_t ti;
                 if (tb == QV_BIND_PER_VERTEX) ti = c.ref[k];
-                else if (ix && UsesOwnIndices(ix->textureCoordIndex)) ti = At(ix->textureCoordIndex.values, static_cast<size_t>(c.pos[k]));
+                else if (ix && UsesOwnIndices(ix->textureCoordIndex))
+                    ti = At(ix->textureCoordIndex.values, static_cast<size_t>(c.pos[k]));
                 else ti = c.coord[k];
                 idx.push_back(static_cast<uint32_t>(std::clamp<int64_t>(ti, 0, nuv - 1)));
             }
@@ -882,7 +888,8 @@ void CVrml1Converter::AddNormals(C3DObject& obj, const QvNode* n, const Corners&
         binding = vp->normalBinding.value;
     } else if (const QvElement* e = m_state.top(QvElement::Normal)) {
         normals = &As<QvNormal>(e->node)->vector;
-        if (const QvElement* b = m_state.top(QvElement::NormalBinding)) binding = As<QvNormalBinding>(b->node)->value.value;
+        if (const QvElement* b = m_state.top(QvElement::NormalBinding))
+            binding = As<QvNormalBinding>(b->node)->value.value;
     }
     if (!normals || normals->num() == 0 || normals->num() > INT32_MAX) return;
     const int64_t count = static_cast<int64_t>(normals->num());
@@ -923,7 +930,8 @@ void CVrml1Converter::AddNormals(C3DObject& obj, const QvNode* n, const Corners&
     std::copy(c.faceStart.begin(), c.faceStart.end(), offsets.begin());
     std::copy(rn.corners.begin(), rn.corners.end(), idx.begin());
     CFaceList::FlagArray flags(c.faces());
-    if (ch->GetNormalFaceList()->Adopt(std::move(offsets), std::move(idx), std::move(flags))) obj.AddChannel(ch.release(), -1);
+    if (ch->GetNormalFaceList()->Adopt(std::move(offsets), std::move(idx), std::move(flags)))
+        obj.AddChannel(ch.release(), -1);
 }
 
 void CVrml1Converter::BuildLines(QvNode* n, const Corners& c, Frame& f) {
@@ -983,7 +991,8 @@ void CVrml1Converter::BuildCamera(QvNode* n, Frame& f) {
     C3DSceneNode* node = AttachShape(n, c, f);
     if (!node) return;
     const QvSFRotation& o = cam->orientation;
-    node->SetNodeLocalTM(AxisAngle(o.axis[0], o.axis[1], o.axis[2], o.angle) * Translate(cam->position.value) * Relative());
+    node->SetNodeLocalTM(AxisAngle(o.axis[0], o.axis[1], o.axis[2], o.angle) * Translate(cam->position.value) *
+                         Relative());
 }
 
 void CVrml1Converter::BuildLight(QvNode* n, Frame& f) {
@@ -1072,7 +1081,8 @@ void CVrml1Converter::BuildInline(QvNode* n, Frame& f, int depth) {
     file.CloseFile();
     m_files.push_back(std::make_unique<std::string>(canonical));
     Frame inner;
-    C3DSceneNode* hn = OpenNode(f, n->getName().empty() ? std::filesystem::path(canonical).stem().string() : n->getName(), inner);
+    C3DSceneNode* hn =
+        OpenNode(f, n->getName().empty() ? std::filesystem::path(canonical).stem().string() : n->getName(), inner);
     if (!hn) return;
     inner.file = m_files.back().get();
     m_inlineStack.push_back(canonical);

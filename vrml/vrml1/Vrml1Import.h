@@ -27,12 +27,12 @@ struct QvFileContents;
 namespace vrml1import {
 
 struct Limits {
-    int maxInlineDepth = 8;             // inlined files within inlined files
-    int maxInlineLoads = 64;            // files inlined per import
-    uint64_t baseElements = 64u << 20;  // geometry floats and indices made: base + factor x input bytes
+    int maxInlineDepth = 8;            // inlined files within inlined files
+    int maxInlineLoads = 64;           // files inlined per import
+    uint64_t baseElements = 64u << 20; // geometry floats and indices made: base + factor x input bytes
     uint64_t elementFactor = 16;
-    uint64_t baseNodes = 65536;         // scene nodes made: base + input bytes / 8
-    int maxArrayCopies = 4096;          // copies one Inventor Array node makes
+    uint64_t baseNodes = 65536;          // scene nodes made: base + input bytes / 8
+    int maxArrayCopies = 4096;           // copies one Inventor Array node makes
     uint64_t baseImageBytes = 64u << 20; // texture image bytes kept by materials: base + factor x input
     uint64_t imageFactor = 4;
 };
@@ -46,7 +46,7 @@ constexpr uint32_t kLinkID = 0x4C494E4B; // 'LINK'
 // the scene node whose shapes it lights (0: the whole scene).
 constexpr uint32_t kTextID = 0x54455854;       // 'TEXT'
 constexpr uint32_t kLightScopeID = 0x53434F50; // 'SCOP'
-constexpr uint32_t kImageID = 0x494D4147; // 'IMAG'
+constexpr uint32_t kImageID = 0x494D4147;      // 'IMAG'
 constexpr uint32_t kImageWidth = 1, kImageHeight = 2, kImageComponents = 3, kImageWrap = 4, kImagePixels = 5;
 
 class CVrml1Converter {
@@ -66,10 +66,10 @@ public:
 
 private:
     struct Frame {
-        C3DSceneNode* node;     // host node shapes go under (null: the scene's top level)
-        C4x4Matrix world;       // that node's world transform
+        C3DSceneNode* node;      // host node shapes go under (null: the scene's top level)
+        C4x4Matrix world;        // that node's world transform
         const std::string* file; // the file being walked (base of relative paths)
-        C3DSceneNode* scope;    // the node of the Separator the walk is in (lights' reach)
+        C3DSceneNode* scope;     // the node of the Separator the walk is in (lights' reach)
     };
     struct Corners;
 
@@ -120,7 +120,7 @@ private:
     bool m_stopped = false;
     bool m_cancelled = false;
     int m_inlineLoads = 0;
-    std::vector<std::string> m_inlineStack;    // canonical paths being walked
+    std::vector<std::string> m_inlineStack; // canonical paths being walked
     std::vector<std::unique_ptr<std::string>> m_files;
     std::vector<std::unique_ptr<QvFileContents>> m_inlined;
     // Host materials by (Material, BaseColor or PackedColor, Texture2) node serials and index.

@@ -6,8 +6,8 @@
 // -3 when no scene could be made at all.
 #include "vrml/vrml97/CVrml97Io.h"
 
-#include <filesystem>
 #include <exception>
+#include <filesystem>
 
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/MiniZip.h"

@@ -41,7 +41,7 @@ private:
     C3DScene* DamagedGzip(CSceneImportOptions& options);
     void ReleaseState();
 
-    VrmlScene* m_scene = nullptr;                          // the world being converted (owned)
-    C3DScene* m_root = nullptr;                            // the scene being built (handed out on success)
+    VrmlScene* m_scene = nullptr;                              // the world being converted (owned)
+    C3DScene* m_root = nullptr;                                // the scene being built (handed out on success)
     std::vector<vrml97import::TextureEntry>* m_data = nullptr; // textures met during conversion
 };

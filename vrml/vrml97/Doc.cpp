@@ -46,12 +46,9 @@ void Doc::setUrl(const char* url, const Doc* relative) {
     std::string path = d_url;
     size_t hash = path.find('#');
     if (hash != std::string::npos) path.erase(hash);
-    if (startsWith(path, "file://"))
-        path.erase(0, 7);
-    else if (startsWith(path, "file:"))
-        path.erase(0, 5);
-    else if (hasScheme(path))
-        return; // http, urn and the like: nothing local to open
+    if (startsWith(path, "file://")) path.erase(0, 7);
+    else if (startsWith(path, "file:")) path.erase(0, 5);
+    else if (hasScheme(path)) return; // http, urn and the like: nothing local to open
     if (path.empty()) return;
     if (!isAbsolute(path) && relative && !relative->d_localName.empty()) {
         const std::string& base = relative->d_localName;

@@ -13,10 +13,9 @@
 
 namespace {
 
-const char* const kTypeNames[] = {"SFBool",  "SFColor",    "SFFloat",  "SFInt32", "SFRotation",
-                                  "SFTime",  "SFVec2f",    "SFVec3f",  "SFImage", "SFString",
-                                  "MFColor", "MFFloat",    "MFInt32",  "MFRotation",
-                                  "MFString", "MFVec2f",   "MFVec3f",  "SFNode",  "MFNode"};
+const char* const kTypeNames[] = {"SFBool",   "SFColor", "SFFloat",  "SFInt32", "SFRotation", "SFTime",  "SFVec2f",
+                                  "SFVec3f",  "SFImage", "SFString", "MFColor", "MFFloat",    "MFInt32", "MFRotation",
+                                  "MFString", "MFVec2f", "MFVec3f",  "SFNode",  "MFNode"};
 
 char* dupString(const char* s) {
     if (!s) return nullptr;
@@ -71,16 +70,16 @@ VrmlField::VrmlFieldType VrmlField::typeFromName(const char* name) {
 bool VrmlField::assign(VrmlField& dst, const VrmlField& src) {
     if (dst.fieldType() != src.fieldType()) return false;
     switch (dst.fieldType()) {
-#define CASE(E, T)                                                                                 \
+#define CASE(E, T)                                                                                                     \
     case E: *dst.as##T() = *src.as##T(); return true;
-        CASE(SFBOOL, SFBool) CASE(SFCOLOR, SFColor) CASE(SFFLOAT, SFFloat) CASE(SFINT32, SFInt)
-        CASE(SFROTATION, SFRotation) CASE(SFTIME, SFTime) CASE(SFVEC2F, SFVec2f)
-        CASE(SFVEC3F, SFVec3f) CASE(SFIMAGE, SFImage) CASE(SFSTRING, SFString)
-        CASE(MFCOLOR, MFColor) CASE(MFFLOAT, MFFloat) CASE(MFINT32, MFInt)
-        CASE(MFROTATION, MFRotation) CASE(MFSTRING, MFString) CASE(MFVEC2F, MFVec2f)
-        CASE(MFVEC3F, MFVec3f) CASE(SFNODE, SFNode) CASE(MFNODE, MFNode)
+        CASE(SFBOOL, SFBool)
+        CASE(SFCOLOR, SFColor) CASE(SFFLOAT, SFFloat) CASE(SFINT32, SFInt) CASE(SFROTATION, SFRotation)
+            CASE(SFTIME, SFTime) CASE(SFVEC2F, SFVec2f) CASE(SFVEC3F, SFVec3f) CASE(SFIMAGE, SFImage)
+                CASE(SFSTRING, SFString) CASE(MFCOLOR, MFColor) CASE(MFFLOAT, MFFloat) CASE(MFINT32, MFInt)
+                    CASE(MFROTATION, MFRotation) CASE(MFSTRING, MFString) CASE(MFVEC2F, MFVec2f) CASE(MFVEC3F, MFVec3f)
+                        CASE(SFNODE, SFNode) CASE(MFNODE, MFNode)
 #undef CASE
-    default: return false;
+                            default : return false;
     }
 }
 
@@ -104,12 +103,9 @@ void VrmlSFColor::RGBtoHSV(const float rgb[3], float hsv[3]) {
     double h = 0;
     if (s != 0.0f) {
         float rc = (v - r) / delta, gc = (v - g) / delta, bc = (v - b) / delta;
-        if (r == v)
-            h = bc - gc;
-        else if (g == v)
-            h = 2 + rc - bc;
-        else
-            h = 4 + gc - rc;
+        if (r == v) h = bc - gc;
+        else if (g == v) h = 2 + rc - bc;
+        else h = 4 + gc - rc;
         h *= 60.0;
         if (h < 0) h += 360.0;
     }
@@ -132,12 +128,36 @@ void VrmlSFColor::HSVtoRGB(const float hsv[3], float rgb[3]) {
     int i = (fi >= 0 && fi < 6) ? static_cast<int>(fi) : -1;
     float out[3];
     switch (i) {
-    case 1: out[0] = q; out[1] = v; out[2] = p; break;
-    case 2: out[0] = p; out[1] = v; out[2] = t; break;
-    case 3: out[0] = p; out[1] = q; out[2] = v; break;
-    case 4: out[0] = t; out[1] = p; out[2] = v; break;
-    case 5: out[0] = v; out[1] = p; out[2] = q; break;
-    default: out[0] = v; out[1] = t; out[2] = p; break;
+    case 1:
+        out[0] = q;
+        out[1] = v;
+        out[2] = p;
+        break;
+    case 2:
+        out[0] = p;
+        out[1] = v;
+        out[2] = t;
+        break;
+    case 3:
+        out[0] = p;
+        out[1] = q;
+        out[2] = v;
+        break;
+    case 4:
+        out[0] = t;
+        out[1] = p;
+        out[2] = v;
+        break;
+    case 5:
+        out[0] = v;
+        out[1] = p;
+        out[2] = q;
+        break;
+    default:
+        out[0] = v;
+        out[1] = t;
+        out[2] = p;
+        break;
     }
     std::memcpy(rgb, out, sizeof out);
 }
@@ -194,9 +214,7 @@ void VrmlSFVec3f::multiply(float s) {
 void VrmlSFVec3f::negate() {
     for (float& c : d_x) c = -c;
 }
-float VrmlSFVec3f::dot(const VrmlSFVec3f& o) const {
-    return d_x[0] * o.d_x[0] + d_x[1] * o.d_x[1] + d_x[2] * o.d_x[2];
-}
+float VrmlSFVec3f::dot(const VrmlSFVec3f& o) const { return d_x[0] * o.d_x[0] + d_x[1] * o.d_x[1] + d_x[2] * o.d_x[2]; }
 void VrmlSFVec3f::cross(const VrmlSFVec3f& o) {
     float x = d_x[1] * o.d_x[2] - d_x[2] * o.d_x[1];
     float y = d_x[2] * o.d_x[0] - d_x[0] * o.d_x[2];
@@ -218,13 +236,9 @@ void VrmlSFString::set(const char* s) {
     delete[] d_s;
     d_s = n;
 }
-std::ostream& VrmlSFString::print(std::ostream& os) const {
-    return os << '"' << (d_s ? d_s : "") << '"';
-}
+std::ostream& VrmlSFString::print(std::ostream& os) const { return os << '"' << (d_s ? d_s : "") << '"'; }
 
-VrmlSFImage::VrmlSFImage(int32_t w, int32_t h, int32_t nc, const unsigned char* pixels) {
-    set(w, h, nc, pixels);
-}
+VrmlSFImage::VrmlSFImage(int32_t w, int32_t h, int32_t nc, const unsigned char* pixels) { set(w, h, nc, pixels); }
 VrmlSFImage::VrmlSFImage(const VrmlSFImage& o) : VrmlField(o) { set(o.d_w, o.d_h, o.d_nc, o.d_pixels); }
 VrmlSFImage& VrmlSFImage::operator=(const VrmlSFImage& o) {
     if (this != &o) set(o.d_w, o.d_h, o.d_nc, o.d_pixels);
@@ -288,17 +302,14 @@ void VrmlSFNode::set(VrmlNode* n) {
     d_value = n;
 }
 std::ostream& VrmlSFNode::print(std::ostream& os) const {
-    if (d_value)
-        d_value->print(os, 0);
-    else
-        os << "NULL";
+    if (d_value) d_value->print(os, 0);
+    else os << "NULL";
     return os << '\n';
 }
 
 // ---- numeric arrays
 
-template <class T, int W>
-std::ostream& VrmlMFNumeric<T, W>::printValues(std::ostream& os) const {
+template <class T, int W> std::ostream& VrmlMFNumeric<T, W>::printValues(std::ostream& os) const {
     size_t n = size();
     const T* v = get();
     auto element = [&](size_t i) {
@@ -468,10 +479,8 @@ void VrmlMFNode::add(VrmlNode* n) {
     }
     if (n) n->addRef();
     d_v[d_size++] = n;
-    if (d_index)
-        d_index->insert(n);
-    else
-        indexIfLarge();
+    if (d_index) d_index->insert(n);
+    else indexIfLarge();
 }
 
 void VrmlMFNode::remove(const VrmlNode* n) {
@@ -489,10 +498,8 @@ void VrmlMFNode::remove(const VrmlNode* n) {
 std::ostream& VrmlMFNode::print(std::ostream& os) const {
     if (d_size != 1) os << '[';
     for (int32_t i = 0; i < d_size; ++i) {
-        if (d_v[i])
-            d_v[i]->print(os, 0);
-        else
-            os << "NULL";
+        if (d_v[i]) d_v[i]->print(os, 0);
+        else os << "NULL";
         os << '\n';
     }
     if (d_size != 1) os << ']';

@@ -10,18 +10,50 @@
 
 class VrmlNode;
 
-class VrmlSFBool; class VrmlSFColor; class VrmlSFFloat; class VrmlSFImage; class VrmlSFInt;
-class VrmlSFNode; class VrmlSFRotation; class VrmlSFString; class VrmlSFTime; class VrmlSFVec2f;
-class VrmlSFVec3f; class VrmlMFColor; class VrmlMFFloat; class VrmlMFInt; class VrmlMFNode;
-class VrmlMFRotation; class VrmlMFString; class VrmlMFVec2f; class VrmlMFVec3f;
+class VrmlSFBool;
+class VrmlSFColor;
+class VrmlSFFloat;
+class VrmlSFImage;
+class VrmlSFInt;
+class VrmlSFNode;
+class VrmlSFRotation;
+class VrmlSFString;
+class VrmlSFTime;
+class VrmlSFVec2f;
+class VrmlSFVec3f;
+class VrmlMFColor;
+class VrmlMFFloat;
+class VrmlMFInt;
+class VrmlMFNode;
+class VrmlMFRotation;
+class VrmlMFString;
+class VrmlMFVec2f;
+class VrmlMFVec3f;
 
 class VrmlField {
 public:
     // The numbers index the name table and are compared by the parser.
     enum VrmlFieldType {
-        NO_FIELD = 0, SFBOOL, SFCOLOR, SFFLOAT, SFINT32, SFROTATION, SFTIME, SFVEC2F, SFVEC3F,
-        SFIMAGE, SFSTRING, MFCOLOR, MFFLOAT, MFINT32, MFROTATION, MFSTRING, MFVEC2F, MFVEC3F,
-        SFNODE, MFNODE
+        NO_FIELD = 0,
+        SFBOOL,
+        SFCOLOR,
+        SFFLOAT,
+        SFINT32,
+        SFROTATION,
+        SFTIME,
+        SFVEC2F,
+        SFVEC3F,
+        SFIMAGE,
+        SFSTRING,
+        MFCOLOR,
+        MFFLOAT,
+        MFINT32,
+        MFROTATION,
+        MFSTRING,
+        MFVEC2F,
+        MFVEC3F,
+        SFNODE,
+        MFNODE
     };
 
     virtual ~VrmlField();
@@ -29,19 +61,20 @@ public:
     virtual std::ostream& print(std::ostream& os) const = 0;
     virtual VrmlFieldType fieldType() const;
 
-#define VRML_FIELD_CAST(T)                                                                         \
-    virtual const Vrml##T* as##T() const { return nullptr; }                                      \
+#define VRML_FIELD_CAST(T)                                                                                             \
+    virtual const Vrml##T* as##T() const { return nullptr; }                                                           \
     virtual Vrml##T* as##T() { return nullptr; }
-    VRML_FIELD_CAST(SFBool) VRML_FIELD_CAST(SFColor) VRML_FIELD_CAST(SFFloat)
-    VRML_FIELD_CAST(SFImage) VRML_FIELD_CAST(SFInt) VRML_FIELD_CAST(SFNode)
-    VRML_FIELD_CAST(SFRotation) VRML_FIELD_CAST(SFString) VRML_FIELD_CAST(SFTime)
-    VRML_FIELD_CAST(SFVec2f) VRML_FIELD_CAST(SFVec3f) VRML_FIELD_CAST(MFColor)
-    VRML_FIELD_CAST(MFFloat) VRML_FIELD_CAST(MFInt) VRML_FIELD_CAST(MFNode)
-    VRML_FIELD_CAST(MFRotation) VRML_FIELD_CAST(MFString) VRML_FIELD_CAST(MFVec2f)
-    VRML_FIELD_CAST(MFVec3f)
+    VRML_FIELD_CAST(SFBool)
+    VRML_FIELD_CAST(SFColor) VRML_FIELD_CAST(SFFloat) VRML_FIELD_CAST(SFImage) VRML_FIELD_CAST(SFInt)
+        VRML_FIELD_CAST(SFNode) VRML_FIELD_CAST(SFRotation) VRML_FIELD_CAST(SFString) VRML_FIELD_CAST(SFTime)
+            VRML_FIELD_CAST(SFVec2f) VRML_FIELD_CAST(SFVec3f) VRML_FIELD_CAST(MFColor) VRML_FIELD_CAST(MFFloat)
+                VRML_FIELD_CAST(MFInt) VRML_FIELD_CAST(MFNode) VRML_FIELD_CAST(MFRotation) VRML_FIELD_CAST(MFString)
+                    VRML_FIELD_CAST(MFVec2f) VRML_FIELD_CAST(MFVec3f)
 #undef VRML_FIELD_CAST
 
-    const char* typeName() const { return typeName(fieldType()); }
+                        const char* typeName() const {
+        return typeName(fieldType());
+    }
     static const char* typeName(int type);
     static VrmlFieldType typeFromName(const char* name);
     // Copies src into dst when both are of one class; false otherwise.
@@ -55,11 +88,11 @@ void VrmlWriteNumber(std::ostream& os, double v);
 void VrmlWriteNumber(std::ostream& os, float v);
 void VrmlWriteNumber(std::ostream& os, int32_t v);
 
-#define VRML_FIELD_OVERRIDES(T, E)                                                                 \
-    VrmlField* clone() const override { return new Vrml##T(*this); }                              \
-    std::ostream& print(std::ostream& os) const override;                                          \
-    VrmlFieldType fieldType() const override { return E; }                                        \
-    const Vrml##T* as##T() const override { return this; }                                        \
+#define VRML_FIELD_OVERRIDES(T, E)                                                                                     \
+    VrmlField* clone() const override { return new Vrml##T(*this); }                                                   \
+    std::ostream& print(std::ostream& os) const override;                                                              \
+    VrmlFieldType fieldType() const override { return E; }                                                             \
+    const Vrml##T* as##T() const override { return this; }                                                             \
     Vrml##T* as##T() override { return this; }
 
 class VrmlSFBool : public VrmlField {
@@ -77,7 +110,11 @@ public:
     VrmlSFColor(float r = 0, float g = 0, float b = 0) : d_rgb{r, g, b} {}
     VRML_FIELD_OVERRIDES(SFColor, SFCOLOR)
     const float* get() const { return d_rgb; }
-    void set(float r, float g, float b) { d_rgb[0] = r; d_rgb[1] = g; d_rgb[2] = b; }
+    void set(float r, float g, float b) {
+        d_rgb[0] = r;
+        d_rgb[1] = g;
+        d_rgb[2] = b;
+    }
     float r() const { return d_rgb[0]; }
     float g() const { return d_rgb[1]; }
     float b() const { return d_rgb[2]; }
@@ -118,7 +155,12 @@ public:
     float y() const { return d_x[1]; }
     float z() const { return d_x[2]; }
     float r() const { return d_x[3]; }
-    void set(float x, float y, float z, float r) { d_x[0] = x; d_x[1] = y; d_x[2] = z; d_x[3] = r; }
+    void set(float x, float y, float z, float r) {
+        d_x[0] = x;
+        d_x[1] = y;
+        d_x[2] = z;
+        d_x[3] = r;
+    }
     void invert() { d_x[3] = -d_x[3]; }
 private:
     float d_x[4];
@@ -141,15 +183,33 @@ public:
     const float* get() const { return d_x; }
     float x() const { return d_x[0]; }
     float y() const { return d_x[1]; }
-    void set(float x, float y) { d_x[0] = x; d_x[1] = y; }
-    void add(const VrmlSFVec2f& o) { d_x[0] += o.d_x[0]; d_x[1] += o.d_x[1]; }
-    void subtract(const VrmlSFVec2f& o) { d_x[0] -= o.d_x[0]; d_x[1] -= o.d_x[1]; }
-    void divide(float s) { d_x[0] /= s; d_x[1] /= s; }
-    void multiply(float s) { d_x[0] *= s; d_x[1] *= s; }
+    void set(float x, float y) {
+        d_x[0] = x;
+        d_x[1] = y;
+    }
+    void add(const VrmlSFVec2f& o) {
+        d_x[0] += o.d_x[0];
+        d_x[1] += o.d_x[1];
+    }
+    void subtract(const VrmlSFVec2f& o) {
+        d_x[0] -= o.d_x[0];
+        d_x[1] -= o.d_x[1];
+    }
+    void divide(float s) {
+        d_x[0] /= s;
+        d_x[1] /= s;
+    }
+    void multiply(float s) {
+        d_x[0] *= s;
+        d_x[1] *= s;
+    }
     float dot(const VrmlSFVec2f& o) const { return d_x[0] * o.d_x[0] + d_x[1] * o.d_x[1]; }
     float length() const;
     void normalize();
-    void negate() { d_x[0] = -d_x[0]; d_x[1] = -d_x[1]; }
+    void negate() {
+        d_x[0] = -d_x[0];
+        d_x[1] = -d_x[1];
+    }
 private:
     float d_x[2];
 };
@@ -162,7 +222,11 @@ public:
     float x() const { return d_x[0]; }
     float y() const { return d_x[1]; }
     float z() const { return d_x[2]; }
-    void set(float x, float y, float z) { d_x[0] = x; d_x[1] = y; d_x[2] = z; }
+    void set(float x, float y, float z) {
+        d_x[0] = x;
+        d_x[1] = y;
+        d_x[2] = z;
+    }
     void add(const VrmlSFVec3f& o);
     void subtract(const VrmlSFVec3f& o);
     void divide(float s);
@@ -224,27 +288,21 @@ private:
 };
 
 // Shared storage of the numeric MF values.
-template <class T>
-struct VrmlMFData {
+template <class T> struct VrmlMFData {
     int32_t d_refs = 1;
     std::vector<T> d_v; // the scalars
 };
 
-template <class T, int W>
-class VrmlMFNumeric : public VrmlField {
+template <class T, int W> class VrmlMFNumeric : public VrmlField {
 public:
     VrmlMFNumeric() : d_data(new VrmlMFData<T>) {}
     VrmlMFNumeric(size_t n, const T* src) : d_data(new VrmlMFData<T>) {
         if (n == 0) return;
-        if (src)
-            d_data->d_v.assign(src, src + n * W);
-        else
-            d_data->d_v.resize(n * W);
+        if (src) d_data->d_v.assign(src, src + n * W);
+        else d_data->d_v.resize(n * W);
     }
     // Adopts scalars (a whole number of elements) without copying them.
-    explicit VrmlMFNumeric(std::vector<T>&& scalars) : d_data(new VrmlMFData<T>) {
-        d_data->d_v = std::move(scalars);
-    }
+    explicit VrmlMFNumeric(std::vector<T>&& scalars) : d_data(new VrmlMFData<T>) { d_data->d_v = std::move(scalars); }
     VrmlMFNumeric(const VrmlMFNumeric& o) : VrmlField(o), d_data(o.d_data) { ++d_data->d_refs; }
     VrmlMFNumeric& operator=(const VrmlMFNumeric& o) {
         if (this == &o || d_data == o.d_data) return *this;
@@ -284,11 +342,11 @@ private:
     VrmlMFData<T>* d_data;
 };
 
-#define VRML_MF_NUMERIC(T, S, W, E)                                                                \
-    class Vrml##T : public VrmlMFNumeric<S, W> {                                                   \
-    public:                                                                                        \
-        using VrmlMFNumeric<S, W>::VrmlMFNumeric;                                                  \
-        VRML_FIELD_OVERRIDES(T, E)                                                                 \
+#define VRML_MF_NUMERIC(T, S, W, E)                                                                                    \
+    class Vrml##T : public VrmlMFNumeric<S, W> {                                                                       \
+    public:                                                                                                            \
+        using VrmlMFNumeric<S, W>::VrmlMFNumeric;                                                                      \
+        VRML_FIELD_OVERRIDES(T, E)                                                                                     \
     };
 
 VRML_MF_NUMERIC(MFColor, float, 3, MFCOLOR)

@@ -24,8 +24,16 @@ inline bool isSeparator(int c) { return c == ',' || (c >= 0 && c <= 0x20); }
 inline bool isIdRest(int c) {
     if (c <= 0x20 || c == 0x7f) return false;
     switch (c) {
-    case '"': case '#': case '\'': case ',': case '.': case '[': case '\\': case ']': case '{': case '}':
-        return false;
+    case '"':
+    case '#':
+    case '\'':
+    case ',':
+    case '.':
+    case '[':
+    case '\\':
+    case ']':
+    case '{':
+    case '}': return false;
     default: return true;
     }
 }
@@ -60,7 +68,8 @@ int vrmltok::tokenForFieldType(int t) {
 VrmlLexer::VrmlLexer(FILE* fp) : d_fp(fp), d_buffer(kBufferSize) {
     d_cur = d_end = d_buffer.data();
     struct stat st;
-    if (fp && fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode)) d_totalSize = static_cast<unsigned long long>(st.st_size);
+    if (fp && fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode))
+        d_totalSize = static_cast<unsigned long long>(st.st_size);
     if (!fp) d_eof = true;
 }
 
@@ -220,14 +229,10 @@ bool VrmlLexer::readInt(int32_t& out) {
     bool over = false;
     for (; p < d_end; ++p) {
         int c = static_cast<unsigned char>(*p), d;
-        if (c >= '0' && c <= '9')
-            d = c - '0';
-        else if (c >= 'a' && c <= 'f')
-            d = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F')
-            d = c - 'A' + 10;
-        else
-            break;
+        if (c >= '0' && c <= '9') d = c - '0';
+        else if (c >= 'a' && c <= 'f') d = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F') d = c - 'A' + 10;
+        else break;
         if (d >= base) break;
         if (!over) {
             if (v > (limit - static_cast<unsigned long long>(d)) / static_cast<unsigned long long>(base)) {
@@ -259,8 +264,7 @@ bool VrmlLexer::readDecimalInt(int64_t& out) {
     return true;
 }
 
-template <class T, class Read>
-bool VrmlLexer::readList(std::vector<T>& out, int width, Read read, bool& bracketed) {
+template <class T, class Read> bool VrmlLexer::readList(std::vector<T>& out, int width, Read read, bool& bracketed) {
     skipSeparators();
     bracketed = peekc() == '[';
     if (!bracketed) {
@@ -295,21 +299,23 @@ std::unique_ptr<VrmlField> VrmlLexer::scanImage() {
     if (!readDecimalInt(h)) return nullptr;
     skipSeparators();
     if (!readDecimalInt(nc)) return nullptr;
-    unsigned long long consumed = d_consumedBefore + static_cast<unsigned long long>(d_cur - (d_fp ? d_buffer.data() : d_cur));
+    unsigned long long consumed =
+        d_consumedBefore + static_cast<unsigned long long>(d_cur - (d_fp ? d_buffer.data() : d_cur));
     unsigned long long remaining = d_totalSize > consumed ? d_totalSize - consumed : 0;
     if (!d_fp) remaining = static_cast<unsigned long long>(d_end - d_cur);
     if (d_fp && d_totalSize == 0) remaining = 1ull << 26; // a pipe: unknown length
     // Each pixel needs at least one character of text, so the input bounds the size.
     // 0 components is PixelTexture's own empty default ("0 0 0").
-    if (w < 0 || h < 0 || nc < 0 || nc > 4 || (w && h > static_cast<int64_t>(remaining / static_cast<unsigned long long>(w))) ||
+    if (w < 0 || h < 0 || nc < 0 || nc > 4 ||
+        (w && h > static_cast<int64_t>(remaining / static_cast<unsigned long long>(w))) ||
         static_cast<unsigned long long>(w * h) > remaining || w * h * nc > std::numeric_limits<int32_t>::max()) {
         report("invalid SFImage size");
         // Step over the pixel numbers so the rest of the node still reads.
         for (;;) {
             skipSeparators();
             int c = peekc();
-            if (c < 0 || !(isDigit(c) || c == '+' || c == '-' || c == 'x' || c == 'X' ||
-                           (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F')))
+            if (c < 0 || !(isDigit(c) || c == '+' || c == '-' || c == 'x' || c == 'X' || (c >= 'a' && c <= 'f') ||
+                           (c >= 'A' && c <= 'F')))
                 break;
             if (!isDigit(c) && c != '+' && c != '-') break;
             while ((c = peekc()) >= 0 && (std::isxdigit(c) || c == 'x' || c == 'X' || c == '+' || c == '-')) ++d_cur;
@@ -331,10 +337,8 @@ std::unique_ptr<VrmlField> VrmlLexer::scanImage() {
         for (int64_t k = 1; k < nc; ++k) px[k] = 0;
     }
     auto img = std::make_unique<VrmlSFImage>();
-    if (size)
-        img->adopt(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), bytes.release());
-    else
-        img->set(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), nullptr);
+    if (size) img->adopt(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), bytes.release());
+    else img->set(static_cast<int32_t>(w), static_cast<int32_t>(h), static_cast<int32_t>(nc), nullptr);
     return img;
 }
 
@@ -348,7 +352,8 @@ int VrmlLexer::scanValue(int token) {
         return IS;
     }
     auto floats = [this](int width, std::vector<float>& v, bool& br) {
-        return readList(v, width, [this](float& f) { return readFloat(f); }, br);
+        return readList(
+            v, width, [this](float& f) { return readFloat(f); }, br);
     };
     bool br = false;
     switch (token) {
@@ -361,7 +366,11 @@ int VrmlLexer::scanValue(int token) {
             d_value = std::make_unique<VrmlSFBool>(false);
         }
         return token;
-    case SFCOLOR: case SFFLOAT: case SFROTATION: case SFVEC2F: case SFVEC3F: {
+    case SFCOLOR:
+    case SFFLOAT:
+    case SFROTATION:
+    case SFVEC2F:
+    case SFVEC3F: {
         int n = token == SFFLOAT ? 1 : token == SFVEC2F ? 2 : token == SFROTATION ? 4 : 3;
         float v[4];
         for (int i = 0; i < n; ++i) {
@@ -396,9 +405,7 @@ int VrmlLexer::scanValue(int token) {
         d_value = std::make_unique<VrmlSFString>(d_text.c_str());
         return token;
     }
-    case SFIMAGE:
-        d_value = scanImage();
-        return token;
+    case SFIMAGE: d_value = scanImage(); return token;
     case MFSTRING: {
         auto mf = std::make_unique<VrmlMFString>();
         bool bracketed = peekc() == '[';
@@ -423,7 +430,8 @@ int VrmlLexer::scanValue(int token) {
     }
     case MFINT32: {
         std::vector<int32_t> v;
-        if (!readList(v, 1, [this](int32_t& i) { return readInt(i); }, br)) {
+        if (!readList(
+                v, 1, [this](int32_t& i) { return readInt(i); }, br)) {
             if (br) return OTHER;
             return token;
         }
@@ -433,7 +441,11 @@ int VrmlLexer::scanValue(int token) {
         d_value = std::make_unique<VrmlMFInt>(std::move(v));
         return token;
     }
-    case MFCOLOR: case MFFLOAT: case MFROTATION: case MFVEC2F: case MFVEC3F: {
+    case MFCOLOR:
+    case MFFLOAT:
+    case MFROTATION:
+    case MFVEC2F:
+    case MFVEC3F: {
         int width = token == MFFLOAT ? 1 : token == MFVEC2F ? 2 : token == MFROTATION ? 4 : 3;
         std::vector<float> v;
         if (!floats(width, v, br)) {
@@ -462,7 +474,10 @@ int VrmlLexer::scanNormal() {
     int c = peekc();
     if (c < 0) return END;
     switch (c) {
-    case '{': case '}': case '[': case ']': ++d_cur; return c;
+    case '{':
+    case '}':
+    case '[':
+    case ']': ++d_cur; return c;
     case '"': readString(d_text); return STRING;
     default: break;
     }
@@ -470,7 +485,8 @@ int VrmlLexer::scanNormal() {
         d_text.clear();
         for (;;) {
             int d = peekc();
-            if (d < 0 || !(isDigit(d) || (d >= 'a' && d <= 'z') || (d >= 'A' && d <= 'Z') || d == '.' || d == '+' || d == '-'))
+            if (d < 0 ||
+                !(isDigit(d) || (d >= 'a' && d <= 'z') || (d >= 'A' && d <= 'Z') || d == '.' || d == '+' || d == '-'))
                 break;
             d_text.push_back(static_cast<char>(d));
             ++d_cur;
@@ -490,10 +506,12 @@ int VrmlLexer::scanNormal() {
         const char* word;
         int token;
     };
-    static const Kw kKeywords[] = {{"DEF", DEF}, {"USE", USE}, {"PROTO", PROTO}, {"EXTERNPROTO", EXTERNPROTO},
-                                   {"TO", TO}, {"IS", IS}, {"ROUTE", ROUTE}, {"NULL", SFN_NULL},
-                                   {"eventIn", EVENTIN}, {"eventOut", EVENTOUT}, {"field", FIELD},
-                                   {"exposedField", EXPOSEDFIELD}};
+    static const Kw kKeywords[] = {{"DEF", DEF},         {"USE", USE},
+                                   {"PROTO", PROTO},     {"EXTERNPROTO", EXTERNPROTO},
+                                   {"TO", TO},           {"IS", IS},
+                                   {"ROUTE", ROUTE},     {"NULL", SFN_NULL},
+                                   {"eventIn", EVENTIN}, {"eventOut", EVENTOUT},
+                                   {"field", FIELD},     {"exposedField", EXPOSEDFIELD}};
     for (const Kw& k : kKeywords)
         if (d_text == k.word) return k.token;
     return IDENTIFIER;

@@ -43,10 +43,13 @@ bool VrmlPrintWasCut() { return g_printCut; }
 void VrmlWriteEmptyValue(std::ostream& os, int type) {
     switch (type) {
     case VrmlField::SFBOOL: os << "FALSE"; break;
-    case VrmlField::SFCOLOR: case VrmlField::SFVEC3F: os << "0 0 0"; break;
+    case VrmlField::SFCOLOR:
+    case VrmlField::SFVEC3F: os << "0 0 0"; break;
     case VrmlField::SFROTATION: os << "0 0 1 0"; break;
     case VrmlField::SFVEC2F: os << "0 0"; break;
-    case VrmlField::SFFLOAT: case VrmlField::SFINT32: case VrmlField::SFTIME: os << "0"; break;
+    case VrmlField::SFFLOAT:
+    case VrmlField::SFINT32:
+    case VrmlField::SFTIME: os << "0"; break;
     case VrmlField::SFSTRING: os << "\"\""; break;
     case VrmlField::SFIMAGE: os << "0 0 1"; break;
     case VrmlField::SFNODE: os << "NULL"; break;
@@ -58,8 +61,7 @@ VrmlNode::VrmlNode(VrmlNodeType* type, VrmlScene* scene) : d_type(type), d_scene
     if (d_type) d_type->reference();
 }
 
-VrmlNode::VrmlNode(const VrmlNode& o)
-    : d_type(o.d_type), d_name(o.d_name), d_routes(o.d_routes) {
+VrmlNode::VrmlNode(const VrmlNode& o) : d_type(o.d_type), d_name(o.d_name), d_routes(o.d_routes) {
     if (d_type) d_type->reference();
 }
 
@@ -300,7 +302,7 @@ void VrmlNode::emit(double timeStamp, const char* eventOutName, const VrmlField&
 
 std::ostream& VrmlNode::print(std::ostream& os, int indent) const {
     if (g_printDepth == 0 && !g_printLimited) g_printCut = false; // a print of its own
-    if (!os.good()) g_printCut = true; // nothing more can be written: stop walking
+    if (!os.good()) g_printCut = true;                            // nothing more can be written: stop walking
     if (g_printCut) return os;
     if (d_printing && !d_name.empty()) {
         // Only a node that holds itself (through a Script's IS) gets here.
@@ -340,10 +342,8 @@ void VrmlNode::printValue(std::ostream& os, int indent, const VrmlField& value) 
         if (!bare) os << '[';
         for (size_t i = 0; i < mf->size(); ++i) {
             os << '\n';
-            if ((*mf)[i])
-                (*mf)[i]->print(os, indent + 4);
-            else
-                writeIndent(os, indent + 4), os << "NULL";
+            if ((*mf)[i]) (*mf)[i]->print(os, indent + 4);
+            else writeIndent(os, indent + 4), os << "NULL";
         }
         if (!bare) {
             os << '\n';

@@ -18,15 +18,16 @@ class VrmlNodeType;
 class VrmlScene;
 
 // Every standard node class, by the suffix of its class name (VrmlNode<Suffix>).
-#define VRML_NODE_CLASSES(X)                                                                       \
-    X(Anchor) X(Appearance) X(AudioClip) X(Background) X(Billboard) X(Box) X(Collision) X(Color)   \
-    X(ColorInt) X(Cone) X(Coordinate) X(CoordinateInt) X(Cylinder) X(CylinderSensor) X(DirLight)   \
-    X(ElevationGrid) X(Extrusion) X(Fog) X(FontStyle) X(Group) X(ImageTexture) X(IFaceSet)         \
-    X(ILineSet) X(Inline) X(LOD) X(Material) X(MovieTexture) X(NavigationInfo) X(Normal)           \
-    X(NormalInt) X(OrientationInt) X(PixelTexture) X(PlaneSensor) X(PointLight) X(PointSet)        \
-    X(PositionInt) X(ProximitySensor) X(ScalarInt) X(Script) X(Shape) X(Sound) X(Sphere)           \
-    X(SphereSensor) X(SpotLight) X(Switch) X(Text) X(TextureCoordinate) X(TextureTransform)        \
-    X(TimeSensor) X(TouchSensor) X(Transform) X(Viewpoint) X(VisibilitySensor) X(WorldInfo)
+#define VRML_NODE_CLASSES(X)                                                                                           \
+    X(Anchor)                                                                                                          \
+    X(Appearance) X(AudioClip) X(Background) X(Billboard) X(Box) X(Collision) X(Color) X(ColorInt) X(Cone)             \
+        X(Coordinate) X(CoordinateInt) X(Cylinder) X(CylinderSensor) X(DirLight) X(ElevationGrid) X(Extrusion) X(Fog)  \
+            X(FontStyle) X(Group) X(ImageTexture) X(IFaceSet) X(ILineSet) X(Inline) X(LOD) X(Material) X(MovieTexture) \
+                X(NavigationInfo) X(Normal) X(NormalInt) X(OrientationInt) X(PixelTexture) X(PlaneSensor)              \
+                    X(PointLight) X(PointSet) X(PositionInt) X(ProximitySensor) X(ScalarInt) X(Script) X(Shape)        \
+                        X(Sound) X(Sphere) X(SphereSensor) X(SpotLight) X(Switch) X(Text) X(TextureCoordinate)         \
+                            X(TextureTransform) X(TimeSensor) X(TouchSensor) X(Transform) X(Viewpoint)                 \
+                                X(VisibilitySensor) X(WorldInfo)
 
 // Intermediate kinds that are not concrete node types of their own.
 #define VRML_NODE_KINDS(X) X(Child) X(Geometry) X(Texture) X(Light) X(IndexedSet) X(Proto)
@@ -69,8 +70,8 @@ public:
     virtual void cloneChildrenInto(VrmlNamespace* ns);
     virtual VrmlNode* cloneMe() const = 0;
 
-#define VRML_CAST(S)                                                                               \
-    virtual const VrmlNode##S* as##S() const { return nullptr; }                                  \
+#define VRML_CAST(S)                                                                                                   \
+    virtual const VrmlNode##S* as##S() const { return nullptr; }                                                       \
     virtual VrmlNode##S* as##S() { return nullptr; }
     VRML_NODE_KINDS(VRML_CAST)
     VRML_NODE_CLASSES(VRML_CAST)
@@ -91,7 +92,10 @@ public:
     // Node-valued fields, for traversals; PROTO instances give their clones.
     virtual void visitChildren(const std::function<void(VrmlNode*)>& f);
 
-    VrmlNode* addRef() { ++d_refCount; return this; }
+    VrmlNode* addRef() {
+        ++d_refCount;
+        return this;
+    }
     VrmlNode* reference() { return addRef(); }
     void release();
     void dereference() { release(); }
@@ -154,82 +158,81 @@ void VrmlWriteEmptyValue(std::ostream& os, int type);
 
 // ---- class boilerplate generated from each class's interface table
 
-template <class N, auto M>
-VrmlField* VrmlMemberOf(VrmlNode& n) {
-    return &(static_cast<N&>(n).*M);
-}
+template <class N, auto M> VrmlField* VrmlMemberOf(VrmlNode& n) { return &(static_cast<N&>(n).*M); }
 
-#define VRML_NODE_COMMON(Cls, Base)                                                                \
-public:                                                                                            \
-    static VrmlNodeType* defineType(VrmlNodeType* t = nullptr);                                    \
-    static const VrmlFieldSpec s_fields[];                                                          \
-    static const size_t s_fieldCount;                                                               \
-    void setField(const char* fieldName, const VrmlField& value) override;                          \
-    const VrmlField* getField(const char* fieldName) const override;                               \
-    void visitFields(const FieldVisitor& v) override;                                              \
-    std::ostream& printFields(std::ostream& os, int indent) const override;                         \
-                                                                                                   \
-protected:                                                                                         \
-    Cls(VrmlNodeType* t, VrmlScene* s) : Base(t, s) {}                                             \
-                                                                                                   \
+#define VRML_NODE_COMMON(Cls, Base)                                                                                    \
+public:                                                                                                                \
+    static VrmlNodeType* defineType(VrmlNodeType* t = nullptr);                                                        \
+    static const VrmlFieldSpec s_fields[];                                                                             \
+    static const size_t s_fieldCount;                                                                                  \
+    void setField(const char* fieldName, const VrmlField& value) override;                                             \
+    const VrmlField* getField(const char* fieldName) const override;                                                   \
+    void visitFields(const FieldVisitor& v) override;                                                                  \
+    std::ostream& printFields(std::ostream& os, int indent) const override;                                            \
+                                                                                                                       \
+protected:                                                                                                             \
+    Cls(VrmlNodeType* t, VrmlScene* s) : Base(t, s) {}                                                                 \
+                                                                                                                       \
 public:
 
 // A concrete node type (name is the VRML type name).
-#define VRML_NODE(Cls, Suffix, Base)                                                               \
-    VRML_NODE_COMMON(Cls, Base)                                                                    \
-    explicit Cls(VrmlScene* s = nullptr) : Cls(defineType(), s) {}                                 \
-    static VrmlNode* creator(VrmlScene* s) { return new Cls(s); }                                  \
-    VrmlNode* cloneMe() const override { return new Cls(*this); }                                  \
-    const Cls* as##Suffix() const override { return this; }                                       \
+#define VRML_NODE(Cls, Suffix, Base)                                                                                   \
+    VRML_NODE_COMMON(Cls, Base)                                                                                        \
+    explicit Cls(VrmlScene* s = nullptr) : Cls(defineType(), s) {}                                                     \
+    static VrmlNode* creator(VrmlScene* s) { return new Cls(s); }                                                      \
+    VrmlNode* cloneMe() const override { return new Cls(*this); }                                                      \
+    const Cls* as##Suffix() const override { return this; }                                                            \
     Cls* as##Suffix() override { return this; }
 
 // An intermediate base that only marks a kind.
-#define VRML_NODE_KIND(Cls, Suffix, Base)                                                          \
-    VRML_NODE_COMMON(Cls, Base)                                                                    \
-    const Cls* as##Suffix() const override { return this; }                                       \
+#define VRML_NODE_KIND(Cls, Suffix, Base)                                                                              \
+    VRML_NODE_COMMON(Cls, Base)                                                                                        \
+    const Cls* as##Suffix() const override { return this; }                                                            \
     Cls* as##Suffix() override { return this; }
 
 // In the .cpp: the table and the functions made from it.
-#define VRML_F(Cls, kind, T, name) {#name, VrmlInterfaceKind::kind, VrmlField::T, &VrmlMemberOf<Cls, &Cls::d_##name>}
-#define VRML_E(kind, T, name) {#name, VrmlInterfaceKind::kind, VrmlField::T, nullptr}
+#define VRML_F(Cls, kind, T, name)                                                                                     \
+    { #name, VrmlInterfaceKind::kind, VrmlField::T, &VrmlMemberOf < Cls, &Cls::d_##name> }
+#define VRML_E(kind, T, name)                                                                                          \
+    { #name, VrmlInterfaceKind::kind, VrmlField::T, nullptr }
 
-#define VRML_NODE_IMPL_COMMON(Cls, Base)                                                           \
-    const size_t Cls::s_fieldCount = sizeof(Cls::s_fields) / sizeof(Cls::s_fields[0]);             \
-    void Cls::setField(const char* n, const VrmlField& v) {                                        \
-        if (!setFieldFromTable(s_fields, s_fieldCount, n, v)) Base::setField(n, v);                \
-    }                                                                                              \
-    const VrmlField* Cls::getField(const char* n) const {                                          \
-        const VrmlField* f = getFieldFromTable(s_fields, s_fieldCount, n);                         \
-        return f ? f : Base::getField(n);                                                          \
-    }                                                                                              \
-    void Cls::visitFields(const FieldVisitor& v) {                                                 \
-        Base::visitFields(v);                                                                      \
-        visitTable(s_fields, s_fieldCount, v);                                                     \
-    }                                                                                              \
-    std::ostream& Cls::printFields(std::ostream& os, int indent) const {                           \
-        if constexpr (!std::is_same_v<Base, VrmlNode>) Base::printFields(os, indent);             \
-        return printTable(os, indent, s_fields, s_fieldCount);                                     \
+#define VRML_NODE_IMPL_COMMON(Cls, Base)                                                                               \
+    const size_t Cls::s_fieldCount = sizeof(Cls::s_fields) / sizeof(Cls::s_fields[0]);                                 \
+    void Cls::setField(const char* n, const VrmlField& v) {                                                            \
+        if (!setFieldFromTable(s_fields, s_fieldCount, n, v)) Base::setField(n, v);                                    \
+    }                                                                                                                  \
+    const VrmlField* Cls::getField(const char* n) const {                                                              \
+        const VrmlField* f = getFieldFromTable(s_fields, s_fieldCount, n);                                             \
+        return f ? f : Base::getField(n);                                                                              \
+    }                                                                                                                  \
+    void Cls::visitFields(const FieldVisitor& v) {                                                                     \
+        Base::visitFields(v);                                                                                          \
+        visitTable(s_fields, s_fieldCount, v);                                                                         \
+    }                                                                                                                  \
+    std::ostream& Cls::printFields(std::ostream& os, int indent) const {                                               \
+        if constexpr (!std::is_same_v<Base, VrmlNode>) Base::printFields(os, indent);                                  \
+        return printTable(os, indent, s_fields, s_fieldCount);                                                         \
     }
 
-#define VRML_NODE_IMPL(Cls, Base, TypeName)                                                        \
-    VRML_NODE_IMPL_COMMON(Cls, Base)                                                               \
-    VrmlNodeType* Cls::defineType(VrmlNodeType* t) {                                               \
-        static VrmlNodeType* s_type = nullptr;                                                     \
-        if (!t) {                                                                                  \
-            if (s_type) return s_type;                                                             \
-            t = s_type = VrmlNewBuiltinType(TypeName, &Cls::creator);                              \
-        }                                                                                          \
-        Base::defineType(t);                                                                       \
-        declareTable(t, s_fields, s_fieldCount);                                                   \
-        return t;                                                                                  \
+#define VRML_NODE_IMPL(Cls, Base, TypeName)                                                                            \
+    VRML_NODE_IMPL_COMMON(Cls, Base)                                                                                   \
+    VrmlNodeType* Cls::defineType(VrmlNodeType* t) {                                                                   \
+        static VrmlNodeType* s_type = nullptr;                                                                         \
+        if (!t) {                                                                                                      \
+            if (s_type) return s_type;                                                                                 \
+            t = s_type = VrmlNewBuiltinType(TypeName, &Cls::creator);                                                  \
+        }                                                                                                              \
+        Base::defineType(t);                                                                                           \
+        declareTable(t, s_fields, s_fieldCount);                                                                       \
+        return t;                                                                                                      \
     }
 
-#define VRML_NODE_KIND_IMPL(Cls, Base)                                                             \
-    VRML_NODE_IMPL_COMMON(Cls, Base)                                                               \
-    VrmlNodeType* Cls::defineType(VrmlNodeType* t) {                                               \
-        Base::defineType(t);                                                                       \
-        declareTable(t, s_fields, s_fieldCount);                                                   \
-        return t;                                                                                  \
+#define VRML_NODE_KIND_IMPL(Cls, Base)                                                                                 \
+    VRML_NODE_IMPL_COMMON(Cls, Base)                                                                                   \
+    VrmlNodeType* Cls::defineType(VrmlNodeType* t) {                                                                   \
+        Base::defineType(t);                                                                                           \
+        declareTable(t, s_fields, s_fieldCount);                                                                       \
+        return t;                                                                                                      \
     }
 
 // A process-lifetime built-in type (held by its class's cache).

@@ -63,10 +63,8 @@ void VrmlNodeGroup::eventIn(double timeStamp, const char* eventName, const VrmlF
             theSystem->error("VrmlNodeGroup.%s %s eventIn invalid field type.\n", name(), eventName);
             return;
         }
-        if (add)
-            addChildren(*nodes);
-        else
-            removeChildren(*nodes);
+        if (add) addChildren(*nodes);
+        else removeChildren(*nodes);
         return;
     }
     VrmlNode::eventIn(timeStamp, eventName, value);
@@ -90,4 +88,3 @@ void VrmlNodeLight::addToScene(VrmlScene* scene, const char* relativeUrl) {
         scene->addToLists(this);
     }
 }
-

@@ -145,7 +145,8 @@ void VrmlNodeProto::eventIn(double timeStamp, const char* eventName, const VrmlF
     }
     const auto* maps = d_type->getEventInISMap(eventName);
     if (!maps || maps->empty()) {
-        std::string alt = std::strncmp(eventName, "set_", 4) == 0 ? std::string(eventName + 4) : "set_" + std::string(eventName);
+        std::string alt =
+            std::strncmp(eventName, "set_", 4) == 0 ? std::string(eventName + 4) : "set_" + std::string(eventName);
         maps = d_type->getEventInISMap(alt.c_str());
     }
     if (!maps || maps->empty()) {

@@ -1,5 +1,5 @@
-#include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlNodes.h"
 
 // Interface tables of the standard node types, in declaration order.
 // Generated once from the node catalogue; edit by hand from here on.
@@ -97,10 +97,8 @@ const VrmlFieldSpec VrmlNodeCoordinateInt::s_fields[] = {
 VRML_NODE_IMPL(VrmlNodeCoordinateInt, VrmlNodeChild, "CoordinateInterpolator")
 
 const VrmlFieldSpec VrmlNodeCylinder::s_fields[] = {
-    VRML_F(VrmlNodeCylinder, Field, SFBOOL, bottom),
-    VRML_F(VrmlNodeCylinder, Field, SFFLOAT, height),
-    VRML_F(VrmlNodeCylinder, Field, SFFLOAT, radius),
-    VRML_F(VrmlNodeCylinder, Field, SFBOOL, side),
+    VRML_F(VrmlNodeCylinder, Field, SFBOOL, bottom),  VRML_F(VrmlNodeCylinder, Field, SFFLOAT, height),
+    VRML_F(VrmlNodeCylinder, Field, SFFLOAT, radius), VRML_F(VrmlNodeCylinder, Field, SFBOOL, side),
     VRML_F(VrmlNodeCylinder, Field, SFBOOL, top),
 };
 VRML_NODE_IMPL(VrmlNodeCylinder, VrmlNodeGeometry, "Cylinder")
@@ -169,14 +167,10 @@ const VrmlFieldSpec VrmlNodeFog::s_fields[] = {
 VRML_NODE_IMPL(VrmlNodeFog, VrmlNodeChild, "Fog")
 
 const VrmlFieldSpec VrmlNodeFontStyle::s_fields[] = {
-    VRML_F(VrmlNodeFontStyle, Field, MFSTRING, family),
-    VRML_F(VrmlNodeFontStyle, Field, SFBOOL, horizontal),
-    VRML_F(VrmlNodeFontStyle, Field, MFSTRING, justify),
-    VRML_F(VrmlNodeFontStyle, Field, SFSTRING, language),
-    VRML_F(VrmlNodeFontStyle, Field, SFBOOL, leftToRight),
-    VRML_F(VrmlNodeFontStyle, Field, SFFLOAT, size),
-    VRML_F(VrmlNodeFontStyle, Field, SFFLOAT, spacing),
-    VRML_F(VrmlNodeFontStyle, Field, SFSTRING, style),
+    VRML_F(VrmlNodeFontStyle, Field, MFSTRING, family),    VRML_F(VrmlNodeFontStyle, Field, SFBOOL, horizontal),
+    VRML_F(VrmlNodeFontStyle, Field, MFSTRING, justify),   VRML_F(VrmlNodeFontStyle, Field, SFSTRING, language),
+    VRML_F(VrmlNodeFontStyle, Field, SFBOOL, leftToRight), VRML_F(VrmlNodeFontStyle, Field, SFFLOAT, size),
+    VRML_F(VrmlNodeFontStyle, Field, SFFLOAT, spacing),    VRML_F(VrmlNodeFontStyle, Field, SFSTRING, style),
     VRML_F(VrmlNodeFontStyle, Field, SFBOOL, topToBottom),
 };
 VRML_NODE_IMPL(VrmlNodeFontStyle, VrmlNode, "FontStyle")
@@ -346,7 +340,6 @@ VRML_NODE_IMPL(VrmlNodeScalarInt, VrmlNodeChild, "ScalarInterpolator")
 
 // Script's table is in VrmlNodes.cpp with its per-instance interface.
 
-
 const VrmlFieldSpec VrmlNodeShape::s_fields[] = {
     VRML_F(VrmlNodeShape, ExposedField, SFNODE, appearance),
     VRML_F(VrmlNodeShape, ExposedField, SFNODE, geometry),
@@ -354,16 +347,11 @@ const VrmlFieldSpec VrmlNodeShape::s_fields[] = {
 VRML_NODE_IMPL(VrmlNodeShape, VrmlNodeChild, "Shape")
 
 const VrmlFieldSpec VrmlNodeSound::s_fields[] = {
-    VRML_F(VrmlNodeSound, ExposedField, SFVEC3F, direction),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, intensity),
-    VRML_F(VrmlNodeSound, ExposedField, SFVEC3F, location),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, maxBack),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, maxFront),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, minBack),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, minFront),
-    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, priority),
-    VRML_F(VrmlNodeSound, ExposedField, SFNODE, source),
-    VRML_F(VrmlNodeSound, Field, SFBOOL, spatialize),
+    VRML_F(VrmlNodeSound, ExposedField, SFVEC3F, direction), VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, intensity),
+    VRML_F(VrmlNodeSound, ExposedField, SFVEC3F, location),  VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, maxBack),
+    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, maxFront),  VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, minBack),
+    VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, minFront),  VRML_F(VrmlNodeSound, ExposedField, SFFLOAT, priority),
+    VRML_F(VrmlNodeSound, ExposedField, SFNODE, source),     VRML_F(VrmlNodeSound, Field, SFBOOL, spatialize),
 };
 VRML_NODE_IMPL(VrmlNodeSound, VrmlNodeChild, "Sound")
 

@@ -32,7 +32,10 @@ public:
     VrmlNodeType(const VrmlNodeType&) = delete;
     VrmlNodeType& operator=(const VrmlNodeType&) = delete;
 
-    VrmlNodeType* reference() { ++d_refCount; return this; }
+    VrmlNodeType* reference() {
+        ++d_refCount;
+        return this;
+    }
     void dereference();
 
     const char* getName() const { return d_name.c_str(); }

@@ -14,26 +14,24 @@
 
 // ---- bindable nodes
 
-#define VRML_BINDABLE_IMPL(Cls, Kind)                                                          \
-    void Cls::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {           \
-        if (std::strcmp(eventName, "set_bind") == 0) {                                             \
-            const VrmlSFBool* b = value ? value->asSFBool() : nullptr;                            \
-            if (!b) {                                                                              \
-                theSystem->error("Error: invalid value for " #Kind "::set_bind eventIn");         \
-                return;                                                                            \
-            }                                                                                      \
-            if (d_scene)                                                                           \
-                d_scene->bind##Kind(this, b->get(), timeStamp);                                  \
-            else                                                                                   \
-                d_isBound.set(b->get());                                                           \
-            return;                                                                                \
-        }                                                                                          \
-        VrmlNode::eventIn(timeStamp, eventName, value);                                            \
-    }                                                                                              \
-    void Cls::addToScene(VrmlScene* scene, const char* relativeUrl) {                              \
-        if (!scene || d_scene == scene) return;                                                    \
-        VrmlNode::addToScene(scene, relativeUrl);                                                  \
-        scene->addToLists(this);                                                                   \
+#define VRML_BINDABLE_IMPL(Cls, Kind)                                                                                  \
+    void Cls::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {                               \
+        if (std::strcmp(eventName, "set_bind") == 0) {                                                                 \
+            const VrmlSFBool* b = value ? value->asSFBool() : nullptr;                                                 \
+            if (!b) {                                                                                                  \
+                theSystem->error("Error: invalid value for " #Kind "::set_bind eventIn");                              \
+                return;                                                                                                \
+            }                                                                                                          \
+            if (d_scene) d_scene->bind##Kind(this, b->get(), timeStamp);                                               \
+            else d_isBound.set(b->get());                                                                              \
+            return;                                                                                                    \
+        }                                                                                                              \
+        VrmlNode::eventIn(timeStamp, eventName, value);                                                                \
+    }                                                                                                                  \
+    void Cls::addToScene(VrmlScene* scene, const char* relativeUrl) {                                                  \
+        if (!scene || d_scene == scene) return;                                                                        \
+        VrmlNode::addToScene(scene, relativeUrl);                                                                      \
+        scene->addToLists(this);                                                                                       \
     }
 
 VRML_BINDABLE_IMPL(VrmlNodeBackground, Background)
@@ -43,11 +41,11 @@ VRML_BINDABLE_IMPL(VrmlNodeViewpoint, Viewpoint)
 
 // ---- nodes that register with the scene
 
-#define VRML_REGISTERED_IMPL(Cls)                                                                  \
-    void Cls::addToScene(VrmlScene* scene, const char* relativeUrl) {                              \
-        if (!scene || d_scene == scene) return;                                                    \
-        VrmlNode::addToScene(scene, relativeUrl);                                                  \
-        scene->addToLists(this);                                                                   \
+#define VRML_REGISTERED_IMPL(Cls)                                                                                      \
+    void Cls::addToScene(VrmlScene* scene, const char* relativeUrl) {                                                  \
+        if (!scene || d_scene == scene) return;                                                                        \
+        VrmlNode::addToScene(scene, relativeUrl);                                                                      \
+        scene->addToLists(this);                                                                                       \
     }
 
 VRML_REGISTERED_IMPL(VrmlNodeAudioClip)
@@ -86,8 +84,7 @@ bool keyInterval(const VrmlMFFloat& key, float f, size_t& i, float& t) {
 }
 
 // Element i and i+1 of an array of width w, clamped to what exists.
-template <class MF>
-bool lerpElements(const MF& values, size_t i, float t, int w, float* out) {
+template <class MF> bool lerpElements(const MF& values, size_t i, float t, int w, float* out) {
     size_t n = values.size();
     if (n == 0) return false;
     if (i >= n) i = n - 1;
@@ -110,17 +107,17 @@ bool checkFraction(const VrmlNode& n, const char* eventName, const VrmlField* va
 
 } // namespace
 
-#define VRML_INTERPOLATOR_EVENT(Cls, Body)                                                         \
-    void Cls::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {           \
-        if (std::strcmp(eventName, "set_fraction") != 0) {                                         \
-            VrmlNode::eventIn(timeStamp, eventName, value);                                        \
-            return;                                                                                \
-        }                                                                                          \
-        float f;                                                                                   \
-        size_t i;                                                                                  \
-        float t;                                                                                   \
-        if (!checkFraction(*this, eventName, value, f) || !keyInterval(d_key, f, i, t)) return;    \
-        Body emit(timeStamp, "value_changed", d_value);                                            \
+#define VRML_INTERPOLATOR_EVENT(Cls, Body)                                                                             \
+    void Cls::eventIn(double timeStamp, const char* eventName, const VrmlField* value) {                               \
+        if (std::strcmp(eventName, "set_fraction") != 0) {                                                             \
+            VrmlNode::eventIn(timeStamp, eventName, value);                                                            \
+            return;                                                                                                    \
+        }                                                                                                              \
+        float f;                                                                                                       \
+        size_t i;                                                                                                      \
+        float t;                                                                                                       \
+        if (!checkFraction(*this, eventName, value, f) || !keyInterval(d_key, f, i, t)) return;                        \
+        Body emit(timeStamp, "value_changed", d_value);                                                                \
     }
 
 VRML_INTERPOLATOR_EVENT(VrmlNodeScalarInt, {
@@ -234,9 +231,22 @@ void rotate(Mat m, const float* axisAngle, double sign) {
     y /= len;
     z /= len;
     double c = std::cos(a), s = std::sin(a), t = 1 - c;
-    Mat r = {t * x * x + c,     t * x * y - s * z, t * x * z + s * y, 0, t * x * y + s * z, t * y * y + c,
-             t * y * z - s * x, 0,                 t * x * z - s * y, t * y * z + s * x, t * z * z + c, 0,
-             0,                 0,                 0,                 1};
+    Mat r = {t * x * x + c,
+             t * x * y - s * z,
+             t * x * z + s * y,
+             0,
+             t * x * y + s * z,
+             t * y * y + c,
+             t * y * z - s * x,
+             0,
+             t * x * z - s * y,
+             t * y * z + s * x,
+             t * z * z + c,
+             0,
+             0,
+             0,
+             0,
+             1};
     multiply(m, r);
 }
 
@@ -334,7 +344,8 @@ const VrmlNodeScript::Interface* VrmlNodeScript::find(const char* name, VrmlInte
 }
 
 void VrmlNodeScript::addEventIn(const char* name, VrmlField::VrmlFieldType type) {
-    if (!find(name, VrmlInterfaceKind::EventIn)) d_interfaces.push_back({name, VrmlInterfaceKind::EventIn, type, nullptr});
+    if (!find(name, VrmlInterfaceKind::EventIn))
+        d_interfaces.push_back({name, VrmlInterfaceKind::EventIn, type, nullptr});
 }
 void VrmlNodeScript::addEventOut(const char* name, VrmlField::VrmlFieldType type) {
     if (!find(name, VrmlInterfaceKind::EventOut))
@@ -390,14 +401,14 @@ std::ostream& VrmlNodeScript::printFields(std::ostream& os, int indent) const {
     for (const Interface& i : d_interfaces) {
         os << '\n';
         for (int k = 0; k < indent; ++k) os << ' ';
-        const char* kw = i.kind == VrmlInterfaceKind::EventIn ? "eventIn" : i.kind == VrmlInterfaceKind::EventOut ? "eventOut" : "field";
+        const char* kw = i.kind == VrmlInterfaceKind::EventIn    ? "eventIn"
+                         : i.kind == VrmlInterfaceKind::EventOut ? "eventOut"
+                                                                 : "field";
         os << kw << ' ' << VrmlField::typeName(i.type) << ' ' << i.name;
         if (i.kind == VrmlInterfaceKind::Field) {
             os << ' ';
-            if (i.value)
-                printValue(os, indent, *i.value);
-            else
-                VrmlWriteEmptyValue(os, i.type);
+            if (i.value) printValue(os, indent, *i.value);
+            else VrmlWriteEmptyValue(os, i.type);
         }
     }
     return os;

@@ -17,10 +17,10 @@ inline constexpr const char* kNavTypes[] = {"WALK", "ANY"};
 } // namespace vrmldefaults
 
 // Bindable nodes share the set_bind handling.
-#define VRML_BINDABLE                                                                              \
-    void eventIn(double timeStamp, const char* eventName, const VrmlField* value) override;        \
-    void addToScene(VrmlScene* scene, const char* relativeUrl) override;                           \
-    bool isBound() const { return d_isBound.get(); }                                               \
+#define VRML_BINDABLE                                                                                                  \
+    void eventIn(double timeStamp, const char* eventName, const VrmlField* value) override;                            \
+    void addToScene(VrmlScene* scene, const char* relativeUrl) override;                                               \
+    bool isBound() const { return d_isBound.get(); }                                                                   \
     VrmlSFBool d_isBound;
 
 class VrmlNodeAnchor : public VrmlNodeGroup {

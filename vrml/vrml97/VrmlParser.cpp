@@ -85,7 +85,9 @@ void VrmlParser::attachTopLevel(VrmlNode* n) {
 
 void VrmlParser::parseStatement() {
     switch (d_tok) {
-    case DEF: case USE: case IDENTIFIER: {
+    case DEF:
+    case USE:
+    case IDENTIFIER: {
         VrmlNode* n = parseNodeStatement();
         attachTopLevel(n);
         if (n) n->release();
@@ -181,7 +183,10 @@ void VrmlParser::parseNodeBody() {
         case ROUTE: parseRoute(); break;
         case PROTO: parseProto(); break;
         case EXTERNPROTO: parseExternProto(); break;
-        case EVENTIN: case EVENTOUT: case FIELD: case EXPOSEDFIELD: parseScriptDecl(); break;
+        case EVENTIN:
+        case EVENTOUT:
+        case FIELD:
+        case EXPOSEDFIELD: parseScriptDecl(); break;
         default: syntaxError(); return;
         }
     }
@@ -196,10 +201,8 @@ void VrmlParser::parseFieldOrEvent() {
     if (!node) {
         // Unknown node type: nothing to check, the value is skipped.
         advance();
-        if (d_tok == IS)
-            skipIS();
-        else
-            skipValue();
+        if (d_tok == IS) skipIS();
+        else skipValue();
         return;
     }
     VrmlNodeType* t = frame.type;
@@ -208,10 +211,8 @@ void VrmlParser::parseFieldOrEvent() {
     if (t->hasEventIn(n) || t->hasEventOut(n) || (script && (script->hasEventIn(n) || script->hasEventOut(n)))) {
         // Only IS may follow an event name; anything else is skipped quietly.
         advance();
-        if (d_tok == IS)
-            parseIS();
-        else
-            skipValue();
+        if (d_tok == IS) parseIS();
+        else skipValue();
         frame.fieldName.clear();
         return;
     }
@@ -220,10 +221,8 @@ void VrmlParser::parseFieldOrEvent() {
     if (!ft) {
         error("%s nodes do not have %s fields/eventIns/eventOuts", t->getName(), n);
         advance();
-        if (d_tok == IS)
-            skipIS();
-        else
-            skipValue();
+        if (d_tok == IS) skipIS();
+        else skipValue();
         return;
     }
     frame.fieldType = ft;
@@ -350,25 +349,19 @@ void VrmlParser::parseScriptDecl() {
     bool isField = kind == FIELD || kind == EXPOSEDFIELD;
     int ft = VrmlField::typeFromName(typeName.c_str());
     if (!script || !ft) {
-        if (!script)
-            error("interface declaration outside of Script");
-        else
-            error("invalid Script field %s type: %s", name.c_str(), typeName.c_str());
+        if (!script) error("interface declaration outside of Script");
+        else error("invalid Script field %s type: %s", name.c_str(), typeName.c_str());
         advance();
-        if (d_tok == IS)
-            skipIS();
-        else if (isField)
-            skipValue();
+        if (d_tok == IS) skipIS();
+        else if (isField) skipValue();
         return;
     }
     auto type = static_cast<VrmlField::VrmlFieldType>(ft);
     frame.fieldName = name;
     frame.fieldType = isField ? ft : 0;
     if (!isField) {
-        if (kind == EVENTIN)
-            script->addEventIn(name.c_str(), type);
-        else
-            script->addEventOut(name.c_str(), type);
+        if (kind == EVENTIN) script->addEventIn(name.c_str(), type);
+        else script->addEventOut(name.c_str(), type);
         advance();
         if (d_tok == IS) parseIS();
         frame.fieldName.clear();
@@ -398,7 +391,10 @@ void VrmlParser::parseInterfaceDecl(VrmlNodeType* t, bool external) {
     int ft = VrmlField::typeFromName(typeName.c_str());
     bool isField = kind == FIELD || kind == EXPOSEDFIELD;
     if (!ft) {
-        const char* what = kind == EVENTIN ? "eventIn" : kind == EVENTOUT ? "eventOut" : kind == FIELD ? "field" : "exposedField";
+        const char* what = kind == EVENTIN    ? "eventIn"
+                           : kind == EVENTOUT ? "eventOut"
+                           : kind == FIELD    ? "field"
+                                              : "exposedField";
         error("invalid %s type: %s", what, typeName.c_str());
         advance();
         if (isField && !external) skipValue();
@@ -441,18 +437,15 @@ void VrmlParser::parseProto() {
         while (!d_abort && d_tok != ']') {
             if (d_tok == EVENTIN || d_tok == EVENTOUT || d_tok == FIELD || d_tok == EXPOSEDFIELD)
                 parseInterfaceDecl(t, false);
-            else
-                syntaxError();
+            else syntaxError();
         }
         if (!d_abort) advance();
         if (!d_abort && d_tok != '{') syntaxError();
         if (!d_abort) {
             advance();
             while (!d_abort && d_tok != '}' && d_tok != END) parseStatement();
-            if (!d_abort && d_tok == '}')
-                advance();
-            else
-                syntaxError();
+            if (!d_abort && d_tok == '}') advance();
+            else syntaxError();
         }
     }
     d_protoStack.pop_back();
@@ -474,8 +467,7 @@ void VrmlParser::parseExternProto() {
     while (!d_abort && d_tok != ']') {
         if (d_tok == EVENTIN || d_tok == EVENTOUT || d_tok == FIELD || d_tok == EXPOSEDFIELD)
             parseInterfaceDecl(t, true);
-        else
-            syntaxError();
+        else syntaxError();
     }
     if (!d_abort) {
         d_lex.expect(MFSTRING);
@@ -513,12 +505,9 @@ void VrmlParser::parseRoute() {
     VrmlNamespace* scope = currentScope();
     VrmlNode* from = scope->findNode(part[0].c_str());
     VrmlNode* to = scope->findNode(part[2].c_str());
-    if (!from)
-        errorAt(line[0], "invalid %s node name \"%s\" in ROUTE statement.", "source", part[0].c_str());
-    else if (!to)
-        errorAt(line[2], "invalid %s node name \"%s\" in ROUTE statement.", "destination", part[2].c_str());
-    else
-        from->addRoute(part[1].c_str(), to, part[3].c_str());
+    if (!from) errorAt(line[0], "invalid %s node name \"%s\" in ROUTE statement.", "source", part[0].c_str());
+    else if (!to) errorAt(line[2], "invalid %s node name \"%s\" in ROUTE statement.", "destination", part[2].c_str());
+    else from->addRoute(part[1].c_str(), to, part[3].c_str());
 }
 
 // Skips one value of unknown type: scalars and strings, a bracketed list, a
@@ -526,7 +515,8 @@ void VrmlParser::parseRoute() {
 void VrmlParser::skipValue() {
     for (;;) {
         switch (d_tok) {
-        case NUMBER: case STRING: advance(); continue;
+        case NUMBER:
+        case STRING: advance(); continue;
         case IDENTIFIER: {
             if (d_text == "TRUE" || d_text == "FALSE") {
                 advance();
@@ -558,12 +548,9 @@ void VrmlParser::skipValue() {
 void VrmlParser::skipBalanced() {
     int depth = 0;
     do {
-        if (d_tok == '{' || d_tok == '[')
-            ++depth;
-        else if (d_tok == '}' || d_tok == ']')
-            --depth;
-        else if (d_tok == END)
-            return;
+        if (d_tok == '{' || d_tok == '[') ++depth;
+        else if (d_tok == '}' || d_tok == ']') --depth;
+        else if (d_tok == END) return;
         advance();
     } while (depth > 0);
 }

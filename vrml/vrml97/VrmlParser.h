@@ -21,12 +21,42 @@ class VrmlNodeType;
 namespace vrmltok {
 enum Token {
     END = 0,
-    IDENTIFIER = 258, DEF, USE, PROTO, EXTERNPROTO, TO, IS, ROUTE, SFN_NULL, EVENTIN, EVENTOUT, FIELD,
+    IDENTIFIER = 258,
+    DEF,
+    USE,
+    PROTO,
+    EXTERNPROTO,
+    TO,
+    IS,
+    ROUTE,
+    SFN_NULL,
+    EVENTIN,
+    EVENTOUT,
+    FIELD,
     EXPOSEDFIELD,
-    SFBOOL = 271, SFCOLOR, SFFLOAT, SFINT32, SFROTATION, SFTIME, SFIMAGE, SFSTRING, SFVEC2F, SFVEC3F,
-    MFCOLOR, MFFLOAT, MFINT32, MFROTATION, MFSTRING, MFVEC2F, MFVEC3F, SFNODE, MFNODE,
+    SFBOOL = 271,
+    SFCOLOR,
+    SFFLOAT,
+    SFINT32,
+    SFROTATION,
+    SFTIME,
+    SFIMAGE,
+    SFSTRING,
+    SFVEC2F,
+    SFVEC3F,
+    MFCOLOR,
+    MFFLOAT,
+    MFINT32,
+    MFROTATION,
+    MFSTRING,
+    MFVEC2F,
+    MFVEC3F,
+    SFNODE,
+    MFNODE,
     // Outside the grammar's own set: raw items the generic skip consumes.
-    NUMBER = 300, STRING, OTHER
+    NUMBER = 300,
+    STRING,
+    OTHER
 };
 // Field type enumeration value to its value token (0 for anything else).
 int tokenForFieldType(int fieldType);
@@ -71,8 +101,7 @@ private:
     bool atWord(const char* w);
     void report(const char* msg);
     std::unique_ptr<VrmlField> scanImage();
-    template <class T, class Read>
-    bool readList(std::vector<T>& out, int width, Read read, bool& bracketed);
+    template <class T, class Read> bool readList(std::vector<T>& out, int width, Read read, bool& bracketed);
 
     FILE* d_fp = nullptr;
     std::vector<char> d_buffer;

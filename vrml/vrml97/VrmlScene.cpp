@@ -10,7 +10,6 @@
 #include <set>
 #include <streambuf>
 
-#include <orbiscope/Version.h>
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/System.h"
 #include "vrml/vrml97/VrmlNamespace.h"
@@ -18,6 +17,7 @@
 #include "vrml/vrml97/VrmlNodeType.h"
 #include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlParser.h"
+#include <orbiscope/Version.h>
 
 void VrmlProtoResetBudget();
 
@@ -128,10 +128,10 @@ bool VrmlScene::loadFromUrls(const VrmlMFString* urls, const VrmlMFString* param
                 size_t n = std::strlen(s);
                 return part.size() >= n && part.compare(part.size() - n, n, s) == 0;
             };
-            bool world = (part.size() > 4 && (endsWith(".wrl") || endsWith(".wrz") || endsWith(".WRL") || endsWith(".WRZ"))) ||
-                         (part.size() >= 8 && endsWith(".wrl.gz"));
-            if (world)
-                ok = load(url);
+            bool world =
+                (part.size() > 4 && (endsWith(".wrl") || endsWith(".wrz") || endsWith(".WRL") || endsWith(".WRZ"))) ||
+                (part.size() >= 8 && endsWith(".wrl.gz"));
+            if (world) ok = load(url);
             else
                 ok = theSystem->openInBrowser(url, parameters ? static_cast<int>(parameters->size()) : 0,
                                               parameters ? parameters->get() : nullptr);
@@ -307,7 +307,8 @@ void VrmlScene::update(double time) {
     std::vector<VrmlNode*> sensors = d_TimeSensor;
     for (VrmlNode* n : sensors) {
         if (!n->scene()) {
-            theSystem->error("VrmlScene::update: %s::%s is not in the scene graph yet.\n", n->type()->getName(), n->name());
+            theSystem->error("VrmlScene::update: %s::%s is not in the scene graph yet.\n", n->type()->getName(),
+                             n->name());
             continue;
         }
         if (auto* ts = n->asTimeSensor()) ts->update(time);
@@ -338,9 +339,9 @@ void VrmlScene::addToLists(VrmlNode* n) {
 }
 
 void VrmlScene::removeFromLists(VrmlNode* n) {
-    for (auto* list : {&d_Background, &d_BackgroundStack, &d_Fog, &d_FogStack, &d_NavigationInfo,
-                       &d_NavigationInfoStack, &d_Viewpoint, &d_ViewpointStack, &d_AudioClip, &d_ScopedLight,
-                       &d_MovieTexture, &d_Script, &d_TimeSensor})
+    for (auto* list :
+         {&d_Background, &d_BackgroundStack, &d_Fog, &d_FogStack, &d_NavigationInfo, &d_NavigationInfoStack,
+          &d_Viewpoint, &d_ViewpointStack, &d_AudioClip, &d_ScopedLight, &d_MovieTexture, &d_Script, &d_TimeSensor})
         removeFrom(*list, n);
     n->d_registered = false;
 }

@@ -55,17 +55,19 @@ public:
     // Registration lists.
     void addToLists(VrmlNode* node);
     void removeFromLists(VrmlNode* node);
-#define VRML_SCENE_LIST(Kind)                                                                      \
-    void add##Kind(VrmlNode* n) { addTo(d_##Kind, n); }                                           \
-    void remove##Kind(VrmlNode* n) { removeFrom(d_##Kind, n); }                                   \
+#define VRML_SCENE_LIST(Kind)                                                                                          \
+    void add##Kind(VrmlNode* n) { addTo(d_##Kind, n); }                                                                \
+    void remove##Kind(VrmlNode* n) { removeFrom(d_##Kind, n); }                                                        \
     const std::vector<VrmlNode*>& Kind##List() const { return d_##Kind; }
-    VRML_SCENE_LIST(Background) VRML_SCENE_LIST(Fog) VRML_SCENE_LIST(NavigationInfo)
-    VRML_SCENE_LIST(Viewpoint) VRML_SCENE_LIST(AudioClip) VRML_SCENE_LIST(ScopedLight)
-    VRML_SCENE_LIST(MovieTexture) VRML_SCENE_LIST(Script) VRML_SCENE_LIST(TimeSensor)
+    VRML_SCENE_LIST(Background)
+    VRML_SCENE_LIST(Fog) VRML_SCENE_LIST(NavigationInfo) VRML_SCENE_LIST(Viewpoint) VRML_SCENE_LIST(AudioClip)
+        VRML_SCENE_LIST(ScopedLight) VRML_SCENE_LIST(MovieTexture) VRML_SCENE_LIST(Script) VRML_SCENE_LIST(TimeSensor)
 #undef VRML_SCENE_LIST
 
-    // Binding: the bound node is the top of its stack.
-    void bindBackground(VrmlNode* n, bool on, double time) { bind(d_BackgroundStack, n, on, time); }
+        // Binding: the bound node is the top of its stack.
+        void bindBackground(VrmlNode* n, bool on, double time) {
+        bind(d_BackgroundStack, n, on, time);
+    }
     void bindFog(VrmlNode* n, bool on, double time) { bind(d_FogStack, n, on, time); }
     void bindNavigationInfo(VrmlNode* n, bool on, double time) { bind(d_NavigationInfoStack, n, on, time); }
     void bindViewpoint(VrmlNode* n, bool on, double time) { bind(d_ViewpointStack, n, on, time); }
@@ -100,9 +102,8 @@ private:
     std::unique_ptr<Doc> d_urlLocal;
     std::shared_ptr<VrmlNamespace> d_namespace;
     bool d_fragmentBound = false;
-    std::vector<VrmlNode*> d_Background, d_BackgroundStack, d_Fog, d_FogStack, d_NavigationInfo,
-        d_NavigationInfoStack, d_Viewpoint, d_ViewpointStack, d_AudioClip, d_ScopedLight, d_MovieTexture,
-        d_Script, d_TimeSensor;
+    std::vector<VrmlNode*> d_Background, d_BackgroundStack, d_Fog, d_FogStack, d_NavigationInfo, d_NavigationInfoStack,
+        d_Viewpoint, d_ViewpointStack, d_AudioClip, d_ScopedLight, d_MovieTexture, d_Script, d_TimeSensor;
     double d_delta = 0.5;
     int d_inlineLoads = 0;
     int d_inlinesSkipped = 0;

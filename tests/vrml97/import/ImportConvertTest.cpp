@@ -38,9 +38,11 @@ void ExpectNear(const C3DPoint& a, const C3DPoint& b) {
 } // namespace
 
 TEST(Vrml97ImportConvert, MaterialTakesClampedColoursAndUnscaledFactors) {
-    ReadResult r = ReadWorld(World(std::string("Shape { appearance Appearance { material Material {"
-                                               " diffuseColor 1 0.5 2 specularColor -1 0.2 1 shininess 0.3 transparency 0.25 } }"
-                                               " geometry IndexedFaceSet { ") + kQuad + " coordIndex [0 1 2 -1 0 2 3] } }"));
+    ReadResult r =
+        ReadWorld(World(std::string("Shape { appearance Appearance { material Material {"
+                                    " diffuseColor 1 0.5 2 specularColor -1 0.2 1 shininess 0.3 transparency 0.25 } }"
+                                    " geometry IndexedFaceSet { ") +
+                        kQuad + " coordIndex [0 1 2 -1 0 2 3] } }"));
     ASSERT_TRUE(r.scene);
     ASSERT_EQ(r.scene->GetMaterialNumber(), 1);
     CMaterialPos pos;
@@ -59,8 +61,9 @@ TEST(Vrml97ImportConvert, MaterialTakesClampedColoursAndUnscaledFactors) {
 
 TEST(Vrml97ImportConvert, ShapeWithoutMaterialHasNoneAndSaysSo) {
     CaptureSystem sys;
-    ReadResult r = ReadWorld(World("Shape { appearance Appearance { texture ImageTexture { url \"a.png\" } } geometry Box {} }"
-                                   "Shape { geometry Sphere {} }"));
+    ReadResult r =
+        ReadWorld(World("Shape { appearance Appearance { texture ImageTexture { url \"a.png\" } } geometry Box {} }"
+                        "Shape { geometry Sphere {} }"));
     ASSERT_TRUE(r.scene);
     EXPECT_EQ(r.scene->GetMaterialNumber(), 0);
     for (auto* n : AllNodes(*r.scene, KINDOF_MESH)) {
@@ -81,12 +84,13 @@ TEST(Vrml97ImportConvert, TexturePathRulesApplyInTheirOrder) {
     EXPECT_EQ(rw(L"wood.png"), L".\\wood.png");
     EXPECT_EQ(rw(L"tex/a/b.jpg"), L".\\tex\\a\\b.jpg");
     EXPECT_EQ(rw(L"a\\\\b.png"), L".\\a\\b.png");           // pairs of backslashes first
-    EXPECT_EQ(rw(L"asset:img/x.png"), L".\\.\\img\\x.png");  // asset: goes before the colon test
+    EXPECT_EQ(rw(L"asset:img/x.png"), L".\\.\\img\\x.png"); // asset: goes before the colon test
     EXPECT_EQ(rw(L"http://h/x.png"), L"http:\\\\\\h\\x.png");
 }
 
 TEST(Vrml97ImportConvert, ImageTextureBecomesADiffuseMapFromItsFirstUrlOnly) {
-    std::string shape = "Shape { appearance Appearance { material Material {} texture ImageTexture { url %s } } geometry Box {} }";
+    std::string shape =
+        "Shape { appearance Appearance { material Material {} texture ImageTexture { url %s } } geometry Box {} }";
     auto world = [&](const std::string& url) {
         std::string s = shape;
         s.replace(s.find("%s"), 2, url);
@@ -134,10 +138,11 @@ TEST(Vrml97ImportConvert, FacesAreTheValidRunsOfCoordIndex) {
 }
 
 TEST(Vrml97ImportConvert, VertexColoursAndTextureCoordinatesBecomeGlobalChannels) {
-    ReadResult r = ReadWorld(World(std::string("Shape { geometry IndexedFaceSet { ") + kQuad +
-                                   " coordIndex [0 1 2 -1 0 2 3 -1]"
-                                   " color Color { color [1 0 0, 0 1 0, 0 0 1, 2 -1 0.5] } colorIndex [3 2 1 -1 0 0 0 -1]"
-                                   " texCoord TextureCoordinate { point [0 0, 1 0, 1 1] } } }"));
+    ReadResult r =
+        ReadWorld(World(std::string("Shape { geometry IndexedFaceSet { ") + kQuad +
+                        " coordIndex [0 1 2 -1 0 2 3 -1]"
+                        " color Color { color [1 0 0, 0 1 0, 0 0 1, 2 -1 0.5] } colorIndex [3 2 1 -1 0 0 0 -1]"
+                        " texCoord TextureCoordinate { point [0 0, 1 0, 1 1] } } }"));
     ASSERT_TRUE(r.scene);
     C3DGeomObject* g = Geom(OnlyMesh(*r.scene));
     ASSERT_TRUE(g);
@@ -151,9 +156,10 @@ TEST(Vrml97ImportConvert, VertexColoursAndTextureCoordinatesBecomeGlobalChannels
     EXPECT_EQ(g->GetGlobalUVWChannel(), nullptr);
     EXPECT_TRUE(r.LogHas(L"lost their texture coordinates"));
 
-    ReadResult t = ReadWorld(World(std::string("Shape { geometry IndexedFaceSet { ") + kQuad +
-                                   " coordIndex [0 1 2 -1 0 2 3 -1]"
-                                   " texCoord TextureCoordinate { point [0 0, 1 0, 1 1, 0 1] } texCoordIndex [3 2 1 -1 0 1 2 -1] } }"));
+    ReadResult t = ReadWorld(
+        World(std::string("Shape { geometry IndexedFaceSet { ") + kQuad +
+              " coordIndex [0 1 2 -1 0 2 3 -1]"
+              " texCoord TextureCoordinate { point [0 0, 1 0, 1 1, 0 1] } texCoordIndex [3 2 1 -1 0 1 2 -1] } }"));
     ASSERT_TRUE(t.scene);
     C3DGeomObject* tg = Geom(OnlyMesh(*t.scene));
     CUVWChannel* uv = tg->GetGlobalUVWChannel();
@@ -165,7 +171,8 @@ TEST(Vrml97ImportConvert, VertexColoursAndTextureCoordinatesBecomeGlobalChannels
 }
 
 TEST(Vrml97ImportConvert, ShortOrBadColourIndexListsGiveNoChannel) {
-    const std::string head = std::string("Shape { geometry IndexedFaceSet { ") + kQuad + " coordIndex [0 1 2 -1 0 2 3 -1] ";
+    const std::string head =
+        std::string("Shape { geometry IndexedFaceSet { ") + kQuad + " coordIndex [0 1 2 -1 0 2 3 -1] ";
     // Per vertex, colorIndex shorter than coordIndex.
     ReadResult a = ReadWorld(World(head + "color Color { color [1 0 0, 0 1 0] } colorIndex [0 1 0 -1 1] } }"));
     ASSERT_TRUE(a.scene);
@@ -177,7 +184,8 @@ TEST(Vrml97ImportConvert, ShortOrBadColourIndexListsGiveNoChannel) {
     ASSERT_TRUE(vc);
     EXPECT_EQ(FaceIdx(*vc->GetVCFaceList(), 0), (std::vector<uint32_t>{0, 0, 0}));
     EXPECT_EQ(FaceIdx(*vc->GetVCFaceList(), 1), (std::vector<uint32_t>{1, 1, 1}));
-    ReadResult c = ReadWorld(World(head + "colorPerVertex FALSE color Color { color [1 0 0, 0 1 0] } colorIndex [1] } }"));
+    ReadResult c =
+        ReadWorld(World(head + "colorPerVertex FALSE color Color { color [1 0 0, 0 1 0] } colorIndex [1] } }"));
     EXPECT_EQ(Geom(OnlyMesh(*c.scene))->GetGlobalVCChannel(), nullptr);
     // Per vertex without colorIndex: the coordIndex must stay inside the colours.
     ReadResult d = ReadWorld(World(head + "color Color { color [1 0 0, 0 1 0, 0 0 1] } } }"));
@@ -187,7 +195,8 @@ TEST(Vrml97ImportConvert, ShortOrBadColourIndexListsGiveNoChannel) {
 TEST(Vrml97ImportConvert, CcwFalseInvertsWindingAndCreaseAngleIsKeptInRadians) {
     const std::string base = std::string("Shape { geometry IndexedFaceSet { ") + kQuad + " coordIndex [0 1 2 -1]";
     ReadResult a = ReadWorld(World(base + " texCoord TextureCoordinate { point [0 0, 1 0, 1 1] } creaseAngle 0.5 } }"));
-    ReadResult b = ReadWorld(World(base + " texCoord TextureCoordinate { point [0 0, 1 0, 1 1] } ccw FALSE creaseAngle 1.5 } }"));
+    ReadResult b =
+        ReadWorld(World(base + " texCoord TextureCoordinate { point [0 0, 1 0, 1 1] } ccw FALSE creaseAngle 1.5 } }"));
     ASSERT_TRUE(a.scene && b.scene);
     C3DGeomObject* ga = Geom(OnlyMesh(*a.scene));
     C3DGeomObject* gb = Geom(OnlyMesh(*b.scene));
@@ -204,8 +213,9 @@ TEST(Vrml97ImportConvert, CcwFalseInvertsWindingAndCreaseAngleIsKeptInRadians) {
 }
 
 TEST(Vrml97ImportConvert, IndexedLineSetBecomesACurveWithEveryPoint) {
-    ReadResult r = ReadWorld(World("Shape { appearance Appearance { material Material {} } geometry IndexedLineSet {"
-                                   " coord Coordinate { point [0 0 0, 1 0 0, 1 1 0, 5 5 5] } coordIndex [0 1 2 -1 2 -1 0 7 -1 2 0] } }"));
+    ReadResult r = ReadWorld(
+        World("Shape { appearance Appearance { material Material {} } geometry IndexedLineSet {"
+              " coord Coordinate { point [0 0 0, 1 0 0, 1 1 0, 5 5 5] } coordIndex [0 1 2 -1 2 -1 0 7 -1 2 0] } }"));
     ASSERT_TRUE(r.scene);
     C3DSceneNode* n = OnlyMesh(*r.scene, KINDOF_CURVE);
     ASSERT_TRUE(n);
@@ -220,10 +230,11 @@ TEST(Vrml97ImportConvert, IndexedLineSetBecomesACurveWithEveryPoint) {
 }
 
 TEST(Vrml97ImportConvert, PrimitivesComeFromTheHostBuildersWithTheirArguments) {
-    ReadResult r = ReadWorld(World("Shape { appearance Appearance { material Material {} } geometry Box { size 1 2 3 } }"
-                                   "Shape { appearance Appearance { material Material {} } geometry Sphere { radius 2 } }"
-                                   "Shape { geometry Cone { bottomRadius 0.5 height 4 } }"
-                                   "Shape { geometry Cylinder { radius 3 height 1 } }"));
+    ReadResult r =
+        ReadWorld(World("Shape { appearance Appearance { material Material {} } geometry Box { size 1 2 3 } }"
+                        "Shape { appearance Appearance { material Material {} } geometry Sphere { radius 2 } }"
+                        "Shape { geometry Cone { bottomRadius 0.5 height 4 } }"
+                        "Shape { geometry Cylinder { radius 3 height 1 } }"));
     ASSERT_TRUE(r.scene);
     auto meshes = AllNodes(*r.scene, KINDOF_MESH);
     ASSERT_EQ(meshes.size(), 4u);
@@ -262,9 +273,10 @@ TEST(Vrml97ImportConvert, TransformMatrixBecomesAMatrixKey) {
 }
 
 TEST(Vrml97ImportConvert, ViewpointBecomesACameraAtItsPosition) {
-    ReadResult r = ReadWorld(World("Viewpoint { position 1 2 3 orientation 0 1 0 0 fieldOfView 0.5 description \"Front view\" }"
-                                   "Viewpoint { position 0 0 0 orientation 0 1 0 1.5707963 }"
-                                   "Viewpoint { orientation 0 0 0 1 }"));
+    ReadResult r =
+        ReadWorld(World("Viewpoint { position 1 2 3 orientation 0 1 0 0 fieldOfView 0.5 description \"Front view\" }"
+                        "Viewpoint { position 0 0 0 orientation 0 1 0 1.5707963 }"
+                        "Viewpoint { orientation 0 0 0 1 }"));
     ASSERT_TRUE(r.scene);
     auto cams = AllNodes(*r.scene, KINDOF_CAMERA);
     ASSERT_EQ(cams.size(), 3u);
@@ -354,10 +366,11 @@ TEST(Vrml97ImportConvert, ElevationGridIsAGridOfQuadsFacingUp) {
 
 TEST(Vrml97ImportConvert, ExtrusionSweepsTheCrossSectionWithOutwardFaces) {
     // The defaults: a square swept from y=0 to y=1, both caps: a closed box.
-    ReadResult r = ReadWorld(World("Shape { geometry Extrusion {} }"
-                                   "Transform { translation 5 0 0 children Shape { geometry Extrusion {"
-                                   " crossSection [1 0, 0 1, -1 0, 0 -1, 1 0] spine [0 0 0, 1 0 0, 1 1 0] scale [1 1, 2 2, 1 1]"
-                                   " beginCap FALSE } } }"));
+    ReadResult r =
+        ReadWorld(World("Shape { geometry Extrusion {} }"
+                        "Transform { translation 5 0 0 children Shape { geometry Extrusion {"
+                        " crossSection [1 0, 0 1, -1 0, 0 -1, 1 0] spine [0 0 0, 1 0 0, 1 1 0] scale [1 1, 2 2, 1 1]"
+                        " beginCap FALSE } } }"));
     ASSERT_TRUE(r.scene);
     auto meshes = AllNodes(*r.scene, KINDOF_MESH);
     ASSERT_EQ(meshes.size(), 2u);

@@ -69,7 +69,8 @@ Counts Count(const C3DScene& s) {
 
 // Files that only declare PROTOs for other worlds (no node of their own to convert).
 bool IsProtoLibrary(const std::string& name) {
-    for (const char* n : {"hud_proto.wrl", "roller_proto.wrl", "symmetry_c5.wrl", "symmetry_i.wrl", "texture_manipulator.wrl"})
+    for (const char* n :
+         {"hud_proto.wrl", "roller_proto.wrl", "symmetry_c5.wrl", "symmetry_i.wrl", "texture_manipulator.wrl"})
         if (name == n) return true;
     return false;
 }
@@ -205,8 +206,8 @@ TEST(Vrml97ImportCorpus, CommandLineConvertsEveryWorldToObjAnd3ds) {
             // ".wrl" worlds are routed by their header line; ".wrl.gz" needs the type named.
             std::string from = w.extension() == ".gz" ? " --from VR97" : "";
             const fs::path err = tmp / "stderr.txt";
-            std::string cmd = "'" + cli.string() + "' convert '" + in.string() + "' '" + out.string() +
-                              "'" + from + " >/dev/null 2>'" + err.string() + "'";
+            std::string cmd = "'" + cli.string() + "' convert '" + in.string() + "' '" + out.string() + "'" + from +
+                              " >/dev/null 2>'" + err.string() + "'";
             int status = std::system(cmd.c_str());
             const std::string said = cmd + "\n" + testsupport::ReadFile(err);
             ASSERT_TRUE(WIFEXITED(status)) << said;

@@ -14,11 +14,12 @@ namespace {
 
 // DEF A0 Shape {...}, then DEF Ak Group { children [USE Ak-1 USE Ak-1] }: 2^levels shapes.
 std::string Doubling(int levels) {
-    std::string s = "#VRML V2.0 utf8\nDEF A0 Group { children Shape { appearance Appearance { material Material {} } "
-                    "geometry IndexedFaceSet { coord Coordinate { point [0 0 0, 1 0 0, 0 1 0] } coordIndex [0 1 2] } } }\n";
+    std::string s =
+        "#VRML V2.0 utf8\nDEF A0 Group { children Shape { appearance Appearance { material Material {} } "
+        "geometry IndexedFaceSet { coord Coordinate { point [0 0 0, 1 0 0, 0 1 0] } coordIndex [0 1 2] } } }\n";
     for (int k = 1; k <= levels; ++k)
-        s += "DEF A" + std::to_string(k) + " Group { children [ USE A" + std::to_string(k - 1) + " Transform { children USE A" +
-             std::to_string(k - 1) + " } ] }\n";
+        s += "DEF A" + std::to_string(k) + " Group { children [ USE A" + std::to_string(k - 1) +
+             " Transform { children USE A" + std::to_string(k - 1) + " } ] }\n";
     return s;
 }
 
@@ -55,9 +56,7 @@ TEST(Vrml97ImportLimits, ProtoDoublingIsBounded) {
     auto t0 = std::chrono::steady_clock::now();
     ReadResult r = ReadWorld(s);
     EXPECT_LT(Seconds(t0), 60.0);
-    if (r.scene) {
-        EXPECT_LE(r.scene->GetNodeCount(), 65536 + 4096);
-    }
+    if (r.scene) { EXPECT_LE(r.scene->GetNodeCount(), 65536 + 4096); }
 }
 
 TEST(Vrml97ImportLimits, TwentyProtosEachWrappingTheLastImportTheirShape) {
@@ -84,7 +83,8 @@ TEST(Vrml97ImportLimits, DeepNestingIsCut) {
 TEST(Vrml97ImportLimits, InlineLoadsLocalWorldsRelativeToTheIncludingFile) {
     testsupport::TempDir dir;
     fs::create_directories(dir / "parts" / "deeper");
-    testsupport::WriteFile(dir / "main.wrl", World("Transform { translation 1 0 0 children Inline { url \"parts/a.wrl\" } }"));
+    testsupport::WriteFile(dir / "main.wrl",
+                           World("Transform { translation 1 0 0 children Inline { url \"parts/a.wrl\" } }"));
     testsupport::WriteFile(dir / "parts" / "a.wrl",
                            World("Shape { geometry Box {} } Inline { url [\"missing.wrl\" \"deeper/b.wrz\"] }"));
     gzFile f = gzopen((dir / "parts" / "deeper" / "b.wrz").c_str(), "wb");
@@ -123,8 +123,9 @@ TEST(Vrml97ImportLimits, InlineCyclesAreReadOnceAndDepthIsCapped) {
     EXPECT_EQ(AllNodes(*ab.scene, KINDOF_MESH).size(), 2u);
     // A chain of 12 distinct files stops after 8 levels of Inline.
     for (int i = 0; i < 12; ++i)
-        testsupport::WriteFile(dir / ("c" + std::to_string(i) + ".wrl"),
-                               World("Shape { geometry Box {} } Inline { url \"c" + std::to_string(i + 1) + ".wrl\" }"));
+        testsupport::WriteFile(
+            dir / ("c" + std::to_string(i) + ".wrl"),
+            World("Shape { geometry Box {} } Inline { url \"c" + std::to_string(i + 1) + ".wrl\" }"));
     ReadResult c = ReadPath(dir / "c0.wrl");
     ASSERT_TRUE(c.scene);
     EXPECT_EQ(AllNodes(*c.scene, KINDOF_MESH).size(), 9u);
@@ -132,18 +133,19 @@ TEST(Vrml97ImportLimits, InlineCyclesAreReadOnceAndDepthIsCapped) {
 }
 
 TEST(Vrml97ImportLimits, EveryPrefixOfAWorldReadsWithoutHarm) {
-    std::string w = World("DEF T Transform { translation 1 2 3 rotation 0 1 0 0.5 children [\n"
-                          " Shape { appearance Appearance { material Material { diffuseColor 1 0 0 }"
-                          " texture ImageTexture { url \"C:/t/a.png\" } }\n"
-                          "  geometry IndexedFaceSet { coord Coordinate { point [0 0 0, 1 0 0, 1 1 0, 0 1 0] }\n"
-                          "   coordIndex [0 1 2 -1 0 2 3 -1] color Color { color [1 0 0, 0 1 0] } colorIndex [0 1 0 -1 1 0 1 -1]\n"
-                          "   texCoord TextureCoordinate { point [0 0, 1 1] } texCoordIndex [0 1 1 -1 0 0 1] } }\n"
-                          " Viewpoint { position 0 0 5 orientation 1 0 0 0.2 }\n"
-                          " Switch { choice [ Shape { geometry Cone {} } Shape { geometry IndexedLineSet {"
-                          " coord Coordinate { point [0 0 0, 1 1 1] } coordIndex [0 1] } } ] }\n"
-                          " Shape { geometry Extrusion { spine [0 0 0, 0 1 0, 1 2 0] } }\n"
-                          " Shape { geometry ElevationGrid { xDimension 2 zDimension 2 height [0 1 2 3] } } ] }\n"
-                          "PROTO Q [ field SFFloat r 1 ] { Shape { geometry Sphere { radius IS r } } } Q { r 2 }");
+    std::string w =
+        World("DEF T Transform { translation 1 2 3 rotation 0 1 0 0.5 children [\n"
+              " Shape { appearance Appearance { material Material { diffuseColor 1 0 0 }"
+              " texture ImageTexture { url \"C:/t/a.png\" } }\n"
+              "  geometry IndexedFaceSet { coord Coordinate { point [0 0 0, 1 0 0, 1 1 0, 0 1 0] }\n"
+              "   coordIndex [0 1 2 -1 0 2 3 -1] color Color { color [1 0 0, 0 1 0] } colorIndex [0 1 0 -1 1 0 1 -1]\n"
+              "   texCoord TextureCoordinate { point [0 0, 1 1] } texCoordIndex [0 1 1 -1 0 0 1] } }\n"
+              " Viewpoint { position 0 0 5 orientation 1 0 0 0.2 }\n"
+              " Switch { choice [ Shape { geometry Cone {} } Shape { geometry IndexedLineSet {"
+              " coord Coordinate { point [0 0 0, 1 1 1] } coordIndex [0 1] } } ] }\n"
+              " Shape { geometry Extrusion { spine [0 0 0, 0 1 0, 1 2 0] } }\n"
+              " Shape { geometry ElevationGrid { xDimension 2 zDimension 2 height [0 1 2 3] } } ] }\n"
+              "PROTO Q [ field SFFloat r 1 ] { Shape { geometry Sphere { radius IS r } } } Q { r 2 }");
     testsupport::TempDir dir;
     ReadResult full = ReadWorld(w);
     ASSERT_TRUE(full.scene);

@@ -119,7 +119,8 @@ TEST(Vrml97ImportRead, GzipBombStopsAtTheInflateLimit) {
 }
 
 TEST(Vrml97ImportRead, UnnamedNodesTakeRisingNumbersFromOneCounterAcrossImports) {
-    std::string w = World("Transform { children Shape { geometry Box {} } } Transform { children Shape { geometry Box {} } }");
+    std::string w =
+        World("Transform { children Shape { geometry Box {} } } Transform { children Shape { geometry Box {} } }");
     ReadResult a = ReadWorld(w);
     ReadResult b = ReadWorld(w);
     ASSERT_TRUE(a.scene && b.scene);
@@ -162,8 +163,9 @@ TEST(Vrml97ImportRead, SharedNodeKeepsOneNameForEveryUse) {
     EXPECT_EQ(Name(Children(*r.scene, top[0])[0]), "A");
     EXPECT_EQ(Name(Children(*r.scene, top[1])[0]), "A");
     // An unnamed shared node is named once, then found under that name.
-    ReadResult u = ReadWorld(World("Transform { children [ DEF X Group { children [ Transform { children Shape { geometry Box {} } } ] } ] }"
-                                   "Group { children USE X }"));
+    ReadResult u = ReadWorld(
+        World("Transform { children [ DEF X Group { children [ Transform { children Shape { geometry Box {} } } ] } ] }"
+              "Group { children USE X }"));
     ASSERT_TRUE(u.scene);
     auto t = Children(*u.scene);
     ASSERT_EQ(t.size(), 2u);
@@ -186,7 +188,8 @@ TEST(Vrml97ImportRead, CancelledReadReportsCancelEvenForAnEmptyWorld) {
 }
 
 TEST(Vrml97ImportRead, ReadsOnSeveralThreadsStayIndependent) {
-    std::string w = World("Transform { translation 1 2 3 children [ Shape { geometry Box {} } Transform { children Shape { geometry Sphere {} } } ] }");
+    std::string w = World("Transform { translation 1 2 3 children [ Shape { geometry Box {} } Transform { children "
+                          "Shape { geometry Sphere {} } } ] }");
     std::vector<std::set<std::string>> names(4);
     std::atomic<int> ok{0};
     std::vector<std::thread> threads;

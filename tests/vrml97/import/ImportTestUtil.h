@@ -55,8 +55,7 @@ inline std::string World(const std::string& body) { return "#VRML V2.0 utf8\n" +
 // Top-level nodes and children, in order.
 inline std::vector<C3DSceneNode*> Children(const C3DScene& s, const C3DSceneNode* parent = nullptr) {
     std::vector<C3DSceneNode*> out;
-    for (C3DSceneNode* c = (parent ? parent : s.GetRoot())->GetChildNode(); c; c = c->GetRightNode())
-        out.push_back(c);
+    for (C3DSceneNode* c = (parent ? parent : s.GetRoot())->GetChildNode(); c; c = c->GetRightNode()) out.push_back(c);
     return out;
 }
 

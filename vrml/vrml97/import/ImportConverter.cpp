@@ -92,7 +92,8 @@ void ReleaseConverted(VrmlNode& g) {
     ReleaseList(f->d_colorIndex);
     ReleaseList(f->d_texCoordIndex);
     ReleaseList(f->d_normalIndex);
-    if (VrmlNode* c = f->d_coord.get(); c && c->refCount() == 1 && c->asCoordinate()) ReleaseList(c->asCoordinate()->d_point);
+    if (VrmlNode* c = f->d_coord.get(); c && c->refCount() == 1 && c->asCoordinate())
+        ReleaseList(c->asCoordinate()->d_point);
     if (VrmlNode* t = f->d_texCoord.get(); t && t->refCount() == 1 && t->asTextureCoordinate())
         ReleaseList(t->asTextureCoordinate()->d_point);
     if (VrmlNode* n = f->d_normal.get(); n && n->refCount() == 1 && n->asNormal()) ReleaseList(n->asNormal()->d_vector);
@@ -100,8 +101,8 @@ void ReleaseConverted(VrmlNode& g) {
 
 } // namespace
 
-CVrml97Converter::CVrml97Converter(C3DScene& scene, const CFileParser& parser, CIoOptions& log,
-                                   std::string worldFile, uint64_t inputBytes, ImportLimits limits)
+CVrml97Converter::CVrml97Converter(C3DScene& scene, const CFileParser& parser, CIoOptions& log, std::string worldFile,
+                                   uint64_t inputBytes, ImportLimits limits)
     : m_scene(scene), m_parser(parser), m_log(log), m_limits(limits), m_inputBytes(inputBytes) {
     std::string canonical = Canonical(worldFile);
     m_rootFrame.reset(new InlineFrame{nullptr, std::move(worldFile), std::move(canonical), 0});
@@ -277,7 +278,8 @@ std::unique_ptr<C3DBaseObject> CVrml97Converter::ConvertGeometry(VrmlNode* g, ui
     if (VrmlNodeSphere* s = g->asSphere())
         return fromBuilder(CreateSphere(origin, s->d_radius.get(), 16, 16, false, material, -1));
     if (VrmlNodeCone* c = g->asCone())
-        return fromBuilder(CreateCone(origin, c->d_bottomRadius.get(), c->d_height.get(), 0, 16, 1, false, material, -1));
+        return fromBuilder(
+            CreateCone(origin, c->d_bottomRadius.get(), c->d_height.get(), 0, 16, 1, false, material, -1));
     if (VrmlNodeCylinder* c = g->asCylinder())
         return fromBuilder(
             CreateCylinder(origin, c->d_radius.get(), c->d_height.get(), 0, 16, 1, true, false, material, -1));

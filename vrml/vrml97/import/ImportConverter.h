@@ -26,15 +26,15 @@ class VrmlNodeLight;
 namespace vrml97import {
 
 struct ImportLimits {
-    int maxDepth = 1200;                 // nesting of grouping nodes, PROTO bodies and Inlines
-    int maxInlineDepth = 8;              // Inline worlds within Inline worlds
-    int maxInlineLoads = 256;            // Inline files read per import
-    uint64_t baseNodes = 65536;          // host nodes: base + input bytes / nodeDivisor ...
+    int maxDepth = 1200;        // nesting of grouping nodes, PROTO bodies and Inlines
+    int maxInlineDepth = 8;     // Inline worlds within Inline worlds
+    int maxInlineLoads = 256;   // Inline files read per import
+    uint64_t baseNodes = 65536; // host nodes: base + input bytes / nodeDivisor ...
     uint64_t nodeDivisor = 16;
-    uint64_t maxNodes = 4u << 20;        // ... but never more than this
-    uint64_t baseVisits = 32u << 20;     // child entries walked: base + visitFactor x input bytes
+    uint64_t maxNodes = 4u << 20;    // ... but never more than this
+    uint64_t baseVisits = 32u << 20; // child entries walked: base + visitFactor x input bytes
     uint64_t visitFactor = 32;
-    uint64_t baseElements = 128u << 20;  // geometry floats and indices: base + elementFactor x input bytes
+    uint64_t baseElements = 128u << 20; // geometry floats and indices: base + elementFactor x input bytes
     uint64_t elementFactor = 16;
 };
 

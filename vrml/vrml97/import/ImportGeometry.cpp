@@ -360,7 +360,10 @@ std::unique_ptr<C3DObject> BuildExtrusion(VrmlNodeExtrusion& n, uint32_t materia
         // A straight spine: the plane is Y=0 turned from +Y onto the spine's direction.
         C3DVector dir{0, 1, 0};
         for (size_t i = 0; i < nS; ++i)
-            if (!IsZero(Y[i])) { dir = Y[i]; break; }
+            if (!IsZero(Y[i])) {
+                dir = Y[i];
+                break;
+            }
         C3DVector up{0, 1, 0};
         C3DVector axis = up.Cross(dir);
         float angle = std::acos(std::clamp(up.Dot(dir), -1.0f, 1.0f));
@@ -412,7 +415,12 @@ std::unique_ptr<C3DObject> BuildExtrusion(VrmlNodeExtrusion& n, uint32_t materia
         for (float& v : out) v = len > 0 ? v / len : 0;
     };
     std::vector<float> sCoord, tCoord;
-    cumulative(nC, [&](size_t k) { return C3DVector{cs[2 * k], 0, cs[2 * k + 1]}; }, sCoord);
+    cumulative(
+        nC,
+        [&](size_t k) {
+            return C3DVector{cs[2 * k], 0, cs[2 * k + 1]};
+        },
+        sCoord);
     cumulative(nS, sp, tCoord);
 
     auto uv = std::make_unique<CUVWChannel>();
@@ -490,9 +498,11 @@ std::unique_ptr<C3DObject> BuildExtrusion(VrmlNodeExtrusion& n, uint32_t materia
 uint64_t GeometryElements(const C3DGeomObject& o) {
     uint64_t n = 0;
     if (const C3DPointList* p = o.GetPointList()) n += p->Raw().size();
-    if (const C3DFaceList* f = o.GetFaceList()) n += f->GetNumberOfIndices() + static_cast<uint64_t>(f->GetNumberOfFaces());
+    if (const C3DFaceList* f = o.GetFaceList())
+        n += f->GetNumberOfIndices() + static_cast<uint64_t>(f->GetNumberOfFaces());
     for (const auto& ch : o.GetChannels()) {
-        if (const CFaceList* f = ch->GetFaceList()) n += f->GetNumberOfIndices() + static_cast<uint64_t>(f->GetNumberOfFaces());
+        if (const CFaceList* f = ch->GetFaceList())
+            n += f->GetNumberOfIndices() + static_cast<uint64_t>(f->GetNumberOfFaces());
         n += ch->MemoryBytes() / 8; // points, roughly
     }
     return n;

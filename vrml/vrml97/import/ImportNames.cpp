@@ -40,10 +40,8 @@ CXStringW RewriteTexturePath(const CXStringW& url) {
     CXStringW p = url;
     p.Replace(L"\\\\", L"\\");
     p.Replace(L"asset:", L".\\");
-    if (p.Find(L':') >= 0)
-        p.Replace(L":", L":\\"); // a drive path keeps a doubled separator after the colon
-    else
-        p = L".\\" + p;
+    if (p.Find(L':') >= 0) p.Replace(L":", L":\\"); // a drive path keeps a doubled separator after the colon
+    else p = L".\\" + p;
     p.Replace(L'/', L'\\');
     return p;
 }
