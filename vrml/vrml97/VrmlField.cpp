@@ -73,13 +73,26 @@ bool VrmlField::assign(VrmlField& dst, const VrmlField& src) {
 #define CASE(E, T)                                                                                                     \
     case E: *dst.as##T() = *src.as##T(); return true;
         CASE(SFBOOL, SFBool)
-        CASE(SFCOLOR, SFColor) CASE(SFFLOAT, SFFloat) CASE(SFINT32, SFInt) CASE(SFROTATION, SFRotation)
-            CASE(SFTIME, SFTime) CASE(SFVEC2F, SFVec2f) CASE(SFVEC3F, SFVec3f) CASE(SFIMAGE, SFImage)
-                CASE(SFSTRING, SFString) CASE(MFCOLOR, MFColor) CASE(MFFLOAT, MFFloat) CASE(MFINT32, MFInt)
-                    CASE(MFROTATION, MFRotation) CASE(MFSTRING, MFString) CASE(MFVEC2F, MFVec2f) CASE(MFVEC3F, MFVec3f)
-                        CASE(SFNODE, SFNode) CASE(MFNODE, MFNode)
+        CASE(SFCOLOR, SFColor)
+        CASE(SFFLOAT, SFFloat)
+        CASE(SFINT32, SFInt)
+        CASE(SFROTATION, SFRotation)
+        CASE(SFTIME, SFTime)
+        CASE(SFVEC2F, SFVec2f)
+        CASE(SFVEC3F, SFVec3f)
+        CASE(SFIMAGE, SFImage)
+        CASE(SFSTRING, SFString)
+        CASE(MFCOLOR, MFColor)
+        CASE(MFFLOAT, MFFloat)
+        CASE(MFINT32, MFInt)
+        CASE(MFROTATION, MFRotation)
+        CASE(MFSTRING, MFString)
+        CASE(MFVEC2F, MFVec2f)
+        CASE(MFVEC3F, MFVec3f)
+        CASE(SFNODE, SFNode)
+        CASE(MFNODE, MFNode)
 #undef CASE
-                            default : return false;
+    default: return false;
     }
 }
 

@@ -61,18 +61,21 @@ public:
     virtual std::ostream& print(std::ostream& os) const = 0;
     virtual VrmlFieldType fieldType() const;
 
-#define VRML_FIELD_CAST(T)                                                                                             \
-    virtual const Vrml##T* as##T() const { return nullptr; }                                                           \
+// clang-format off
+#define VRML_FIELD_CAST(T)                                                                         \
+    virtual const Vrml##T* as##T() const { return nullptr; }                                      \
     virtual Vrml##T* as##T() { return nullptr; }
-    VRML_FIELD_CAST(SFBool)
-    VRML_FIELD_CAST(SFColor) VRML_FIELD_CAST(SFFloat) VRML_FIELD_CAST(SFImage) VRML_FIELD_CAST(SFInt)
-        VRML_FIELD_CAST(SFNode) VRML_FIELD_CAST(SFRotation) VRML_FIELD_CAST(SFString) VRML_FIELD_CAST(SFTime)
-            VRML_FIELD_CAST(SFVec2f) VRML_FIELD_CAST(SFVec3f) VRML_FIELD_CAST(MFColor) VRML_FIELD_CAST(MFFloat)
-                VRML_FIELD_CAST(MFInt) VRML_FIELD_CAST(MFNode) VRML_FIELD_CAST(MFRotation) VRML_FIELD_CAST(MFString)
-                    VRML_FIELD_CAST(MFVec2f) VRML_FIELD_CAST(MFVec3f)
+    VRML_FIELD_CAST(SFBool) VRML_FIELD_CAST(SFColor) VRML_FIELD_CAST(SFFloat)
+    VRML_FIELD_CAST(SFImage) VRML_FIELD_CAST(SFInt) VRML_FIELD_CAST(SFNode)
+    VRML_FIELD_CAST(SFRotation) VRML_FIELD_CAST(SFString) VRML_FIELD_CAST(SFTime)
+    VRML_FIELD_CAST(SFVec2f) VRML_FIELD_CAST(SFVec3f) VRML_FIELD_CAST(MFColor)
+    VRML_FIELD_CAST(MFFloat) VRML_FIELD_CAST(MFInt) VRML_FIELD_CAST(MFNode)
+    VRML_FIELD_CAST(MFRotation) VRML_FIELD_CAST(MFString) VRML_FIELD_CAST(MFVec2f)
+    VRML_FIELD_CAST(MFVec3f)
 #undef VRML_FIELD_CAST
+        // clang-format on
 
-                        const char* typeName() const {
+        const char* typeName() const {
         return typeName(fieldType());
     }
     static const char* typeName(int type);
@@ -349,6 +352,7 @@ private:
         VRML_FIELD_OVERRIDES(T, E)                                                                                     \
     };
 
+// clang-format off
 VRML_MF_NUMERIC(MFColor, float, 3, MFCOLOR)
 VRML_MF_NUMERIC(MFFloat, float, 1, MFFLOAT)
 VRML_MF_NUMERIC(MFInt, int32_t, 1, MFINT32)
@@ -356,6 +360,7 @@ VRML_MF_NUMERIC(MFRotation, float, 4, MFROTATION)
 VRML_MF_NUMERIC(MFVec2f, float, 2, MFVEC2F)
 VRML_MF_NUMERIC(MFVec3f, float, 3, MFVEC3F)
 #undef VRML_MF_NUMERIC
+// clang-format on
 
 class VrmlMFString : public VrmlField {
 public:

@@ -18,16 +18,16 @@ class VrmlNodeType;
 class VrmlScene;
 
 // Every standard node class, by the suffix of its class name (VrmlNode<Suffix>).
-#define VRML_NODE_CLASSES(X)                                                                                           \
-    X(Anchor)                                                                                                          \
-    X(Appearance) X(AudioClip) X(Background) X(Billboard) X(Box) X(Collision) X(Color) X(ColorInt) X(Cone)             \
-        X(Coordinate) X(CoordinateInt) X(Cylinder) X(CylinderSensor) X(DirLight) X(ElevationGrid) X(Extrusion) X(Fog)  \
-            X(FontStyle) X(Group) X(ImageTexture) X(IFaceSet) X(ILineSet) X(Inline) X(LOD) X(Material) X(MovieTexture) \
-                X(NavigationInfo) X(Normal) X(NormalInt) X(OrientationInt) X(PixelTexture) X(PlaneSensor)              \
-                    X(PointLight) X(PointSet) X(PositionInt) X(ProximitySensor) X(ScalarInt) X(Script) X(Shape)        \
-                        X(Sound) X(Sphere) X(SphereSensor) X(SpotLight) X(Switch) X(Text) X(TextureCoordinate)         \
-                            X(TextureTransform) X(TimeSensor) X(TouchSensor) X(Transform) X(Viewpoint)                 \
-                                X(VisibilitySensor) X(WorldInfo)
+// clang-format off
+#define VRML_NODE_CLASSES(X)                                                                       \
+    X(Anchor) X(Appearance) X(AudioClip) X(Background) X(Billboard) X(Box) X(Collision) X(Color)   \
+    X(ColorInt) X(Cone) X(Coordinate) X(CoordinateInt) X(Cylinder) X(CylinderSensor) X(DirLight)   \
+    X(ElevationGrid) X(Extrusion) X(Fog) X(FontStyle) X(Group) X(ImageTexture) X(IFaceSet)         \
+    X(ILineSet) X(Inline) X(LOD) X(Material) X(MovieTexture) X(NavigationInfo) X(Normal)           \
+    X(NormalInt) X(OrientationInt) X(PixelTexture) X(PlaneSensor) X(PointLight) X(PointSet)        \
+    X(PositionInt) X(ProximitySensor) X(ScalarInt) X(Script) X(Shape) X(Sound) X(Sphere)           \
+    X(SphereSensor) X(SpotLight) X(Switch) X(Text) X(TextureCoordinate) X(TextureTransform)        \
+    X(TimeSensor) X(TouchSensor) X(Transform) X(Viewpoint) X(VisibilitySensor) X(WorldInfo)
 
 // Intermediate kinds that are not concrete node types of their own.
 #define VRML_NODE_KINDS(X) X(Child) X(Geometry) X(Texture) X(Light) X(IndexedSet) X(Proto)
@@ -36,6 +36,7 @@ class VrmlScene;
 VRML_NODE_CLASSES(VRML_FWD)
 VRML_NODE_KINDS(VRML_FWD)
 #undef VRML_FWD
+// clang-format on
 
 enum class VrmlInterfaceKind : uint8_t { EventIn, EventOut, Field, ExposedField };
 
@@ -70,12 +71,14 @@ public:
     virtual void cloneChildrenInto(VrmlNamespace* ns);
     virtual VrmlNode* cloneMe() const = 0;
 
-#define VRML_CAST(S)                                                                                                   \
-    virtual const VrmlNode##S* as##S() const { return nullptr; }                                                       \
+// clang-format off
+#define VRML_CAST(S)                                                                               \
+    virtual const VrmlNode##S* as##S() const { return nullptr; }                                  \
     virtual VrmlNode##S* as##S() { return nullptr; }
     VRML_NODE_KINDS(VRML_CAST)
     VRML_NODE_CLASSES(VRML_CAST)
 #undef VRML_CAST
+    // clang-format on
 
     virtual void addToScene(VrmlScene* scene, const char* relativeUrl);
     virtual std::ostream& print(std::ostream& os, int indent) const;

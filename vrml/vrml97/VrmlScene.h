@@ -55,14 +55,16 @@ public:
     // Registration lists.
     void addToLists(VrmlNode* node);
     void removeFromLists(VrmlNode* node);
-#define VRML_SCENE_LIST(Kind)                                                                                          \
-    void add##Kind(VrmlNode* n) { addTo(d_##Kind, n); }                                                                \
-    void remove##Kind(VrmlNode* n) { removeFrom(d_##Kind, n); }                                                        \
+// clang-format off
+#define VRML_SCENE_LIST(Kind)                                                                      \
+    void add##Kind(VrmlNode* n) { addTo(d_##Kind, n); }                                           \
+    void remove##Kind(VrmlNode* n) { removeFrom(d_##Kind, n); }                                   \
     const std::vector<VrmlNode*>& Kind##List() const { return d_##Kind; }
-    VRML_SCENE_LIST(Background)
-    VRML_SCENE_LIST(Fog) VRML_SCENE_LIST(NavigationInfo) VRML_SCENE_LIST(Viewpoint) VRML_SCENE_LIST(AudioClip)
-        VRML_SCENE_LIST(ScopedLight) VRML_SCENE_LIST(MovieTexture) VRML_SCENE_LIST(Script) VRML_SCENE_LIST(TimeSensor)
+    VRML_SCENE_LIST(Background) VRML_SCENE_LIST(Fog) VRML_SCENE_LIST(NavigationInfo)
+    VRML_SCENE_LIST(Viewpoint) VRML_SCENE_LIST(AudioClip) VRML_SCENE_LIST(ScopedLight)
+    VRML_SCENE_LIST(MovieTexture) VRML_SCENE_LIST(Script) VRML_SCENE_LIST(TimeSensor)
 #undef VRML_SCENE_LIST
+        // clang-format on
 
         // Binding: the bound node is the top of its stack.
         void bindBackground(VrmlNode* n, bool on, double time) {
