@@ -14,6 +14,7 @@
 
 #include "cli/ExitCodes.h"
 #include "cli/Module.h"
+#include "cli/Preview.h"
 #include "cli/SceneSummary.h"
 #include "cli/Signals.h"
 #include "cli/ToolCommands.h"
@@ -45,6 +46,7 @@ const char* kUsage =
     "                                  replace one mesh layer of an LXO file\n"
     "  vrml97 check FILE               parse a VRML97 world and report diagnostics\n"
     "  vrml97 print FILE               parse a VRML97 world and print it back\n"
+    "%s"
     "\n"
     "options: -q quiet, -v verbose, --help, --version\n"
     "environment: ORBISCOPE_PLUGIN_PATH (the module file or its folder)\n"
@@ -350,7 +352,7 @@ int Run(int argc, char** argv) {
         args.erase(args.begin());
     }
     if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
-        std::fputs(kUsage, args.empty() ? stderr : stdout);
+        std::fprintf(args.empty() ? stderr : stdout, kUsage, kPreviewUsage);
         return args.empty() ? EXIT_USAGE : EXIT_OK;
     }
     LoadedModule module;
@@ -366,6 +368,14 @@ int Run(int argc, char** argv) {
     if (cmd == "formats") return CmdFormats();
     if (cmd == "info") return CmdInfo(rest);
     if (cmd == "convert") return CmdConvert(rest);
+    if (cmd == "preview" || cmd == "thumbnails")
+        return RunPreviewCommand(cmd, rest, g_verbosity, [](const std::string& file, const std::string& from,
+                                                            std::unique_ptr<C3DScene>& scene, std::string& format) {
+            const CFormatEntry* entry = nullptr;
+            const int rc = ReadScene(file, from, scene, &entry);
+            if (entry) format = Narrow(entry->ext.description);
+            return rc;
+        });
     if (cmd == "lxo" || cmd == "vrml97") {
         std::vector<char*> sub;
         for (int i = 0; i < argc; ++i)
