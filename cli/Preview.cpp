@@ -15,6 +15,8 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -523,6 +525,22 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
         progress(e.rel);
     };
 
+    // Children are reaped with a blocking wait; a watchdog thread stops those past the timeout.
+    std::mutex mu;
+    std::condition_variable wake;
+    bool stopWatch = false;
+    std::thread watchdog([&] {
+        std::unique_lock lock(mu);
+        while (!stopWatch) {
+            wake.wait_for(lock, std::chrono::milliseconds(200));
+            const auto now = std::chrono::steady_clock::now();
+            for (Running& r : running)
+                if (!r.killed && now - r.start > std::chrono::seconds(timeout)) {
+                    ::kill(r.pid, SIGKILL);
+                    r.killed = true;
+                }
+        }
+    });
     while (next < entries.size() || !running.empty()) {
         while (running.size() < size_t(jobs) && next < entries.size()) {
             const size_t idx = next++;
@@ -541,11 +559,12 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
             argv.insert(argv.end(), o.forward.begin(), o.forward.end());
             if (!o.from.empty()) { argv.push_back("--from"); argv.push_back(o.from); }
             std::vector<char*> cargv;
-            for (auto& s : argv) cargv.push_back(s.data());
+            for (auto& a : argv) cargv.push_back(a.data());
             cargv.push_back(nullptr);
             ::unlink(e.sidecar.c_str());
             const std::string errPath = e.errors.string();
             std::fflush(nullptr);
+            std::lock_guard lock(mu);
             const pid_t pid = fork();
             if (pid == 0) {
                 // Only async-signal-safe calls between fork and exec.
@@ -562,26 +581,27 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
             }
             running.push_back({pid, idx, std::chrono::steady_clock::now()});
         }
+        if (running.empty()) continue;
         int status = 0;
-        const pid_t pid = ::waitpid(-1, &status, running.empty() ? 0 : WNOHANG);
-        if (pid > 0) {
-            auto it = std::find_if(running.begin(), running.end(), [&](const Running& r) { return r.pid == pid; });
-            if (it != running.end()) {
-                const Running r = *it;
-                running.erase(it);
-                finish(r.index, status, r.killed);
-            }
-            continue;
+        const pid_t pid = ::waitpid(-1, &status, 0);
+        if (pid < 0) {
+            if (errno == EINTR) continue;
+            break;
         }
-        if (pid < 0 && errno != EINTR && errno != EAGAIN) break;
-        const auto now = std::chrono::steady_clock::now();
-        for (Running& r : running)
-            if (!r.killed && now - r.start > std::chrono::seconds(timeout)) {
-                ::kill(r.pid, SIGKILL);
-                r.killed = true;
-            }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::unique_lock lock(mu);
+        auto it = std::find_if(running.begin(), running.end(), [&](const Running& r) { return r.pid == pid; });
+        if (it == running.end()) continue;
+        const Running r = *it;
+        running.erase(it);
+        lock.unlock();
+        finish(r.index, status, r.killed);
     }
+    {
+        std::lock_guard lock(mu);
+        stopWatch = true;
+    }
+    wake.notify_all();
+    watchdog.join();
     if (bar) std::fprintf(stderr, "\r%80s\r", "");
 
     std::string report;

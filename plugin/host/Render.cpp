@@ -100,6 +100,10 @@ public:
         return true;
     }
 
+    // A sample on an edge two triangles share must not be lost to rounding in both of them:
+    // "inside" reaches a hair past the edge (drawing it twice costs nothing with the depth test).
+    static constexpr float kInside = -1e-5f;
+
     void Triangle(const ScreenVert& a, const ScreenVert& b, const ScreenVert& c, const CImage* tex) {
         const float area = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
         if (!(std::fabs(area) > 1e-9f) || !std::isfinite(area)) return;
@@ -125,9 +129,29 @@ public:
             float l0 = ((b.x - px0) * (c.y - py) - (b.y - py) * (c.x - px0)) * inv;
             float l1 = ((c.x - px0) * (a.y - py) - (c.y - py) * (a.x - px0)) * inv;
             float l2 = ((a.x - px0) * (b.y - py) - (a.y - py) * (b.x - px0)) * inv;
+            // Wide triangles: the row's span from the three edges, one sample wider each side
+            // for rounding (the per-sample test below stays exact); narrow ones just scan.
+            int xs = x0, xe = x1;
+            if (x1 - x0 > 8) {
+                float lo = float(x0), hi = float(x1);
+                auto bound = [&](float l, float e) {
+                    if (e > 0) lo = std::max(lo, x0 - l / e - 1);
+                    else if (e < 0) hi = std::min(hi, x0 - l / e + 1);
+                    else if (l < kInside) hi = lo - 1;
+                };
+                bound(l0, e0x);
+                bound(l1, e1x);
+                bound(l2, e2x);
+                if (!(lo <= hi)) continue;
+                xs = static_cast<int>(std::ceil(lo));
+                xe = static_cast<int>(std::floor(hi));
+                l0 += e0x * (xs - x0);
+                l1 += e1x * (xs - x0);
+                l2 += e2x * (xs - x0);
+            }
             const size_t row = static_cast<size_t>(y) * m_w;
-            for (int x = x0; x <= x1; ++x, l0 += e0x, l1 += e1x, l2 += e2x) {
-                if (l0 < 0 || l1 < 0 || l2 < 0) continue;
+            for (int x = xs; x <= xe; ++x, l0 += e0x, l1 += e1x, l2 += e2x) {
+                if (l0 < kInside || l1 < kInside || l2 < kInside) continue;
                 const float d = l0 * a.depth + l1 * b.depth + l2 * c.depth;
                 float& z = m_depth[row + x];
                 if (!(d > z)) continue;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <sys/wait.h>
@@ -16,7 +17,7 @@ using testsupport::TempDir;
 using testsupport::WriteFile;
 
 namespace {
-struct Run {
+struct CliRun {
     int status = -1;
     std::string out, err;
 };
@@ -27,12 +28,12 @@ std::string Quote(const std::string& s) {
     return q + "'";
 }
 
-Run Orbiscope(const std::string& args) {
+CliRun Orbiscope(const std::string& args) {
     TempDir io;
     const std::string cmd = Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " " + args + " >" +
                             Quote((io / "out").string()) + " 2>" + Quote((io / "err").string()) + " </dev/null";
     const int rc = std::system(cmd.c_str());
-    Run r;
+    CliRun r;
     r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     r.out = ReadFile(io / "out");
     r.err = ReadFile(io / "err");
@@ -61,7 +62,7 @@ const char* kQuadObj = "mtllib quad.mtl\nv -1 -1 0\nv 1 -1 0\nv 1 1 0\nv -1 1 0\
 
 TEST(Preview, DrawsAFileIntoAPictureOfTheAskedSize) {
     TempDir d;
-    Run r = Orbiscope("preview " + Quote(House().string()) + " -o " + Quote((d / "house.png").string()) + " --size 96");
+    CliRun r = Orbiscope("preview " + Quote(House().string()) + " -o " + Quote((d / "house.png").string()) + " --size 96");
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.out.find("house.png: 96x96"), std::string::npos) << r.out;
     CImage img;
@@ -96,7 +97,7 @@ TEST(Preview, UsageAndFileErrorsLeaveNoPicture) {
         {"preview " + Quote(House().string()) + " -o " + Quote((d / "no" / "x.png").string()), 9, "does not exist"},
     };
     for (const Case& c : cases) {
-        Run r = Orbiscope(c.args);
+        CliRun r = Orbiscope(c.args);
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.err;
         EXPECT_NE(r.err.find(c.says), std::string::npos) << r.err;
         EXPECT_EQ(Lines(r.err), 1) << r.err;
@@ -107,7 +108,7 @@ TEST(Preview, UsageAndFileErrorsLeaveNoPicture) {
 TEST(Preview, ASceneWithNothingToDrawSaysSoAndMakesNoPicture) {
     TempDir d;
     WriteFile(d / "view.wrl", "#VRML V2.0 utf8\nViewpoint { position 0 0 10 }\nPointLight { }\n");
-    Run r = Orbiscope("preview " + Quote((d / "view.wrl").string()) + " -o " + Quote((d / "v.png").string()));
+    CliRun r = Orbiscope("preview " + Quote((d / "view.wrl").string()) + " -o " + Quote((d / "v.png").string()));
     EXPECT_EQ(r.status, 5) << r.err;
     EXPECT_NE(r.err.find("nothing to draw"), std::string::npos) << r.err;
     EXPECT_FALSE(fs::exists(d / "v.png"));
@@ -119,7 +120,7 @@ TEST(Preview, AMissingTextureIsNamedAndTheDiffuseColourDrawn) {
     WriteFile(d / "quad.mtl", "newmtl m\nKd 0.2 0.8 0.2\nmap_Kd skin.png\n");
     const std::string args = "preview " + Quote((d / "quad.obj").string()) + " -o " + Quote((d / "q.png").string()) +
                              " --size 64 --view front --no-grid";
-    Run r = Orbiscope(args);
+    CliRun r = Orbiscope(args);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_NE(r.err.find("\"skin.png\""), std::string::npos) << r.err;
     CImage img;
@@ -155,7 +156,7 @@ TEST(Preview, ThumbnailsOfAFolderWithReportAndContactSheet) {
 
     const std::string args = "thumbnails " + Quote(in.path().string()) + " --out " + Quote(out.path().string()) +
                              " -j 2 --size 48";
-    Run r = Orbiscope(args);
+    CliRun r = Orbiscope(args);
     EXPECT_EQ(r.status, 4) << r.err; // one file had no picture
     EXPECT_NE(r.out.find("3 files: 2 pictures made, 0 up to date, 1 without a picture"), std::string::npos) << r.out;
     EXPECT_NE(r.err.find("bad.3ds"), std::string::npos) << r.err;
@@ -196,7 +197,7 @@ TEST(Preview, ThumbnailsUsage) {
     EXPECT_EQ(Orbiscope("thumbnails " + Quote(d.path().string())).status, 2);
     EXPECT_EQ(Orbiscope("thumbnails " + Quote((d / "none").string()) + " --out " + Quote((d / "o").string())).status, 3);
     EXPECT_EQ(Orbiscope("thumbnails " + Quote(d.path().string()) + " --out " + Quote((d / "o").string()) + " -j 0").status, 2);
-    Run r = Orbiscope("thumbnails " + Quote(d.path().string()) + " --out " + Quote((d / "o").string()));
+    CliRun r = Orbiscope("thumbnails " + Quote(d.path().string()) + " --out " + Quote((d / "o").string()));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(d / "o" / "index.html"));
 }

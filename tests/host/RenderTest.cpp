@@ -256,6 +256,11 @@ TEST(Render, MissingOrSwitchedOffTexturesDrawTheDiffuseColour) {
     EXPECT_NEAR(c.g, 160 * 0.96, 6);
     EXPECT_NEAR(c.b, 60 * 0.96, 6);
     ExpectGolden(img, "quad_untextured");
+    // No crack along the diagonal the two triangles of the quad share.
+    int holes = 0;
+    for (int y = 5; y < 59; ++y)
+        for (int x = 5; x < 59; ++x) holes += std::abs(At(img, x, y).g - c.g) > 8;
+    EXPECT_EQ(holes, 0);
 
     // A file that is there but is no picture counts as missing too.
     testsupport::WriteFile(dir / "nothere.png", "not a picture");
