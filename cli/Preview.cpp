@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <map>
+#include <string_view>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -34,6 +35,8 @@ const char* const kPreviewUsage =
     "  preview FILE [-o OUT.png] [--view V] [--size N | --width W --height H]\n"
     "          [--background RRGGBB] [--no-textures] [--no-grid] [--aa N]\n"
     "          [--shading auto|flat|smooth] [--up y|z] [--from ID] [--report OUT.json]\n"
+    "                                  (up: +Z for 3D Studio, trueSpace, DXF, KMZ and Z_UP\n"
+    "                                  Collada files, else +Y, unless --up says)\n"
     "                                  draw FILE into a PNG picture; views: iso front back\n"
     "                                  left right top bottom camera\n"
     "  thumbnails DIR --out DIR [-j N] [--timeout S] [preview options]\n"
@@ -150,6 +153,7 @@ bool ParseInt(const std::string& text, int lo, int hi, int& out) {
 // Options shared by both commands; `forward` keeps them as given for the child processes.
 struct PictureOptions {
     CRenderOptions render;
+    bool upGiven = false; // else the format decides (see ZUpFormat)
     std::string from;
     std::vector<std::string> forward;
 };
@@ -194,6 +198,7 @@ int TakePictureOption(const std::vector<std::string>& args, size_t& i, PictureOp
     } else if (a == "--up") {
         if (!value(v) || (v != "y" && v != "z")) return Fail(EXIT_USAGE, "--up takes y or z."), -1;
         o.render.zUp = v == "z";
+        o.upGiven = true;
     } else if (a == "--from") {
         if (!value(o.from)) return Fail(EXIT_USAGE, "--from needs a type ID."), -1;
     } else {
@@ -209,6 +214,23 @@ std::string JoinNotes(const std::vector<std::string>& v) {
     std::string s = "[";
     for (size_t i = 0; i < v.size(); ++i) s += (i ? ", " : "") + JsonString(v[i]);
     return s + "]";
+}
+
+// Formats whose programs stand models on the XY plane with +Z up (the readers keep the file's
+// axes). Collada says so in its header.
+bool ZUpFormat(const std::string& format, const std::string& path) {
+    if (format == "3D Studio files" || format == "Truespace files" || format == "Dxf 14 files" || format == "KMZ files")
+        return true;
+    if (format.rfind("Collada", 0) == 0) {
+        char head[4096];
+        size_t n = 0;
+        if (FILE* f = std::fopen(path.c_str(), "rb")) {
+            n = std::fread(head, 1, sizeof head, f);
+            std::fclose(f);
+        }
+        return std::string_view(head, n).find("Z_UP") != std::string_view::npos;
+    }
+    return false;
 }
 
 int CmdPreview(const std::vector<std::string>& args, int verbosity, const PreviewSceneReader& read) {
@@ -237,6 +259,7 @@ int CmdPreview(const std::vector<std::string>& args, int verbosity, const Previe
     std::unique_ptr<C3DScene> scene;
     std::string format;
     if (int rc = read(file, o.from, scene, format)) return rc;
+    if (!o.upGiven) o.render.zUp = ZUpFormat(format, file);
     o.render.sceneFolder = fs::path(file).parent_path().string();
     if (o.render.sceneFolder.empty()) o.render.sceneFolder = ".";
     CImage picture;

@@ -80,6 +80,27 @@ TEST(Preview, DrawsAFileIntoAPictureOfTheAskedSize) {
     EXPECT_EQ(img.Pixel(0, 0)[2], 0x40);
 }
 
+TEST(Preview, ZUpFormatsStandOnTheirXYPlane) {
+    // A DXF face in the XY plane: seen from the top it fills the picture, unless Y is taken as up.
+    TempDir d;
+    std::string dxf = "0\nSECTION\n2\nENTITIES\n0\n3DFACE\n8\n0\n";
+    const char* corners = "10\n0\n20\n0\n30\n0\n11\n1\n21\n0\n31\n0\n12\n1\n22\n1\n32\n0\n13\n0\n23\n1\n33\n0\n";
+    dxf += corners;
+    dxf += "0\nENDSEC\n0\nEOF\n";
+    WriteFile(d / "face.dxf", dxf);
+    const std::string base = "preview " + Quote((d / "face.dxf").string()) + " -o " + Quote((d / "f.png").string()) +
+                             " --size 64 --view top --no-grid";
+    CliRun r = Orbiscope(base);
+    ASSERT_EQ(r.status, 0) << r.err;
+    CImage img;
+    ASSERT_EQ(LoadImageFile((d / "f.png").string(), img), ImageResult::Ok);
+    EXPECT_GT(Drawn(img), 64 * 64 / 2);
+    r = Orbiscope(base + " --up y");
+    ASSERT_EQ(r.status, 0) << r.err;
+    ASSERT_EQ(LoadImageFile((d / "f.png").string(), img), ImageResult::Ok);
+    EXPECT_LT(Drawn(img), 64 * 64 / 8);
+}
+
 TEST(Preview, UsageAndFileErrorsLeaveNoPicture) {
     TempDir d;
     const std::string out = " -o " + Quote((d / "x.png").string());
