@@ -35,10 +35,9 @@ const char* const kPreviewUsage =
     "  preview FILE [-o OUT.png] [--view V] [--size N | --width W --height H]\n"
     "          [--background RRGGBB] [--no-textures] [--no-grid] [--aa N]\n"
     "          [--shading auto|flat|smooth] [--up y|z] [--from ID] [--report OUT.json]\n"
-    "                                  (up: +Z for 3D Studio, trueSpace, DXF, KMZ and Z_UP\n"
-    "                                  Collada files, else +Y, unless --up says)\n"
     "                                  draw FILE into a PNG picture; views: iso front back\n"
-    "                                  left right top bottom camera\n"
+    "                                  left right top bottom camera; up is +Z for 3D Studio,\n"
+    "                                  trueSpace, DXF, KMZ and Z_UP Collada files, else +Y\n"
     "  thumbnails DIR --out DIR [-j N] [--timeout S] [preview options]\n"
     "                                  a picture for every readable file under DIR, with\n"
     "                                  report.jsonl and index.html in the output folder\n";

@@ -1,5 +1,6 @@
 #include "plugin/host/Image.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -92,7 +93,11 @@ void CImage::Resize(int w, int h, uint32_t rgbaFill) {
     height = h > 0 ? h : 0;
     rgba.resize(static_cast<size_t>(width) * height * 4);
     const uint8_t c[4] = {uint8_t(rgbaFill >> 24), uint8_t(rgbaFill >> 16), uint8_t(rgbaFill >> 8), uint8_t(rgbaFill)};
-    for (size_t i = 0; i < rgba.size(); i += 4) std::memcpy(&rgba[i], c, 4);
+    if (rgba.empty()) return;
+    // One pixel, then the filled part copied onto the rest, doubling each time.
+    std::memcpy(rgba.data(), c, 4);
+    for (size_t done = 4; done < rgba.size(); done *= 2)
+        std::memcpy(rgba.data() + done, rgba.data(), std::min(done, rgba.size() - done));
 }
 
 const char* ImageResultText(ImageResult r) {

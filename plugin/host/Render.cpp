@@ -811,21 +811,24 @@ RenderResult SceneRenderer::Run(CImage& out) {
     }
     if (m_stats.triangles == 0 && m_stats.lines == 0 && m_stats.points == 0) return RenderResult::Empty;
 
-    // Box filter down to the asked size.
+    // Box filter down to the asked size, a row of sums at a time.
     out.Resize(m_opt.width, m_opt.height, 0);
     const CImage& big = m_raster->color;
-    const int n = m_ss * m_ss;
-    for (int y = 0; y < m_opt.height; ++y)
-        for (int x = 0; x < m_opt.width; ++x) {
-            int acc[4] = {0, 0, 0, 0};
-            for (int sy = 0; sy < m_ss; ++sy) {
-                const uint8_t* p = big.Pixel(x * m_ss, y * m_ss + sy);
-                for (int sx = 0; sx < m_ss; ++sx, p += 4)
-                    for (int k = 0; k < 4; ++k) acc[k] += p[k];
-            }
-            uint8_t* o = out.Pixel(x, y);
-            for (int k = 0; k < 4; ++k) o[k] = static_cast<uint8_t>((acc[k] + n / 2) / n);
+    const uint32_t n = uint32_t(m_ss * m_ss);
+    const size_t rowValues = size_t(m_opt.width) * 4;
+    std::vector<uint32_t> acc(rowValues);
+    for (int y = 0; y < m_opt.height; ++y) {
+        std::fill(acc.begin(), acc.end(), 0u);
+        for (int sy = 0; sy < m_ss; ++sy) {
+            const uint8_t* p = big.Pixel(0, y * m_ss + sy);
+            for (size_t x = 0; x < rowValues; x += 4)
+                for (int sx = 0; sx < m_ss; ++sx, p += 4) {
+                    acc[x] += p[0]; acc[x + 1] += p[1]; acc[x + 2] += p[2]; acc[x + 3] += p[3];
+                }
         }
+        uint8_t* o = out.Pixel(0, y);
+        for (size_t i = 0; i < rowValues; ++i) o[i] = static_cast<uint8_t>((acc[i] + n / 2) / n);
+    }
     return RenderResult::Ok;
 }
 
