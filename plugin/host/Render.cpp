@@ -236,19 +236,32 @@ struct DrawItem {
     C4x4Matrix world;
 };
 
-// Case-insensitive lookup of `name` among the entries of `folder`.
-std::string FindNoCase(const fs::path& folder, const std::string& name) {
-    std::error_code ec;
-    auto lower = [](std::string s) {
-        for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        return s;
-    };
-    const std::string want = lower(name);
-    int seen = 0;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end && seen < 10000; it.increment(ec), ++seen)
-        if (lower(it->path().filename().string()) == want) return it->path().string();
-    return {};
+std::string Lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
 }
+
+// Folder listings for lookups in any letter case, read once per folder (at most 10,000
+// entries each) however many names a scene asks for.
+class FolderIndex {
+public:
+    std::string Find(const fs::path& folder, const std::string& name) {
+        auto it = m_folders.find(folder.string());
+        if (it == m_folders.end()) {
+            std::map<std::string, std::string> entries;
+            std::error_code ec;
+            int seen = 0;
+            for (fs::directory_iterator d(folder, ec), end; !ec && d != end && seen < 10000; d.increment(ec), ++seen)
+                entries.emplace(Lower(d->path().filename().string()), d->path().string());
+            it = m_folders.emplace(folder.string(), std::move(entries)).first;
+        }
+        auto e = it->second.find(Lower(name));
+        return e == it->second.end() ? std::string() : e->second;
+    }
+
+private:
+    std::map<std::string, std::map<std::string, std::string>> m_folders;
+};
 
 bool IsFile(const fs::path& p) {
     std::error_code ec;
@@ -258,7 +271,8 @@ bool IsFile(const fs::path& p) {
 // Where a texture named by the scene is: as given, beside the scene file, in the scene's
 // texture folders, among its required files, then the same names in any letter case
 // (files written on systems that ignore case).
-std::string ResolveTexture(const std::string& given, const C3DScene& scene, const std::string& sceneFolder) {
+std::string ResolveTexture(const std::string& given, const C3DScene& scene, const std::string& sceneFolder,
+                           FolderIndex& index) {
     std::string name = given;
     std::replace(name.begin(), name.end(), '\\', '/');
     if (name.empty()) return {};
@@ -278,7 +292,7 @@ std::string ResolveTexture(const std::string& given, const C3DScene& scene, cons
         if (rp.filename() == base && IsFile(rp)) return rp.string();
     }
     for (const fs::path& f : folders)
-        if (std::string found = FindNoCase(f, base); !found.empty()) return found;
+        if (std::string found = index.Find(f, base); !found.empty()) return found;
     return {};
 }
 
@@ -326,6 +340,8 @@ private:
     float m_radius = 1;
     std::map<uint32_t, MaterialLook> m_looks;
     std::map<std::string, std::unique_ptr<CImage>> m_textures; // by resolved path; null when unreadable
+    uint64_t m_textureBytes = 0;
+    FolderIndex m_folders;
     std::vector<C3DPoint> m_view;                               // the current mesh's points in view space
     std::vector<ScreenVert> m_screen;
     std::vector<uint8_t> m_inFront;
@@ -462,12 +478,19 @@ const MaterialLook& SceneRenderer::Look(uint32_t id) {
         const CMaterialMap* map = m->GetMaterialMap(MAP_DIFFUSE);
         if (map && m_opt.textures && !map->file.IsEmpty()) {
             const std::string given = WideToUtf8(map->file.view());
-            const std::string path = ResolveTexture(given, m_scene, m_opt.sceneFolder);
+            const std::string path = ResolveTexture(given, m_scene, m_opt.sceneFolder, m_folders);
             auto t = path.empty() ? m_textures.end() : m_textures.find(path);
             if (!path.empty() && t == m_textures.end()) {
+                // All the scene's textures together stay within one budget.
+                CImageLimits limits;
+                limits.maxPixels = std::min<uint64_t>(limits.maxPixels, (m_opt.textureBytes - std::min(m_opt.textureBytes, m_textureBytes)) / 4);
                 auto img = std::make_unique<CImage>();
-                if (LoadImageFile(path, *img) != ImageResult::Ok) img.reset();
-                else ++m_stats.texturesLoaded;
+                if (limits.maxPixels == 0 || LoadImageFile(path, *img, limits) != ImageResult::Ok) {
+                    img.reset();
+                } else {
+                    ++m_stats.texturesLoaded;
+                    m_textureBytes += img->rgba.size();
+                }
                 t = m_textures.emplace(path, std::move(img)).first;
             }
             if (t != m_textures.end() && t->second) {

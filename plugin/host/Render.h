@@ -30,6 +30,7 @@ struct CRenderOptions {
     int supersample = 2;      // samples per pixel along each axis (1..4)
     std::string sceneFolder;  // where relative texture names are looked up first
     uint64_t fillBudget = 3000000000ull; // pixel tests before drawing stops (hostile scenes)
+    uint64_t textureBytes = uint64_t(256) << 20; // decoded textures of one scene together
 };
 
 struct CRenderStats {

@@ -278,6 +278,31 @@ TEST(Render, MissingOrSwitchedOffTexturesDrawTheDiffuseColour) {
     EXPECT_EQ(At(img, 46, 46).g, c.g);
 }
 
+TEST(Render, TexturesShareOneMemoryBudget) {
+    // Two materials with two different 4x4 textures (64 bytes decoded each) and room for one.
+    testsupport::TempDir dir;
+    CImage t;
+    t.Resize(4, 4, 0xFF0000FF);
+    ASSERT_TRUE(SavePng((dir / "a.png").string(), t));
+    ASSERT_TRUE(SavePng((dir / "b.png").string(), t));
+    auto scene = TexturedQuad("a.png");
+    auto second = TexturedQuad("b.png");
+    scene->AddScene(*second);
+    CRenderOptions o = Small(RenderView::Front);
+    o.sceneFolder = dir.path().string();
+    o.textureBytes = 100;
+    CImage img;
+    CRenderStats stats;
+    ASSERT_EQ(RenderScene(*scene, o, img, &stats), RenderResult::Ok);
+    EXPECT_EQ(stats.texturesLoaded, 1);
+    ASSERT_EQ(stats.missingTextures.size(), 1u);
+    EXPECT_EQ(stats.missingTextures[0], "b.png");
+    o.textureBytes = 128;
+    CRenderStats both;
+    ASSERT_EQ(RenderScene(*scene, o, img, &both), RenderResult::Ok);
+    EXPECT_EQ(both.texturesLoaded, 2);
+}
+
 TEST(Render, CurvesAreLinesAndClosedOnesCloseUp) {
     auto scene = std::make_unique<C3DScene>();
     scene->GetMaterialByID(0, true)->diffuse = {220, 20, 20};
