@@ -358,7 +358,8 @@ std::string UrlPath(const std::string& s) {
 
 std::string ContactSheet(const std::vector<Entry>& entries, const std::string& title) {
     int ok = 0, failed = 0;
-    for (const Entry& e : entries) (e.state == Entry::Failed ? failed : ok)++;
+    for (const Entry& e : entries)
+        if (e.state != Entry::Pending) (e.state == Entry::Failed ? failed : ok)++;
     std::string h =
         "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>" + HtmlEscape(title) +
         "</title>\n<style>\n"
@@ -372,6 +373,7 @@ std::string ContactSheet(const std::vector<Entry>& entries, const std::string& t
         HtmlEscape(title) + "</h1>\n<p>" + std::to_string(ok) + " pictures, " + std::to_string(failed) +
         " files without a picture.</p>\n<div class=\"grid\">\n";
     for (const Entry& e : entries) {
+        if (e.state == Entry::Pending) continue; // a cancelled run never reached it
         std::map<std::string, std::string> f;
         ReadJsonFields(e.line, f);
         if (e.state == Entry::Failed) {
@@ -431,7 +433,7 @@ bool UpToDate(Entry& e) {
     return true;
 }
 
-int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
+int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std::atomic<bool>* cancel) {
     PictureOptions o;
     o.render.width = o.render.height = 256;
     o.forward = {"--size", "256"}; // a --size or --width given later overrides it in the workers
@@ -564,6 +566,8 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
         }
     });
     while (next < entries.size() || !running.empty()) {
+        // After a Ctrl-C no file is started; the running ones end on the same signal.
+        if (cancel && cancel->load()) next = entries.size();
         while (running.size() < size_t(jobs) && next < entries.size()) {
             const size_t idx = next++;
             Entry& e = entries[idx];
@@ -633,6 +637,9 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
         return Fail(EXIT_CANNOT_WRITE, "cannot write " + (fs::path(out) / "report.jsonl").string() + ".");
     if (!WriteText(fs::path(out) / "index.html", ContactSheet(entries, "Pictures of " + fs::path(in).filename().string())))
         return Fail(EXIT_CANNOT_WRITE, "cannot write " + (fs::path(out) / "index.html").string() + ".");
+    if (cancel && cancel->load())
+        return Fail(EXIT_CANCELLED, "cancelled after " + std::to_string(done) + " of " + std::to_string(entries.size()) +
+                                        " files; report.jsonl and index.html list those.");
     if (verbosity >= 1)
         std::printf("%zu files: %zu pictures made, %zu up to date, %zu without a picture; %s\n", entries.size(), made,
                     fresh, failed, (fs::path(out) / "index.html").string().c_str());
@@ -642,7 +649,7 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity) {
 } // namespace
 
 int RunPreviewCommand(const std::string& command, const std::vector<std::string>& args, int verbosity,
-                      const PreviewSceneReader& read) {
-    if (command == "thumbnails") return CmdThumbnails(args, verbosity);
+                      const std::atomic<bool>* cancel, const PreviewSceneReader& read) {
+    if (command == "thumbnails") return CmdThumbnails(args, verbosity, cancel);
     return CmdPreview(args, verbosity, read);
 }

@@ -1,5 +1,6 @@
 #pragma once
 // orbiscope preview / thumbnails: pictures of scenes through the host's renderer.
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -13,9 +14,10 @@ using PreviewSceneReader =
     std::function<int(const std::string& path, const std::string& fromID, std::unique_ptr<C3DScene>& scene,
                       std::string& format)>;
 
-// `command` is "preview" or "thumbnails"; `args` follow it. Returns the exit status.
+// `command` is "preview" or "thumbnails"; `args` follow it. `cancel` is the flag a Ctrl-C
+// sets (thumbnails then starts no further file). Returns the exit status.
 int RunPreviewCommand(const std::string& command, const std::vector<std::string>& args, int verbosity,
-                      const PreviewSceneReader& read);
+                      const std::atomic<bool>* cancel, const PreviewSceneReader& read);
 
 // The usage lines of both commands (for the CLI's --help).
 extern const char* const kPreviewUsage;

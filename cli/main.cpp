@@ -369,7 +369,7 @@ int Run(int argc, char** argv) {
     if (cmd == "info") return CmdInfo(rest);
     if (cmd == "convert") return CmdConvert(rest);
     if (cmd == "preview" || cmd == "thumbnails")
-        return RunPreviewCommand(cmd, rest, g_verbosity, [](const std::string& file, const std::string& from,
+        return RunPreviewCommand(cmd, rest, g_verbosity, &g_cancel, [](const std::string& file, const std::string& from,
                                                             std::unique_ptr<C3DScene>& scene, std::string& format) {
             const CFormatEntry* entry = nullptr;
             const int rc = ReadScene(file, from, scene, &entry);
