@@ -317,6 +317,7 @@ private:
     ScreenVert Project(const ViewVert& v) const;
     void DrawTriangle(const ViewVert& a, const ViewVert& b, const ViewVert& c, const CImage* tex);
     void DrawLine(ViewVert a, ViewVert b, int width, const uint8_t rgb[3]);
+    void DrawDot(const ViewVert& v, const uint8_t rgb[3]);
     void DrawMesh(const DrawItem& item);
     void DrawCurve(const DrawItem& item);
     void DrawPoints(const DrawItem& item);
@@ -559,6 +560,12 @@ void SceneRenderer::DrawLine(ViewVert a, ViewVert b, int width, const uint8_t rg
     m_raster->Line(Project(a), Project(b), width, rgb);
 }
 
+// Two pixels square; nothing for a point behind a perspective camera.
+void SceneRenderer::DrawDot(const ViewVert& v, const uint8_t rgb[3]) {
+    if (m_cam.perspective && !(v.p.z < -m_cam.nearDist)) return;
+    m_raster->Dot(Project(v), 2 * m_ss, rgb);
+}
+
 void SceneRenderer::DrawMesh(const DrawItem& item) {
     const C3DGeomObject& obj = *item.object;
     const C3DPointList& pts = *obj.GetPointList();
@@ -625,7 +632,7 @@ void SceneRenderer::DrawMesh(const DrawItem& item) {
         if (n < 3) {
             ViewVert a{m_view[face[0]], 0, 0, 0, 0, 0};
             if (n == 1) {
-                m_raster->Dot(Project(a), 2 * m_ss, base);
+                DrawDot(a, base);
                 ++m_stats.points;
             } else {
                 DrawLine(a, ViewVert{m_view[face[1]], 0, 0, 0, 0, 0}, LineWidth(), base);
@@ -740,7 +747,7 @@ void SceneRenderer::DrawCurve(const DrawItem& item) {
             ++m_stats.lines;
         }
         if (face.size() == 1 && face[0] < np) {
-            m_raster->Dot(Project(viewOf(face[0])), 2 * LineWidth(), rgb);
+            DrawDot(viewOf(face[0]), rgb);
             ++m_stats.points;
         }
         if (m_raster->CutShort()) return;
@@ -751,8 +758,7 @@ void SceneRenderer::DrawPoints(const DrawItem& item) {
     // m_view holds the object's points (DrawMesh filled it).
     const uint8_t rgb[3] = {30, 60, 120};
     for (const C3DPoint& p : m_view) {
-        if (m_cam.perspective && !(p.z < -m_cam.nearDist)) continue;
-        m_raster->Dot(Project(ViewVert{p, 0, 0, 0, 0, 0}), 2 * LineWidth(), rgb);
+        DrawDot(ViewVert{p, 0, 0, 0, 0, 0}, rgb);
         ++m_stats.points;
         if (m_raster->CutShort()) return;
     }

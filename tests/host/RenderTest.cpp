@@ -427,6 +427,27 @@ TEST(Render, PointCloudsAreDots) {
     EXPECT_TRUE(IsHue(At(img, 10, 10), true, true, true)); // background between the dots
 }
 
+TEST(Render, PointsBehindTheCameraAreNotMirroredIntoThePicture) {
+    C3DScene scene;
+    auto* obj = new C3DObject;
+    auto* pts = new C3DPointList;
+    pts->Add(1, 1, 5); // the camera at the origin looks along -Z: this is behind it
+    obj->SetPointList(pts);
+    obj->SetFaceList(new C3DFaceList);
+    scene.AddNode(nullptr, new C3DSceneNode(obj));
+    auto* cam = new C3DCamera;
+    cam->SetVFov(0.8f);
+    scene.AddNode(nullptr, new C3DSceneNode(cam));
+    CRenderOptions o = Small(RenderView::Camera);
+    o.grid = false;
+    CImage img;
+    ASSERT_EQ(RenderScene(scene, o, img), RenderResult::Ok);
+    int blue = 0;
+    for (int y = 0; y < img.height; ++y)
+        for (int x = 0; x < img.width; ++x) blue += At(img, x, y).b > At(img, x, y).r + 40;
+    EXPECT_EQ(blue, 0);
+}
+
 TEST(Render, HostileScenesStayBounded) {
     // Thousands of faces as large as the picture: drawing stops at the budget, says so and returns.
     C3DScene scene;
