@@ -1,7 +1,7 @@
 # User commands: `make demo` (main job) and `make test` (whole suite).
 # Each installs the Debian packages it needs when they are missing.
 
-BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config libstb-dev
+BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config libstb-dev libjpeg-dev
 FUZZ_PKGS  := clang libclang-rt-14-dev
 BENCH_PKGS := libassimp-dev libtinyobjloader-dev time
 JOBS ?= $(shell nproc)

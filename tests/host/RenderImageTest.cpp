@@ -177,3 +177,18 @@ TEST(RenderImage, DecoderMemoryIsCappedForAStreamThatInflatesWithoutEnd) {
     // The budget is per picture: the next ordinary one decodes again.
     EXPECT_EQ(LoadImageMemory(ok, img), ImageResult::Ok);
 }
+
+TEST(RenderImage, FuzzFindingsReplay) {
+    // Damaged JPEG files that made the first decoder read past its Huffman tables.
+    const fs::path dir = testsupport::SourceDir() / "tests" / "regressions" / "image";
+    int n = 0;
+    for (const auto& e : fs::directory_iterator(dir)) {
+        const std::string bytes = testsupport::ReadFile(e.path());
+        CImage img;
+        const ImageResult r = LoadImageMemory(Bytes(bytes), img);
+        if (r == ImageResult::Ok) EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4) << e.path();
+        else EXPECT_TRUE(img.IsEmpty()) << e.path();
+        ++n;
+    }
+    EXPECT_GE(n, 2);
+}
