@@ -167,10 +167,39 @@ ImageResult LoadJpeg(std::span<const uint8_t> bytes, CImage& out, const CImageLi
 }
 } // namespace
 
+// Empty IDAT chunks (legal, and harmless) make stb copy zero bytes to a null buffer; they
+// are left out of a copy of the file. Chunk CRCs are not checked by the decoder.
+bool DropEmptyIdat(std::span<const uint8_t> bytes, std::vector<uint8_t>& copy) {
+    static const uint8_t kSig[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+    if (bytes.size() < 8 || std::memcmp(bytes.data(), kSig, 8) != 0) return false;
+    auto emptyIdat = [&](size_t at) {
+        return at + 12 <= bytes.size() && std::memcmp(&bytes[at], "\0\0\0\0IDAT", 8) == 0;
+    };
+    bool any = false;
+    for (size_t at = 8; at + 8 <= bytes.size() && !any;) {
+        const uint64_t len = (uint64_t(bytes[at]) << 24) | (uint32_t(bytes[at + 1]) << 16) | (uint32_t(bytes[at + 2]) << 8) | bytes[at + 3];
+        any = emptyIdat(at);
+        at += 12 + len;
+    }
+    if (!any) return false;
+    copy.assign(bytes.begin(), bytes.begin() + 8);
+    size_t at = 8;
+    while (at + 8 <= bytes.size()) {
+        const uint64_t len = (uint64_t(bytes[at]) << 24) | (uint32_t(bytes[at + 1]) << 16) | (uint32_t(bytes[at + 2]) << 8) | bytes[at + 3];
+        const size_t end = static_cast<size_t>(std::min<uint64_t>(bytes.size(), at + 12 + len));
+        if (!emptyIdat(at)) copy.insert(copy.end(), bytes.begin() + at, bytes.begin() + end);
+        at = end;
+    }
+    copy.insert(copy.end(), bytes.begin() + std::min(at, bytes.size()), bytes.end());
+    return true;
+}
+
 ImageResult LoadImageMemory(std::span<const uint8_t> bytes, CImage& out, const CImageLimits& limits) {
     out = CImage{};
     if (bytes.empty() || bytes.size() > limits.maxFileBytes || bytes.size() > INT32_MAX) return ImageResult::NotAnImage;
     if (bytes.size() >= 3 && bytes[0] == 0xFF && bytes[1] == 0xD8 && bytes[2] == 0xFF) return LoadJpeg(bytes, out, limits);
+    std::vector<uint8_t> cleaned;
+    if (DropEmptyIdat(bytes, cleaned)) bytes = cleaned;
     const auto* data = bytes.data();
     const int len = static_cast<int>(bytes.size());
     int w = 0, h = 0, comp = 0;

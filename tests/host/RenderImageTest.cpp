@@ -178,6 +178,17 @@ TEST(RenderImage, DecoderMemoryIsCappedForAStreamThatInflatesWithoutEnd) {
     EXPECT_EQ(LoadImageMemory(ok, img), ImageResult::Ok);
 }
 
+TEST(RenderImage, EmptyDataChunksAreHarmless) {
+    // An empty IDAT before the real one: legal, and it must not reach the decoder as a copy
+    // of nothing into no buffer (the sanitizer build stops on that).
+    std::vector<uint8_t> png = GreyPng(1, 1, {0, 77});
+    const std::vector<uint8_t> empty = {0, 0, 0, 0, 'I', 'D', 'A', 'T', 0x35, 0xAF, 0x06, 0x1E};
+    png.insert(png.begin() + 33, empty.begin(), empty.end()); // after the signature and IHDR
+    CImage img;
+    ASSERT_EQ(LoadImageMemory(png, img), ImageResult::Ok);
+    EXPECT_EQ(img.Pixel(0, 0)[0], 77);
+}
+
 TEST(RenderImage, FuzzFindingsReplay) {
     // Damaged JPEG files that made the first decoder read past its Huffman tables.
     const fs::path dir = testsupport::SourceDir() / "tests" / "regressions" / "image";
