@@ -1,7 +1,7 @@
 # User commands: `make demo` (main job) and `make test` (whole suite).
 # Each installs the Debian packages it needs when they are missing.
 
-BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config python3-jsonschema pybind11-dev python3-dev python3-numpy python3-pytest
+BUILD_PKGS := g++ cmake ninja-build libgtest-dev zlib1g-dev libzip-dev libpugixml-dev pkg-config python3-jsonschema pybind11-dev python3-dev python3-numpy python3-pytest libstb-dev libjpeg-dev
 FUZZ_PKGS  := clang libclang-rt-14-dev
 BENCH_PKGS := libassimp-dev libtinyobjloader-dev time python3-meshio
 FORMAT_PKGS := clang-format-14

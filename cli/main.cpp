@@ -10,6 +10,7 @@
 #include "cli/Commands.h"
 #include "cli/ExitCodes.h"
 #include "cli/Module.h"
+#include "cli/Preview.h"
 #include "cli/SceneSummary.h"
 #include "cli/Signals.h"
 #include "cli/ToolCommands.h"
@@ -27,6 +28,8 @@ int CmdVersion(const std::vector<std::string>& args);
 int CmdHelp(const std::vector<std::string>& args);
 int CmdLxo(const std::vector<std::string>& args);
 int CmdVrml97(const std::vector<std::string>& args);
+int CmdPreview(const std::vector<std::string>& args);
+int CmdThumbnails(const std::vector<std::string>& args);
 
 struct Command {
     const char* name;
@@ -103,6 +106,10 @@ const Command kCommands[] = {
      "                                      parse a VRML97 world and count its nodes by type\n"
      "       orbiscope vrml97 print FILE    parse a VRML97 world and print it back\n",
      CmdVrml97, true, true},
+    {"preview", "preview FILE [-o OUT.png] ...   draw a picture of FILE (orbiscope help preview)", kPreviewUsage,
+     CmdPreview, true, true},
+    {"thumbnails", "thumbnails DIR --out DIR ...    pictures of a folder's files, with a contact sheet", kPreviewUsage,
+     CmdThumbnails, true, true},
     {"version", "version [--json]                the version of orbiscope and of its module",
      "usage: orbiscope version [--json]     (also: orbiscope --version, orbiscope -V)\n"
      "\n"
@@ -187,6 +194,21 @@ int PassOn(int (*tool)(int, char**), const std::vector<std::string>& args) {
 }
 int CmdLxo(const std::vector<std::string>& args) { return PassOn(RunLxoCommand, args); }
 int CmdVrml97(const std::vector<std::string>& args) { return PassOn(RunVrml97Command, args); }
+
+// Pictures read their scenes as `info` does.
+int ReadForPicture(const std::string& file, const std::string& from, std::unique_ptr<C3DScene>& scene,
+                   std::string& format) {
+    const CFormatEntry* entry = nullptr;
+    const int rc = ReadScene(file, from, scene, &entry);
+    if (entry) format = Narrow(entry->ext.description);
+    return rc;
+}
+int CmdPreview(const std::vector<std::string>& args) {
+    return RunPreviewCommand("preview", args, g_verbosity, &g_cancel, ReadForPicture);
+}
+int CmdThumbnails(const std::vector<std::string>& args) {
+    return RunPreviewCommand("thumbnails", args, g_verbosity, &g_cancel, ReadForPicture);
+}
 
 bool IsHelp(const std::string& a) { return a == "--help" || a == "-h"; }
 

@@ -15,6 +15,7 @@ seeds_for() {
         obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo|lxoimport) echo lxo ;; vrml1) echo "wrl1 iv" ;;
         lwo) echo lwo ;; lws) echo lws ;; cob) echo cob ;; dxf) echo dxf ;;
         vrml97|vrml97import) echo wrl97 ;; collada) echo dae ;; kmz) echo kmz ;;
+        image) echo wrl97 ;; render) echo obj ;;
         formats) echo "obj stl 3ds lxo wrl97 dxf lwo cob iv dae" ;;
         *) ;;
     esac
