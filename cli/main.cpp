@@ -14,6 +14,7 @@
 #include "cli/SceneSummary.h"
 #include "cli/Signals.h"
 #include "cli/ToolCommands.h"
+#include "plugin/host/GenericIo.h"
 #include <orbiscope/Version.h>
 
 namespace {
