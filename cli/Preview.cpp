@@ -23,6 +23,7 @@
 
 #include "cli/ExitCodes.h"
 #include "cli/SceneSummary.h"
+#include "plugin/host/ColladaIo.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/GenericIo.h"
 #include "plugin/host/Image.h"
@@ -234,19 +235,10 @@ std::string JoinNotes(const std::vector<std::string>& v) {
 
 // Formats whose programs stand models on the XY plane with +Z up (the readers keep the file's
 // axes). Collada says so in its header.
-bool ZUpFormat(const std::string& format, const std::string& path) {
+bool ZUpFormat(const std::string& format, C3DScene& scene) {
     if (format == "3D Studio files" || format == "Truespace files" || format == "Dxf 14 files" || format == "KMZ files")
         return true;
-    if (format.rfind("Collada", 0) == 0) {
-        char head[4096];
-        size_t n = 0;
-        if (FILE* f = std::fopen(path.c_str(), "rb")) {
-            n = std::fread(head, 1, sizeof head, f);
-            std::fclose(f);
-        }
-        return std::string_view(head, n).find("Z_UP") != std::string_view::npos;
-    }
-    return false;
+    return format.rfind("Collada", 0) == 0 && scene.GetCustomData().GetInt(COLLADA_UP_AXIS, 1) == 2;
 }
 
 int CmdPreview(const std::vector<std::string>& args, int verbosity, const PreviewSceneReader& read) {
@@ -276,7 +268,7 @@ int CmdPreview(const std::vector<std::string>& args, int verbosity, const Previe
     std::unique_ptr<C3DScene> scene;
     std::string format;
     if (int rc = read(file, o.from, scene, format)) return rc;
-    if (!o.upGiven) o.render.zUp = ZUpFormat(format, file);
+    if (!o.upGiven) o.render.zUp = ZUpFormat(format, *scene);
     o.render.sceneFolder = fs::path(file).parent_path().string();
     if (o.render.sceneFolder.empty()) o.render.sceneFolder = ".";
     CImage picture;

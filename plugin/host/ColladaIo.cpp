@@ -8,6 +8,7 @@
 #include <pugixml.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -408,6 +409,10 @@ private:
             if (std::fabs(meter - k.m) < k.m * 1e-6) code = k.code;
         m_scene.SetUnit(code);
         m_scene.SetScaleFactor(meter * 100.0);
+        std::string_view up = m_root.child("asset").child_value("up_axis");
+        while (!up.empty() && std::isspace(static_cast<unsigned char>(up.front()))) up.remove_prefix(1);
+        while (!up.empty() && std::isspace(static_cast<unsigned char>(up.back()))) up.remove_suffix(1);
+        m_scene.GetCustomData().SetInt(COLLADA_UP_AXIS, up == "X_UP" ? 0 : up == "Z_UP" ? 2 : 1);
     }
 
     // Sources are read per geometry and dropped once it is built.

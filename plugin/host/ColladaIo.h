@@ -17,6 +17,10 @@ class IoFile;
 
 // The host's own type ID for Collada ('DAE ').
 constexpr uint32_t COLLADA_TYPE_ID = 0x44414520;
+// The document's up axis as its author declared it (0 x, 1 y, 2 z), kept in the scene's
+// custom data: the points stay as written, as every reader keeps its file's own axes,
+// and whoever shows the scene turns it.
+constexpr uint32_t COLLADA_UP_AXIS = 0x55504158; // 'UPAX'
 
 class CColladaIo : public C3DParser {
 public:

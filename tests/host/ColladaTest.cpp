@@ -141,6 +141,25 @@ TEST(Collada, MaterialsThroughEffectsAndBindings) {
     EXPECT_EQ(b->GetMaterialID(1), NO_MATERIAL);
 }
 
+// The declared up axis is kept for whoever shows the scene; the points stay as written.
+TEST(Collada, UpAxisIsRecordedNotApplied) {
+    const std::string tri =
+        kSquare +
+        "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/><p>0 1 2</p></triangles>";
+    const std::string base = Doc(tri, "<node id=\"n\"><instance_geometry url=\"#g\"/></node>");
+    const std::string declared = "<up_axis>Y_UP</up_axis>";
+    for (const auto& [axis, want] : std::vector<std::pair<std::string, int>>{
+             {"<up_axis>X_UP</up_axis>", 0}, {"<up_axis> Z_UP\n</up_axis>", 2}, {declared, 1}, {"", 1}}) {
+        std::string doc = base;
+        doc.replace(doc.find(declared), declared.size(), axis);
+        auto r = ReadText(doc);
+        ASSERT_TRUE(r.scene) << axis;
+        EXPECT_EQ(r.scene->GetCustomData().GetInt(COLLADA_UP_AXIS, -1), want) << axis;
+        const C3DPoint p = Nodes(*r.scene, KINDOF_MESH)[0]->GetGeomObject()->GetPointList()->GetPoint(2);
+        EXPECT_EQ(p.y, 1.0f) << axis; // (1, 1, 0) as written, untouched by the axis
+    }
+}
+
 TEST(Collada, NodeTransformsAndInstancedNodes) {
     auto r = ReadText(Doc(
         kSquare +
