@@ -14,6 +14,7 @@
 
 #include "cli/ExitCodes.h"
 #include "cli/Signals.h"
+#include "plugin/FormatChoice.h"
 #include "plugin/FormatTable.h"
 #include "plugin/host/Cancel.h"
 #include "plugin/host/ExportPrep.h"
@@ -163,41 +164,6 @@ bool ApplyGlobalOptions(const ParsedArgs& a, std::string& error) {
 // ----------------------------------------------------------------------------------
 // Formats
 
-namespace {
-std::string Trimmed(std::string s) {
-    while (!s.empty() && s.back() == ' ') s.pop_back();
-    return s;
-}
-std::string Upper(std::string s) {
-    for (char& c : s) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
-    return s;
-}
-} // namespace
-
-const CFormatEntry* FindFormat(const std::string& token, bool forWriting, std::string& error) {
-    auto& reg = CParserRegistry::Instance();
-    const std::string wanted = Upper(Trimmed(token));
-    const CFormatEntry* found = nullptr;
-    if (!wanted.empty() && wanted.size() <= 4)
-        for (const auto& f : reg.Formats())
-            if (Upper(Trimmed(Narrow(TypeIDToString(f.ext.typeID)))) == wanted) found = &f;
-    if (!found && !token.empty()) {
-        const std::string ext = token[0] == '.' ? token : "." + token;
-        found = reg.FindByExtension(Wide(ext), !forWriting);
-        if (!found) found = reg.FindByExtension(Wide(ext), forWriting); // to say why it cannot be used
-    }
-    if (!found) {
-        error = "there is no format with the type ID or extension \"" + token + "\" (see orbiscope formats).";
-        return nullptr;
-    }
-    if (forWriting ? !found->CanWrite() : !found->CanRead()) {
-        error =
-            "the format " + Narrow(found->ext.description) + (forWriting ? " cannot be written." : " cannot be read.");
-        return nullptr;
-    }
-    return found;
-}
-
 std::string PrimaryExtension(const CFormatEntry& entry) {
     // The record's list reads like "*.stl;*.stla": the first one names the files written.
     std::string list = Narrow(entry.ext.extensions);
@@ -287,18 +253,6 @@ struct Phase {
     }
 };
 
-std::string ResultSentence(int result, const std::string& file, bool reading) {
-    switch (result) {
-    case IO_ERR_OPEN: return "cannot open " + file + (reading ? " for reading." : " for writing.");
-    case IO_ERR_FORMAT: return file + " is not a file of this format, or it is damaged.";
-    case IO_ERR_NOTHING_TO_WRITE: return "there is nothing in the scene that can be written to " + file + ".";
-    case IO_ERR_EMPTY: return file + " holds nothing that can be loaded (empty scene).";
-    case IO_ERR_CANCELLED: return std::string("cancelled while ") + (reading ? "reading " : "writing ") + file + ".";
-    case IO_ERR_NOT_AVAILABLE: return "the format of " + file + " is not available yet.";
-    default: return (reading ? "reading " : "writing ") + file + " failed (error " + std::to_string(result) + ").";
-    }
-}
-
 int ResultExitCode(int result) {
     switch (result) {
     case IO_ERR_OPEN: return EXIT_CANNOT_OPEN;
@@ -311,50 +265,12 @@ int ResultExitCode(int result) {
     }
 }
 
-// Where several records claim the extension (".wrl"), the formats' content probes
-// choose from the file's first bytes.
-const CFormatEntry* PickReader(const std::string& path, const std::string& fromID, std::string& err) {
-    auto& reg = CParserRegistry::Instance();
-    if (!fromID.empty()) return FindFormat(fromID, false, err);
-    CXStringW ext = fileGetExtension(Wide(path));
-    // "world.wrl.gz": the extension before ".gz" names the format.
-    if (ext.CompareNoCase(L".gz") == 0) ext = fileGetExtension(fileRemoveExtension(Wide(path)));
-    uint8_t head[kProbeBytes];
-    size_t n = 0;
-    std::error_code ec;
-    const uint64_t size = fs::file_size(path, ec);
-    if (FILE* f = std::fopen(path.c_str(), "rb")) {
-        n = std::fread(head, 1, sizeof head, f);
-        std::fclose(f);
-    }
-    if (const uint32_t id = GuessReader(Narrow(ext), {head, n}, ec ? 0 : size))
-        if (const CFormatEntry* e = reg.FindByTypeID(id)) return e;
-    const CFormatEntry* e = reg.FindByExtension(ext, true);
-    if (!e) {
-        if (reg.FindByExtension(ext, false)) err = "the format of " + path + " can be written but not read.";
-        else
-            err = "the extension of " + path + " (" + (ext.IsEmpty() ? std::string("none") : Narrow(ext)) +
-                  ") is not a format the module reads.";
-    }
-    return e;
-}
-
 // Checks the input before a parser sees it, so the sentence names the real reason.
 int CheckInput(const std::string& path) {
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0)
-        return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": " + std::strerror(errno) + ".");
-    if (S_ISDIR(st.st_mode)) return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": it is a folder, not a file.");
-    if (access(path.c_str(), R_OK) != 0)
-        return Fail(EXIT_CANNOT_OPEN, "cannot open " + path + ": " + std::strerror(errno) + ".");
-    if (st.st_size == 0) return Fail(EXIT_EMPTY, path + " is empty.");
-    return EXIT_OK;
-}
-
-// What really failed in a write that a writer reported as "cannot open".
-std::string WriteFailureSentence(const IoWriteFailure& f, const std::string& out) {
-    if (f.atOpen) return "cannot open " + out + " for writing: " + std::strerror(f.error) + ".";
-    return "cannot write " + out + ": " + std::strerror(f.error) + ".";
+    int result = 0;
+    const std::string problem = InputProblem(path, result);
+    if (problem.empty()) return EXIT_OK;
+    return Fail(result == IO_ERR_EMPTY ? EXIT_EMPTY : EXIT_CANNOT_OPEN, problem);
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point t) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "plugin/FormatChoice.h"
 #include "plugin/host/XString.h"
 
 class C3DScene;
@@ -46,9 +47,6 @@ std::string ClosestWord(const std::string& word, const std::vector<std::string>&
 // Applies -q/-v and answers whether JSON output was asked for (--json, --format json).
 bool ApplyGlobalOptions(const ParsedArgs& a, std::string& error);
 
-// --- Formats ----------------------------------------------------------------------
-// A format named by type ID ("STL ", "stl") or by extension ("stl", ".STL"), any case.
-const CFormatEntry* FindFormat(const std::string& token, bool forWriting, std::string& error);
 // The extension a writer's files get (".stl"), from its record.
 std::string PrimaryExtension(const CFormatEntry& entry);
 std::string Narrow(const CXStringW& w);

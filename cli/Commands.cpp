@@ -124,14 +124,7 @@ int CmdConvert(const std::vector<std::string>& args) {
     } else if (out == "-") {
         return Fail(EXIT_USAGE, "writing to the standard output needs the format (--to FORMAT).");
     } else {
-        auto& reg = CParserRegistry::Instance();
-        const CXStringW ext = fileGetExtension(Wide(out));
-        writer = reg.FindByExtension(ext, false);
-        if (!writer)
-            err = reg.FindByExtension(ext, true)
-                      ? "the format of " + out + " can be read but not written."
-                      : "the extension of " + out + " (" + (ext.IsEmpty() ? std::string("none") : Narrow(ext)) +
-                            ") is not a format the module writes.";
+        writer = PickWriter(out, "", err);
     }
     if (!writer) return Fail(err.find("type ID") != std::string::npos ? EXIT_USAGE : EXIT_NOT_AVAILABLE, err);
     const auto start = std::chrono::steady_clock::now();

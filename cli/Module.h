@@ -5,9 +5,7 @@
 #include <string>
 
 struct LoadedModule {
-    void* handle = nullptr;
-    bool (*init)(int, void*) = nullptr;
-    uint32_t (*version)() = nullptr;
+    uint32_t version = 0; // the module's interface version
     std::string path;
 };
 

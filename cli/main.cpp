@@ -171,7 +171,7 @@ int CmdVersion(const std::vector<std::string>& args) {
     if (!err.empty()) return Fail(EXIT_USAGE, err);
     LoadedModule module;
     const bool loaded = LoadFormatModule(module, err);
-    const uint32_t v = loaded ? module.version() : 0;
+    const uint32_t v = loaded ? module.version : 0;
     const std::string iface = std::to_string(v >> 16) + "." + std::to_string(v & 0xFFFF);
     if (json) {
         std::printf("{\"version\": \"%s\", \"moduleInterface\": %s, \"module\": %s}\n", ORBISCOPE_VERSION,

@@ -16,7 +16,7 @@ for d in formats/mesh formats/classic formats/lxo formats/kmz vrml/vrml97 vrml/v
         grep -RHn '#include "' "$d" | grep -v "#include \"$d/" | grep -v '#include "plugin/host/')
 done
 while IFS= read -r hit; do fail "$hit"; done < <(
-    grep -RHn '#include "' cli | grep -v '#include "cli/\|#include "plugin/host/\|#include "plugin/FormatTable.h"\|#include "plugin/FormatProbe.h"' |
+    grep -RHn '#include "' cli | grep -v '#include "cli/\|#include "plugin/host/\|#include "plugin/FormatTable.h"\|#include "plugin/FormatProbe.h"\|#include "plugin/FormatChoice.h"' |
         grep -v '#include "formats/lxo/\|#include "vrml/vrml97/')
 while IFS= read -r hit; do fail "locale category other than LC_NUMERIC: $hit"; done < <(
     grep -RHn 'CSwitchLocale [a-z]*(' formats vrml plugin | grep -v 'LC_NUMERIC')

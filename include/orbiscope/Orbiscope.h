@@ -3,7 +3,6 @@
 // program fills by loading the format module. Link the host library (Orbiscope::host,
 // or `pkg-config orbiscope`) and -ldl; the module itself is loaded at run time.
 #include <cstdint>
-#include <dlfcn.h>
 #include <string>
 
 #include "orbiscope/Version.h"
@@ -21,20 +20,10 @@ namespace orbiscope {
 // stays loaded for the life of the process.
 // On failure returns false and says why in `error`.
 inline bool LoadModule(const std::string& path, std::string* error = nullptr) {
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        if (error) *error = dlerror();
-        return false;
-    }
-    auto init = reinterpret_cast<bool (*)(int, void*)>(dlsym(handle, "Init3DParser"));
-    auto version = reinterpret_cast<uint32_t (*)()>(dlsym(handle, "TarnvaleGetPluginVersion"));
-    if (!init || !version) {
-        if (error) *error = path + " is not an Orbiscope format module";
-        dlclose(handle);
-        return false;
-    }
-    CParserRegistry::Instance().AddModule(init);
-    return true;
+    std::string why;
+    const bool ok = CParserRegistry::Instance().LoadModuleFile(path, why);
+    if (!ok && error) *error = why;
+    return ok;
 }
 
 } // namespace orbiscope

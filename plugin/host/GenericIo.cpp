@@ -1,5 +1,9 @@
 #include "plugin/host/GenericIo.h"
 
+#include <cstdlib>
+#include <dlfcn.h>
+#include <filesystem>
+
 #include "plugin/host/ColladaIo.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
@@ -27,6 +31,50 @@ CParserRegistry::CParserRegistry() {
 CParserRegistry& CParserRegistry::Instance() {
     static CParserRegistry r;
     return r;
+}
+
+bool CParserRegistry::LoadModuleFile(const std::string& path, std::string& error, uint32_t* version) {
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        const char* why = dlerror();
+        error = "the format module " + path + " cannot be loaded: " + (why ? why : "unknown reason");
+        return false;
+    }
+    auto init = reinterpret_cast<Init3DParserFn>(dlsym(handle, "Init3DParser"));
+    auto ver = reinterpret_cast<uint32_t (*)()>(dlsym(handle, "TarnvaleGetPluginVersion"));
+    if (!init || !ver) {
+        error = "the file " + path + " is not an Orbiscope format module";
+        dlclose(handle);
+        return false;
+    }
+    if (version) *version = ver();
+    AddModule(init);
+    return true;
+}
+
+bool CParserRegistry::LoadFormatModule(const std::vector<std::string>& folders, std::string& error, uint32_t* version,
+                                       std::string* path) {
+    constexpr const char* kModuleName = "orbiscope-formats.so";
+    namespace fs = std::filesystem;
+    std::vector<fs::path> candidates;
+    if (const char* env = std::getenv("ORBISCOPE_PLUGIN_PATH"); env && *env) {
+        std::error_code ec;
+        candidates.push_back(fs::is_directory(env, ec) ? fs::path(env) / kModuleName : fs::path(env));
+    } else {
+        for (const std::string& f : folders) candidates.push_back(fs::path(f) / kModuleName);
+    }
+    error = candidates.empty() ? "no folder to look for the format module in" : "";
+    for (const fs::path& p : candidates) {
+        std::error_code ec;
+        if (!fs::exists(p, ec)) {
+            if (error.empty()) error = "the format module " + p.string() + " does not exist";
+            continue;
+        }
+        if (!LoadModuleFile(p.string(), error, version)) continue;
+        if (path) *path = p.string();
+        return true;
+    }
+    return false;
 }
 
 int CParserRegistry::AddModule(Init3DParserFn init) {

@@ -4,6 +4,7 @@
 // module's Init3DParser and drive it as the host does.
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "plugin/host/HostTypes.h"
@@ -27,6 +28,13 @@ class CParserRegistry {
 public:
     CParserRegistry();
     static CParserRegistry& Instance();
+    // Loads the module file at `path` (dlopen; it stays loaded) and adds its records. On
+    // failure `error` says why; `version` receives the module's interface version.
+    bool LoadModuleFile(const std::string& path, std::string& error, uint32_t* version = nullptr);
+    // $ORBISCOPE_PLUGIN_PATH (the module file or its folder) when set, else the module file
+    // in each of `folders` in turn; the first that loads is kept and `path` names it.
+    bool LoadFormatModule(const std::vector<std::string>& folders, std::string& error, uint32_t* version = nullptr,
+                          std::string* path = nullptr);
     // Asks the module for its records (action 0) and keeps them; returns how many it added.
     int AddModule(Init3DParserFn init);
     void Clear();
