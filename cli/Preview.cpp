@@ -50,28 +50,6 @@ int Fail(int code, const std::string& sentence) {
     return code;
 }
 
-std::string JsonString(const std::string& s) {
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-        case '"': o += "\\\""; break;
-        case '\\': o += "\\\\"; break;
-        case '\n': o += "\\n"; break;
-        case '\r': o += "\\r"; break;
-        case '\t': o += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char b[8];
-                std::snprintf(b, sizeof b, "\\u%04x", c);
-                o += b;
-            } else {
-                o += static_cast<char>(c);
-            }
-        }
-    }
-    return o + "\"";
-}
-
 // The top-level string and number fields of one flat JSON object as we write it (the
 // report lines); arrays are skipped. Malformed text gives false.
 bool ReadJsonFields(const std::string& s, std::map<std::string, std::string>& out) {

@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/cli/CliRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -21,38 +22,11 @@ using testsupport::ReadFile;
 using testsupport::TempDir;
 using testsupport::WriteFile;
 
+using namespace clitest;
+
 namespace {
-struct CliRun {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string Quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-CliRun Orbiscope(const std::string& args, const fs::path& cwd = fs::current_path()) {
-    TempDir io;
-    std::string cmd = "cd " + Quote(cwd.string()) + " && " +
-                      Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " " + args + " >" +
-                      Quote((io / "out").string()) + " 2>" + Quote((io / "err").string());
-    int rc = std::system(cmd.c_str());
-    CliRun r;
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    r.out = ReadFile(io / "out");
-    r.err = ReadFile(io / "err");
-    return r;
-}
-
 fs::path House() { return testsupport::SourceDir() / "examples" / "house.obj"; }
 
-int Lines(const std::string& s) {
-    int n = 0;
-    for (char c : s) n += c == '\n';
-    return n;
-}
 } // namespace
 
 TEST(Cli, HelpVersionAndFormats) {

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 
 #include "plugin/host/Image.h"
+#include "tests/cli/CliRunner.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -16,30 +17,9 @@ using testsupport::ReadFile;
 using testsupport::TempDir;
 using testsupport::WriteFile;
 
+using namespace clitest;
+
 namespace {
-struct CliRun {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string Quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-CliRun Orbiscope(const std::string& args) {
-    TempDir io;
-    const std::string cmd = Quote((testsupport::BinaryDir() / "bin" / "orbiscope").string()) + " " + args + " >" +
-                            Quote((io / "out").string()) + " 2>" + Quote((io / "err").string()) + " </dev/null";
-    const int rc = std::system(cmd.c_str());
-    CliRun r;
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    r.out = ReadFile(io / "out");
-    r.err = ReadFile(io / "err");
-    return r;
-}
-
 fs::path House() { return testsupport::SourceDir() / "examples" / "house.obj"; }
 
 // Pixels that differ from the picture's top-left corner (the background).
@@ -47,12 +27,6 @@ int Drawn(const CImage& img) {
     int n = 0;
     for (int y = 0; y < img.height; ++y)
         for (int x = 0; x < img.width; ++x) n += std::memcmp(img.Pixel(x, y), img.Pixel(0, 0), 3) != 0;
-    return n;
-}
-
-int Lines(const std::string& s) {
-    int n = 0;
-    for (char c : s) n += c == '\n';
     return n;
 }
 

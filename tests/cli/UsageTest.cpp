@@ -16,6 +16,7 @@
 #include "plugin/host/Cancel.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/MiniZip.h"
+#include "tests/cli/CliRunner.h"
 #include "tests/support/TestSupport.h"
 #include <orbiscope/Version.h>
 
@@ -25,38 +26,13 @@ using testsupport::TempDir;
 using testsupport::WriteFile;
 
 namespace {
-struct Outcome {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string Q(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
-
-std::string Bin() { return (testsupport::BinaryDir() / "bin" / "orbiscope").string(); }
-
-Outcome Orbiscope(const std::string& args, const fs::path& cwd = fs::current_path()) {
-    TempDir io;
-    const std::string cmd = "cd " + Q(cwd.string()) + " && " + Q(Bin()) + " " + args + " >" + Q((io / "out").string()) +
-                            " 2>" + Q((io / "err").string()) + " </dev/null";
-    const int rc = std::system(cmd.c_str());
-    Outcome r;
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    r.out = ReadFile(io / "out");
-    r.err = ReadFile(io / "err");
-    return r;
-}
+using Outcome = clitest::CliRun;
+using clitest::Lines;
+using clitest::Orbiscope;
+std::string Q(const std::string& s) { return clitest::Quote(s); }
+std::string Bin() { return clitest::Binary(); }
 
 std::string House() { return Q((testsupport::SourceDir() / "examples" / "house.obj").string()); }
-
-int Lines(const std::string& s) {
-    int n = 0;
-    for (char c : s) n += c == '\n';
-    return n;
-}
 
 // 0 valid; 1 invalid (the reasons in `why`); 77 no validator on this machine.
 int Validate(const std::string& json, const std::string& schema, bool lines, std::string* why = nullptr) {
