@@ -446,9 +446,10 @@ private:
             size_t off = std::min<uint64_t>(in.attribute("offset").as_ullong(0), 1024);
             maxOffset = std::max(maxOffset, off);
             std::string sem = in.attribute("semantic").value();
-            // Only the sources the mesh keeps are read (it keeps no normals).
+            // Only the sources the mesh keeps are read.
             auto used = [this](pugi::xml_node i, const std::string& semantic) -> const Source* {
-                if (semantic != "POSITION" && semantic != "TEXCOORD" && semantic != "COLOR") return nullptr;
+                if (semantic != "POSITION" && semantic != "TEXCOORD" && semantic != "COLOR" && semantic != "NORMAL")
+                    return nullptr;
                 return GetSource(Fragment(i.attribute("source").value()));
             };
             if (sem == "VERTEX") {
@@ -482,7 +483,7 @@ private:
     // The faces of one mesh (or of one primitive's curve) as the flat arrays the face
     // lists adopt, with the corner indices of the texture and colour channels beside them.
     struct FaceArrays {
-        FaceArray offsets{0}, indices, materials, uv, vc;
+        FaceArray offsets{0}, indices, materials, uv, vc, nrm;
         CFaceList::FlagArray flags;
         void Reserve(size_t faces, size_t corners) {
             hostmem::ReserveLarge(offsets, offsets.size() + faces);
@@ -518,8 +519,10 @@ private:
         FaceArrays faces;
         std::unique_ptr<CUVWChannel> uv;
         std::unique_ptr<CVCChannel> vc;
+        std::unique_ptr<CSpecNormalChannel> nc;
         const Source* uvSource = nullptr;
         const Source* colorSource = nullptr;
+        const Source* normalSource = nullptr;
         std::vector<uint32_t> buf, list;
 
         for (pugi::xml_node prim : mesh.children()) {
@@ -531,7 +534,7 @@ private:
             if (Stopped()) return;
             size_t stride = 1;
             std::vector<Input> inputs = Inputs(prim, mesh, stride);
-            size_t vOff = SIZE_MAX, tOff = SIZE_MAX, cOff = SIZE_MAX;
+            size_t vOff = SIZE_MAX, tOff = SIZE_MAX, cOff = SIZE_MAX, nOff = SIZE_MAX;
             int tSet = INT32_MAX;
             for (const Input& in : inputs) {
                 if (!in.source) continue;
@@ -544,6 +547,10 @@ private:
                 if (in.semantic == "COLOR" && (!colorSource || in.source == colorSource)) {
                     cOff = in.offset;
                     if (!colorSource) colorSource = in.source;
+                }
+                if (in.semantic == "NORMAL" && (!normalSource || in.source == normalSource)) {
+                    nOff = in.offset;
+                    if (!normalSource) normalSource = in.source;
                 }
             }
             if (vOff == SIZE_MAX) continue;
@@ -570,12 +577,24 @@ private:
                 vc->GetVCPointList()->Add(CRGBColor(255, 255, 255));
                 faces.vc.assign(faces.indices.size(), static_cast<uint32_t>(colorSource->count));
             }
+            if (nOff != SIZE_MAX && !nc) {
+                nc = std::make_unique<CSpecNormalChannel>();
+                C3DVectorList& nv = *nc->GetNormalVectorList();
+                nv.SetSize(static_cast<int>(normalSource->count + 1)); // the last: corners without a normal
+                float* d = nv.GetData();
+                for (size_t i = 0; i < normalSource->count; ++i) {
+                    const float* n = normalSource->at(i);
+                    for (size_t k = 0; k < 3; ++k) d[3 * i + k] = normalSource->stride > k ? n[k] : 0;
+                }
+                faces.nrm.assign(faces.indices.size(), static_cast<uint32_t>(normalSource->count));
+            }
             const char* sym = prim.attribute("material").value();
             auto symbol =
                 static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
             if (symbol == out.symbols.size()) out.symbols.push_back(sym);
             const uint32_t uvMissing = uv ? static_cast<uint32_t>(uvSource->count) : 0;
             const uint32_t vcMissing = vc ? static_cast<uint32_t>(colorSource->count) : 0;
+            const uint32_t nMissing = nc ? static_cast<uint32_t>(normalSource->count) : 0;
 
             FaceArrays curve;
             // One polygon (or line) of `n` corners, each `stride` indices.
@@ -609,6 +628,14 @@ private:
                         t[k] = cOff != SIZE_MAX && v[cOff] < vcMissing ? v[cOff] : vcMissing;
                     }
                 }
+                if (!asLine && nc) {
+                    to.nrm.resize(at + n);
+                    uint32_t* t = to.nrm.data() + at;
+                    for (size_t k = 0; k < n; ++k) {
+                        const uint32_t* v = c + k * stride;
+                        t[k] = nOff != SIZE_MAX && v[nOff] < nMissing ? v[nOff] : nMissing;
+                    }
+                }
                 to.offsets.push_back(static_cast<uint32_t>(to.indices.size()));
                 to.flags.push_back(0);
                 to.materials.push_back(symbol);
@@ -630,6 +657,7 @@ private:
                 const uint64_t room = text.size() / (2 * stride * perFace) + 1;
                 (lines ? curve : faces).Reserve(std::min(declared, room), std::min(declared, room) * perFace);
                 if (uv && !lines) hostmem::ReserveLarge(faces.uv, faces.indices.capacity());
+                if (nc && !lines) hostmem::ReserveLarge(faces.nrm, faces.indices.capacity());
                 if (kind == "polylist") {
                     const std::string_view counts = Text(prim.child("vcount"));
                     NumberScan vcount(counts);
@@ -686,13 +714,15 @@ private:
         }
         if (faces.materials.empty()) return;
         auto obj = std::make_unique<C3DObject>();
-        FaceArray uvOffsets, vcOffsets;
+        FaceArray uvOffsets, vcOffsets, nOffsets;
         if (uv) uvOffsets = faces.offsets;
         if (vc) vcOffsets = faces.offsets;
-        CFaceList::FlagArray uvFlags, vcFlags;
+        if (nc) nOffsets = faces.offsets;
+        CFaceList::FlagArray uvFlags, vcFlags, nFlags;
         if (uv) uvFlags.resize(faces.flags.size());
         if (vc) vcFlags.resize(faces.flags.size());
-        FaceArray uvIdx = std::move(faces.uv), vcIdx = std::move(faces.vc);
+        if (nc) nFlags.resize(faces.flags.size());
+        FaceArray uvIdx = std::move(faces.uv), vcIdx = std::move(faces.vc), nIdx = std::move(faces.nrm);
         obj->SetPointList(points.release());
         obj->SetFaceList(faces.Take().release());
         if (uv) {
@@ -702,6 +732,10 @@ private:
         if (vc) {
             vc->GetVCFaceList()->Adopt(std::move(vcOffsets), std::move(vcIdx), std::move(vcFlags));
             obj->SetGlobalVCChannel(obj->AddChannel(vc.release(), -1));
+        }
+        if (nc) {
+            nc->GetNormalFaceList()->Adopt(std::move(nOffsets), std::move(nIdx), std::move(nFlags));
+            obj->AddChannel(nc.release(), -1);
         }
         out.mesh = std::move(obj);
     }

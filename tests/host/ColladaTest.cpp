@@ -141,6 +141,31 @@ TEST(Collada, MaterialsThroughEffectsAndBindings) {
     EXPECT_EQ(b->GetMaterialID(1), NO_MATERIAL);
 }
 
+// Normals are kept per corner through their own index, as the file gives them.
+TEST(Collada, NormalsFollowTheirOwnIndices) {
+    const std::string normals =
+        "<source id=\"n\"><float_array id=\"na\" count=\"6\">0 0 1 0 1 0</float_array>"
+        "<technique_common><accessor source=\"#na\" count=\"2\" stride=\"3\"/></technique_common></source>";
+    auto r = ReadText(Doc(kSquare + normals +
+                              "<triangles count=\"2\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+                              "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/><p>0 0 1 0 2 1 0 1 2 7 3 1</p>"
+                              "</triangles>",
+                          "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    const C3DGeomObject* g = Nodes(*r.scene, KINDOF_MESH)[0]->GetGeomObject();
+    auto* ch = static_cast<const CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    ASSERT_NE(ch, nullptr);
+    const auto& idx = ch->GetNormalFaceList()->GetIndexes();
+    ASSERT_EQ(idx.size(), 6u);
+    const C3DVectorList& v = *ch->GetNormalVectorList();
+    const float wantY[6] = {0, 0, 1, 1, 0, 1}; // the fifth corner's index 7 names no normal: zero
+    const float wantZ[6] = {1, 1, 0, 0, 0, 0};
+    for (size_t k = 0; k < 6; ++k) {
+        EXPECT_EQ(v.GetPoint(static_cast<int>(idx[k])).y, wantY[k]) << k;
+        EXPECT_EQ(v.GetPoint(static_cast<int>(idx[k])).z, wantZ[k]) << k;
+    }
+}
+
 // The declared up axis is kept for whoever shows the scene; the points stay as written.
 TEST(Collada, UpAxisIsRecordedNotApplied) {
     const std::string tri =
