@@ -657,7 +657,7 @@ bool C3DStudioIo::Save(const CXStringW& path, C3DScene* scene, CSceneExportOptio
     }
     SetFile(&file);
     m_scene = scene;
-    C3DStudioWriter writer(file, *scene);
+    C3DStudioWriter writer(file, *scene, &options);
     writer.Write();
     file.CloseFile();
     SetFile(nullptr);

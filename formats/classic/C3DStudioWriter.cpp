@@ -50,8 +50,16 @@ CTCBParams SplineAt(const C3DKeyframable& k, uint64_t type, int32_t time) {
 
 } // namespace
 
-C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene)
-    : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene) {}
+C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene, CIoOptions* log)
+    : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene), m_log(log) {}
+
+CXStringW C3DStudioWriter::ObjectName(const C3DSceneNode& node) {
+    CXStringW name = GetUniqueName(m_objectNames, node.GetName(), 10);
+    if (m_log && name != node.GetName())
+        m_log->AddLogInfo(LOG_INFO, L"3D Studio names have ten characters: \"" + node.GetName() +
+                                        L"\" is written as \"" + name + L"\".");
+    return name;
+}
 
 uint64_t C3DStudioWriter::CountTriangles(const CFaceList& faces) {
     const auto& off = faces.GetOffsets();
@@ -178,7 +186,11 @@ void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
         m_out.U16le(100);
         End();
         Begin(0xA300);
-        PutString(ShortTextureName(map->file));
+        const CXStringW shortName = ShortTextureName(map->file);
+        if (m_log && shortName != fileStripPath(map->file))
+            m_log->AddLogInfo(LOG_INFO, L"3D Studio texture names are 8.3: \"" + fileStripPath(map->file) +
+                                            L"\" is written as \"" + shortName + L"\".");
+        PutString(shortName);
         End();
         End();
     }
@@ -198,7 +210,7 @@ bool C3DStudioWriter::IsExported(const C3DSceneNode& node, const C3DBaseObject* 
 void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject& geom) {
     const C3DPointList& pts = *geom.GetPointList();
     const C3DFaceList& faces = *geom.GetFaceList();
-    CXStringW name = GetUniqueName(m_objectNames, node.GetName(), 10);
+    CXStringW name = ObjectName(node);
     m_nodeWritten.SetAt(&node, name);
 
     C4x4Matrix tm, objectTM;
@@ -339,7 +351,7 @@ void C3DStudioWriter::WriteObject(const C3DSceneNode& node, const C3DGeomObject&
 
 const CXStringW& C3DStudioWriter::NodeName(const C3DSceneNode& node) {
     if (const CXStringW* n = m_nodeWritten.Find(&node)) return *n;
-    m_nodeWritten.SetAt(&node, GetUniqueName(m_objectNames, node.GetName(), 10));
+    m_nodeWritten.SetAt(&node, ObjectName(node));
     return *m_nodeWritten.Find(&node);
 }
 

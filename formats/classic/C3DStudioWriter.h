@@ -10,13 +10,15 @@
 #include <vector>
 
 #include "plugin/host/ByteSink.h"
+#include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
 #include "plugin/host/XArray.h"
 #include "plugin/host/XString.h"
 
 class C3DStudioWriter {
 public:
-    C3DStudioWriter(IoFile& file, C3DScene& scene);
+    // What the format cannot hold as given (long names) is said in `log` when there is one.
+    C3DStudioWriter(IoFile& file, C3DScene& scene, CIoOptions* log = nullptr);
     // Writes the whole file; false when a write failed.
     bool Write();
 
@@ -37,6 +39,8 @@ private:
     void WriteNode(C3DSceneNode& node, uint32_t kind);
     void WriteTracks(C3DSceneNode& node);
     const CXStringW& NodeName(const C3DSceneNode& node);
+    // The name a node is written under (ten characters, unique), said when it differs.
+    CXStringW ObjectName(const C3DSceneNode& node);
 
     CIoFileTarget m_target;
     CByteSink m_out;
@@ -50,4 +54,5 @@ private:
     CHashMap<const C3DSceneNode*, uint32_t> m_nodeIDs{23};
     uint32_t m_nodeCounter = 0;
     std::unordered_map<const C3DSceneNode*, C4x4Matrix> m_world; // node transforms at time 0
+    CIoOptions* m_log;
 };

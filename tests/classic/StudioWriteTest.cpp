@@ -15,7 +15,7 @@ using namespace classictest;
 namespace {
 
 // Saves `scene` into a temporary file and returns its bytes ("" when Save failed).
-std::string SaveBytes(C3DScene& scene, int* error = nullptr) {
+std::string SaveBytes(C3DScene& scene, int* error = nullptr, std::vector<std::wstring>* log = nullptr) {
     testsupport::TempDir tmp;
     std::filesystem::path p = tmp / "out.3ds";
     CFileIo io;
@@ -23,6 +23,8 @@ std::string SaveBytes(C3DScene& scene, int* error = nullptr) {
     C3DStudioIo parser(io);
     bool ok = parser.Save(WidePath(p), &scene, opt);
     if (error) *error = io.GetIoError();
+    if (log)
+        for (const IoLogInfo& l : opt.GetLog()) log->emplace_back(l.text.view());
     return ok ? testsupport::ReadFile(p) : std::string();
 }
 
@@ -158,12 +160,19 @@ TEST(StudioWrite, MeshesPastTheLimitsAreLeftOutSilently) {
 
 TEST(StudioWrite, NamesAreCutAndMadeUnique) {
     C3DScene scene;
-    scene.CreateNewMaterial();
+    scene.CreateNewMaterial()->AddMaterialMap(CXStringW(L"maps/longtexturename.jpeg"), -1, MAP_DIFFUSE);
     scene.CreateNewMaterial();
     AddMesh(scene, nullptr, L"VeryLongNodeName", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {{0, 1, 2}});
     AddMesh(scene, nullptr, L"VeryLongNodeName", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {{0, 1, 2}});
-    std::string file = SaveBytes(scene);
-    EXPECT_EQ(ObjectNames(file), (std::vector<std::string>{"VeryLongNo", "VeryLongN1"}));
+    AddMesh(scene, nullptr, L"Short", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {{0, 1, 2}});
+    std::vector<std::wstring> log;
+    std::string file = SaveBytes(scene, nullptr, &log);
+    EXPECT_EQ(ObjectNames(file), (std::vector<std::string>{"VeryLongNo", "VeryLongN1", "Short"}));
+    // What the format could not keep is said, once for each thing changed, and nothing else.
+    EXPECT_EQ(log, (std::vector<std::wstring>{
+                       L"3D Studio texture names are 8.3: \"longtexturename.jpeg\" is written as \"longtext.jpe\".",
+                       L"3D Studio names have ten characters: \"VeryLongNodeName\" is written as \"VeryLongNo\".",
+                       L"3D Studio names have ten characters: \"VeryLongNodeName\" is written as \"VeryLongN1\"."}));
     ReadResult r = ReadStudio(file);
     ASSERT_TRUE(r.scene);
     CMaterialPos pos;
