@@ -151,6 +151,10 @@ bool WriteFile(const C3DScene& scene, const std::string& path, const std::string
     {
         HookScope scope(hooks);
         std::unique_ptr<C3DScene> prepared = PrepareSceneForExport(scene, options.prepFlags, &options);
+        if (hooks.cancel && hooks.cancel->load()) { // the preparation stopped part way
+            parser->ReleaseParser(false, nullptr);
+            return FailWith(out, IO_ERR_CANCELLED, ResultSentence(IO_ERR_CANCELLED, path, false));
+        }
         if (!parser->CheckSaveOptions(prepared.get(), options)) {
             parser->ReleaseParser(false, nullptr);
             out.log = options.GetLog();

@@ -1,5 +1,7 @@
 #include "plugin/host/ExportPrep.h"
 
+#include "plugin/host/Cancel.h"
+
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -371,6 +373,9 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
         if (IsMesh(o)) Sanitize(g);
     }
 
+    // A cancel stops the preparation between its steps and between meshes; what is
+    // returned then is incomplete, and the caller, which set the cancel, drops it.
+    if (ShouldCancelThread()) return out;
     const bool merge = (flags & PREP_MERGE) != 0;
     if ((flags & PREP_WORLD_SPACE) || merge) {
         // World matrices first (they depend on the parents), then bake and reset.
@@ -437,8 +442,10 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
         for (C3DSceneNode* n : nodes)
             if (IsMesh(n->GetBaseObject())) indices += n->GetGeomObject()->GetFaceList()->GetNumberOfIndices();
         CPolygonTriangulator cutter(kCutterBaseWork + kCutterWorkPerIndex * indices);
-        for (C3DSceneNode* n : nodes)
+        for (C3DSceneNode* n : nodes) {
+            if (ShouldCancelThread()) return out;
             if (IsMesh(n->GetBaseObject())) SplitFaces(*n->GetGeomObject(), maxVerts, cutter);
+        }
         if (options && cutter.FannedFaces() > 0)
             options->AddLogInfo(LOG_INFO, CXStringW(std::to_wstring(cutter.FannedFaces())) +
                                               CXStringW(L" large faces were cut into triangles as simple fans; "
@@ -455,6 +462,7 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
         nodes = AllNodes(*out);
     }
 
+    if (ShouldCancelThread()) return out;
     if (merge) {
         std::vector<C3DSceneNode*> meshes;
         for (C3DSceneNode* n : nodes)
@@ -479,7 +487,13 @@ std::unique_ptr<C3DScene> PrepareSceneForExport(const C3DScene& scene, uint64_t 
             }
             merged->GetPointList()->Reserve(points);
             merged->GetFaceList()->Reserve(faces, idx);
-            for (C3DSceneNode* n : meshes) AppendMesh(*merged, *n->GetGeomObject(), uv, vc, normals);
+            for (C3DSceneNode* n : meshes) {
+                if (ShouldCancelThread()) {
+                    delete merged;
+                    return out;
+                }
+                AppendMesh(*merged, *n->GetGeomObject(), uv, vc, normals);
+            }
             merged->SetSmoothAngle(meshes.front()->GetGeomObject()->GetSmoothAngle());
             auto* node = new C3DSceneNode(merged);
             node->SetName(meshes.front()->GetName());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "plugin/host/Cancel.h"
 #include "plugin/host/ExportPrep.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
@@ -86,6 +87,18 @@ TEST(ExportPrep, MergeBakesWorldSpaceIntoOneFirstMesh) {
     EXPECT_EQ(g->GetGlobalUVWChannel()->GetUVWPointList()->GetSize(), 8);
     // The merged mesh is the first node of the tree.
     EXPECT_EQ(out->GetRoot()->GetChildNode()->GetGeomObject(), g);
+}
+
+// A cancel set on the thread stops the preparation before its costly steps (cutting,
+// merging); the caller drops what comes back.
+TEST(ExportPrep, ACancelStopsTheCostlySteps) {
+    std::atomic<bool> cancel{true};
+    SetThreadCancelToken(&cancel);
+    auto stopped = PrepareSceneForExport(*TwoQuads(), PREP_TRIANGULATE | PREP_MERGE);
+    SetThreadCancelToken(nullptr);
+    EXPECT_EQ(FirstMesh(*stopped)->GetFaceList()->GetNumberOfFaces(), 1); // neither cut nor merged
+    auto done = PrepareSceneForExport(*TwoQuads(), PREP_TRIANGULATE | PREP_MERGE);
+    EXPECT_EQ(FirstMesh(*done)->GetFaceList()->GetNumberOfFaces(), 4);
 }
 
 TEST(ExportPrep, WorldSpaceKeepsNodesAndResetsTheirMatrices) {
