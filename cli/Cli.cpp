@@ -41,7 +41,7 @@ int Fail(int code, const std::string& sentence) {
 // Command line
 
 namespace {
-const std::vector<OptionSpec> kGlobalOptions = {
+const std::vector<OptionDef> kGlobalOptions = {
     {"--quiet", 'q', false}, {"--verbose", 'v', false}, {"--help", 'h', false},
     {"--json", 0, false},    {"--format", 0, true},
 };
@@ -85,16 +85,16 @@ std::string ClosestWord(const std::string& word, const std::vector<std::string>&
     return bestDistance <= limit ? best : std::string();
 }
 
-bool ParseCommandLine(const std::string& cmd, const std::vector<std::string>& args,
-                      const std::vector<OptionSpec>& specs, ParsedArgs& out, std::string& error) {
-    std::vector<OptionSpec> all = kGlobalOptions;
-    all.insert(all.end(), specs.begin(), specs.end());
-    auto byLong = [&](const std::string& n) -> const OptionSpec* {
+bool ParseCommandLine(const std::string& cmd, const std::vector<std::string>& args, const std::vector<OptionDef>& defs,
+                      ParsedArgs& out, std::string& error) {
+    std::vector<OptionDef> all = kGlobalOptions;
+    all.insert(all.end(), defs.begin(), defs.end());
+    auto byLong = [&](const std::string& n) -> const OptionDef* {
         for (const auto& s : all)
             if (n == s.name) return &s;
         return nullptr;
     };
-    auto byShort = [&](char c) -> const OptionSpec* {
+    auto byShort = [&](char c) -> const OptionDef* {
         for (const auto& s : all)
             if (s.shortName == c) return &s;
         return nullptr;
@@ -111,41 +111,41 @@ bool ParseCommandLine(const std::string& cmd, const std::vector<std::string>& ar
             operandsOnly = true;
             continue;
         }
-        const OptionSpec* spec = nullptr;
+        const OptionDef* def = nullptr;
         std::string value;
         bool hasInlineValue = false;
         if (a[1] == '-') {
             const size_t eq = a.find('=');
-            spec = byLong(a.substr(0, eq));
+            def = byLong(a.substr(0, eq));
             if (eq != std::string::npos) {
                 value = a.substr(eq + 1);
                 hasInlineValue = true;
             }
         } else if (a.size() == 2 || (byShort(a[1]) && byShort(a[1])->takesValue)) {
-            spec = byShort(a[1]);
-            if (spec && a.size() > 2) {
+            def = byShort(a[1]);
+            if (def && a.size() > 2) {
                 value = a.substr(2); // "-j4"
                 hasInlineValue = true;
             }
         }
-        if (!spec) {
+        if (!def) {
             std::vector<std::string> names;
             for (const auto& s : all) names.emplace_back(s.name);
             const std::string near = ClosestWord(a.substr(0, a.find('=')), names);
             error = "unknown option " + a + " for " + cmd + (near.empty() ? "" : "; did you mean " + near + "?") + see;
             return false;
         }
-        if (spec->takesValue && !hasInlineValue) {
+        if (def->takesValue && !hasInlineValue) {
             if (i + 1 >= args.size()) {
-                error = "the option " + std::string(spec->name) + " needs a value" + see;
+                error = "the option " + std::string(def->name) + " needs a value" + see;
                 return false;
             }
             value = args[++i];
-        } else if (!spec->takesValue && hasInlineValue) {
-            error = "the option " + std::string(spec->name) + " takes no value" + see;
+        } else if (!def->takesValue && hasInlineValue) {
+            error = "the option " + std::string(def->name) + " takes no value" + see;
             return false;
         }
-        out.values[spec->name].push_back(value);
+        out.values[def->name].push_back(value);
     }
     return true;
 }

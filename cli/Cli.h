@@ -22,7 +22,7 @@ int Fail(int code, const std::string& sentence);
 // --- The command line -------------------------------------------------------------
 // One option a command accepts. Every command also takes the global ones (-q, -v, -h,
 // --json, --format). Options may stand anywhere among the operands; "--" ends them.
-struct OptionSpec {
+struct OptionDef {
     const char* name; // "--to"
     char shortName;   // 'o', or 0
     bool takesValue;
@@ -40,8 +40,8 @@ struct ParsedArgs {
 
 // Parses `args` for command `cmd`. On a mistake returns false with a sentence in `error`
 // that names the option and, where one is close, the option meant.
-bool ParseCommandLine(const std::string& cmd, const std::vector<std::string>& args,
-                      const std::vector<OptionSpec>& specs, ParsedArgs& out, std::string& error);
+bool ParseCommandLine(const std::string& cmd, const std::vector<std::string>& args, const std::vector<OptionDef>& defs,
+                      ParsedArgs& out, std::string& error);
 // The closest of `known` to `word` when it is near enough to be a typing slip; "" if none.
 std::string ClosestWord(const std::string& word, const std::vector<std::string>& known);
 // Applies -q/-v and answers whether JSON output was asked for (--json, --format json).

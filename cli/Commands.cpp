@@ -82,10 +82,10 @@ int ParseJobs(const std::string& text, int& jobs) {
 int CmdConvert(const std::vector<std::string>& args) {
     ParsedArgs a;
     std::string err;
-    const std::vector<OptionSpec> specs = {{"--from", 0, true},         {"--to", 0, true},
-                                           {"--output-dir", 'o', true}, {"--recursive", 'r', false},
-                                           {"--jobs", 'j', true},       {"--report", 0, true}};
-    if (!ParseCommandLine("convert", args, specs, a, err)) return Fail(EXIT_USAGE, err);
+    const std::vector<OptionDef> defs = {{"--from", 0, true},         {"--to", 0, true},
+                                         {"--output-dir", 'o', true}, {"--recursive", 'r', false},
+                                         {"--jobs", 'j', true},       {"--report", 0, true}};
+    if (!ParseCommandLine("convert", args, defs, a, err)) return Fail(EXIT_USAGE, err);
     const bool json = ApplyGlobalOptions(a, err);
     if (!err.empty()) return Fail(EXIT_USAGE, err);
     const std::string from = a.Get("--from"), to = a.Get("--to");
