@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchUtil.h"
 #include "formats/classic/C3DStudioIo.h"
 #include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
@@ -29,15 +30,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-long StatusKB(const char* key) {
-    std::ifstream f("/proc/self/status");
-    std::string line;
-    const size_t n = std::strlen(key);
-    while (std::getline(f, line))
-        if (line.compare(0, n, key) == 0) return std::atol(line.c_str() + n + 1);
-    return -1;
-}
+using benchutil::Field;
+using benchutil::Run;
+using benchutil::StatusKB;
 
 // Grid meshes side by side; each mesh has G*G points and 2*(G-1)^2 triangles.
 std::unique_ptr<C3DScene> BuildScene(int objects, int grid) {
@@ -114,21 +109,6 @@ int ReadChild(const char* path) {
     std::printf("orbiscope seconds=%.4f faces=%zu points=%zu arrays=%zu peak_delta=%ld\n", secs, faces, points,
                 scene->MemoryBytes(), (peak - base) * 1024);
     return 0;
-}
-
-std::string Run(const std::string& cmd) {
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[512];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    return out;
-}
-
-double Field(const std::string& s, const char* key) {
-    size_t at = s.find(key);
-    return at == std::string::npos ? -1 : std::atof(s.c_str() + at + std::strlen(key));
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchUtil.h"
 #include "formats/classic/CTruespaceIo.h"
 #include "plugin/host/Object.h"
 
@@ -21,15 +22,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-long StatusKB(const char* key) {
-    std::ifstream f("/proc/self/status");
-    std::string line;
-    const size_t n = std::strlen(key);
-    while (std::getline(f, line))
-        if (line.compare(0, n, key) == 0) return std::atol(line.c_str() + n + 1);
-    return -1;
-}
+using benchutil::Field;
+using benchutil::Run;
+using benchutil::StatusKB;
 
 int ReadChild(const char* path) {
     const long base = StatusKB("VmRSS:");
@@ -57,21 +52,6 @@ int ReadChild(const char* path) {
     std::printf("orbiscope meshes=%zu vertices=%zu faces=%zu seconds=%.4f arrays=%zu peak_delta=%ld\n", meshes, points,
                 faces, secs, scene->MemoryBytes(), (peak - base) * 1024);
     return 0;
-}
-
-std::string Run(const std::string& cmd) {
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[512];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    return out;
-}
-
-double Field(const std::string& s, const char* key) {
-    const size_t at = s.find(key);
-    return at == std::string::npos ? -1 : std::atof(s.c_str() + at + std::strlen(key));
 }
 
 } // namespace

@@ -16,21 +16,14 @@
 #include <memory>
 #include <string>
 
+#include "bench/BenchUtil.h"
 #include "formats/classic/CDxfIo.h"
 #include "plugin/host/Object.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-long StatusKB(const char* key) {
-    std::ifstream f("/proc/self/status");
-    std::string line;
-    const size_t n = std::strlen(key);
-    while (std::getline(f, line))
-        if (line.compare(0, n, key) == 0) return std::atol(line.c_str() + n + 1);
-    return -1;
-}
+using benchutil::StatusKB;
 
 double CpuSeconds() {
     timespec t{};

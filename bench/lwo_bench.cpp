@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchUtil.h"
 #include "formats/classic/CLightwaveIo.h"
 #include "formats/classic/LightwaveWriter.h"
 #include "plugin/host/Object.h"
@@ -28,15 +29,9 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-
-long StatusKB(const char* key) {
-    std::ifstream f("/proc/self/status");
-    std::string line;
-    const size_t n = std::strlen(key);
-    while (std::getline(f, line))
-        if (line.compare(0, n, key) == 0) return std::atol(line.c_str() + n + 1);
-    return -1;
-}
+using benchutil::Field;
+using benchutil::Run;
+using benchutil::StatusKB;
 
 std::unique_ptr<C3DScene> ReadOurs(const char* path, CFileIo& io) {
     CSceneImportOptions opt;
@@ -76,21 +71,6 @@ int ReadChild(const char* path, int repeat) {
     std::printf("orbiscope seconds=%.6f cpu=%.6f faces=%zu triangles=%zu points=%zu arrays=%zu peak_delta=%ld\n", secs,
                 cpu, faces, triangles, points, scene->MemoryBytes(), (peak - base) * 1024);
     return 0;
-}
-
-std::string Run(const std::string& cmd) {
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[512];
-        while (std::fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    return out;
-}
-
-double Field(const std::string& s, const char* key) {
-    const size_t at = s.find(key);
-    return at == std::string::npos ? -1 : std::atof(s.c_str() + at + std::strlen(key));
 }
 
 } // namespace

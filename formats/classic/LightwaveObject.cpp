@@ -19,6 +19,7 @@
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/ParentLinks.h"
 
 namespace lightwave {
 
@@ -1076,37 +1077,7 @@ void Reader::LinkLayers(std::vector<std::unique_ptr<C3DSceneNode>>& nodes) {
         auto it = byNumber.find(static_cast<uint32_t>(m_layers[i].parent));
         if (it != byNumber.end() && it->second != i) parent[i] = static_cast<int64_t>(it->second);
     }
-    // 0 unvisited, 1 on the current walk, 2 done; depth of done layers.
-    std::vector<uint8_t> state(n, 0);
-    std::vector<int> depth(n, 0);
-    std::vector<size_t> walk;
-    for (size_t i = 0; i < n; ++i) {
-        if (state[i]) continue;
-        walk.clear();
-        size_t j = i;
-        while (state[j] == 0) {
-            state[j] = 1;
-            walk.push_back(j);
-            if (parent[j] < 0) break;
-            const size_t p = static_cast<size_t>(parent[j]);
-            if (state[p] == 1) { // closes a cycle: cut it here
-                parent[j] = -1;
-                break;
-            }
-            j = p;
-        }
-        for (size_t k = walk.size(); k-- > 0;) {
-            const size_t w = walk[k];
-            const int64_t p = parent[w];
-            int d = p < 0 ? 0 : depth[static_cast<size_t>(p)] + 1;
-            if (d > kMaxLayerDepth) {
-                parent[w] = -1;
-                d = 0;
-            }
-            depth[w] = d;
-            state[w] = 2;
-        }
-    }
+    CutParentCycles(parent, kMaxLayerDepth);
     for (size_t i = 0; i < n; ++i) {
         const float* pv = m_layers[i].pivot;
         float t[3] = {pv[0], pv[1], pv[2]};

@@ -22,6 +22,7 @@
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Keys.h"
 #include "plugin/host/Object.h"
+#include "plugin/host/ParentLinks.h"
 
 namespace lightwave {
 
@@ -824,35 +825,7 @@ void SceneReader::Build(C3DScene& scene) {
         }
         if (p != static_cast<int64_t>(i)) parent[i] = p;
     }
-    std::vector<uint8_t> state(n, 0);
-    std::vector<int> depth(n, 0);
-    std::vector<size_t> walk;
-    for (size_t i = 0; i < n; ++i) {
-        if (state[i]) continue;
-        walk.clear();
-        size_t j = i;
-        while (state[j] == 0) {
-            state[j] = 1;
-            walk.push_back(j);
-            if (parent[j] < 0) break;
-            const size_t p = static_cast<size_t>(parent[j]);
-            if (state[p] == 1) {
-                parent[j] = -1;
-                break;
-            }
-            j = p;
-        }
-        for (size_t k = walk.size(); k-- > 0;) {
-            const size_t w = walk[k];
-            int d = parent[w] < 0 ? 0 : depth[static_cast<size_t>(parent[w])] + 1;
-            if (d > kMaxItemDepth) {
-                parent[w] = -1;
-                d = 0;
-            }
-            depth[w] = d;
-            state[w] = 2;
-        }
-    }
+    CutParentCycles(parent, kMaxItemDepth);
     std::vector<std::vector<size_t>> children(n);
     std::vector<size_t> stack;
     for (size_t i = 0; i < n; ++i) {
