@@ -105,7 +105,7 @@ bool ReadMesh(textscan::TextCursor& c, Mesh& m, File& file) {
     m.faces->Reserve(nf, size_t(nf) * 3);
     if (m.uv) m.uv->GetUVWFaceList()->Reserve(nf, size_t(nf) * 3);
     std::vector<uint32_t> verts, uvs;
-    uint32_t badFaces = 0, badUvs = 0;
+    FaceTaker taker{m, nv, nuv};
     for (unsigned f = 0; f < nf; ++f) {
         std::string_view kind;
         if (!c.ReadWord(kind) || (kind != "Face" && kind != "Hole")) return false;
@@ -117,35 +117,14 @@ bool ReadMesh(textscan::TextCursor& c, Mesh& m, File& file) {
         if (uint64_t(n) * 5 > c.Remaining().size()) return false;
         verts.resize(n);
         uvs.resize(n);
-        bool good = n >= 1;
-        for (unsigned i = 0; i < n; ++i) {
+        for (unsigned i = 0; i < n; ++i)
             if (!c.Match('<') || !c.ReadUInt(verts[i]) || !c.Match(',') || !c.ReadUInt(uvs[i]) || !c.Match('>'))
                 return false;
-            if (verts[i] >= nv) good = false;
-            if (uvs[i] >= nuv) {
-                if (nuv) ++badUvs;
-                uvs[i] = 0;
-            }
-        }
-        if (!good) {
-            ++badFaces;
-            continue;
-        }
-        if (hole) {
-            const int outer = m.faces->GetNumberOfFaces() - 1;
-            if (outer < 0) {
-                ++badFaces;
-                continue;
-            }
-            m.holes.push_back({static_cast<uint32_t>(outer), verts, uvs});
-            continue;
-        }
-        AddFace(m, verts.data(), uvs.data(), n, static_cast<uint16_t>(mat > 0xFFFF ? 0xFFFF : mat));
+        taker.Take(verts, uvs, hole, static_cast<uint16_t>(mat > 0xFFFF ? 0xFFFF : mat));
     }
     unsigned draw = 0;
     if (Keyword(c, "DrawFlags") && c.ReadUInt(draw)) m.drawFlags = draw;
-    if (badFaces) file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
-    if (badUvs) file.log.push_back(std::to_string(badUvs) + " texture vertex indices out of range set to 0");
+    taker.Log(file.log);
     return true;
 }
 

@@ -18,7 +18,26 @@ bool ReadHeader(std::span<const uint8_t> data, char& encoding, bool& bigEndian) 
     return true;
 }
 
-void AddFace(Mesh& mesh, const uint32_t* verts, const uint32_t* uvs, uint32_t n, uint16_t material) {
+void FaceTaker::Take(std::vector<uint32_t>& verts, std::vector<uint32_t>& uvs, bool hole, uint16_t material) {
+    const auto n = static_cast<uint32_t>(verts.size());
+    bool good = n >= 1;
+    for (uint32_t i = 0; i < n; ++i) {
+        if (verts[i] >= points) good = false;
+        if (uvs[i] >= uvCount) {
+            if (uvCount) ++badUvs;
+            uvs[i] = 0;
+        }
+    }
+    if (!good) {
+        ++badFaces;
+        return;
+    }
+    if (hole) {
+        const int outer = mesh.faces->GetNumberOfFaces() - 1;
+        if (outer < 0) ++badFaces;
+        else mesh.holes.push_back({static_cast<uint32_t>(outer), verts, uvs});
+        return;
+    }
     mesh.faces->SetCurrentMaterial(material);
     uint32_t* f = mesh.faces->AddFace(static_cast<int>(n));
     for (uint32_t i = 0; i < n; ++i) f[i] = verts[n - 1 - i];
@@ -26,6 +45,11 @@ void AddFace(Mesh& mesh, const uint32_t* verts, const uint32_t* uvs, uint32_t n,
         uint32_t* t = mesh.uv->GetUVWFaceList()->AddFace(static_cast<int>(n));
         for (uint32_t i = 0; i < n; ++i) t[i] = uvs[n - 1 - i];
     }
+}
+
+void FaceTaker::Log(std::vector<std::string>& log) const {
+    if (badFaces) log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
+    if (badUvs) log.push_back(std::to_string(badUvs) + " texture vertex indices out of range set to 0");
 }
 
 bool LooksLikeBinaryChunk(std::span<const uint8_t> body, bool bigEndian) {
@@ -128,7 +152,7 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
     m.faces->Reserve(nf, corners);
     if (m.uv) m.uv->GetUVWFaceList()->Reserve(nf, corners);
     std::vector<uint32_t> verts, uvs;
-    uint32_t badFaces = 0, badUvs = 0;
+    FaceTaker taker{m, nv, nuv};
     for (uint32_t f = 0; f < nf; ++f) {
         const uint8_t flags = r.u8();
         const uint16_t n = r.u16();
@@ -137,7 +161,6 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
         if (!r.ok() || !r.canRead(n, 8)) return false;
         verts.resize(n);
         uvs.resize(n);
-        bool good = n >= 1;
         // The corners were checked to be there: read them without a check each.
         const uint8_t* src = r.cursor().current();
         r.skip(size_t(n) * 8);
@@ -148,30 +171,11 @@ bool ReadMesh(Reader& r, Mesh& m, File& file, int minor) {
                 verts[i] = __builtin_bswap32(verts[i]);
                 uvs[i] = __builtin_bswap32(uvs[i]);
             }
-            if (verts[i] >= nv) good = false;
-            if (uvs[i] >= nuv) {
-                if (nuv) ++badUvs;
-                uvs[i] = 0;
-            }
         }
-        if (!good) {
-            ++badFaces;
-            continue;
-        }
-        if (hole) {
-            const int outer = m.faces->GetNumberOfFaces() - 1;
-            if (outer < 0) {
-                ++badFaces;
-                continue;
-            }
-            m.holes.push_back({static_cast<uint32_t>(outer), verts, uvs});
-            continue;
-        }
-        AddFace(m, verts.data(), uvs.data(), n, mat);
+        taker.Take(verts, uvs, hole, mat);
     }
     if (minor >= 8 && r.remaining() >= 4) m.drawFlags = r.u32();
-    if (badFaces) file.log.push_back(std::to_string(badFaces) + " faces with vertex indices out of range dropped");
-    if (badUvs) file.log.push_back(std::to_string(badUvs) + " texture vertex indices out of range set to 0");
+    taker.Log(file.log);
     return r.ok();
 }
 

@@ -132,8 +132,16 @@ struct ChunkHeader {
 };
 bool ParseAsciiChunkHeader(std::string_view line, ChunkHeader& h);
 
-// Adds one face (file order of vertices and UVs) to `mesh`, reversed into host order;
-// indices already checked. Shared by both parsers.
-void AddFace(Mesh& mesh, const uint32_t* verts, const uint32_t* uvs, uint32_t n, uint16_t material);
+// Faces as both encodings give them: corners as (vertex, uv) pairs in file order. A face
+// naming a missing point is dropped, a uv past the list reads as 0, a hole joins the face
+// before it, and faces go into the mesh reversed into host order. What was dropped or
+// changed is counted for the log.
+struct FaceTaker {
+    Mesh& mesh;
+    uint32_t points, uvCount;
+    uint32_t badFaces = 0, badUvs = 0;
+    void Take(std::vector<uint32_t>& verts, std::vector<uint32_t>& uvs, bool hole, uint16_t material);
+    void Log(std::vector<std::string>& log) const;
+};
 
 } // namespace tsio
