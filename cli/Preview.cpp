@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <malloc.h>
 #include <map>
 #include <mutex>
 #include <signal.h>
@@ -438,6 +439,10 @@ bool UpToDate(Entry& e) {
         ::dup2(null, STDIN_FILENO);
     }
     g_verbosity = 1;
+    // Big blocks come from the heap and stay there once freed, so the PNG stage writes into
+    // the pages the renderer has already faulted in instead of fresh mappings of its own.
+    mallopt(M_MMAP_THRESHOLD, 64 << 20);
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
     InstallSignalHandling(&g_cancel);
     const int rc = FinishStandardOutput(CmdPreview(args, 1, read));
     std::fflush(nullptr);
