@@ -529,8 +529,11 @@ const MaterialLook& SceneRenderer::Look(uint32_t id) {
             const std::string path = ResolveTexture(given, m_scene, m_opt.sceneFolder, m_folders);
             auto t = path.empty() ? m_textures.end() : m_textures.find(path);
             if (!path.empty() && t == m_textures.end()) {
-                // All the scene's textures together stay within one budget.
+                // All the scene's textures together stay within one budget. A texture needs no
+                // more texels along a side than the picture has samples (JPEG shrinks as it
+                // is decoded).
                 CImageLimits limits;
+                limits.fitSide = std::max(m_opt.width, m_opt.height) * m_ss;
                 limits.maxPixels = std::min<uint64_t>(
                     limits.maxPixels, (m_opt.textureBytes - std::min(m_opt.textureBytes, m_textureBytes)) / 4);
                 auto img = std::make_unique<CImage>();

@@ -114,8 +114,27 @@ TEST(RenderImage, JpegFromTheCorpus) {
     if (!fs::exists(jpg)) GTEST_SKIP() << "no JPEG in the corpus";
     CImage img;
     ASSERT_EQ(LoadImageFile(jpg.string(), img), ImageResult::Ok);
-    EXPECT_GT(img.width, 0);
+    ASSERT_EQ(img.width, 256);
+    ASSERT_EQ(img.height, 256);
     EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4);
+    auto mean = [](const CImage& i) {
+        double sum = 0;
+        for (size_t k = 0; k < i.rgba.size(); k += 4) sum += i.rgba[k] + i.rgba[k + 1] + i.rgba[k + 2];
+        return sum / (double(i.width) * i.height * 3);
+    };
+    const double full = mean(img);
+
+    // Shrunk as it is decoded, to the smallest size that keeps both sides at least the one asked.
+    for (const auto& [fit, side] : {std::pair{100, 128}, {64, 64}, {1, 32}, {129, 256}}) {
+        CImageLimits limits;
+        limits.fitSide = fit;
+        CImage small;
+        ASSERT_EQ(LoadImageFile(jpg.string(), small, limits), ImageResult::Ok);
+        EXPECT_EQ(small.width, side) << fit;
+        EXPECT_EQ(small.height, side) << fit;
+        ASSERT_EQ(small.rgba.size(), size_t(side) * side * 4);
+        EXPECT_NEAR(mean(small), full, 3.0) << fit; // the same picture, not a corner of it
+    }
 }
 
 TEST(RenderImage, DamagedAndForeignBytes) {
