@@ -211,16 +211,20 @@ TEST(RenderImage, EmptyDataChunksAreHarmless) {
 }
 
 TEST(RenderImage, FuzzFindingsReplay) {
-    // Damaged JPEG files that made the first decoder read past its Huffman tables.
+    // Damaged JPEG files that made the first decoder read past its Huffman tables; each at
+    // full size and shrunk as it is decoded.
     const fs::path dir = testsupport::SourceDir() / "tests" / "regressions" / "image";
     int n = 0;
-    for (const auto& e : fs::directory_iterator(dir)) {
-        const std::string bytes = testsupport::ReadFile(e.path());
-        CImage img;
-        const ImageResult r = LoadImageMemory(Bytes(bytes), img);
-        if (r == ImageResult::Ok) EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4) << e.path();
-        else EXPECT_TRUE(img.IsEmpty()) << e.path();
-        ++n;
-    }
+    for (const auto& e : fs::directory_iterator(dir))
+        for (int fit : {0, 1}) {
+            const std::string bytes = testsupport::ReadFile(e.path());
+            CImageLimits limits;
+            limits.fitSide = fit;
+            CImage img;
+            const ImageResult r = LoadImageMemory(Bytes(bytes), img, limits);
+            if (r == ImageResult::Ok) EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4) << e.path();
+            else EXPECT_TRUE(img.IsEmpty()) << e.path();
+            n += fit;
+        }
     EXPECT_GE(n, 2);
 }
