@@ -1,7 +1,7 @@
 // orbiscope preview FILE: one picture of a scene. orbiscope thumbnails DIR --out DIR: a
-// picture for every readable file under a folder, each made by a child process running
-// `preview` (a reader that crashes or hangs costs its own file only), with a JSON Lines
-// report and an index.html contact sheet.
+// picture for every readable file under a folder, each made by a child process forked
+// from this one once the module is loaded (a reader that crashes or hangs costs its own
+// file only), with a JSON Lines report and an index.html contact sheet.
 #include "cli/Preview.h"
 
 #include <algorithm>
@@ -12,17 +12,21 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <malloc.h>
 #include <map>
 #include <mutex>
 #include <signal.h>
 #include <string_view>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "cli/Cli.h"
 #include "cli/ExitCodes.h"
 #include "cli/SceneSummary.h"
+#include "cli/Signals.h"
 #include "plugin/host/ColladaIo.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/GenericIo.h"
@@ -44,11 +48,6 @@ const char* const kPreviewUsage =
     "                                  report.jsonl and index.html in the output folder\n";
 
 namespace {
-
-int Fail(int code, const std::string& sentence) {
-    std::fprintf(stderr, "orbiscope: %s\n", sentence.c_str());
-    return code;
-}
 
 // The top-level string and number fields of one flat JSON object as we write it (the
 // report lines); arrays are skipped. Malformed text gives false.
@@ -296,7 +295,8 @@ int CmdPreview(const std::vector<std::string>& args, int verbosity, const Previe
 struct Entry {
     fs::path source; // as found under the input folder
     std::string rel; // relative to the input folder
-    fs::path picture, sidecar, errors;
+    fs::path picture, sidecar;
+    int errors = -1;  // the worker's standard error, an anonymous memory file
     std::string line; // the report line
     enum { Pending, Fresh, Made, Failed } state = Pending;
     std::string message;
@@ -308,14 +308,6 @@ bool Readable(const fs::path& p) {
     CXStringW ext(Utf8ToWide(p.extension().string()));
     if (ext.CompareNoCase(L".gz") == 0) ext = CXStringW(Utf8ToWide(p.stem().extension().string()));
     return !ext.IsEmpty() && reg.FindByExtension(ext, true) != nullptr;
-}
-
-std::string SelfPath() {
-    char buf[4096];
-    const ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    if (n <= 0) return {};
-    buf[n] = 0;
-    return buf;
 }
 
 std::string HtmlEscape(const std::string& s) {
@@ -399,6 +391,15 @@ std::string FirstLine(const std::string& s) {
     return t;
 }
 
+std::string ReadWhole(int fd, size_t cap = 1 << 16) {
+    std::string s(cap, '\0');
+    size_t got = 0;
+    for (ssize_t n; got < cap && (n = ::pread(fd, s.data() + got, cap - got, static_cast<off_t>(got))) > 0;)
+        got += static_cast<size_t>(n);
+    s.resize(got);
+    return s;
+}
+
 std::string ReadWhole(const fs::path& p, size_t cap = 1 << 16) {
     std::string s;
     if (FILE* f = std::fopen(p.c_str(), "rb")) {
@@ -423,7 +424,33 @@ bool UpToDate(Entry& e) {
     return true;
 }
 
-int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std::atomic<bool>* cancel) {
+// The child of one file: `preview` run in this forked copy of the process, which skips the
+// start of a new program (its dynamic linking and the module's loading cost more than most
+// pictures). It starts as a fresh `orbiscope preview` would: default verbosity, its own
+// signal watcher (the parent's thread did not come along), nothing on stdin and stdout.
+// An exception ends it through terminate, as it would end that program; it never unwinds
+// into the parent's loop.
+[[noreturn]] void PictureWorker(int errFd, const std::vector<std::string>& args,
+                                const PreviewSceneReader& read) noexcept {
+    const int null = ::open("/dev/null", O_RDWR);
+    ::dup2(errFd, STDERR_FILENO);
+    if (null >= 0) {
+        ::dup2(null, STDOUT_FILENO);
+        ::dup2(null, STDIN_FILENO);
+    }
+    g_verbosity = 1;
+    // Big blocks come from the heap and stay there once freed, so the PNG stage writes into
+    // the pages the renderer has already faulted in instead of fresh mappings of its own.
+    mallopt(M_MMAP_THRESHOLD, 64 << 20);
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    InstallSignalHandling(&g_cancel);
+    const int rc = FinishStandardOutput(CmdPreview(args, 1, read));
+    std::fflush(nullptr);
+    ::_exit(rc);
+}
+
+int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std::atomic<bool>* cancel,
+                  const PreviewSceneReader& read) {
     PictureOptions o;
     o.render.width = o.render.height = 256;
     o.forward = {"--size", "256"}; // a --size or --width given later overrides it in the workers
@@ -456,8 +483,6 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std
     if (!fs::is_directory(out, ec))
         return Fail(EXIT_CANNOT_WRITE, "cannot write into " + out + ": " + ec.message() + ".");
     const fs::path outAbs = fs::weakly_canonical(fs::absolute(out), ec);
-    const std::string self = SelfPath();
-    if (self.empty()) return Fail(EXIT_MODULE, "cannot find the orbiscope program itself to run the workers.");
 
     // The files, in a stable order; the output folder is left out when it lies inside.
     std::vector<Entry> entries;
@@ -477,16 +502,6 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std
         entries.push_back(std::move(e));
     }
     std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return a.rel < b.rel; });
-
-    const fs::path work = fs::path(out);
-    const CXStringW tmpName = fileCreateTmpFolder(CXStringW(Utf8ToWide(work.string())), L".orbiscope-");
-    if (tmpName.IsEmpty())
-        return Fail(EXIT_CANNOT_WRITE, "cannot write into " + out + ": " + std::strerror(errno) + ".");
-    struct Cleanup {
-        CXStringW p;
-        ~Cleanup() { fileRemoveDirectory(p); }
-    } cleanup{tmpName};
-    const fs::path tmpDir(WideToUtf8(tmpName.view()));
 
     const bool bar = verbosity >= 1 && isatty(STDERR_FILENO);
     size_t done = 0, made = 0, fresh = 0, failed = 0;
@@ -508,8 +523,9 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std
     size_t next = 0;
     auto finish = [&](size_t idx, int status, bool killed) {
         Entry& e = entries[idx];
-        const std::string err = ReadWhole(e.errors);
-        ::unlink(e.errors.c_str());
+        const std::string err = e.errors >= 0 ? ReadWhole(e.errors) : std::string();
+        if (e.errors >= 0) ::close(e.errors);
+        e.errors = -1;
         if (!killed && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
             std::string line = ReadWhole(e.sidecar);
             while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
@@ -573,34 +589,23 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std
                 continue;
             }
             fs::create_directories(e.picture.parent_path(), ec);
-            e.errors = tmpDir / (std::to_string(idx) + ".err");
-            std::vector<std::string> argv = {self,       "preview",         e.source.string(), "-o", e.picture.string(),
-                                             "--report", e.sidecar.string()};
+            std::vector<std::string> argv = {e.source.string(), "-o", e.picture.string(), "--report",
+                                             e.sidecar.string()};
             argv.insert(argv.end(), o.forward.begin(), o.forward.end());
             if (!o.from.empty()) {
                 argv.push_back("--from");
                 argv.push_back(o.from);
             }
-            std::vector<char*> cargv;
-            for (auto& a : argv) cargv.push_back(a.data());
-            cargv.push_back(nullptr);
             ::unlink(e.sidecar.c_str());
-            const std::string errPath = e.errors.string();
+            e.errors = memfd_create("orbiscope-err", MFD_CLOEXEC);
+            if (e.errors < 0) {
+                finish(idx, 127 << 8, false);
+                continue;
+            }
             std::fflush(nullptr);
             std::lock_guard lock(mu);
             const pid_t pid = fork();
-            if (pid == 0) {
-                // Only async-signal-safe calls between fork and exec.
-                const int fd = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-                const int null = ::open("/dev/null", O_RDWR);
-                if (fd >= 0) ::dup2(fd, STDERR_FILENO);
-                if (null >= 0) {
-                    ::dup2(null, STDOUT_FILENO);
-                    ::dup2(null, STDIN_FILENO);
-                }
-                ::execv(cargv[0], cargv.data());
-                ::_exit(127);
-            }
+            if (pid == 0) PictureWorker(e.errors, argv, read);
             if (pid < 0) {
                 finish(idx, 127 << 8, false);
                 continue;
@@ -652,6 +657,6 @@ int CmdThumbnails(const std::vector<std::string>& args, int verbosity, const std
 
 int RunPreviewCommand(const std::string& command, const std::vector<std::string>& args, int verbosity,
                       const std::atomic<bool>* cancel, const PreviewSceneReader& read) {
-    if (command == "thumbnails") return CmdThumbnails(args, verbosity, cancel);
+    if (command == "thumbnails") return CmdThumbnails(args, verbosity, cancel, read);
     return CmdPreview(args, verbosity, read);
 }

@@ -13,5 +13,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (LoadImageMemory({data, size}, img, limits) == ImageResult::Ok &&
         img.rgba.size() != size_t(img.width) * img.height * 4)
         __builtin_trap();
+    // JPEG again, shrunk as far as the decoder goes.
+    if (size > 0 && data[0] == 0xFF) {
+        limits.fitSide = 1;
+        if (LoadImageMemory({data, size}, img, limits) == ImageResult::Ok &&
+            img.rgba.size() != size_t(img.width) * img.height * 4)
+            __builtin_trap();
+    }
     return 0;
 }

@@ -155,8 +155,15 @@ ImageResult LoadJpeg(std::span<const uint8_t> bytes, CImage& out, const CImageLi
     // The decoder's own buffers (a progressive file keeps every coefficient) within a budget.
     cinfo.mem->max_memory_to_use = static_cast<long>(w * h * 16 + (size_t(8) << 20));
     cinfo.out_color_space = JCS_EXT_RGBA;
+    // The decoder shrinks in its inverse transform, for a fraction of the full work and memory.
+    for (unsigned denom = 8; limits.fitSide > 0 && denom >= 2; denom /= 2)
+        if (w / denom >= uint64_t(limits.fitSide) && h / denom >= uint64_t(limits.fitSide)) {
+            cinfo.scale_num = 1;
+            cinfo.scale_denom = denom;
+            break;
+        }
     jpeg_start_decompress(&cinfo);
-    out.Resize(static_cast<int>(w), static_cast<int>(h), 0xFF);
+    out.Resize(static_cast<int>(cinfo.output_width), static_cast<int>(cinfo.output_height), 0xFF);
     while (cinfo.output_scanline < cinfo.output_height) {
         JSAMPROW row = out.Pixel(0, static_cast<int>(cinfo.output_scanline));
         if (jpeg_read_scanlines(&cinfo, &row, 1) != 1) break;

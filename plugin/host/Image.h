@@ -23,6 +23,10 @@ struct CImageLimits {
     int maxSide = 16384;            // pixels along either side
     uint64_t maxPixels = 16u << 20; // width * height
     uint64_t maxFileBytes = 256u << 20;
+    // When above zero, a JPEG at least twice this along both sides is decoded at 1/2, 1/4 or
+    // 1/8 of its size (as small as keeps both sides at least this). The limits above still
+    // apply to the size the file states.
+    int fitSide = 0;
 };
 
 enum class ImageResult { Ok, CannotOpen, NotAnImage, TooLarge, Damaged };

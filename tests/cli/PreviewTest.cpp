@@ -2,11 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 #include "plugin/host/Image.h"
 #include "tests/cli/CliRunner.h"
@@ -28,6 +33,58 @@ int Drawn(const CImage& img) {
     for (int y = 0; y < img.height; ++y)
         for (int x = 0; x < img.width; ++x) n += std::memcmp(img.Pixel(x, y), img.Pixel(0, 0), 3) != 0;
     return n;
+}
+
+// `orbiscope ARGS` in the background, ended by SIGKILL when the test leaves early.
+struct Background {
+    pid_t pid = -1;
+    int status = 0;
+    bool ended = false;
+    explicit Background(const std::vector<std::string>& args, const fs::path& io) {
+        const std::string bin = Binary();
+        const std::string out = (io / "out").string(), err = (io / "err").string();
+        pid = fork();
+        if (pid != 0) return;
+        const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int n = open("/dev/null", O_RDONLY);
+        if (o < 0 || e < 0 || n < 0 || dup2(o, 1) < 0 || dup2(e, 2) < 0 || dup2(n, 0) < 0) _exit(126);
+        std::vector<char*> argv{const_cast<char*>(bin.c_str())};
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(bin.c_str(), argv.data());
+        _exit(127);
+    }
+    ~Background() {
+        if (!ended && pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+    }
+    // Waits up to `seconds`; false when it is still running then.
+    bool Wait(int seconds) {
+        for (int i = 0; !ended && i < seconds * 100; ++i) {
+            if (waitpid(pid, &status, WNOHANG) == pid) ended = true;
+            else usleep(10000);
+        }
+        return ended;
+    }
+};
+
+// A live (not yet reaped, not zombie) child process of `parent`, or -1.
+pid_t ChildOf(pid_t parent) {
+    for (auto& e : fs::directory_iterator("/proc")) {
+        const std::string name = e.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        const std::string stat = ReadFile(e.path() / "stat");
+        const size_t close = stat.rfind(')');
+        if (close == std::string::npos || close + 4 >= stat.size()) continue;
+        char state = 0;
+        long ppid = 0;
+        if (std::sscanf(stat.c_str() + close + 1, " %c %ld", &state, &ppid) == 2 && ppid == parent && state != 'Z')
+            return static_cast<pid_t>(std::stol(name));
+    }
+    return -1;
 }
 
 const char* kQuadObj = "mtllib quad.mtl\nv -1 -1 0\nv 1 -1 0\nv 1 1 0\nv -1 1 0\n"
@@ -199,4 +256,65 @@ TEST(Preview, ThumbnailsUsage) {
     CliRun r = Orbiscope("thumbnails " + Quote(d.path().string()) + " --out " + Quote((d / "o").string()));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(fs::exists(d / "o" / "index.html"));
+}
+
+// An OBJ whose material library is a pipe nobody writes to: its reader waits on it for
+// ever. The workers are forked copies of the command, not fresh programs, so they must
+// still take signals and be stopped like one; either way only that file goes without a
+// picture.
+TEST(Preview, AWorkerThatHangsOrIsKilledCostsItsOwnFileOnly) {
+    TempDir in;
+    fs::copy_file(House(), in / "house.obj");
+    fs::copy_file(House().parent_path() / "house.mtl", in / "house.mtl");
+    WriteFile(in / "a_stuck.obj", "mtllib a_stuck.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n");
+    ASSERT_EQ(mkfifo((in / "a_stuck.mtl").c_str(), 0600), 0);
+    // Whatever happens, a worker left waiting gets its end of file.
+    struct Release {
+        fs::path fifo;
+        ~Release() {
+            const int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0) close(fd);
+        }
+    } release{in / "a_stuck.mtl"};
+    auto thumbnails = [&](const fs::path& out, const std::string& timeout) {
+        return std::vector<std::string>{"thumbnails", in.path().string(), "--out", out.string(), "-j",
+                                        "1",          "--timeout",        timeout, "--size",     "32"};
+    };
+    auto expectHouseOnly = [](const fs::path& out, const std::string& message) {
+        const std::string report = ReadFile(out / "report.jsonl");
+        EXPECT_EQ(Lines(report), 2) << report;
+        EXPECT_NE(report.find("\"status\": \"failed\""), std::string::npos) << report;
+        EXPECT_NE(report.find(message), std::string::npos) << report;
+        EXPECT_NE(report.find("\"format\": \"Wavefront files\""), std::string::npos) << report;
+        CImage img;
+        EXPECT_EQ(LoadImageFile((out / "house.obj.png").string(), img), ImageResult::Ok);
+        EXPECT_FALSE(fs::exists(out / "a_stuck.obj.png"));
+        EXPECT_NE(ReadFile(out / "index.html").find("<img src=\"house.obj.png\""), std::string::npos);
+    };
+
+    // Killed from outside (-j 1: the stuck file comes first, so the only worker is its own).
+    {
+        TempDir out, io;
+        Background run(thumbnails(out.path(), "600"), io.path());
+        pid_t worker = -1;
+        for (int i = 0; i < 3000 && worker < 0 && !run.ended; ++i) {
+            worker = ChildOf(run.pid);
+            if (worker < 0) usleep(10000);
+        }
+        ASSERT_GT(worker, 0) << "no worker was seen";
+        kill(worker, SIGTERM);
+        ASSERT_TRUE(run.Wait(30)) << "the worker did not end on SIGTERM";
+        ASSERT_TRUE(WIFEXITED(run.status));
+        EXPECT_EQ(WEXITSTATUS(run.status), 4) << ReadFile(io / "err");
+        expectHouseOnly(out.path(), "the reader crashed (signal " + std::to_string(SIGTERM) + ")");
+    }
+    // Stopped by the timeout.
+    {
+        TempDir out, io;
+        Background run(thumbnails(out.path(), "1"), io.path());
+        ASSERT_TRUE(run.Wait(30)) << "the timeout did not stop the worker";
+        ASSERT_TRUE(WIFEXITED(run.status));
+        EXPECT_EQ(WEXITSTATUS(run.status), 4) << ReadFile(io / "err");
+        expectHouseOnly(out.path(), "took longer than 1 s and was stopped");
+    }
 }

@@ -114,8 +114,27 @@ TEST(RenderImage, JpegFromTheCorpus) {
     if (!fs::exists(jpg)) GTEST_SKIP() << "no JPEG in the corpus";
     CImage img;
     ASSERT_EQ(LoadImageFile(jpg.string(), img), ImageResult::Ok);
-    EXPECT_GT(img.width, 0);
+    ASSERT_EQ(img.width, 256);
+    ASSERT_EQ(img.height, 256);
     EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4);
+    auto mean = [](const CImage& i) {
+        double sum = 0;
+        for (size_t k = 0; k < i.rgba.size(); k += 4) sum += i.rgba[k] + i.rgba[k + 1] + i.rgba[k + 2];
+        return sum / (double(i.width) * i.height * 3);
+    };
+    const double full = mean(img);
+
+    // Shrunk as it is decoded, to the smallest size that keeps both sides at least the one asked.
+    for (const auto& [fit, side] : {std::pair{100, 128}, {64, 64}, {1, 32}, {129, 256}}) {
+        CImageLimits limits;
+        limits.fitSide = fit;
+        CImage small;
+        ASSERT_EQ(LoadImageFile(jpg.string(), small, limits), ImageResult::Ok);
+        EXPECT_EQ(small.width, side) << fit;
+        EXPECT_EQ(small.height, side) << fit;
+        ASSERT_EQ(small.rgba.size(), size_t(side) * side * 4);
+        EXPECT_NEAR(mean(small), full, 3.0) << fit; // the same picture, not a corner of it
+    }
 }
 
 TEST(RenderImage, DamagedAndForeignBytes) {
@@ -192,16 +211,20 @@ TEST(RenderImage, EmptyDataChunksAreHarmless) {
 }
 
 TEST(RenderImage, FuzzFindingsReplay) {
-    // Damaged JPEG files that made the first decoder read past its Huffman tables.
+    // Damaged JPEG files that made the first decoder read past its Huffman tables; each at
+    // full size and shrunk as it is decoded.
     const fs::path dir = testsupport::SourceDir() / "tests" / "regressions" / "image";
     int n = 0;
-    for (const auto& e : fs::directory_iterator(dir)) {
-        const std::string bytes = testsupport::ReadFile(e.path());
-        CImage img;
-        const ImageResult r = LoadImageMemory(Bytes(bytes), img);
-        if (r == ImageResult::Ok) EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4) << e.path();
-        else EXPECT_TRUE(img.IsEmpty()) << e.path();
-        ++n;
-    }
+    for (const auto& e : fs::directory_iterator(dir))
+        for (int fit : {0, 1}) {
+            const std::string bytes = testsupport::ReadFile(e.path());
+            CImageLimits limits;
+            limits.fitSide = fit;
+            CImage img;
+            const ImageResult r = LoadImageMemory(Bytes(bytes), img, limits);
+            if (r == ImageResult::Ok) EXPECT_EQ(img.rgba.size(), size_t(img.width) * img.height * 4) << e.path();
+            else EXPECT_TRUE(img.IsEmpty()) << e.path();
+            n += fit;
+        }
     EXPECT_GE(n, 2);
 }
