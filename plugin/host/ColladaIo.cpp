@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "plugin/host/Channel.h"
+#include "plugin/host/DecimalScan.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Keys.h"
@@ -143,9 +144,7 @@ public:
     bool Next(float& v) {
         while (m_s < m_e && IsSpace(*m_s)) ++m_s;
         if (m_s >= m_e) return false;
-        if (*m_s == '+') ++m_s;
-        if (Short(v)) return true;
-        auto r = std::from_chars(m_s, m_e, v);
+        const auto r = decscan::DecimalFloat(m_s, m_e, v);
         if (r.ec != std::errc()) {
             v = 0;
             while (m_s < m_e && !IsSpace(*m_s)) ++m_s;
@@ -174,34 +173,6 @@ public:
     }
 
 private:
-    // Decimals of at most seven digits without exponent (what exporters mostly write): the
-    // digits and the power of ten are both exact floats, so one division rounds correctly.
-    bool Short(float& v) {
-        static constexpr float kTen[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f};
-        const char* s = m_s;
-        const bool neg = s < m_e && *s == '-';
-        s += neg;
-        uint32_t m = 0;
-        int digits = 0, frac = -1;
-        for (; s < m_e; ++s) {
-            const unsigned d = static_cast<unsigned>(*s - '0');
-            if (d < 10u) {
-                if (++digits > 7) return false;
-                m = m * 10 + d;
-                if (frac >= 0) ++frac;
-            } else if (*s == '.' && frac < 0) {
-                frac = 0;
-            } else {
-                break;
-            }
-        }
-        if (digits == 0 || (s < m_e && !IsSpace(*s))) return false;
-        const float x = static_cast<float>(m) / kTen[frac < 0 ? 0 : frac];
-        v = neg ? -x : x;
-        m_s = s;
-        return true;
-    }
-
     __attribute__((noinline)) bool LongIndex(uint32_t& v) {
         const char* s = m_s;
         if (*s == '+') ++s;

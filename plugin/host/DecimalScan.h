@@ -1,8 +1,10 @@
 #pragma once
 // Plain decimals from text, eight bytes at a time: digit runs are found and combined as
 // little-endian words, and a short mantissa over an exact power of ten is rounded once, so
-// the result equals the library's parse. Anything else is refused for the caller's fallback.
+// the result equals the library's parse. Anything else is refused for the caller's fallback
+// (the float reader falls back by itself).
 #include <bit>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -40,6 +42,8 @@ inline uint64_t DigitsValue(uint64_t w) {
 inline constexpr double kPow10[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                     1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
 inline constexpr uint64_t kPow10Int[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+// Powers of ten that floats hold exactly (5^10 < 2^24).
+inline constexpr float kPow10Float[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
 
 // A plain decimal ("-12.500000", "7", ".5") from q, stopping at the first other byte.
 // An exact integer of at most 15 digits over an exact power of ten is rounded once, so
@@ -90,6 +94,55 @@ inline constexpr uint64_t kPow10Int[] = {1, 10, 100, 1000, 10000, 100000, 100000
     const double v = frac ? static_cast<double>(m) / kPow10[frac] : static_cast<double>(m);
     out = neg ? -v : v;
     return true;
+}
+
+// std::from_chars<float> after an optional '+'; the text is left unread when it holds no number.
+[[gnu::noinline]] inline std::from_chars_result DecimalFloatSlow(const char* first, const char* last, float& value) {
+    const char* s = first != last && *first == '+' ? first + 1 : first;
+    const std::from_chars_result r = std::from_chars(s, last, value);
+    return r.ec == std::errc::invalid_argument ? std::from_chars_result{first, r.ec} : r;
+}
+
+// std::from_chars<float> (general format), quicker on plain decimals, and taking a leading
+// '+' as well. Up to 2^24 over 10^10, both sides are exact floats and one division rounds
+// right. Up to 15 digits, the exact double rounds to the same float unless it sits exactly
+// halfway between two floats (it may have rounded onto the midpoint from either side).
+// Those, exponents, longer digit runs and words go to the library. A byte loop: measured
+// here, it beats the word-at-a-time digits above on the short numbers lists hold.
+[[gnu::always_inline]] inline std::from_chars_result DecimalFloat(const char* first, const char* last, float& value) {
+    const char* q = first;
+    if (q != last && *q == '+') ++q;
+    const bool neg = q != last && *q == '-';
+    q += neg;
+    uint64_t m = 0;
+    int digits = 0, frac = -1;
+    for (; q != last; ++q) {
+        const unsigned d = static_cast<unsigned>(*q - '0');
+        if (d < 10u) {
+            if (++digits > 15) break;
+            m = m * 10 + d;
+            frac += frac >= 0;
+        } else if (*q == '.' && frac < 0) {
+            frac = 0;
+        } else {
+            break;
+        }
+    }
+    if (digits != 0 && digits <= 15 && (q == last || (*q | 0x20) != 'e')) [[likely]] {
+        const int f = frac < 0 ? 0 : frac;
+        if (m <= (uint64_t{1} << 24) && f <= 10) [[likely]] {
+            const float v = static_cast<float>(m) / kPow10Float[f];
+            value = neg ? -v : v;
+            return {q, std::errc()};
+        }
+        const double d = static_cast<double>(m) / kPow10[f];
+        constexpr uint64_t kLow = (uint64_t{1} << 29) - 1, kHalf = uint64_t{1} << 28;
+        if ((std::bit_cast<uint64_t>(d) & kLow) != kHalf) {
+            value = static_cast<float>(neg ? -d : d);
+            return {q, std::errc()};
+        }
+    }
+    return DecimalFloatSlow(first, last, value);
 }
 
 } // namespace decscan
