@@ -318,17 +318,56 @@ public:
 private:
     void IndexIds(pugi::xml_node top) {
         // Iterative walk: documents may nest deeper than the stack would like.
-        std::vector<pugi::xml_node> todo{top};
+        std::vector<pugi::xml_node> todo{top}, controllers;
         while (!todo.empty()) {
             pugi::xml_node n = todo.back();
             todo.pop_back();
             if (const char* id = n.attribute("id").value(); *id) m_ids.emplace(id, n);
             if (std::strcmp(n.name(), "instance_geometry") == 0) {
                 ++m_uses[std::string(Fragment(n.attribute("url").value()))];
+            } else if (std::strcmp(n.name(), "instance_controller") == 0) {
+                controllers.push_back(n);
             }
             for (pugi::xml_node c = n.last_child(); c; c = c.previous_sibling())
                 if (c.type() == pugi::node_element) todo.push_back(c);
         }
+        // A controller instance names its geometry too, once the ids are known.
+        C4x4Matrix shape;
+        bool moved = false;
+        for (pugi::xml_node n : controllers)
+            if (pugi::xml_node g = ControllerGeometry(n, shape, moved)) ++m_uses[g.attribute("id").value()];
+    }
+    // The geometry under an instance_controller's chain of skins and morphs, with the skins'
+    // bind-shape matrices composed into `shape` (`moved` when that is not the identity).
+    // Chains are short in practice: loops and long ones give nothing.
+    pugi::xml_node ControllerGeometry(pugi::xml_node inst, C4x4Matrix& shape, bool& moved) {
+        constexpr int kMaxChain = 16;
+        shape = C4x4Matrix();
+        moved = false;
+        pugi::xml_node at = ById(Fragment(inst.attribute("url").value()));
+        for (int depth = 0; at && depth <= kMaxChain; ++depth) {
+            if (std::strcmp(at.name(), "geometry") == 0) return at;
+            if (std::strcmp(at.name(), "controller") != 0) return {};
+            pugi::xml_node how = at.child("skin");
+            if (how) {
+                pugi::xml_node bind = how.child("bind_shape_matrix");
+                Transform t{"matrix", {}, {}};
+                if (bind) ParseList(Text(bind), t.v);
+                static constexpr float kIdentity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+                if (t.v.size() >= 16 && !std::equal(kIdentity, kIdentity + 16, t.v.begin())) {
+                    shape = Compose({t}) * shape; // the inner controller's shape acts first
+                    moved = true;
+                }
+            } else if (!(how = at.child("morph"))) {
+                return {};
+            }
+            at = ById(Fragment(how.attribute("source").value()));
+        }
+        if (at && !m_chainLogged) {
+            Log("Collada: a controller chain that loops or runs too deep was left out.");
+            m_chainLogged = true;
+        }
+        return {};
     }
     pugi::xml_node ById(std::string_view id) const {
         auto it = m_ids.find(std::string(id));
@@ -1072,7 +1111,14 @@ private:
             } else if (kind == "instance_node") {
                 if (pugi::xml_node target = ById(Fragment(c.attribute("url").value()))) WalkNode(target, me, stack);
             } else if (kind == "instance_geometry") {
-                InstanceGeometry(c, me);
+                pugi::xml_node geom = ById(Fragment(c.attribute("url").value()));
+                if (geom && std::strcmp(geom.name(), "geometry") == 0) InstanceGeometry(c, geom, me, nullptr);
+            } else if (kind == "instance_controller") {
+                // Skins and morphs show their base geometry in its bind shape (no bones here).
+                C4x4Matrix shape;
+                bool moved = false;
+                if (pugi::xml_node geom = ControllerGeometry(c, shape, moved))
+                    InstanceGeometry(c, geom, me, moved ? &shape : nullptr);
             } else if (kind == "instance_camera") {
                 pugi::xml_node cam = ById(Fragment(c.attribute("url").value()));
                 auto* camera = new C3DCamera();
@@ -1109,9 +1155,9 @@ private:
         stack.pop_back();
     }
 
-    void InstanceGeometry(pugi::xml_node inst, C3DSceneNode* node) {
-        pugi::xml_node geom = ById(Fragment(inst.attribute("url").value()));
-        if (!geom || std::strcmp(geom.name(), "geometry") != 0) return;
+    // `inst` (an instance_geometry or instance_controller) binds the materials; `shape`, when
+    // given, moves the geometry's points and normals first.
+    void InstanceGeometry(pugi::xml_node inst, pugi::xml_node geom, C3DSceneNode* node, const C4x4Matrix* shape) {
         BuiltGeometry* g = BuildGeometry(geom);
         if (!g || Stopped()) return;
         const char* nm = geom.attribute("name").value();
@@ -1149,6 +1195,7 @@ private:
         auto remap = [&](C3DBaseObject& o) {
             for (uint32_t& mid : static_cast<C3DGeomObject&>(o).GetFaceList()->GetMaterialIDs())
                 mid = mid < map.size() ? map[mid] : NO_MATERIAL;
+            if (shape) static_cast<C3DGeomObject&>(o).Transform(*shape);
         };
         if (g->mesh) {
             if (!Charge(cost(*g->mesh))) return;
@@ -1194,7 +1241,7 @@ private:
     uint64_t m_budget = 0, m_used = 0, m_instances = 0, m_keysMade = 0, m_keyWork = 0;
     int32_t m_firstTick = 0, m_lastTick = 0;
     bool m_stopped = false, m_cancelled = false, m_depthLogged = false, m_animLogged = false, m_keysLogged = false,
-         m_keyed = false;
+         m_keyed = false, m_chainLogged = false;
 };
 
 } // namespace

@@ -210,6 +210,103 @@ TEST(Collada, NodeTransformsAndInstancedNodes) {
     EXPECT_TRUE(cycle);
 }
 
+// A controller's own inputs with their normals, and a skin whose bind shape shears x by y
+// and moves 5 along x: points move by it, normals by its inverse transpose.
+const std::string kSkinned =
+    kSquare + "<source id=\"n\"><float_array id=\"na\" count=\"3\">1 0 0</float_array>"
+              "<technique_common><accessor source=\"#na\" count=\"1\" stride=\"3\"/></technique_common></source>"
+              "<triangles count=\"2\" material=\"A\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+              "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/><p>0 0 1 0 2 0 0 0 2 0 3 0</p></triangles>";
+const std::string kControllers =
+    "<library_effects><effect id=\"red\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>1 0 0 "
+    "1</color></diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
+    "<library_materials><material id=\"paint\"><instance_effect url=\"#red\"/></material></library_materials>"
+    "<library_controllers><controller id=\"skin\"><skin source=\"#g\">"
+    "<bind_shape_matrix>1 1 0 5 0 1 0 0 0 0 1 0 0 0 0 1</bind_shape_matrix>"
+    "<source id=\"j\"><Name_array id=\"ja\" count=\"1\">bone</Name_array></source>"
+    "<vertex_weights count=\"4\"><input semantic=\"JOINT\" source=\"#j\" offset=\"0\"/>"
+    "<vcount>1 1 1 1</vcount><v>0 0 0 0</v></vertex_weights></skin></controller>"
+    "<controller id=\"morph\"><morph source=\"#g\" method=\"NORMALIZED\"><targets/></morph></controller>"
+    "<controller id=\"lifted\"><skin source=\"#morph\"><bind_shape_matrix>1 0 0 0 0 1 0 0 0 0 1 3 0 0 0 "
+    "1</bind_shape_matrix></skin></controller>"
+    "<controller id=\"twice\"><skin source=\"#lifted\"><bind_shape_matrix>2 0 0 0 0 2 0 0 0 0 2 0 0 0 0 "
+    "1</bind_shape_matrix></skin></controller>"
+    "</library_controllers>";
+
+C3DPoint NormalOfCorner(const C3DGeomObject& g, size_t corner) {
+    auto* ch = static_cast<const CSpecNormalChannel*>(g.GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    return ch->GetNormalVectorList()->GetPoint(static_cast<int>(ch->GetNormalFaceList()->GetIndexes()[corner]));
+}
+
+TEST(Collada, SkinsAndMorphsShowTheirBaseGeometry) {
+    // The plain instance comes first: the geometry it names has other users, so it must not
+    // take the mesh for itself.
+    auto r = ReadText(Doc(kSkinned,
+                          "<node id=\"p\"><instance_geometry url=\"#g\"/></node>"
+                          "<node id=\"a\"><instance_controller url=\"#skin\"><skeleton>#bone</skeleton><bind_material>"
+                          "<technique_common><instance_material symbol=\"A\" target=\"#paint\"/></technique_common>"
+                          "</bind_material></instance_controller></node>"
+                          "<node id=\"b\"><instance_controller url=\"#morph\"/></node>"
+                          "<node id=\"c\"><instance_controller url=\"#twice\"/></node>",
+                          kControllers));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 4u);
+    EXPECT_EQ(meshes[0]->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(1, 1, 0));
+    meshes.erase(meshes.begin());
+    // The skin: (1, 1, 0) sheared to (2, 1, 0) and moved to (7, 1, 0); normal (1, 0, 0) to (1, -1, 0) / sqrt 2.
+    const C3DGeomObject& skin = *meshes[0]->GetGeomObject();
+    EXPECT_EQ(skin.GetPointList()->GetPoint(2), C3DPoint(7, 1, 0));
+    EXPECT_EQ(skin.GetPointList()->GetPoint(0), C3DPoint(5, 0, 0));
+    EXPECT_NEAR(NormalOfCorner(skin, 0).x, 0.70710678f, 1e-6);
+    EXPECT_NEAR(NormalOfCorner(skin, 0).y, -0.70710678f, 1e-6);
+    // bind_material on the controller instance binds the primitives' symbols.
+    const C3DMaterial* m = r.scene->GetMaterialByID(skin.GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->GetDiffuseColor().r, 255);
+    // The morph shows its base as written, without a material of its own.
+    const C3DGeomObject& morph = *meshes[1]->GetGeomObject();
+    EXPECT_EQ(morph.GetPointList()->GetPoint(2), C3DPoint(1, 1, 0));
+    EXPECT_EQ(NormalOfCorner(morph, 0), C3DPoint(1, 0, 0));
+    EXPECT_EQ(morph.GetFaceList()->GetMaterialID(0), NO_MATERIAL);
+    // A skin of a skin of a morph: the inner bind shape (up 3 in z) acts first, then the doubling.
+    EXPECT_EQ(meshes[2]->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(2, 2, 6));
+}
+
+TEST(Collada, ControllerOfTheOnlyInstanceReachedTwice) {
+    // The geometry's one user is a controller instance in a library node placed twice: each
+    // copy shows the bind shape once.
+    auto r = ReadText(Doc(kSkinned, "<node id=\"a\"><instance_node url=\"#lib\"/><instance_node url=\"#lib\"/></node>",
+                          kControllers + "<library_nodes><node id=\"lib\"><instance_controller url=\"#skin\"/></node>"
+                                         "</library_nodes>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 2u);
+    for (C3DSceneNode* n : meshes) EXPECT_EQ(n->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(7, 1, 0));
+}
+
+TEST(Collada, ControllerChainsThatLoopOrRunDeep) {
+    std::string deep;
+    for (int i = 0; i < 40; ++i)
+        deep += "<controller id=\"d" + std::to_string(i) + "\"><morph source=\"#" +
+                (i == 39 ? std::string("g") : "d" + std::to_string(i + 1)) + "\"/></controller>";
+    auto r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" "
+                                    "offset=\"0\"/><p>0 1 2</p></triangles>",
+                          "<node id=\"a\"><instance_controller url=\"#x\"/><instance_controller url=\"#self\"/>"
+                          "<instance_controller url=\"#d0\"/><instance_controller url=\"#d30\"/>"
+                          "<instance_controller url=\"#nothing\"/></node>",
+                          "<library_controllers><controller id=\"x\"><skin source=\"#y\"/></controller>"
+                          "<controller id=\"y\"><morph source=\"#x\"/></controller>"
+                          "<controller id=\"self\"><skin source=\"#self\"/></controller>" +
+                              deep + "</library_controllers>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    // Only the chain of ten (d30 .. d39) reaches its geometry.
+    EXPECT_EQ(Nodes(*r.scene, KINDOF_MESH).size(), 1u);
+    int logged = 0;
+    for (const auto& l : r.log) logged += l.text.Find(L"controller chain") >= 0;
+    EXPECT_EQ(logged, 1);
+}
+
 TEST(Collada, EncodingsDamageAndBounds) {
     const std::string doc = Doc(
         kSquare +
