@@ -650,6 +650,40 @@ private:
                 to.flags.push_back(0);
                 to.materials.push_back(symbol);
             };
+            // `n` triangles of `stride` indices per corner; faces naming no point go, one by one.
+            auto addTriangles = [&](const uint32_t* c, size_t n) {
+                const size_t corners = 3 * n;
+                bool whole = faces.indices.size() + corners <= UINT32_MAX;
+                for (size_t k = 0; k < corners && whole; ++k) whole = c[k * stride + vOff] < npoints;
+                if (!whole) {
+                    for (size_t f = 0; f < n; ++f) addPoly(c + 3 * f * stride, 3, false);
+                    return;
+                }
+                const size_t at = faces.indices.size();
+                auto column = [&](FaceArray& to, size_t off, uint32_t missing, bool keepAll) {
+                    to.resize(at + corners);
+                    uint32_t* t = to.data() + at;
+                    if (off == SIZE_MAX) {
+                        std::fill_n(t, corners, missing);
+                        return;
+                    }
+                    for (size_t k = 0; k < corners; ++k) {
+                        const uint32_t v = c[k * stride + off];
+                        t[k] = keepAll || v < missing ? v : missing;
+                    }
+                };
+                column(faces.indices, vOff, 0, true);
+                if (uv) column(faces.uv, tOff, uvMissing, false);
+                if (vc) column(faces.vc, cOff, vcMissing, false);
+                if (nc) column(faces.nrm, nOff, nMissing, false);
+                const size_t first = faces.offsets.size();
+                faces.offsets.resize(first + n);
+                for (size_t f = 0; f < n; ++f) faces.offsets[first + f] = static_cast<uint32_t>(at + 3 * (f + 1));
+                faces.flags.resize(faces.flags.size() + n);
+                const size_t m = faces.materials.size();
+                faces.materials.resize(m + n);
+                std::fill_n(faces.materials.data() + m, n, symbol);
+            };
             // `n` corners from `sc` into `buf`; false when the list ends first.
             auto corners = [&](NumberScan& sc, size_t n) {
                 buf.resize(n * stride);
@@ -676,8 +710,21 @@ private:
                         if (static_cast<uint64_t>(n) * stride > sc.Left() || !corners(sc, n)) break;
                         addPoly(buf.data(), n, false);
                     }
-                } else {
+                } else if (lines) {
                     for (uint64_t i = 0; i < declared && corners(sc, perFace); ++i) addPoly(buf.data(), perFace, lines);
+                } else {
+                    // Triangles in batches: the numbers of many at once, then each array in one go.
+                    constexpr size_t kBatch = 4096;
+                    const size_t per = 3 * stride;
+                    for (uint64_t left = declared; left > 0 && !m_stopped;) {
+                        list.resize(static_cast<size_t>(std::min<uint64_t>(left, kBatch)) * per);
+                        size_t got = 0;
+                        while (got < list.size() && sc.Next(list[got])) ++got;
+                        const size_t n = got / per;
+                        addTriangles(list.data(), n);
+                        left -= n;
+                        if (got < list.size()) break;
+                    }
                 }
                 Consumed(text);
             } else {
