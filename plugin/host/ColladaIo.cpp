@@ -650,13 +650,25 @@ private:
                 to.flags.push_back(0);
                 to.materials.push_back(symbol);
             };
-            // `n` triangles of `stride` indices per corner; faces naming no point go, one by one.
-            auto addTriangles = [&](const uint32_t* c, size_t n) {
-                const size_t corners = 3 * n;
-                bool whole = faces.indices.size() + corners <= UINT32_MAX;
+            // `n` faces of `sizes[f]` corners (null: triangles), `stride` indices per corner, into
+            // each array in one go; when a face names no point or has under three corners, the
+            // batch goes face by face.
+            auto addBatch = [&](const uint32_t* c, const uint32_t* sizes, size_t n) {
+                size_t corners = 0;
+                bool whole = true;
+                for (size_t f = 0; f < n; ++f) {
+                    const uint32_t k = sizes ? sizes[f] : 3;
+                    whole = whole && k >= 3;
+                    corners += k;
+                }
+                whole = whole && faces.indices.size() + corners <= UINT32_MAX;
                 for (size_t k = 0; k < corners && whole; ++k) whole = c[k * stride + vOff] < npoints;
                 if (!whole) {
-                    for (size_t f = 0; f < n; ++f) addPoly(c + 3 * f * stride, 3, false);
+                    for (size_t f = 0, at = 0; f < n; ++f) {
+                        const uint32_t k = sizes ? sizes[f] : 3;
+                        addPoly(c + at * stride, k, false);
+                        at += k;
+                    }
                     return;
                 }
                 const size_t at = faces.indices.size();
@@ -678,7 +690,9 @@ private:
                 if (nc) column(faces.nrm, nOff, nMissing, false);
                 const size_t first = faces.offsets.size();
                 faces.offsets.resize(first + n);
-                for (size_t f = 0; f < n; ++f) faces.offsets[first + f] = static_cast<uint32_t>(at + 3 * (f + 1));
+                uint32_t* o = faces.offsets.data() + first;
+                auto end = static_cast<uint32_t>(at);
+                for (size_t f = 0; f < n; ++f) o[f] = end += sizes ? sizes[f] : 3;
                 faces.flags.resize(faces.flags.size() + n);
                 const size_t m = faces.materials.size();
                 faces.materials.resize(m + n);
@@ -702,26 +716,49 @@ private:
                 (lines ? curve : faces).Reserve(std::min(declared, room), std::min(declared, room) * perFace);
                 if (uv && !lines) hostmem::ReserveLarge(faces.uv, faces.indices.capacity());
                 if (nc && !lines) hostmem::ReserveLarge(faces.nrm, faces.indices.capacity());
+                // Faces in batches: the numbers of many at once, then each array in one go.
+                constexpr size_t kBatch = 4096;
                 if (kind == "polylist") {
                     const std::string_view counts = Text(prim.child("vcount"));
                     NumberScan vcount(counts);
-                    uint32_t n = 0;
-                    for (uint64_t i = 0; i < declared && vcount.Next(n); ++i) {
-                        if (static_cast<uint64_t>(n) * stride > sc.Left() || !corners(sc, n)) break;
-                        addPoly(buf.data(), n, false);
+                    std::vector<uint32_t> sizes;
+                    bool more = true;
+                    for (uint64_t i = 0; more && i < declared && !m_stopped;) {
+                        // As many faces as the batch takes and the text left could hold.
+                        sizes.clear();
+                        uint64_t batchCorners = 0;
+                        uint32_t n = 0;
+                        while (sizes.size() < kBatch && batchCorners < 4 * kBatch && i < declared) {
+                            if (!vcount.Next(n) || (batchCorners + n) * stride > sc.Left()) {
+                                more = false;
+                                break;
+                            }
+                            sizes.push_back(n);
+                            batchCorners += n;
+                            ++i;
+                        }
+                        list.resize(static_cast<size_t>(batchCorners * stride));
+                        size_t got = 0;
+                        while (got < list.size() && sc.Next(list[got])) ++got;
+                        if (got < list.size()) { // the list ends inside a face: the faces before it stay
+                            size_t whole = 0, used = 0;
+                            while (whole < sizes.size() && used + sizes[whole] * stride <= got)
+                                used += sizes[whole++] * stride;
+                            sizes.resize(whole);
+                            more = false;
+                        }
+                        addBatch(list.data(), sizes.data(), sizes.size());
                     }
                 } else if (lines) {
                     for (uint64_t i = 0; i < declared && corners(sc, perFace); ++i) addPoly(buf.data(), perFace, lines);
                 } else {
-                    // Triangles in batches: the numbers of many at once, then each array in one go.
-                    constexpr size_t kBatch = 4096;
                     const size_t per = 3 * stride;
                     for (uint64_t left = declared; left > 0 && !m_stopped;) {
                         list.resize(static_cast<size_t>(std::min<uint64_t>(left, kBatch)) * per);
                         size_t got = 0;
                         while (got < list.size() && sc.Next(list[got])) ++got;
                         const size_t n = got / per;
-                        addTriangles(list.data(), n);
+                        addBatch(list.data(), nullptr, n);
                         left -= n;
                         if (got < list.size()) break;
                     }

@@ -307,56 +307,67 @@ TEST(Collada, ControllerChainsThatLoopOrRunDeep) {
     EXPECT_EQ(logged, 1);
 }
 
-// Triangles are read in batches, polylists face by face: the same corners must give the
-// same faces, whichever faces name no point, whichever channel indices are out of range,
-// across batch ends and up to a list cut short inside a face.
-TEST(Collada, TrianglesReadLikeTheSamePolylist) {
-    std::string p, vcount;
+// Triangles and polylists are read in batches, polygons face by face: the same corners must
+// give the same faces, whichever faces name no point or have under three corners, whichever
+// channel indices are out of range, across batch ends and up to a list cut short in a face.
+TEST(Collada, BatchedFacesReadLikeTheSamePolygons) {
     uint32_t seed = 1;
     auto next = [&](uint32_t n) {
         seed = seed * 1103515245u + 12345u;
         return (seed >> 8) % n;
     };
-    const int faces = 9000;
-    for (int f = 0; f < faces; ++f) {
-        for (int k = 0; k < 3; ++k) {
-            // One corner naming no point, in the second batch only.
-            const uint32_t point = f == 5001 && k == 1 ? 4 : next(4);
-            p += std::to_string(point) + " " + std::to_string(next(4)) + " " + std::to_string(next(7)) + " ";
-        }
-        vcount += "3 ";
-    }
-    p += "1 0"; // a corner cut short
     const std::string inputs = "<input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
                                "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/>"
                                "<input semantic=\"TEXCOORD\" source=\"#t\" offset=\"2\" set=\"0\"/>";
     const std::string normals =
         "<source id=\"n\"><float_array id=\"na\" count=\"6\">0 0 1 0 1 0</float_array>"
         "<technique_common><accessor source=\"#na\" count=\"2\" stride=\"3\"/></technique_common></source>";
-    const std::string count = std::to_string(faces + 5);
-    auto a = ReadText(
-        Doc(kSquare + normals + "<triangles count=\"" + count + "\">" + inputs + "<p>" + p + "</p></triangles>",
-            "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
-    auto b = ReadText(Doc(kSquare + normals + "<polylist count=\"" + count + "\">" + inputs + "<vcount>" + vcount +
-                              "</vcount><p>" + p + "</p></polylist>",
-                          "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
-    ASSERT_TRUE(a.scene && b.scene);
-    const C3DGeomObject& ga = *Nodes(*a.scene, KINDOF_MESH).at(0)->GetGeomObject();
-    const C3DGeomObject& gb = *Nodes(*b.scene, KINDOF_MESH).at(0)->GetGeomObject();
-    EXPECT_EQ(ga.GetFaceList()->GetNumberOfFaces(), faces - 1);
+    auto read = [&](const std::string& prim) {
+        auto r = ReadText(Doc(kSquare + normals + prim, "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
+        EXPECT_TRUE(r.scene) << r.error;
+        return r;
+    };
     auto same = [](const CFaceList& x, const CFaceList& y) {
         EXPECT_EQ(x.GetNumberOfFaces(), y.GetNumberOfFaces());
         EXPECT_TRUE(x.GetIndexes() == y.GetIndexes());
         for (int f = 0; f < x.GetNumberOfFaces() && f < y.GetNumberOfFaces(); ++f)
             EXPECT_EQ(x.GetFaceSize(f), y.GetFaceSize(f));
     };
-    same(*ga.GetFaceList(), *gb.GetFaceList());
-    EXPECT_TRUE(ga.GetFaceList()->GetMaterialIDs() == gb.GetFaceList()->GetMaterialIDs());
-    same(*ga.GetGlobalUVWChannel()->GetUVWFaceList(), *gb.GetGlobalUVWChannel()->GetUVWFaceList());
     auto normalsOf = [](const C3DGeomObject& g) {
         return static_cast<const CSpecNormalChannel*>(g.GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))->GetNormalFaceList();
     };
-    same(*normalsOf(ga), *normalsOf(gb));
+    for (bool triangles : {true, false}) {
+        const int faces = 9000;
+        std::string p, vcount, polygons;
+        for (int f = 0; f < faces; ++f) {
+            // A few faces of under three corners, all in the first batch but the empty one.
+            const uint32_t size = triangles ? 3 : f == 100 ? 2 : f == 200 ? 1 : f == 7000 ? 0 : 3 + next(4);
+            std::string one;
+            for (uint32_t k = 0; k < size; ++k) {
+                // One corner naming no point, in the second batch only.
+                const uint32_t point = f == 5001 && k == 1 ? 4 : next(4);
+                one += std::to_string(point) + " " + std::to_string(next(4)) + " " + std::to_string(next(7)) + " ";
+            }
+            p += one;
+            vcount += std::to_string(size) + " ";
+            polygons += "<p>" + one + "</p>";
+        }
+        p += "1 0 2 1 0 3 2                    "; // a face cut short, blanks after it
+        vcount += "3 3";
+        const std::string count = "count=\"" + std::to_string(faces + 5) + "\">";
+        auto a = read(triangles ? "<triangles " + count + inputs + "<p>" + p + "</p></triangles>"
+                                : "<polylist " + count + inputs + "<vcount>" + vcount + "</vcount><p>" + p +
+                                      "</p></polylist>");
+        auto b = read("<polygons " + count + inputs + polygons + "</polygons>");
+        ASSERT_TRUE(a.scene && b.scene);
+        const C3DGeomObject& ga = *Nodes(*a.scene, KINDOF_MESH).at(0)->GetGeomObject();
+        const C3DGeomObject& gb = *Nodes(*b.scene, KINDOF_MESH).at(0)->GetGeomObject();
+        if (triangles) { EXPECT_EQ(ga.GetFaceList()->GetNumberOfFaces(), faces - 1); }
+        same(*ga.GetFaceList(), *gb.GetFaceList());
+        EXPECT_TRUE(ga.GetFaceList()->GetMaterialIDs() == gb.GetFaceList()->GetMaterialIDs());
+        same(*ga.GetGlobalUVWChannel()->GetUVWFaceList(), *gb.GetGlobalUVWChannel()->GetUVWFaceList());
+        same(*normalsOf(ga), *normalsOf(gb));
+    }
 }
 
 TEST(Collada, EncodingsDamageAndBounds) {
