@@ -738,6 +738,7 @@ private:
                             ++i;
                         }
                         list.resize(static_cast<size_t>(batchCorners * stride));
+                        if (!Charge(list.size())) return;
                         size_t got = 0;
                         while (got < list.size() && sc.Next(list[got])) ++got;
                         if (got < list.size()) { // the list ends inside a face: the faces before it stay
@@ -754,7 +755,10 @@ private:
                 } else {
                     const size_t per = 3 * stride;
                     for (uint64_t left = declared; left > 0 && !m_stopped;) {
-                        list.resize(static_cast<size_t>(std::min<uint64_t>(left, kBatch)) * per);
+                        // No more faces than the text left could hold (two bytes a number at least).
+                        const uint64_t fit = sc.Left() / (2 * per) + 1;
+                        list.resize(static_cast<size_t>(std::min<uint64_t>({left, kBatch, fit})) * per);
+                        if (!Charge(list.size())) return;
                         size_t got = 0;
                         while (got < list.size() && sc.Next(list[got])) ++got;
                         const size_t n = got / per;

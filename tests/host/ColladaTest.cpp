@@ -370,6 +370,34 @@ TEST(Collada, BatchedFacesReadLikeTheSamePolygons) {
     }
 }
 
+// Huge declared counts with wide corners (an input at offset 1000) in a small document:
+// what is set aside for each primitive's faces follows its text, not its count.
+TEST(Collada, HugeCountsCostOnlyTheirText) {
+    std::string geometries, nodes;
+    const int n = 300;
+    for (int i = 0; i < n; ++i) {
+        const std::string g = "g" + std::to_string(i);
+        geometries += "<geometry id=\"" + g + "\"><mesh><source id=\"" + g + "p\"><float_array id=\"" + g +
+                      "a\" count=\"9\">0 0 0 1 0 0 0 1 0</float_array><technique_common><accessor source=\"#" + g +
+                      "a\" count=\"3\" stride=\"3\"/></technique_common></source><vertices id=\"" + g +
+                      "v\"><input semantic=\"POSITION\" source=\"#" + g + "p\"/></vertices>";
+        const std::string wide = "<input semantic=\"VERTEX\" source=\"#" + g + "v\" offset=\"1000\"/>";
+        geometries += "<triangles count=\"2000000000\">" + wide + "<p>0 1 2</p></triangles>";
+        geometries += "<polylist count=\"2000000000\">" + wide + "<vcount>3 3 3</vcount><p>0 1 2</p></polylist>";
+        geometries += "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#" + g +
+                      "v\" offset=\"0\"/><p>0 1 2</p></triangles></mesh></geometry>";
+        nodes += "<node id=\"n" + std::to_string(i) + "\"><instance_geometry url=\"#" + g + "\"/></node>";
+    }
+    auto r = ReadText("<COLLADA version=\"1.4.1\"><library_geometries>" + geometries +
+                      "</library_geometries><library_visual_scenes><visual_scene id=\"s\">" + nodes +
+                      "</visual_scene></library_visual_scenes></COLLADA>");
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), static_cast<size_t>(n));
+    for (C3DSceneNode* m : meshes) EXPECT_EQ(m->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
+    for (const auto& l : r.log) EXPECT_EQ(l.text.Find(L"cap"), -1) << l.text.c_str();
+}
+
 TEST(Collada, EncodingsDamageAndBounds) {
     const std::string doc = Doc(
         kSquare +
