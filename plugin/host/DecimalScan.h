@@ -1,8 +1,8 @@
 #pragma once
-// Plain decimals from text, eight bytes at a time: digit runs are found and combined as
-// little-endian words, and a short mantissa over an exact power of ten is rounded once, so
-// the result equals the library's parse. Anything else is refused for the caller's fallback
-// (the float reader falls back by itself).
+// Plain decimals from text, without the library's general parse: a mantissa of at most 15
+// digits over an exact power of ten is rounded once, so the result equals the library's.
+// PlainDecimal (doubles) reads its digits eight bytes at a time and refuses anything else
+// for the caller's fallback; DecimalFloat (floats) falls back to the library by itself.
 #include <bit>
 #include <charconv>
 #include <cstddef>
