@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "plugin/host/Channel.h"
+#include "plugin/host/DecimalScan.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Keys.h"
@@ -143,9 +144,7 @@ public:
     bool Next(float& v) {
         while (m_s < m_e && IsSpace(*m_s)) ++m_s;
         if (m_s >= m_e) return false;
-        if (*m_s == '+') ++m_s;
-        if (Short(v)) return true;
-        auto r = std::from_chars(m_s, m_e, v);
+        const auto r = decscan::DecimalFloat(m_s, m_e, v);
         if (r.ec != std::errc()) {
             v = 0;
             while (m_s < m_e && !IsSpace(*m_s)) ++m_s;
@@ -174,34 +173,6 @@ public:
     }
 
 private:
-    // Decimals of at most seven digits without exponent (what exporters mostly write): the
-    // digits and the power of ten are both exact floats, so one division rounds correctly.
-    bool Short(float& v) {
-        static constexpr float kTen[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f};
-        const char* s = m_s;
-        const bool neg = s < m_e && *s == '-';
-        s += neg;
-        uint32_t m = 0;
-        int digits = 0, frac = -1;
-        for (; s < m_e; ++s) {
-            const unsigned d = static_cast<unsigned>(*s - '0');
-            if (d < 10u) {
-                if (++digits > 7) return false;
-                m = m * 10 + d;
-                if (frac >= 0) ++frac;
-            } else if (*s == '.' && frac < 0) {
-                frac = 0;
-            } else {
-                break;
-            }
-        }
-        if (digits == 0 || (s < m_e && !IsSpace(*s))) return false;
-        const float x = static_cast<float>(m) / kTen[frac < 0 ? 0 : frac];
-        v = neg ? -x : x;
-        m_s = s;
-        return true;
-    }
-
     __attribute__((noinline)) bool LongIndex(uint32_t& v) {
         const char* s = m_s;
         if (*s == '+') ++s;
@@ -347,17 +318,56 @@ public:
 private:
     void IndexIds(pugi::xml_node top) {
         // Iterative walk: documents may nest deeper than the stack would like.
-        std::vector<pugi::xml_node> todo{top};
+        std::vector<pugi::xml_node> todo{top}, controllers;
         while (!todo.empty()) {
             pugi::xml_node n = todo.back();
             todo.pop_back();
             if (const char* id = n.attribute("id").value(); *id) m_ids.emplace(id, n);
             if (std::strcmp(n.name(), "instance_geometry") == 0) {
                 ++m_uses[std::string(Fragment(n.attribute("url").value()))];
+            } else if (std::strcmp(n.name(), "instance_controller") == 0) {
+                controllers.push_back(n);
             }
             for (pugi::xml_node c = n.last_child(); c; c = c.previous_sibling())
                 if (c.type() == pugi::node_element) todo.push_back(c);
         }
+        // A controller instance names its geometry too, once the ids are known.
+        C4x4Matrix shape;
+        bool moved = false;
+        for (pugi::xml_node n : controllers)
+            if (pugi::xml_node g = ControllerGeometry(n, shape, moved)) ++m_uses[g.attribute("id").value()];
+    }
+    // The geometry under an instance_controller's chain of skins and morphs, with the skins'
+    // bind-shape matrices composed into `shape` (`moved` when that is not the identity).
+    // Chains are short in practice: loops and long ones give nothing.
+    pugi::xml_node ControllerGeometry(pugi::xml_node inst, C4x4Matrix& shape, bool& moved) {
+        constexpr int kMaxChain = 16;
+        shape = C4x4Matrix();
+        moved = false;
+        pugi::xml_node at = ById(Fragment(inst.attribute("url").value()));
+        for (int depth = 0; at && depth <= kMaxChain; ++depth) {
+            if (std::strcmp(at.name(), "geometry") == 0) return at;
+            if (std::strcmp(at.name(), "controller") != 0) return {};
+            pugi::xml_node how = at.child("skin");
+            if (how) {
+                pugi::xml_node bind = how.child("bind_shape_matrix");
+                Transform t{"matrix", {}, {}};
+                if (bind) ParseList(Text(bind), t.v);
+                static constexpr float kIdentity[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+                if (t.v.size() >= 16 && !std::equal(kIdentity, kIdentity + 16, t.v.begin())) {
+                    shape = Compose({t}) * shape; // the inner controller's shape acts first
+                    moved = true;
+                }
+            } else if (!(how = at.child("morph"))) {
+                return {};
+            }
+            at = ById(Fragment(how.attribute("source").value()));
+        }
+        if (at && !m_chainLogged) {
+            Log("Collada: a controller chain that loops or runs too deep was left out.");
+            m_chainLogged = true;
+        }
+        return {};
     }
     pugi::xml_node ById(std::string_view id) const {
         auto it = m_ids.find(std::string(id));
@@ -640,6 +650,54 @@ private:
                 to.flags.push_back(0);
                 to.materials.push_back(symbol);
             };
+            // `n` faces of `sizes[f]` corners (null: triangles), `stride` indices per corner, into
+            // each array in one go; when a face names no point or has under three corners, the
+            // batch goes face by face.
+            auto addBatch = [&](const uint32_t* c, const uint32_t* sizes, size_t n) {
+                size_t corners = 0;
+                bool whole = true;
+                for (size_t f = 0; f < n; ++f) {
+                    const uint32_t k = sizes ? sizes[f] : 3;
+                    whole = whole && k >= 3;
+                    corners += k;
+                }
+                whole = whole && faces.indices.size() + corners <= UINT32_MAX;
+                for (size_t k = 0; k < corners && whole; ++k) whole = c[k * stride + vOff] < npoints;
+                if (!whole) {
+                    for (size_t f = 0, at = 0; f < n; ++f) {
+                        const uint32_t k = sizes ? sizes[f] : 3;
+                        addPoly(c + at * stride, k, false);
+                        at += k;
+                    }
+                    return;
+                }
+                const size_t at = faces.indices.size();
+                auto column = [&](FaceArray& to, size_t off, uint32_t missing, bool keepAll) {
+                    to.resize(at + corners);
+                    uint32_t* t = to.data() + at;
+                    if (off == SIZE_MAX) {
+                        std::fill_n(t, corners, missing);
+                        return;
+                    }
+                    for (size_t k = 0; k < corners; ++k) {
+                        const uint32_t v = c[k * stride + off];
+                        t[k] = keepAll || v < missing ? v : missing;
+                    }
+                };
+                column(faces.indices, vOff, 0, true);
+                if (uv) column(faces.uv, tOff, uvMissing, false);
+                if (vc) column(faces.vc, cOff, vcMissing, false);
+                if (nc) column(faces.nrm, nOff, nMissing, false);
+                const size_t first = faces.offsets.size();
+                faces.offsets.resize(first + n);
+                uint32_t* o = faces.offsets.data() + first;
+                auto end = static_cast<uint32_t>(at);
+                for (size_t f = 0; f < n; ++f) o[f] = end += sizes ? sizes[f] : 3;
+                faces.flags.resize(faces.flags.size() + n);
+                const size_t m = faces.materials.size();
+                faces.materials.resize(m + n);
+                std::fill_n(faces.materials.data() + m, n, symbol);
+            };
             // `n` corners from `sc` into `buf`; false when the list ends first.
             auto corners = [&](NumberScan& sc, size_t n) {
                 buf.resize(n * stride);
@@ -658,16 +716,56 @@ private:
                 (lines ? curve : faces).Reserve(std::min(declared, room), std::min(declared, room) * perFace);
                 if (uv && !lines) hostmem::ReserveLarge(faces.uv, faces.indices.capacity());
                 if (nc && !lines) hostmem::ReserveLarge(faces.nrm, faces.indices.capacity());
+                // Faces in batches: the numbers of many at once, then each array in one go.
+                constexpr size_t kBatch = 4096;
                 if (kind == "polylist") {
                     const std::string_view counts = Text(prim.child("vcount"));
                     NumberScan vcount(counts);
-                    uint32_t n = 0;
-                    for (uint64_t i = 0; i < declared && vcount.Next(n); ++i) {
-                        if (static_cast<uint64_t>(n) * stride > sc.Left() || !corners(sc, n)) break;
-                        addPoly(buf.data(), n, false);
+                    std::vector<uint32_t> sizes;
+                    bool more = true;
+                    for (uint64_t i = 0; more && i < declared && !m_stopped;) {
+                        // As many faces as the batch takes and the text left could hold.
+                        sizes.clear();
+                        uint64_t batchCorners = 0;
+                        uint32_t n = 0;
+                        while (sizes.size() < kBatch && batchCorners < 4 * kBatch && i < declared) {
+                            if (!vcount.Next(n) || (batchCorners + n) * stride > sc.Left()) {
+                                more = false;
+                                break;
+                            }
+                            sizes.push_back(n);
+                            batchCorners += n;
+                            ++i;
+                        }
+                        list.resize(static_cast<size_t>(batchCorners * stride));
+                        if (!Charge(list.size())) return;
+                        size_t got = 0;
+                        while (got < list.size() && sc.Next(list[got])) ++got;
+                        if (got < list.size()) { // the list ends inside a face: the faces before it stay
+                            size_t whole = 0, used = 0;
+                            while (whole < sizes.size() && used + sizes[whole] * stride <= got)
+                                used += sizes[whole++] * stride;
+                            sizes.resize(whole);
+                            more = false;
+                        }
+                        addBatch(list.data(), sizes.data(), sizes.size());
                     }
-                } else {
+                } else if (lines) {
                     for (uint64_t i = 0; i < declared && corners(sc, perFace); ++i) addPoly(buf.data(), perFace, lines);
+                } else {
+                    const size_t per = 3 * stride;
+                    for (uint64_t left = declared; left > 0 && !m_stopped;) {
+                        // No more faces than the text left could hold (two bytes a number at least).
+                        const uint64_t fit = sc.Left() / (2 * per) + 1;
+                        list.resize(static_cast<size_t>(std::min<uint64_t>({left, kBatch, fit})) * per);
+                        if (!Charge(list.size())) return;
+                        size_t got = 0;
+                        while (got < list.size() && sc.Next(list[got])) ++got;
+                        const size_t n = got / per;
+                        addBatch(list.data(), nullptr, n);
+                        left -= n;
+                        if (got < list.size()) break;
+                    }
                 }
                 Consumed(text);
             } else {
@@ -1101,7 +1199,14 @@ private:
             } else if (kind == "instance_node") {
                 if (pugi::xml_node target = ById(Fragment(c.attribute("url").value()))) WalkNode(target, me, stack);
             } else if (kind == "instance_geometry") {
-                InstanceGeometry(c, me);
+                pugi::xml_node geom = ById(Fragment(c.attribute("url").value()));
+                if (geom && std::strcmp(geom.name(), "geometry") == 0) InstanceGeometry(c, geom, me, nullptr);
+            } else if (kind == "instance_controller") {
+                // Skins and morphs show their base geometry in its bind shape (no bones here).
+                C4x4Matrix shape;
+                bool moved = false;
+                if (pugi::xml_node geom = ControllerGeometry(c, shape, moved))
+                    InstanceGeometry(c, geom, me, moved ? &shape : nullptr);
             } else if (kind == "instance_camera") {
                 pugi::xml_node cam = ById(Fragment(c.attribute("url").value()));
                 auto* camera = new C3DCamera();
@@ -1138,9 +1243,9 @@ private:
         stack.pop_back();
     }
 
-    void InstanceGeometry(pugi::xml_node inst, C3DSceneNode* node) {
-        pugi::xml_node geom = ById(Fragment(inst.attribute("url").value()));
-        if (!geom || std::strcmp(geom.name(), "geometry") != 0) return;
+    // `inst` (an instance_geometry or instance_controller) binds the materials; `shape`, when
+    // given, moves the geometry's points and normals first.
+    void InstanceGeometry(pugi::xml_node inst, pugi::xml_node geom, C3DSceneNode* node, const C4x4Matrix* shape) {
         BuiltGeometry* g = BuildGeometry(geom);
         if (!g || Stopped()) return;
         const char* nm = geom.attribute("name").value();
@@ -1178,6 +1283,7 @@ private:
         auto remap = [&](C3DBaseObject& o) {
             for (uint32_t& mid : static_cast<C3DGeomObject&>(o).GetFaceList()->GetMaterialIDs())
                 mid = mid < map.size() ? map[mid] : NO_MATERIAL;
+            if (shape) static_cast<C3DGeomObject&>(o).Transform(*shape);
         };
         if (g->mesh) {
             if (!Charge(cost(*g->mesh))) return;
@@ -1223,7 +1329,7 @@ private:
     uint64_t m_budget = 0, m_used = 0, m_instances = 0, m_keysMade = 0, m_keyWork = 0;
     int32_t m_firstTick = 0, m_lastTick = 0;
     bool m_stopped = false, m_cancelled = false, m_depthLogged = false, m_animLogged = false, m_keysLogged = false,
-         m_keyed = false;
+         m_keyed = false, m_chainLogged = false;
 };
 
 } // namespace

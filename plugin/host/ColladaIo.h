@@ -4,8 +4,10 @@
 // (triangles, polylists, polygons with holes as faces of their own, strips and fans;
 // lines and line strips as curves), materials from library_materials/library_effects
 // with their diffuse images, and the node tree from the visual scene with its transform
-// elements, geometry/node/camera/light instances. Every count is checked against the
-// text that holds it; instance chains are cycle-safe and bounded.
+// elements, geometry/node/camera/light instances; skins and morphs show their base geometry
+// in its bind shape (the host has no bones, so joints, weights and morph targets are not
+// read). Every count is checked against the text that holds it; instance and controller
+// chains are cycle-safe and bounded.
 #include <cstdint>
 #include <span>
 

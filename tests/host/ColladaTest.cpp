@@ -210,6 +210,194 @@ TEST(Collada, NodeTransformsAndInstancedNodes) {
     EXPECT_TRUE(cycle);
 }
 
+// A controller's own inputs with their normals, and a skin whose bind shape shears x by y
+// and moves 5 along x: points move by it, normals by its inverse transpose.
+const std::string kSkinned =
+    kSquare + "<source id=\"n\"><float_array id=\"na\" count=\"3\">1 0 0</float_array>"
+              "<technique_common><accessor source=\"#na\" count=\"1\" stride=\"3\"/></technique_common></source>"
+              "<triangles count=\"2\" material=\"A\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+              "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/><p>0 0 1 0 2 0 0 0 2 0 3 0</p></triangles>";
+const std::string kControllers =
+    "<library_effects><effect id=\"red\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>1 0 0 "
+    "1</color></diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
+    "<library_materials><material id=\"paint\"><instance_effect url=\"#red\"/></material></library_materials>"
+    "<library_controllers><controller id=\"skin\"><skin source=\"#g\">"
+    "<bind_shape_matrix>1 1 0 5 0 1 0 0 0 0 1 0 0 0 0 1</bind_shape_matrix>"
+    "<source id=\"j\"><Name_array id=\"ja\" count=\"1\">bone</Name_array></source>"
+    "<vertex_weights count=\"4\"><input semantic=\"JOINT\" source=\"#j\" offset=\"0\"/>"
+    "<vcount>1 1 1 1</vcount><v>0 0 0 0</v></vertex_weights></skin></controller>"
+    "<controller id=\"morph\"><morph source=\"#g\" method=\"NORMALIZED\"><targets/></morph></controller>"
+    "<controller id=\"lifted\"><skin source=\"#morph\"><bind_shape_matrix>1 0 0 0 0 1 0 0 0 0 1 3 0 0 0 "
+    "1</bind_shape_matrix></skin></controller>"
+    "<controller id=\"twice\"><skin source=\"#lifted\"><bind_shape_matrix>2 0 0 0 0 2 0 0 0 0 2 0 0 0 0 "
+    "1</bind_shape_matrix></skin></controller>"
+    "</library_controllers>";
+
+C3DPoint NormalOfCorner(const C3DGeomObject& g, size_t corner) {
+    auto* ch = static_cast<const CSpecNormalChannel*>(g.GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    return ch->GetNormalVectorList()->GetPoint(static_cast<int>(ch->GetNormalFaceList()->GetIndexes()[corner]));
+}
+
+TEST(Collada, SkinsAndMorphsShowTheirBaseGeometry) {
+    // The plain instance comes first: the geometry it names has other users, so it must not
+    // take the mesh for itself.
+    auto r = ReadText(Doc(kSkinned,
+                          "<node id=\"p\"><instance_geometry url=\"#g\"/></node>"
+                          "<node id=\"a\"><instance_controller url=\"#skin\"><skeleton>#bone</skeleton><bind_material>"
+                          "<technique_common><instance_material symbol=\"A\" target=\"#paint\"/></technique_common>"
+                          "</bind_material></instance_controller></node>"
+                          "<node id=\"b\"><instance_controller url=\"#morph\"/></node>"
+                          "<node id=\"c\"><instance_controller url=\"#twice\"/></node>",
+                          kControllers));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 4u);
+    EXPECT_EQ(meshes[0]->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(1, 1, 0));
+    meshes.erase(meshes.begin());
+    // The skin: (1, 1, 0) sheared to (2, 1, 0) and moved to (7, 1, 0); normal (1, 0, 0) to (1, -1, 0) / sqrt 2.
+    const C3DGeomObject& skin = *meshes[0]->GetGeomObject();
+    EXPECT_EQ(skin.GetPointList()->GetPoint(2), C3DPoint(7, 1, 0));
+    EXPECT_EQ(skin.GetPointList()->GetPoint(0), C3DPoint(5, 0, 0));
+    EXPECT_NEAR(NormalOfCorner(skin, 0).x, 0.70710678f, 1e-6);
+    EXPECT_NEAR(NormalOfCorner(skin, 0).y, -0.70710678f, 1e-6);
+    // bind_material on the controller instance binds the primitives' symbols.
+    const C3DMaterial* m = r.scene->GetMaterialByID(skin.GetFaceList()->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->GetDiffuseColor().r, 255);
+    // The morph shows its base as written, without a material of its own.
+    const C3DGeomObject& morph = *meshes[1]->GetGeomObject();
+    EXPECT_EQ(morph.GetPointList()->GetPoint(2), C3DPoint(1, 1, 0));
+    EXPECT_EQ(NormalOfCorner(morph, 0), C3DPoint(1, 0, 0));
+    EXPECT_EQ(morph.GetFaceList()->GetMaterialID(0), NO_MATERIAL);
+    // A skin of a skin of a morph: the inner bind shape (up 3 in z) acts first, then the doubling.
+    EXPECT_EQ(meshes[2]->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(2, 2, 6));
+}
+
+TEST(Collada, ControllerOfTheOnlyInstanceReachedTwice) {
+    // The geometry's one user is a controller instance in a library node placed twice: each
+    // copy shows the bind shape once.
+    auto r = ReadText(Doc(kSkinned, "<node id=\"a\"><instance_node url=\"#lib\"/><instance_node url=\"#lib\"/></node>",
+                          kControllers + "<library_nodes><node id=\"lib\"><instance_controller url=\"#skin\"/></node>"
+                                         "</library_nodes>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 2u);
+    for (C3DSceneNode* n : meshes) EXPECT_EQ(n->GetGeomObject()->GetPointList()->GetPoint(2), C3DPoint(7, 1, 0));
+}
+
+TEST(Collada, ControllerChainsThatLoopOrRunDeep) {
+    std::string deep;
+    for (int i = 0; i < 40; ++i)
+        deep += "<controller id=\"d" + std::to_string(i) + "\"><morph source=\"#" +
+                (i == 39 ? std::string("g") : "d" + std::to_string(i + 1)) + "\"/></controller>";
+    auto r = ReadText(Doc(kSquare + "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" "
+                                    "offset=\"0\"/><p>0 1 2</p></triangles>",
+                          "<node id=\"a\"><instance_controller url=\"#x\"/><instance_controller url=\"#self\"/>"
+                          "<instance_controller url=\"#d0\"/><instance_controller url=\"#d30\"/>"
+                          "<instance_controller url=\"#nothing\"/></node>",
+                          "<library_controllers><controller id=\"x\"><skin source=\"#y\"/></controller>"
+                          "<controller id=\"y\"><morph source=\"#x\"/></controller>"
+                          "<controller id=\"self\"><skin source=\"#self\"/></controller>" +
+                              deep + "</library_controllers>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    // Only the chain of ten (d30 .. d39) reaches its geometry.
+    EXPECT_EQ(Nodes(*r.scene, KINDOF_MESH).size(), 1u);
+    int logged = 0;
+    for (const auto& l : r.log) logged += l.text.Find(L"controller chain") >= 0;
+    EXPECT_EQ(logged, 1);
+}
+
+// Triangles and polylists are read in batches, polygons face by face: the same corners must
+// give the same faces, whichever faces name no point or have under three corners, whichever
+// channel indices are out of range, across batch ends and up to a list cut short in a face.
+TEST(Collada, BatchedFacesReadLikeTheSamePolygons) {
+    uint32_t seed = 1;
+    auto next = [&](uint32_t n) {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 8) % n;
+    };
+    const std::string inputs = "<input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+                               "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/>"
+                               "<input semantic=\"TEXCOORD\" source=\"#t\" offset=\"2\" set=\"0\"/>";
+    const std::string normals =
+        "<source id=\"n\"><float_array id=\"na\" count=\"6\">0 0 1 0 1 0</float_array>"
+        "<technique_common><accessor source=\"#na\" count=\"2\" stride=\"3\"/></technique_common></source>";
+    auto read = [&](const std::string& prim) {
+        auto r = ReadText(Doc(kSquare + normals + prim, "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
+        EXPECT_TRUE(r.scene) << r.error;
+        return r;
+    };
+    auto same = [](const CFaceList& x, const CFaceList& y) {
+        EXPECT_EQ(x.GetNumberOfFaces(), y.GetNumberOfFaces());
+        EXPECT_TRUE(x.GetIndexes() == y.GetIndexes());
+        for (int f = 0; f < x.GetNumberOfFaces() && f < y.GetNumberOfFaces(); ++f)
+            EXPECT_EQ(x.GetFaceSize(f), y.GetFaceSize(f));
+    };
+    auto normalsOf = [](const C3DGeomObject& g) {
+        return static_cast<const CSpecNormalChannel*>(g.GetChannelByIndex(0, CHANNEL_SPEC_NORMAL))->GetNormalFaceList();
+    };
+    for (bool triangles : {true, false}) {
+        const int faces = 9000;
+        std::string p, vcount, polygons;
+        for (int f = 0; f < faces; ++f) {
+            // A few faces of under three corners, all in the first batch but the empty one.
+            const uint32_t size = triangles ? 3 : f == 100 ? 2 : f == 200 ? 1 : f == 7000 ? 0 : 3 + next(4);
+            std::string one;
+            for (uint32_t k = 0; k < size; ++k) {
+                // One corner naming no point, in the second batch only.
+                const uint32_t point = f == 5001 && k == 1 ? 4 : next(4);
+                one += std::to_string(point) + " " + std::to_string(next(4)) + " " + std::to_string(next(7)) + " ";
+            }
+            p += one;
+            vcount += std::to_string(size) + " ";
+            polygons += "<p>" + one + "</p>";
+        }
+        p += "1 0 2 1 0 3 2                    "; // a face cut short, blanks after it
+        vcount += "3 3";
+        const std::string count = "count=\"" + std::to_string(faces + 5) + "\">";
+        auto a = read(triangles ? "<triangles " + count + inputs + "<p>" + p + "</p></triangles>"
+                                : "<polylist " + count + inputs + "<vcount>" + vcount + "</vcount><p>" + p +
+                                      "</p></polylist>");
+        auto b = read("<polygons " + count + inputs + polygons + "</polygons>");
+        ASSERT_TRUE(a.scene && b.scene);
+        const C3DGeomObject& ga = *Nodes(*a.scene, KINDOF_MESH).at(0)->GetGeomObject();
+        const C3DGeomObject& gb = *Nodes(*b.scene, KINDOF_MESH).at(0)->GetGeomObject();
+        if (triangles) { EXPECT_EQ(ga.GetFaceList()->GetNumberOfFaces(), faces - 1); }
+        same(*ga.GetFaceList(), *gb.GetFaceList());
+        EXPECT_TRUE(ga.GetFaceList()->GetMaterialIDs() == gb.GetFaceList()->GetMaterialIDs());
+        same(*ga.GetGlobalUVWChannel()->GetUVWFaceList(), *gb.GetGlobalUVWChannel()->GetUVWFaceList());
+        same(*normalsOf(ga), *normalsOf(gb));
+    }
+}
+
+// Huge declared counts with wide corners (an input at offset 1000) in a small document:
+// what is set aside for each primitive's faces follows its text, not its count.
+TEST(Collada, HugeCountsCostOnlyTheirText) {
+    std::string geometries, nodes;
+    const int n = 300;
+    for (int i = 0; i < n; ++i) {
+        const std::string g = "g" + std::to_string(i);
+        geometries += "<geometry id=\"" + g + "\"><mesh><source id=\"" + g + "p\"><float_array id=\"" + g +
+                      "a\" count=\"9\">0 0 0 1 0 0 0 1 0</float_array><technique_common><accessor source=\"#" + g +
+                      "a\" count=\"3\" stride=\"3\"/></technique_common></source><vertices id=\"" + g +
+                      "v\"><input semantic=\"POSITION\" source=\"#" + g + "p\"/></vertices>";
+        const std::string wide = "<input semantic=\"VERTEX\" source=\"#" + g + "v\" offset=\"1000\"/>";
+        geometries += "<triangles count=\"2000000000\">" + wide + "<p>0 1 2</p></triangles>";
+        geometries += "<polylist count=\"2000000000\">" + wide + "<vcount>3 3 3</vcount><p>0 1 2</p></polylist>";
+        geometries += "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#" + g +
+                      "v\" offset=\"0\"/><p>0 1 2</p></triangles></mesh></geometry>";
+        nodes += "<node id=\"n" + std::to_string(i) + "\"><instance_geometry url=\"#" + g + "\"/></node>";
+    }
+    auto r = ReadText("<COLLADA version=\"1.4.1\"><library_geometries>" + geometries +
+                      "</library_geometries><library_visual_scenes><visual_scene id=\"s\">" + nodes +
+                      "</visual_scene></library_visual_scenes></COLLADA>");
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), static_cast<size_t>(n));
+    for (C3DSceneNode* m : meshes) EXPECT_EQ(m->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
+    for (const auto& l : r.log) EXPECT_EQ(l.text.Find(L"cap"), -1) << l.text.c_str();
+}
+
 TEST(Collada, EncodingsDamageAndBounds) {
     const std::string doc = Doc(
         kSquare +
