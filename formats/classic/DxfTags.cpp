@@ -47,8 +47,8 @@ DxfValueKind DxfValueKindOf(int code) {
     return DxfValueKind::String;
 }
 
-CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
-    : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()) {
+CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data, bool lineByLine)
+    : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()), m_lineByLine(lineByLine) {
     if (IsBinary(data)) {
         m_binary = true;
         m_pos = kSentinelSize;
@@ -63,6 +63,9 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
         const void* lf = look ? std::memchr(m_data, '\n', look) : nullptr;
         const void* cr = look ? std::memchr(m_data, '\r', look) : nullptr;
         m_crOnly = !lf && cr;
+#if DXF_BLOCK_LINES
+        m_lines.Reset(m_data, m_size, m_crOnly ? '\r' : '\n');
+#endif
     }
 }
 
@@ -105,6 +108,11 @@ bool ParseCode(std::string_view s, int& code) {
 bool CDxfTagReader::SlowCode(int& code) {
     std::string_view codeLine;
     if (!Line(codeLine)) return false;
+    return CodeLine(codeLine, code);
+}
+
+// A code line already taken (m_pos past it).
+bool CDxfTagReader::CodeLine(std::string_view codeLine, int& code) {
     if (!ParseCode(codeLine, code)) {
         // A blank line at the very end is no error.
         if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
