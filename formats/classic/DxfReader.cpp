@@ -344,7 +344,9 @@ bool Reader::NextGroup() {
     m_groupBad = 0;
     // The single-valued codes are taken as they come; only groups that repeat codes
     // (or hold the header's variables) keep their pairs.
-    const bool keep = m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE";
+    const char first = m_type.empty() ? 0 : m_type[0];
+    const bool keep =
+        (first == 'S' || first == 'L') && (m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE");
     while (m_tags->Next(t)) {
         if (t.code == 0) {
             m_pending = t;

@@ -48,9 +48,10 @@ DxfValueKind DxfValueKindOf(int code) {
 }
 
 CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data, bool lineByLine)
-    : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()), m_lineByLine(lineByLine) {
+    : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()) {
     if (IsBinary(data)) {
         m_binary = true;
+        m_mode = Mode::Binary;
         m_pos = kSentinelSize;
         // Before release 13 codes are one byte: the first pair (0, "SECTION") then
         // shows 'S' where a two-byte code would have its high byte.
@@ -65,6 +66,9 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data, bool lineByLine)
         m_crOnly = !lf && cr;
 #if DXF_BLOCK_LINES
         m_lines.Reset(m_data, m_size, m_crOnly ? '\r' : '\n');
+        if (!lineByLine) m_mode = Mode::Blocks;
+#else
+        (void)lineByLine;
 #endif
     }
 }
@@ -115,7 +119,7 @@ bool CDxfTagReader::SlowCode(int& code) {
 bool CDxfTagReader::CodeLine(std::string_view codeLine, int& code) {
     if (!ParseCode(codeLine, code)) {
         // A blank line at the very end is no error.
-        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
+        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) Fail();
         return false;
     }
     return true;
@@ -145,7 +149,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
         code = c.u16le();
     }
     if (c.failed()) {
-        m_failed = true;
+        Fail();
         return false;
     }
     tag.code = code;
@@ -157,7 +161,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
         const size_t start = c.pos();
         const void* nul = std::memchr(m_data + start, 0, m_size - start);
         if (!nul) {
-            m_failed = true;
+            Fail();
             return false;
         }
         const size_t len = static_cast<size_t>(static_cast<const char*>(nul) - (m_data + start));
@@ -175,7 +179,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     case DxfValueKind::Chunk: {
         const size_t n = c.u8();
         if (!c.skip(n)) {
-            m_failed = true;
+            Fail();
             return false;
         }
         tag.hasNumber = false;
@@ -183,7 +187,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     }
     }
     if (c.failed()) {
-        m_failed = true;
+        Fail();
         return false;
     }
     m_pos = c.pos();

@@ -27,12 +27,15 @@ public:
 
     // The next pair; false at the end of the data or at a pair that cannot be read.
     [[gnu::always_inline]] bool Next(CDxfTag& tag) {
-        if (m_failed) return false;
-        if (m_binary) return NextBinary(tag);
+        switch (m_mode) {
 #if DXF_BLOCK_LINES
-        if (!m_lineByLine) return NextBlocks(tag);
+        case Mode::Blocks: return NextBlocks(tag);
 #endif
-        return NextAscii(tag);
+        case Mode::Lines: return NextAscii(tag);
+        case Mode::Binary: return NextBinary(tag);
+        case Mode::Stopped: break;
+        }
+        return false;
     }
     // True when reading stopped on a bad pair rather than at the end of the data.
     bool Failed() const { return m_failed; }
@@ -70,7 +73,11 @@ private:
     bool m_oneByteCodes = false;
     bool m_crOnly = false;
     bool m_failed = false;
-    bool m_lineByLine = false;
+    enum class Mode : uint8_t { Blocks, Lines, Binary, Stopped } m_mode = Mode::Lines;
+    void Fail() {
+        m_failed = true;
+        m_mode = Mode::Stopped;
+    }
 #if DXF_BLOCK_LINES
     inline bool NextBlocks(CDxfTag& tag);
     dxfscan::CLineEnds m_lines;
