@@ -28,8 +28,9 @@ public:
     // The next pair; false at the end of the data or at a pair that cannot be read.
     [[gnu::always_inline]] bool Next(CDxfTag& tag) {
         switch (m_mode) {
+        case Mode::Blocks:
 #if DXF_BLOCK_LINES
-        case Mode::Blocks: return NextBlocks(tag);
+            return NextBlocks(tag);
 #endif
         case Mode::Lines: return NextAscii(tag);
         case Mode::Binary: return NextBinary(tag);
