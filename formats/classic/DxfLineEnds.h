@@ -79,9 +79,7 @@ private:
     uint64_t m_mask = 0;
     bool m_lastLine = false; // a last line without a line end is still to be reported
 };
-#endif
 
-#if DXF_BLOCK_LINES
 // Lines whose ends are known are classified 16 bytes at a time: a bit per byte for
 // digits (and for the byte given), so a whole line is checked at once.
 struct CByteClasses {
@@ -94,15 +92,6 @@ struct CByteClasses {
         other = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(c))));
     }
 };
-
-// Value of up to eight digits, first digit in the lowest byte, the digits in the top
-// bytes of the word (as DigitsValue, forced inline: the per-pair loop needs it there).
-[[gnu::always_inline]] inline uint64_t TopDigitsValue(uint64_t w) {
-    w &= 0x0F0F0F0F0F0F0F0Full;
-    w = (w * 10 + (w >> 8)) & 0x00FF00FF00FF00FFull;
-    w = (w * 100 + (w >> 16)) & 0x0000FFFF0000FFFFull;
-    return (w * 10000 + (w >> 32)) & 0xFFFFFFFFull;
-}
 
 // A code line [p, p + len) of blanks and one to four digits; false for any other shape.
 // Sixteen bytes from p must be readable.
