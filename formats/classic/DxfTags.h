@@ -167,6 +167,15 @@ private:
     tag.code = code;
     tag.hasNumber = false;
     tag.number = 0;
+    // Names and the like: a short line with nothing to trim that the block check did not
+    // take is no number for the general parse either.
+    if (le >= 32 && len - 1 < 16) {
+        const char first = data[b], last = data[b + len - 1];
+        if (first != ' ' && first != '\t' && first != '+' && last != ' ' && last != '\t' && last != '\r') {
+            tag.text = std::string_view(data + b, len);
+            return true;
+        }
+    }
     const char* const lineEnd = data + le;
     const char* q = data + b;
     while (q != lineEnd && (*q == ' ' || *q == '\t')) ++q;
