@@ -96,6 +96,22 @@ struct CByteClasses {
 // A code line [p, p + len) of blanks and one to four digits; false for any other shape.
 // Sixteen bytes from p must be readable.
 [[gnu::always_inline]] inline bool LineCode(const char* p, size_t len, int& code) {
+    if (len - 1 < 3) {
+        // One to three digits, no blanks (most codes): checked and combined in a word.
+        uint32_t w;
+        std::memcpy(&w, p, 4);
+        w <<= 8 * (4 - len); // the digits in the top bytes, zeros below
+        const uint32_t keep = ~0u << 8 * (4 - len);
+        const uint32_t x = (w & keep) | (0x30303030u & ~keep); // zeros read as '0'
+        // A byte is a digit when its high nibble is 3 and stays 3 with 6 added (a carry
+        // into it comes only from a byte that fails itself).
+        if ((((x & 0xF0F0F0F0u) ^ 0x30303030u) | (((x + 0x06060606u) & 0xF0F0F0F0u) ^ 0x30303030u)) == 0) {
+            w &= 0x0F0F0F0Fu;
+            w = (w * 10 + (w >> 8)) & 0x00FF00FFu;
+            code = static_cast<int>((w * 100 + (w >> 16)) & 0xFFFFu);
+            return true;
+        }
+    }
     if (len - 1 > 7) return false;
     const CByteClasses c(p, ' ');
     const unsigned all = (1u << len) - 1;

@@ -237,6 +237,12 @@ TEST(DxfTags, BlockReadingAgreesWithLineByLine) {
             case 1: code = std::string(next(9), ' ') + std::to_string(next(1100)); break; // right-aligned
             case 2: code = (next(2) ? "-" : "+") + std::to_string(next(1000)); break;
             case 3: code = next(40) == 0 ? "x" + digits(1) : digits(1 + next(10)); break; // rarely not a code
+            case 4:
+                if (next(20) == 0) // digits and any other bytes: rarely a code
+                    for (uint64_t n = 1 + next(3); n; --n)
+                        code += static_cast<char>(next(2) ? 48 + next(10) : 1 + next(255));
+                else code = std::to_string(next(1000));
+                break;
             default: code = std::to_string(next(400));
             }
             std::string value;
