@@ -81,9 +81,31 @@ struct Strips {
     uint32_t PointCount() const { return static_cast<uint32_t>(pts.size() / 3); }
     bool Empty() const { return slot.empty(); }
     void AddPoint(const Vec& p) {
-        pts.push_back(static_cast<float>(p.x));
-        pts.push_back(static_cast<float>(p.y));
-        pts.push_back(static_cast<float>(p.z));
+        const float f[3] = {static_cast<float>(p.x), static_cast<float>(p.y), static_cast<float>(p.z)};
+        pts.insert(pts.end(), f, f + 3);
+    }
+    // A face or poly-line of n new points, indexed in order.
+    void AddRun(const Vec* p, int n, uint32_t s) {
+        float f[12];
+        uint32_t ix[4];
+        const uint32_t base = PointCount();
+        for (int done = 0; done < n;) {
+            const int k = std::min(n - done, 4);
+            for (int i = 0; i < k; ++i) {
+                f[3 * i] = static_cast<float>(p[done + i].x);
+                f[3 * i + 1] = static_cast<float>(p[done + i].y);
+                f[3 * i + 2] = static_cast<float>(p[done + i].z);
+                ix[i] = base + static_cast<uint32_t>(done + i);
+            }
+            pts.insert(pts.end(), f, f + 3 * k);
+            idx.insert(idx.end(), ix, ix + k);
+            done += k;
+        }
+        EndStrip(s);
+    }
+    void AddIndices(const uint32_t* ix, int n, uint32_t s) {
+        idx.insert(idx.end(), ix, ix + n);
+        EndStrip(s);
     }
     void EndStrip(uint32_t s) {
         if (off.empty()) off.push_back(0);
@@ -215,8 +237,8 @@ struct Entity {
 
 class Reader {
 public:
-    Reader(CSceneImportOptions& options, const std::function<bool()>& cancelled)
-        : m_options(options), m_cancelled(cancelled) {}
+    Reader(CSceneImportOptions& options, const std::function<bool()>& cancelled, CDxfTagReader& tags)
+        : m_options(options), m_cancelled(cancelled), m_tags(&tags) {}
     ReadOutcome Run(std::span<const uint8_t> data);
 
 private:
@@ -253,7 +275,7 @@ private:
     CSceneImportOptions& m_options;
     const std::function<bool()>& m_cancelled;
     std::unique_ptr<C3DScene> m_scene;
-    CDxfTagReader* m_tags = nullptr;
+    CDxfTagReader* m_tags;
     CDxfTag m_pending;
     bool m_hasPending = false;
     bool m_truncatedGroup = false;
@@ -322,12 +344,30 @@ bool Reader::NextGroup() {
     m_groupBad = 0;
     // The single-valued codes are taken as they come; only groups that repeat codes
     // (or hold the header's variables) keep their pairs.
-    const bool keep = m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE";
+    const char first = m_type.empty() ? 0 : m_type[0];
+    const bool keep =
+        (first == 'S' || first == 'L') && (m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE");
     while (m_tags->Next(t)) {
         if (t.code == 0) {
             m_pending = t;
             m_hasPending = true;
             return true;
+        }
+        // Coordinates (10..13, 20..23, 30..33) are most pairs: they go straight in.
+        static constexpr int8_t kCorner[24] = {0, 1, 2,  3,  -1, -1, -1, -1, -1, -1, 0, 1,
+                                               2, 3, -1, -1, -1, -1, -1, -1, 0,  1,  2, 3};
+        const auto k = static_cast<unsigned>(t.code - 10);
+        if (k < 24 && kCorner[k] >= 0 && t.hasNumber && std::isfinite(t.number)) {
+            Vec& p = m_group.p[kCorner[k]];
+            if (k < 10) p.x = t.number;
+            else if (k < 20) p.y = t.number;
+            else {
+                p.z = t.number;
+                m_group.hasZ[kCorner[k]] = true;
+            }
+            if (keep && m_body.size() < kMaxGroupTags) m_body.push_back(t);
+            else if (keep) m_truncatedGroup = true;
+            continue;
         }
         if (t.code == 999) continue;
         Take(t, m_group);
@@ -499,12 +539,7 @@ void Reader::Face(Geom& g, uint32_t slot, const Vec* pts, int n) {
         if (k == 0 || !(pts[i] == c[k - 1])) c[k++] = pts[i];
     if (k > 1 && c[k - 1] == c[0]) --k;
     if (k < 3) return;
-    const uint32_t base = g.faces.PointCount();
-    for (int i = 0; i < k; ++i) {
-        g.faces.AddPoint(c[i]);
-        g.faces.idx.push_back(base + static_cast<uint32_t>(i));
-    }
-    g.faces.EndStrip(slot);
+    g.faces.AddRun(c, k, slot);
 }
 
 void Reader::Curve(Geom& g, uint32_t slot, const std::vector<Vec>& pts, bool closed) {
@@ -736,8 +771,7 @@ void Reader::PolylineEnd() {
                 ++m_droppedFaces;
                 continue;
             }
-            for (int i = 0; i < k; ++i) g.faces.idx.push_back(f[i]);
-            g.faces.EndStrip(v.hasColor ? g.Slot(v.color) : slot);
+            g.faces.AddIndices(f, k, v.hasColor ? g.Slot(v.color) : slot);
         }
         return;
     }
@@ -768,8 +802,7 @@ void Reader::PolylineEnd() {
                 const uint32_t q[4] = {
                     base + static_cast<uint32_t>(i * n + j), base + static_cast<uint32_t>(i * n + j1),
                     base + static_cast<uint32_t>(i1 * n + j1), base + static_cast<uint32_t>(i1 * n + j)};
-                for (uint32_t x : q) g.faces.idx.push_back(x);
-                g.faces.EndStrip(slot);
+                g.faces.AddIndices(q, 4, slot);
             }
         return;
     }
@@ -1044,8 +1077,7 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
 
 ReadOutcome Reader::Run(std::span<const uint8_t> data) {
     ReadOutcome out;
-    CDxfTagReader tags(data);
-    m_tags = &tags;
+    CDxfTagReader& tags = *m_tags;
     // The first pair tells whether this is DXF at all.
     {
         CDxfTag t;
@@ -1181,7 +1213,8 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
 
 ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options,
                     const std::function<bool()>& cancelled) {
-    Reader r(options, cancelled);
+    CDxfTagReader tags(data);
+    Reader r(options, cancelled, tags);
     return r.Run(data);
 }
 

@@ -47,10 +47,11 @@ DxfValueKind DxfValueKindOf(int code) {
     return DxfValueKind::String;
 }
 
-CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
+CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data, bool lineByLine)
     : m_data(reinterpret_cast<const char*>(data.data())), m_size(data.size()) {
     if (IsBinary(data)) {
         m_binary = true;
+        m_mode = Mode::Binary;
         m_pos = kSentinelSize;
         // Before release 13 codes are one byte: the first pair (0, "SECTION") then
         // shows 'S' where a two-byte code would have its high byte.
@@ -63,6 +64,12 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data)
         const void* lf = look ? std::memchr(m_data, '\n', look) : nullptr;
         const void* cr = look ? std::memchr(m_data, '\r', look) : nullptr;
         m_crOnly = !lf && cr;
+#if DXF_BLOCK_LINES
+        m_lines.Reset(m_data, m_size, m_crOnly ? '\r' : '\n');
+        if (!lineByLine) m_mode = Mode::Blocks;
+#else
+        (void)lineByLine;
+#endif
     }
 }
 
@@ -105,9 +112,14 @@ bool ParseCode(std::string_view s, int& code) {
 bool CDxfTagReader::SlowCode(int& code) {
     std::string_view codeLine;
     if (!Line(codeLine)) return false;
+    return CodeLine(codeLine, code);
+}
+
+// A code line already taken (m_pos past it).
+bool CDxfTagReader::CodeLine(std::string_view codeLine, int& code) {
     if (!ParseCode(codeLine, code)) {
         // A blank line at the very end is no error.
-        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) m_failed = true;
+        if (!(TrimBlanks(codeLine).empty() && m_pos >= m_size)) Fail();
         return false;
     }
     return true;
@@ -137,7 +149,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
         code = c.u16le();
     }
     if (c.failed()) {
-        m_failed = true;
+        Fail();
         return false;
     }
     tag.code = code;
@@ -149,7 +161,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
         const size_t start = c.pos();
         const void* nul = std::memchr(m_data + start, 0, m_size - start);
         if (!nul) {
-            m_failed = true;
+            Fail();
             return false;
         }
         const size_t len = static_cast<size_t>(static_cast<const char*>(nul) - (m_data + start));
@@ -167,7 +179,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     case DxfValueKind::Chunk: {
         const size_t n = c.u8();
         if (!c.skip(n)) {
-            m_failed = true;
+            Fail();
             return false;
         }
         tag.hasNumber = false;
@@ -175,7 +187,7 @@ bool CDxfTagReader::NextBinary(CDxfTag& tag) {
     }
     }
     if (c.failed()) {
-        m_failed = true;
+        Fail();
         return false;
     }
     m_pos = c.pos();

@@ -7,6 +7,7 @@
 #include <span>
 #include <string_view>
 
+#include "formats/classic/DxfLineEnds.h"
 #include "formats/classic/DxfScan.h"
 
 struct CDxfTag {
@@ -18,18 +19,29 @@ struct CDxfTag {
 
 class CDxfTagReader {
 public:
-    explicit CDxfTagReader(std::span<const uint8_t> data);
+    // Text is read with its line ends found a block at a time where the target has the
+    // instructions for it; `lineByLine` reads it a line at a time instead, as elsewhere.
+    explicit CDxfTagReader(std::span<const uint8_t> data, bool lineByLine = false);
 
     static bool IsBinary(std::span<const uint8_t> data);
 
     // The next pair; false at the end of the data or at a pair that cannot be read.
-    bool Next(CDxfTag& tag) {
-        if (m_failed) return false;
-        return m_binary ? NextBinary(tag) : NextAscii(tag);
+    [[gnu::always_inline]] bool Next(CDxfTag& tag) {
+        switch (m_mode) {
+        case Mode::Blocks:
+#if DXF_BLOCK_LINES
+            return NextBlocks(tag);
+#endif
+        case Mode::Lines: return NextAscii(tag);
+        case Mode::Binary: return NextBinary(tag);
+        case Mode::Stopped: break;
+        }
+        return false;
     }
     // True when reading stopped on a bad pair rather than at the end of the data.
     bool Failed() const { return m_failed; }
     bool IsBinaryStream() const { return m_binary; }
+    // Where reading stopped (only meaningful once Next has returned false).
     size_t Position() const { return m_pos; }
 
     // Value as a number; false (and `out` untouched) when it is not one.
@@ -49,7 +61,8 @@ private:
     static bool TextToDouble(std::string_view text, double& out);
     static bool TextToInt(std::string_view text, long long& out);
     inline bool NextAscii(CDxfTag& tag);
-    bool SlowCode(int& code);     // a code line of any other shape, or a bad one
+    bool SlowCode(int& code); // a code line of any other shape, or a bad one
+    bool CodeLine(std::string_view line, int& code);
     void SlowValue(CDxfTag& tag); // a value line that is not a plain decimal
     bool NextBinary(CDxfTag& tag);
     bool Line(std::string_view& line);
@@ -61,6 +74,15 @@ private:
     bool m_oneByteCodes = false;
     bool m_crOnly = false;
     bool m_failed = false;
+    enum class Mode : uint8_t { Blocks, Lines, Binary, Stopped } m_mode = Mode::Lines;
+    void Fail() {
+        m_failed = true;
+        m_mode = Mode::Stopped;
+    }
+#if DXF_BLOCK_LINES
+    inline bool NextBlocks(CDxfTag& tag);
+    dxfscan::CLineEnds m_lines;
+#endif
 };
 
 // Kind of value a group code carries (shared by the binary reader and the tests).
@@ -113,6 +135,67 @@ private:
     SlowValue(tag);
     return true;
 }
+
+#if DXF_BLOCK_LINES
+// The same pairs as NextAscii, from lines whose ends are already known.
+[[gnu::always_inline]] inline bool CDxfTagReader::NextBlocks(CDxfTag& tag) {
+    // Members are read once into locals and the tag written last: stores through the
+    // tag's fields could otherwise alias them and force reloads on every pair.
+    size_t e, le;
+    if (!m_lines.Next(e)) return false;
+    const char* const data = m_data;
+    const size_t size = m_size, a = m_pos;
+    m_pos = e + (e < size);
+    // The usual code line: blanks and a few digits (and a CR). Lines after the first have
+    // a byte before them, so the CR test needs no length test.
+    int code = 0;
+    if (!(a > 0 && size - a >= 32 && dxfscan::LineCode(data + a, e - a - (data[e - 1] == '\r'), code)) &&
+        !CodeLine(std::string_view(data + a, e - a), code))
+        return false;
+    if (!m_lines.Next(le)) return false; // a code without its value ends the data
+    const size_t b = e + 1;
+    m_pos = le + (le < size);
+    const size_t len = le - b - (data[le - 1] == '\r');
+    double v;
+    if (le >= 32 && dxfscan::LineDecimal(data + b, len, v)) {
+        tag.code = code;
+        tag.number = v;
+        tag.hasNumber = true;
+        tag.text = std::string_view(data + b, len);
+        return true;
+    }
+    tag.code = code;
+    tag.hasNumber = false;
+    tag.number = 0;
+    // Names and the like: a short line with nothing to trim that the block check did not
+    // take is no number for the general parse either.
+    if (le >= 32 && len - 1 < 16) {
+        const char first = data[b], last = data[b + len - 1];
+        if (first != ' ' && first != '\t' && first != '+' && last != ' ' && last != '\t' && last != '\r') {
+            tag.text = std::string_view(data + b, len);
+            return true;
+        }
+    }
+    const char* const lineEnd = data + le;
+    const char* q = data + b;
+    while (q != lineEnd && (*q == ' ' || *q == '\t')) ++q;
+    const char* const start = q;
+    if (dxfscan::PlainDecimal(q, data + size, v)) {
+        const char* const stop = q;
+        while (q != lineEnd && (*q == ' ' || *q == '\t' || *q == '\r')) ++q;
+        if (q == lineEnd) {
+            tag.hasNumber = true;
+            tag.number = v;
+            tag.text = std::string_view(start, static_cast<size_t>(stop - start));
+            return true;
+        }
+    }
+    const char* t = lineEnd;
+    while (t != start && (t[-1] == ' ' || t[-1] == '\t' || t[-1] == '\r')) --t;
+    tag.text = std::string_view(start, static_cast<size_t>(t - start));
+    return true;
+}
+#endif
 
 enum class DxfValueKind { String, Double, Int16, Int32, Int64, Bool, Byte, Chunk };
 DxfValueKind DxfValueKindOf(int code);
