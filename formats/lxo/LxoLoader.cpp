@@ -3,6 +3,8 @@
 // transform links, transform values, mask selections, material channels). Everything is
 // bound at the end: each layer to its mesh item, transforms to their locators, masks and
 // materials to the polygon tags. Links to missing items are dropped, parent cycles cut.
+// A diffuse colour image map takes its file from the clip it is linked with; the graph
+// names of those links are not known, so a link of any graph, either way, counts.
 #include "formats/lxo/LxoLoader.h"
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 #include <utility>
 
 #include "plugin/host/Channel.h"
+#include "plugin/host/FileHelpers.h"
 #include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SceneNode.h"
@@ -44,6 +47,8 @@ C4x4Matrix AxisRotation(int axis, float angle) {
 }
 
 float Finite(float v, float fallback) { return std::isfinite(v) ? v : fallback; }
+
+constexpr size_t kMaxLinks = 16; // links kept per image map or clip
 
 uint16_t Be16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
 uint32_t Be32(const uint8_t* p) {
@@ -92,8 +97,8 @@ bool DecodeVx(const uint8_t*& p, const uint8_t* end, uint32_t* out, uint32_t n) 
 
 } // namespace
 
-LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled)
-    : LxoReader(stream), m_options(options), m_isCancelled(std::move(cancelled)) {}
+LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled, CXStringW folder)
+    : LxoReader(stream), m_options(options), m_isCancelled(std::move(cancelled)), m_folder(std::move(folder)) {}
 
 LxoLoader::~LxoLoader() = default;
 
@@ -336,6 +341,8 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
     else if (t == "mask") it.kind = Kind::Mask;
     else if (t == "advancedMaterial") it.kind = Kind::Material;
     else if (t == "lightMaterial") it.kind = Kind::LightMaterial;
+    else if (t == "imageMap") it.kind = Kind::ImageMap;
+    else if (t == "videoStill") it.kind = Kind::Clip;
     else if (t == "camera" && m_options.importCameras) it.kind = Kind::Camera;
     else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights) it.kind = Kind::Light;
     if (it.kind == Kind::Camera || it.kind == Kind::Light || it.kind == Kind::LightMaterial) {
@@ -346,7 +353,7 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
         m_optics.back().lightKind = t == "sunLight" ? LIGHT_DIRECTIONAL : t == "spotLight" ? LIGHT_SPOT : LIGHT_POINT;
     }
     if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
-    if (it.kind == Kind::Mask || it.kind == Kind::Material) {
+    if (HasShading(it.kind)) {
         it.shading = static_cast<int32_t>(m_shading.size());
         m_shading.emplace_back();
     }
@@ -393,6 +400,8 @@ uint32_t LxoLoader::OnItemLink(const char* graph, uint32_t referenceID, uint32_t
             it->xfrmTarget = referenceID;
             it->xfrmOrdinal = index;
         }
+    } else if ((it->kind == Kind::ImageMap || it->kind == Kind::Clip) && it->links.size() < kMaxLinks) {
+        it->links.push_back(referenceID);
     }
     return LXO_OK;
 }
@@ -425,12 +434,23 @@ uint32_t LxoLoader::OnChannelVectorElement(const char* name, const LxoChannelVal
 }
 
 uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
+    // Cameras and lights keep their index into m_optics, not m_shading.
     Item* it = Current();
-    if (!it || it->shading < 0) return LXO_OK;
+    if (!it || !HasShading(it->kind)) return LXO_OK;
     Shading& s = m_shading[static_cast<size_t>(it->shading)];
+    SetText(s, name, value);
+    return LXO_OK;
+}
+
+bool LxoLoader::HasShading(Kind kind) {
+    return kind == Kind::Mask || kind == Kind::Material || kind == Kind::ImageMap || kind == Kind::Clip;
+}
+
+void LxoLoader::SetText(Shading& s, const char* name, const char* value) {
     if (std::strcmp(name, "ptag") == 0) s.ptag = value;
     else if (std::strcmp(name, "ptyp") == 0) s.ptyp = value;
-    return LXO_OK;
+    else if (std::strcmp(name, "effect") == 0) s.effect = value;
+    else if (std::strcmp(name, "filename") == 0) s.file = value;
 }
 
 void LxoLoader::SetChannel(const std::string& name, const LxoChannelValue& value) {
@@ -486,11 +506,12 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
         return;
     }
     case Kind::Mask:
-    case Kind::Material: {
+    case Kind::Material:
+    case Kind::ImageMap:
+    case Kind::Clip: {
         Shading& s = m_shading[static_cast<size_t>(it->shading)];
         if (value.kind == 3) {
-            if (name == "ptag") s.ptag = value.text;
-            else if (name == "ptyp") s.ptyp = value.text;
+            SetText(s, name.c_str(), value.text);
             return;
         }
         if (!number) return;
@@ -544,6 +565,78 @@ void LxoLoader::Bind() {
     std::stable_sort(m_xfrms.begin(), m_xfrms.end(), [](const Xfrm& a, const Xfrm& b) {
         return a.target != b.target ? a.target < b.target : a.ordinal < b.ordinal;
     });
+
+    // Diffuse colour image maps, with the file of their clip. One inside a mask textures
+    // that mask's material; one outside any mask textures the base material and every
+    // material whose mask holds none. A later one sits above an earlier one and wins.
+    std::unordered_map<uint32_t, uint32_t> clipLinkedTo; // item ID -> the first clip linking to it
+    for (uint32_t i = 0; i < m_items.size(); ++i)
+        if (m_items[i].kind == Kind::Clip)
+            for (uint32_t target : m_items[i].links) clipLinkedTo.emplace(target, i);
+    auto clipFile = [&](const Item& map) -> const std::string* {
+        for (uint32_t target : map.links) {
+            const int32_t c = FindItem(target);
+            if (c >= 0 && m_items[static_cast<size_t>(c)].kind == Kind::Clip) {
+                const std::string& f = m_shading[static_cast<size_t>(m_items[static_cast<size_t>(c)].shading)].file;
+                if (!f.empty()) return &f;
+            }
+        }
+        const auto back = clipLinkedTo.find(map.id);
+        if (back == clipLinkedTo.end()) return nullptr;
+        const std::string& f = m_shading[static_cast<size_t>(m_items[back->second].shading)].file;
+        return f.empty() ? nullptr : &f;
+    };
+    for (const Item& it : m_items) {
+        if (it.kind != Kind::ImageMap) continue;
+        const Shading& t = m_shading[static_cast<size_t>(it.shading)];
+        if (!t.enable || t.effect != "diffColor") continue;
+        const std::string* file = clipFile(it);
+        if (!file) {
+            Log(L"An image map on the diffuse colour has no clip with a file name: left out");
+            continue;
+        }
+        const int32_t p = FindItem(it.parent);
+        if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Mask) {
+            m_baseTexture = *file;
+            continue;
+        }
+        const Shading& ms = m_shading[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
+        if (!ms.enable || !(ms.ptyp.empty() || ms.ptyp == "Material")) continue;
+        m_textureByTag[ms.ptag] = *file;
+    }
+}
+
+void LxoLoader::AddTexture(C3DMaterial& material, const std::string& file) {
+    // Each file is looked for once: as given, beside the scene, then by its bare name
+    // beside the scene (paths often come from another machine).
+    const auto [at, fresh] = m_resolved.try_emplace(file);
+    if (fresh) {
+        const CXStringW given = Wide(file);
+        CXStringW path = given;
+        bool found = false;
+        if (!fileIsPathRelative(given)) {
+            found = fileExists(given);
+        } else if (!m_folder.IsEmpty()) {
+            path = fileMakeAbsolutePath(m_folder, given);
+            found = fileExists(path);
+        }
+        if (!found && !m_folder.IsEmpty()) {
+            const CXStringW bare = fileMakeAbsolutePath(m_folder, fileStripPath(given));
+            if (fileExists(bare)) {
+                path = bare;
+                found = true;
+            }
+        }
+        if (!found) {
+            path = given;
+            Log(L"Texture file not found: " + given.str());
+        }
+        at->second = path;
+        m_building->AddRequiredFile(path);
+    }
+    CMaterialMap* map = material.AddMaterialMap(at->second, 0, MAP_DIFFUSE, PROJ_UV);
+    map->SetFlag(MAPF_TILE_U);
+    map->SetFlag(MAPF_TILE_V);
 }
 
 uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
@@ -581,6 +674,13 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
             sm->shininess = std::clamp(1.0f - Finite(s.rough, 1.0f), 0.0f, 1.0f);
         }
     }
+    const std::string* texture = nullptr;
+    if (!untagged) {
+        const auto found = m_textureByTag.find(name);
+        if (found != m_textureByTag.end()) texture = &found->second;
+    }
+    if (!texture && !m_baseTexture.empty()) texture = &m_baseTexture;
+    if (texture) AddTexture(*m, *texture);
     const uint32_t id = m->GetID();
     if (untagged) m_baseMaterial = id;
     else m_materialByName.emplace(name, m_materialOfTag[tag] = id);

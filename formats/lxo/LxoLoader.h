@@ -16,14 +16,17 @@
 #include "formats/lxo/LxoReader.h"
 #include "plugin/host/FaceList.h"
 #include "plugin/host/LargeArray.h"
+#include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
 
 class LxoLoader : public LxoReader {
 public:
-    // Takes ownership of `stream`. `cancelled` is polled between chunks.
-    LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled);
+    // Takes ownership of `stream`. `cancelled` is polled between chunks. Texture files
+    // named by relative paths are looked for in `folder` (none for a file in memory).
+    LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled,
+              CXStringW folder = CXStringW());
     ~LxoLoader() override;
 
     // Reads the file and builds the scene; null when the walk failed or was cancelled
@@ -62,7 +65,9 @@ private:
         Scale,
         Mask,
         Material,
-        LightMaterial
+        LightMaterial,
+        ImageMap,
+        Clip
     };
 
     struct UvValue {
@@ -102,6 +107,8 @@ private:
         float smAngle = 0.0f;
         int enable = 1;
         std::string ptag, ptyp;
+        std::string effect; // image maps: the channel they drive
+        std::string file;   // clips: the image file
     };
     // Cameras, lights and light materials.
     struct Optics {
@@ -121,6 +128,7 @@ private:
         char order[4] = {'x', 'y', 'z', 0}; // rotation order, the axis applied first first
         std::string name;                   // the item name, else its unique name, else its type
         int32_t shading = -1;               // index into m_shading (m_optics for cameras, lights)
+        std::vector<uint32_t> links;        // image maps and clips: targets of their other links
     };
 
     // The bulk decoders: each takes the whole chunk.
@@ -129,12 +137,16 @@ private:
     uint32_t TakeVertexMap(bool disc);
     uint32_t TakePolyTags();
     Layer& CurrentLayer();
+    // Masks, materials, image maps and clips keep their channels in m_shading.
+    static bool HasShading(Kind kind);
+    static void SetText(Shading& s, const char* name, const char* value);
     Item* Current() { return m_inItem && !m_items.empty() ? &m_items.back() : nullptr; }
     void SetChannel(const std::string& name, const LxoChannelValue& value);
     void SetChannel(Item& item, const std::string& name, const LxoChannelValue& value);
     int32_t FindItem(uint32_t id) const;
     void Bind();
     uint32_t MaterialForTag(C3DScene& scene, uint32_t tag);
+    void AddTexture(C3DMaterial& material, const std::string& file);
     C3DBaseObject* BuildLayer(Layer& layer, std::unique_ptr<C3DCurve>& curves);
     C4x4Matrix LocalMatrix(uint32_t itemIndex) const;
     void Log(const std::wstring& text);
@@ -168,5 +180,10 @@ private:
     };
     std::vector<Xfrm> m_xfrms;                               // sorted by target, ordinal
     std::unordered_map<std::string, int32_t> m_shadingByTag; // mask tag -> material inside
+    // Diffuse colour image maps: per mask tag, and the one outside any mask.
+    std::unordered_map<std::string, std::string> m_textureByTag;
+    std::string m_baseTexture;
+    std::unordered_map<std::string, CXStringW> m_resolved; // texture file -> path used
+    CXStringW m_folder;
     C3DScene* m_building = nullptr;
 };
