@@ -50,8 +50,8 @@ float Finite(float v, float fallback) { return std::isfinite(v) ? v : fallback; 
 
 constexpr size_t kMaxLinks = 16; // links kept per image map or clip
 
-uint16_t Be16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
-uint32_t Be32(const uint8_t* p) {
+inline uint16_t Be16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
+inline uint32_t Be32(const uint8_t* p) {
     uint32_t v;
     std::memcpy(&v, p, 4);
     return __builtin_bswap32(v);
@@ -66,28 +66,33 @@ void LoadF32be(float* out, const uint8_t* in, size_t n) {
     }
 }
 
+// One VX index at p into out, p moved past it; false when the bytes up to end cannot hold it.
+inline bool Vx(const uint8_t*& p, const uint8_t* end, uint32_t& out) {
+    if (end - p < 2) return false;
+    if (p[0] != 0xFF) {
+        out = Be16(p);
+        p += 2;
+        return true;
+    }
+    if (end - p < 4) return false;
+    out = Be32(p) & 0xFFFFFFu;
+    p += 4;
+    return true;
+}
+
 // n VX indices at p into out, p moved past them; false when the bytes up to end cannot
 // hold them (p is then left anywhere).
-bool DecodeVx(const uint8_t*& p, const uint8_t* end, uint32_t* out, uint32_t n) {
-    if (size_t(end - p) >= size_t(n) * 4) { // no index can run past the end
-        for (uint32_t k = 0; k < n; ++k) {
-            if (p[0] != 0xFF) {
-                out[k] = Be16(p);
-                p += 2;
-            } else {
-                out[k] = Be32(p) & 0xFFFFFFu;
-                p += 4;
-            }
-        }
+inline bool DecodeVx(const uint8_t*& p, const uint8_t* end, uint32_t* out, uint32_t n) {
+    if (size_t(end - p) < size_t(n) * 4) { // some index could run past the end
+        for (uint32_t k = 0; k < n; ++k)
+            if (!Vx(p, end, out[k])) return false;
         return true;
     }
     for (uint32_t k = 0; k < n; ++k) {
-        if (end - p < 2) return false;
         if (p[0] != 0xFF) {
             out[k] = Be16(p);
             p += 2;
         } else {
-            if (end - p < 4) return false;
             out[k] = Be32(p) & 0xFFFFFFu;
             p += 4;
         }
@@ -275,8 +280,8 @@ uint32_t LxoLoader::TakeVertexMap(bool disc) {
     while (p != end) {
         const uint8_t* q = p;
         uint32_t vertex = 0, polygon = kNone;
-        if (!DecodeVx(q, end, &vertex, 1)) break;
-        if (disc && !DecodeVx(q, end, &polygon, 1)) break;
+        if (!Vx(q, end, vertex)) break;
+        if (disc && !Vx(q, end, polygon)) break;
         if (size_t(end - q) < values) break;
         p = q + values;
         if (!uv && !rgb) continue;
@@ -307,7 +312,7 @@ uint32_t LxoLoader::TakePolyTags() {
     if (l) l->matTag.reserve(l->matTag.size() + left / 4 * 2);
     while (p != end) {
         uint32_t polygon = 0;
-        if (!DecodeVx(p, end, &polygon, 1) || end - p < 2) {
+        if (!Vx(p, end, polygon) || end - p < 2) {
             SkipRestOfChunk();
             return LXO_ERR_READ;
         }
@@ -697,17 +702,20 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     };
 
     // Faces: three corners or more, every index a point of the layer.
-    std::vector<int32_t> faceOf(npoly, -1);
     CFaceList::IndexArray offsets, indices, materials;
     CFaceList::FlagArray flags;
     offsets.push_back(0);
     size_t curveCount = 0;
-    // The usual layer (faces only, all good) hands its arrays over as they are.
-    bool plain = !l.irregular && (l.polyIndices.empty() || l.maxIndex < np);
+    // The usual layer (faces only, all good) hands its arrays over as they are, and its
+    // polygon numbers are its face numbers; otherwise faceOf maps them (-1: no face).
+    const bool plain = !l.irregular && (l.polyIndices.empty() || l.maxIndex < np);
+    std::vector<int32_t> faceOf;
+    auto face = [&](size_t p) { return plain ? static_cast<int32_t>(p) : faceOf[p]; };
     if (plain) {
-        for (size_t p = 0; p < npoly; ++p) faceOf[p] = static_cast<int32_t>(p);
         offsets = std::move(l.polyOffsets);
         indices = std::move(l.polyIndices);
+    } else {
+        faceOf.assign(npoly, -1);
     }
     for (size_t p = 0; p < npoly && !plain; ++p) {
         const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
@@ -752,12 +760,15 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     if (nf == 0) return nullptr;
 
     // Materials per face: PTAG MATR, the untagged ones the base material.
-    std::vector<uint32_t> tagOf(npoly, kNone);
-    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) tagOf[l.matTag[i]] = l.matTag[i + 1];
+    // The face's tag + 1 goes in first (0, what the fresh array holds: untagged), then
+    // each becomes its material, in face order.
     materials.resize(nf);
     flags.resize(nf);
-    for (size_t p = 0; p < npoly; ++p)
-        if (faceOf[p] >= 0) materials[static_cast<size_t>(faceOf[p])] = MaterialForTag(*m_building, tagOf[p]);
+    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) {
+        const int32_t f = face(l.matTag[i]);
+        if (f >= 0) materials[static_cast<size_t>(f)] = l.matTag[i + 1] + 1;
+    }
+    for (size_t f = 0; f < nf; ++f) materials[f] = MaterialForTag(*m_building, materials[f] - 1);
 
     auto mesh = std::make_unique<C3DObject>();
     // Vertex maps: the continuous values first (one entry per point), then one entry per
@@ -772,7 +783,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
                 setPoint(e);
                 continue;
             }
-            if (faceOf[e.polygon] < 0) continue;
+            if (face(e.polygon) < 0) continue;
             const auto [at, fresh] = disc.emplace(uint64_t(e.polygon) << 32 | e.vertex, 0u);
             if (fresh) at->second = addEntry(e);
         }
@@ -780,8 +791,8 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
         CFaceList::FlagArray cflags(nf);
         if (!disc.empty()) {
             for (size_t p = 0; p < npoly; ++p) {
-                if (faceOf[p] < 0) continue;
-                const size_t fi = static_cast<size_t>(faceOf[p]);
+                if (face(p) < 0) continue;
+                const size_t fi = static_cast<size_t>(face(p));
                 const uint32_t base = offsets[fi], n = offsets[fi + 1] - offsets[fi];
                 for (uint32_t k = 0; k < n; ++k) {
                     const auto f = disc.find(uint64_t(p) << 32 | cidx[base + k]);
@@ -795,8 +806,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     if (!l.uv.empty()) {
         uv = std::make_unique<CUVWChannel>();
         CUVWPointList& up = *uv->GetUVWPointList();
-        up.SetSize(static_cast<int>(np));
-        std::fill(up.GetData(), up.GetData() + np * 3, 0.0f);
+        up.SetSize(static_cast<int>(np)); // zeros
         buildMap(
             l.uv, *uv->GetUVWFaceList(),
             [&](const UvValue& e) {
