@@ -30,8 +30,10 @@ bool Parallel(const CFaceList& a, const CFaceList& b) { return a.GetOffsets() ==
 bool BuildMap(CornerMap& m, const CFaceList& meshFaces, uint32_t pointCount) {
     if (!m.faces || !Parallel(*m.faces, meshFaces)) return false;
     const uint64_t channelPoints = m.dim ? m.values.size() / m.dim : 0;
-    for (uint32_t idx : m.faces->GetIndexes())
-        if (idx >= channelPoints) return false;
+    const auto& indices = m.faces->GetIndexes();
+    uint32_t top = 0; // a reduction the compiler vectorises
+    for (uint32_t idx : indices) top = std::max(top, idx);
+    if (!indices.empty() && top >= channelPoints) return false;
     m.pointValue.assign(pointCount, UINT32_MAX);
     const auto& mi = meshFaces.GetIndexes();
     const auto& ci = m.faces->GetIndexes();
@@ -115,6 +117,9 @@ uint32_t WriteVmad(LxoWriter& w, BlockOut& out, const CornerMap& m, const CFaceL
     // Written only when some corner differs from its point's value.
     const auto& mi = meshFaces.GetIndexes();
     const auto& ci = m.faces->GetIndexes();
+    // A channel numbered as the mesh (the usual UV map without seams) gives every corner
+    // its point's own value.
+    if (ci == mi) return LXO_OK;
     const size_t bytes = size_t(m.dim) * sizeof(float);
     auto differs = [&](size_t k) {
         if (mi[k] >= m.pointValue.size()) return false;
