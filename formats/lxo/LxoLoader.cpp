@@ -632,10 +632,8 @@ void LxoLoader::AddTexture(C3DMaterial& material, const std::string& file) {
                 found = true;
             }
         }
-        if (!found) {
-            path = given;
-            Log(L"Texture file not found: " + given.str());
-        }
+        if (!found) path = given;
+        Log((found ? L"Texture file found: " : L"Texture file not found: ") + path.str());
         at->second = path;
         m_building->AddRequiredFile(path);
     }
