@@ -591,13 +591,14 @@ void LxoLoader::Bind() {
         const std::string& f = m_shading[static_cast<size_t>(m_items[back->second].shading)].file;
         return f.empty() ? nullptr : &f;
     };
+    size_t noClip = 0;
     for (const Item& it : m_items) {
         if (it.kind != Kind::ImageMap) continue;
         const Shading& t = m_shading[static_cast<size_t>(it.shading)];
         if (!t.enable || t.effect != "diffColor") continue;
         const std::string* file = clipFile(it);
         if (!file) {
-            Log(L"An image map on the diffuse colour has no clip with a file name: left out");
+            ++noClip;
             continue;
         }
         const int32_t p = FindItem(it.parent);
@@ -609,6 +610,9 @@ void LxoLoader::Bind() {
         if (!ms.enable || !(ms.ptyp.empty() || ms.ptyp == "Material")) continue;
         m_textureByTag[ms.ptag] = *file;
     }
+    if (noClip)
+        Log(L"Image maps on the diffuse colour without a clip that names a file were left out: " +
+            std::to_wstring(noClip));
 }
 
 void LxoLoader::AddTexture(C3DMaterial& material, const std::string& file) {

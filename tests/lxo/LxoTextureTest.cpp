@@ -19,9 +19,9 @@ namespace {
 // Four triangles tagged Red, Blue, Green and nothing. Shader tree under polyRender 8:
 // mask Red (5) with a material and a diffuse image map (12) linked to clip 13, whose file
 // sits beside the scene under another folder's path; mask Green (20) with a disabled
-// diffuse map and a specular one; a diffuse map outside any mask (14) whose clip (15)
-// links to it the other way round and names a file that is nowhere. A camera carrying a
-// stray ptag comes last.
+// diffuse map, a specular one and one linked to no clip; a diffuse map outside any mask
+// (14) whose clip (15) links to it the other way round and names a file that is nowhere.
+// A camera carrying a stray ptag comes last.
 void WriteTexturedScene(const std::string& path) {
     using namespace lxoid;
     LxoWriter w(path.c_str());
@@ -88,6 +88,10 @@ void WriteTexturedScene(const std::string& path) {
         LxoLinkSubChunk s(w, "anyGraph", 13, 0);
     });
     chunk([&] {
+        item("imageMap", 23, 20);
+        text("effect", "diffColor");
+    });
+    chunk([&] {
         item("imageMap", 14, 8);
         text("effect", "diffColor");
     });
@@ -147,6 +151,7 @@ TEST(LxoTexture, DiffuseImageMapsBecomeTheMaterialsTexturesFoundOrNot) {
     }
     EXPECT_EQ(Mentions(options, L"Texture file not found: missing/nowhere.png"), 1);
     EXPECT_EQ(Mentions(options, L"Texture file found: " + std::wstring(red->file.c_str())), 1);
+    EXPECT_EQ(Mentions(options, L"without a clip that names a file were left out: 1"), 1);
 
     // From memory there is no folder to look in: both files are reported missing.
     const std::string bytes = testsupport::ReadFile(path);
