@@ -52,8 +52,10 @@ std::string Utf8Name(const CXStringW& name, const char* fallback) {
 class BlockOut {
 public:
     static constexpr size_t kBlock = size_t(1) << 20;
-    // The largest record put at once: a polygon of 0xFFFF four-byte indices.
-    static constexpr size_t kMaxRecord = 2 + 0xFFFF * 4;
+    // The largest record put at once: a VMAD entry of 0xFFFF values (a polygon of 0xFFFF
+    // four-byte indices is smaller).
+    static constexpr size_t kMaxRecord = 8 + 0xFFFF * 4;
+    static_assert(kMaxRecord <= kBlock);
 
     explicit BlockOut(LxoWriter& w) : m_w(w), m_buf(new uint8_t[kBlock]) {}
     // Room for a record of up to n bytes (n <= kMaxRecord); Put* then fill it.
