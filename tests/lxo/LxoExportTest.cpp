@@ -490,7 +490,8 @@ TEST(LxoExport, MaterialTablesShareOneBudget) {
 
 TEST(LxoExport, FourByteIndicesAndSeamsAtHighPointsComeBack) {
     // 0x10005 points: faces, UV values and seams at points past 0xFF00 (and past 0xFFFF)
-    // take four-byte indices in POLS, VMAP and VMAD.
+    // take four-byte indices in POLS, VMAP and VMAD; 0x10002 faces, so that polygon tags
+    // do too (and the layer is big enough to be encoded on a second core).
     constexpr uint32_t kPoints = 0x10005;
     auto scene = std::make_unique<C3DScene>();
     C3DMaterial* red = scene->CreateNewMaterial();
@@ -510,6 +511,12 @@ TEST(LxoExport, FourByteIndicesAndSeamsAtHighPointsComeBack) {
     fl.AddFace(b, 4);
     uv->GetUVWFaceList()->AddFace(a, 3);
     uv->GetUVWFaceList()->AddFace(bUv, 4);
+    const uint32_t t[3] = {1, 2, 3};
+    for (uint32_t f = 2; f < 0x10002; ++f) {
+        fl.SetCurrentMaterial(f % 3 ? NO_MATERIAL : red->GetID());
+        fl.AddFace(t, 3);
+        uv->GetUVWFaceList()->AddFace(t, 3);
+    }
     mesh->SetGlobalUVWChannel(mesh->AddChannel(uv, 0));
     scene->AddNode(nullptr, new C3DSceneNode(mesh))->SetName(L"Big");
 
@@ -523,10 +530,12 @@ TEST(LxoExport, FourByteIndicesAndSeamsAtHighPointsComeBack) {
     ASSERT_TRUE(obj);
     ASSERT_EQ(obj->GetPointList()->GetSize(), int(kPoints));
     const C3DFaceList& faces = *obj->GetFaceList();
-    ASSERT_EQ(faces.GetNumberOfFaces(), 2);
+    ASSERT_EQ(faces.GetNumberOfFaces(), 0x10002);
     EXPECT_TRUE(std::equal(a, a + 3, faces.GetFaceIndices(0)));
     EXPECT_TRUE(std::equal(b, b + 4, faces.GetFaceIndices(1)));
     EXPECT_EQ(FaceMaterial(*back, *obj, 1)->GetName(), CXStringW(L"Red"));
+    for (int f : {0xFF01, 0x10000, 0x10001})
+        EXPECT_EQ(FaceMaterial(*back, *obj, f)->GetName() == CXStringW(L"Red"), f % 3 == 0) << f;
     const CUVWChannel* buv = obj->GetGlobalUVWChannel();
     ASSERT_TRUE(buv);
     auto uvAt = [&](int f, int k) {
