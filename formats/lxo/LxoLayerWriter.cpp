@@ -11,7 +11,6 @@
 #include <string>
 
 #include "plugin/host/Channel.h"
-#include "plugin/host/LargeArray.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/XString.h"
 
@@ -174,69 +173,6 @@ uint32_t WriteFaces(LxoWriter& w, BlockOut& out, const CFaceList& faces) {
     return c.Close();
 }
 
-// Layers from this many faces encode their POLS and PTAG payloads on a second core while
-// the points and maps go out.
-constexpr int kPairFrom = 65536;
-
-uint8_t* PutVx(uint8_t* p, uint32_t v) {
-    if (v < 0xFF00u) {
-        p[0] = uint8_t(v >> 8);
-        p[1] = uint8_t(v);
-        return p + 2;
-    }
-    const uint32_t be = __builtin_bswap32(0xFF000000u | v);
-    std::memcpy(p, &be, 4);
-    return p + 4;
-}
-
-// The POLS FACE and PTAG MATR payloads of a layer, encoded apart from the writer: the same
-// bytes as WriteFaces and WriteMaterialTags give. False when an element cannot be encoded;
-// those writers then fail at it as they do.
-struct Encoded {
-    std::vector<uint8_t> pols, ptag;
-    bool ok = false;
-};
-
-bool EncodeFaces(const CFaceList& faces, std::vector<uint8_t>& out) {
-    const auto& off = faces.GetOffsets();
-    const auto& idx = faces.GetIndexes();
-    size_t bytes = 2 * (off.size() - 1);
-    for (size_t f = 0; f + 1 < off.size(); ++f)
-        if (off[f + 1] - off[f] > 0xFFFF) return false;
-    for (uint32_t v : idx) {
-        if (v >= kVxLimit) return false;
-        bytes += v < 0xFF00u ? 2 : 4;
-    }
-    out.resize(bytes);
-    uint8_t* p = out.data();
-    for (size_t f = 0; f + 1 < off.size(); ++f) {
-        const uint32_t count = off[f + 1] - off[f];
-        p[0] = uint8_t(count >> 8);
-        p[1] = uint8_t(count);
-        p += 2;
-        for (uint32_t k = off[f]; k < off[f + 1]; ++k) p = PutVx(p, idx[k]);
-    }
-    return true;
-}
-
-bool EncodeTags(const LxoLayerMesh& mesh, const C3DFaceList& faces, std::vector<uint8_t>& out) {
-    const auto& ids = faces.GetMaterialIDs();
-    const size_t n = static_cast<size_t>(faces.GetNumberOfFaces());
-    if (n > kVxLimit) return false;
-    out.resize(n * 4 + (n > 0xFF00u ? (n - 0xFF00u) * 2 : 0));
-    uint8_t* p = out.data();
-    for (size_t f = 0; f < n; ++f) {
-        const uint32_t mat = f < ids.size() ? ids[f] : NO_MATERIAL;
-        const uint32_t tag = mat < mesh.materialTags.size() ? mesh.materialTags[mat] : 0;
-        if (tag > 0xFFFF) return false;
-        p = PutVx(p, static_cast<uint32_t>(f));
-        p[0] = uint8_t(tag >> 8);
-        p[1] = uint8_t(tag);
-        p += 2;
-    }
-    return true;
-}
-
 uint32_t WriteMaterialTags(LxoWriter& w, BlockOut& out, const LxoLayerMesh& mesh, const C3DFaceList& faces) {
     LxoPolyTagChunk c(w, lxoid::MATR);
     const auto& ids = faces.GetMaterialIDs();
@@ -264,118 +200,92 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
     const C3DGeomObject& obj = *mesh.object;
     const C3DPointList* pts = obj.GetPointList();
     const uint32_t pointCount = pts ? static_cast<uint32_t>(pts->size()) : 0;
+    {
+        LxoPointsChunk c(w, pts ? pts->GetData() : nullptr, pointCount);
+        if (uint32_t r = c.Close()) return r;
+    }
+    {
+        float box[6] = {0, 0, 0, 0, 0, 0};
+        if (pointCount) {
+            const float* p = pts->GetData();
+            for (int a = 0; a < 3; ++a) box[a] = box[3 + a] = p[a];
+            for (uint32_t i = 1; i < pointCount; ++i)
+                for (int a = 0; a < 3; ++a) {
+                    box[a] = std::min(box[a], p[3 * i + a]);
+                    box[3 + a] = std::max(box[3 + a], p[3 * i + a]);
+                }
+        }
+        LxoChunk c(w, lxoid::BBOX);
+        w.WriteF4(box, 6);
+        if (uint32_t r = c.Close()) return r;
+    }
+
     const C3DFaceList* faces = obj.GetFaceList();
     std::vector<CornerMap> maps;
+    if (faces && faces->GetNumberOfFaces() > 0) {
+        int uvCount = 0;
+        for (const auto& ch : obj.GetChannels()) {
+            CornerMap m;
+            m.faces = ch->GetFaceList();
+            switch (ch->GetType()) {
+            case CHANNEL_UVW: {
+                const auto* uv = static_cast<const CUVWChannel*>(ch.get());
+                m.type = lxoid::TXUV;
+                m.dim = 2;
+                m.name =
+                    Utf8Name(uv->GetName(), uvCount ? ("Texture" + std::to_string(uvCount + 1)).c_str() : "Texture");
+                const auto& raw = uv->GetUVWPointList()->Raw();
+                m.values.reserve(raw.size() / 3 * 2);
+                for (size_t i = 0; i + 2 < raw.size(); i += 3) {
+                    m.values.push_back(raw[i]);
+                    m.values.push_back(raw[i + 1]);
+                }
+                ++uvCount;
+                break;
+            }
+            case CHANNEL_VC: {
+                const auto* vc = static_cast<const CVCChannel*>(ch.get());
+                m.type = lxoid::RGBA;
+                m.dim = 4;
+                m.name = Utf8Name(vc->GetName(), "Color");
+                for (const CRGBColor& c : vc->GetVCPointList()->Raw()) {
+                    m.values.push_back(c.r / 255.0f);
+                    m.values.push_back(c.g / 255.0f);
+                    m.values.push_back(c.b / 255.0f);
+                    m.values.push_back(c.a / 255.0f);
+                }
+                break;
+            }
+            case CHANNEL_SPEC_NORMAL: {
+                const auto* nc = static_cast<const CSpecNormalChannel*>(ch.get());
+                m.type = lxoid::NORM;
+                m.dim = 3;
+                m.name = Utf8Name(nc->GetName(), "Vertex Normal");
+                const auto& raw = nc->GetNormalVectorList()->Raw();
+                m.values.assign(raw.begin(), raw.end());
+                break;
+            }
+            default: continue;
+            }
+            if (BuildMap(m, *faces, pointCount)) maps.push_back(std::move(m));
+        }
+    }
+
     BlockOut out(w);
-    // Points, box and vertex maps; a big layer's polygons and tags are encoded meanwhile.
-    auto pointsAndMaps = [&]() -> uint32_t {
-        {
-            LxoPointsChunk c(w, pts ? pts->GetData() : nullptr, pointCount);
+    for (const CornerMap& m : maps) {
+        if (m.type == lxoid::TXUV) {
+            LxoChunk c(w, lxoid::VMPA);
+            const uint32_t params[2] = {1, 6};
+            w.WriteU4(params, 2);
             if (uint32_t r = c.Close()) return r;
         }
-        {
-            float box[6] = {0, 0, 0, 0, 0, 0};
-            if (pointCount) {
-                const float* p = pts->GetData();
-                for (int a = 0; a < 3; ++a) box[a] = box[3 + a] = p[a];
-                for (uint32_t i = 1; i < pointCount; ++i)
-                    for (int a = 0; a < 3; ++a) {
-                        box[a] = std::min(box[a], p[3 * i + a]);
-                        box[3 + a] = std::max(box[3 + a], p[3 * i + a]);
-                    }
-            }
-            LxoChunk c(w, lxoid::BBOX);
-            w.WriteF4(box, 6);
-            if (uint32_t r = c.Close()) return r;
-        }
-
-        if (faces && faces->GetNumberOfFaces() > 0) {
-            int uvCount = 0;
-            for (const auto& ch : obj.GetChannels()) {
-                CornerMap m;
-                m.faces = ch->GetFaceList();
-                switch (ch->GetType()) {
-                case CHANNEL_UVW: {
-                    const auto* uv = static_cast<const CUVWChannel*>(ch.get());
-                    m.type = lxoid::TXUV;
-                    m.dim = 2;
-                    m.name = Utf8Name(uv->GetName(),
-                                      uvCount ? ("Texture" + std::to_string(uvCount + 1)).c_str() : "Texture");
-                    const auto& raw = uv->GetUVWPointList()->Raw();
-                    m.values.reserve(raw.size() / 3 * 2);
-                    for (size_t i = 0; i + 2 < raw.size(); i += 3) {
-                        m.values.push_back(raw[i]);
-                        m.values.push_back(raw[i + 1]);
-                    }
-                    ++uvCount;
-                    break;
-                }
-                case CHANNEL_VC: {
-                    const auto* vc = static_cast<const CVCChannel*>(ch.get());
-                    m.type = lxoid::RGBA;
-                    m.dim = 4;
-                    m.name = Utf8Name(vc->GetName(), "Color");
-                    for (const CRGBColor& c : vc->GetVCPointList()->Raw()) {
-                        m.values.push_back(c.r / 255.0f);
-                        m.values.push_back(c.g / 255.0f);
-                        m.values.push_back(c.b / 255.0f);
-                        m.values.push_back(c.a / 255.0f);
-                    }
-                    break;
-                }
-                case CHANNEL_SPEC_NORMAL: {
-                    const auto* nc = static_cast<const CSpecNormalChannel*>(ch.get());
-                    m.type = lxoid::NORM;
-                    m.dim = 3;
-                    m.name = Utf8Name(nc->GetName(), "Vertex Normal");
-                    const auto& raw = nc->GetNormalVectorList()->Raw();
-                    m.values.assign(raw.begin(), raw.end());
-                    break;
-                }
-                default: continue;
-                }
-                if (BuildMap(m, *faces, pointCount)) maps.push_back(std::move(m));
-            }
-        }
-
-        for (const CornerMap& m : maps) {
-            if (m.type == lxoid::TXUV) {
-                LxoChunk c(w, lxoid::VMPA);
-                const uint32_t params[2] = {1, 6};
-                w.WriteU4(params, 2);
-                if (uint32_t r = c.Close()) return r;
-            }
-            if (uint32_t r = WriteVmap(w, out, m)) return r;
-        }
-        return LXO_OK;
-    };
-    const bool hasFaces = faces && faces->GetNumberOfFaces() > 0;
-    uint32_t first = LXO_OK;
-    Encoded enc;
-    if (hasFaces && faces->GetNumberOfFaces() >= kPairFrom) {
-        hostmem::RunPair([&] { first = pointsAndMaps(); },
-                         [&] { enc.ok = EncodeFaces(*faces, enc.pols) && EncodeTags(mesh, *faces, enc.ptag); }, true);
-    } else {
-        first = pointsAndMaps();
+        if (uint32_t r = WriteVmap(w, out, m)) return r;
     }
-    if (first) return first;
-    if (!hasFaces) return w.Error();
+    if (!faces || faces->GetNumberOfFaces() == 0) return w.Error();
 
-    if (enc.ok) {
-        LxoPolygonsChunk c(w, lxoid::FACE);
-        if (uint32_t r = w.WriteBytes(enc.pols.data(), enc.pols.size())) return r;
-        if (uint32_t r = c.Close()) return r;
-    } else if (uint32_t r = WriteFaces(w, out, *faces)) {
-        return r;
-    }
+    if (uint32_t r = WriteFaces(w, out, *faces)) return r;
     for (const CornerMap& m : maps)
         if (uint32_t r = WriteVmad(w, out, m, *faces)) return r;
-    if (enc.ok) {
-        LxoPolyTagChunk c(w, lxoid::MATR);
-        if (uint32_t r = w.WriteBytes(enc.ptag.data(), enc.ptag.size())) return r;
-        if (uint32_t r = c.Close()) return r;
-    } else if (uint32_t r = WriteMaterialTags(w, out, mesh, *faces)) {
-        return r;
-    }
+    if (uint32_t r = WriteMaterialTags(w, out, mesh, *faces)) return r;
     return w.Error();
 }

@@ -491,7 +491,7 @@ TEST(LxoExport, MaterialTablesShareOneBudget) {
 TEST(LxoExport, FourByteIndicesAndSeamsAtHighPointsComeBack) {
     // 0x10005 points: faces, UV values and seams at points past 0xFF00 (and past 0xFFFF)
     // take four-byte indices in POLS, VMAP and VMAD; 0x10002 faces, so that polygon tags
-    // do too (and the layer is big enough to be encoded on a second core).
+    // do too.
     constexpr uint32_t kPoints = 0x10005;
     auto scene = std::make_unique<C3DScene>();
     C3DMaterial* red = scene->CreateNewMaterial();
