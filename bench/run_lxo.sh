@@ -3,7 +3,9 @@
 # replaced, the plain copy (the bound the update is held to) and the parse-only walk, each
 # the best of three runs, then the median of the rounds (wall clock and CPU time).
 #   bench/run_lxo.sh [BUILD_DIR] [DATA_DIR] [LAYERS] [ROUNDS]
-# The file comes from `bench_lxo gen` (deterministic; 4 layers are about 93 MB).
+# The file comes from `bench_lxo gen` (deterministic; 4 layers are about 93 MB). Outputs go
+# to $OUT (default DATA_DIR); on a disk-backed folder the kernel's write-back throttling
+# shows in the update's and copy's wall clock, which a tmpfs such as /dev/shm leaves out.
 set -euo pipefail
 BUILD=${1:-build}
 DATA=${2:-/tmp/orbiscope-lxo-bench}
@@ -12,17 +14,18 @@ ROUNDS=${4:-5}
 for b in bench_lxo bench_lxoimport bench_lxoscene; do
     [ -x "$BUILD/bin/$b" ] || { echo "build $b first"; exit 2; }
 done
-mkdir -p "$DATA"
+OUT=${OUT:-$DATA}
+mkdir -p "$DATA" "$OUT"
 SRC=$DATA/big_$LAYERS.lxo
 [ -f "$SRC" ] || "$BUILD/bin/bench_lxo" gen "$SRC" "$LAYERS"
 cat "$SRC" >/dev/null # into the page cache
 LOG=$(mktemp)
-trap 'rm -f "$LOG" "$DATA/out.lxo"' EXIT
-echo "== LXO ($(date -u +%H:%M:%S) UTC, $(nproc) cores, load $(cut -d' ' -f1 /proc/loadavg))"
+trap 'rm -f "$LOG" "$OUT/out.lxo"' EXIT
+echo "== LXO ($(date -u +%H:%M:%S) UTC, $(nproc) cores, load $(cut -d' ' -f1 /proc/loadavg), output to $OUT)"
 for round in $(seq "$ROUNDS"); do
     "$BUILD/bin/bench_lxoimport" "$SRC" 3 | sed 's/^orbiscope/import/' | tee -a "$LOG"
-    "$BUILD/bin/bench_lxoscene" update "$SRC" "$DATA/out.lxo" 3 | tee -a "$LOG"
-    "$BUILD/bin/bench_lxo" copy "$SRC" "$DATA/out.lxo" 3 | tee -a "$LOG"
+    "$BUILD/bin/bench_lxoscene" update "$SRC" "$OUT/out.lxo" 3 | tee -a "$LOG"
+    "$BUILD/bin/bench_lxo" copy "$SRC" "$OUT/out.lxo" 3 | tee -a "$LOG"
 done
 "$BUILD/bin/bench_lxo" walk "$SRC" >/dev/null
 echo "== medians of $ROUNDS rounds (load now $(cut -d' ' -f1 /proc/loadavg))"
