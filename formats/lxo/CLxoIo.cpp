@@ -157,7 +157,9 @@ C3DScene* CLxoIo::Read(const CXStringW& path, CSceneImportOptions& options) {
         uint8_t head[12] = {};
         const size_t got = std::fread(head, 1, sizeof head, stream);
         std::rewind(stream);
-        return ReadStream(stream, {head, got}, ctx.Options());
+        CXStringW folder = fileStripName(path);
+        if (folder.IsEmpty()) folder = L"./";
+        return ReadStream(stream, {head, got}, ctx.Options(), folder);
     });
 }
 
@@ -172,7 +174,8 @@ C3DScene* CLxoIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOptions&
     });
 }
 
-C3DScene* CLxoIo::ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options) {
+C3DScene* CLxoIo::ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options,
+                             const CXStringW& folder) {
     if (head.empty()) {
         if (stream) std::fclose(stream);
         m_fileIo.SetIoError(IO_ERR_EMPTY, &options, LOG_ERROR);
@@ -186,7 +189,8 @@ C3DScene* CLxoIo::ReadStream(FILE* stream, std::span<const uint8_t> head, CScene
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;
     }
-    LxoLoader loader(stream, options, [this] { return IsCancelled(); });
+    LxoLoader loader(
+        stream, options, [this] { return IsCancelled(); }, folder);
     C3DScene* scene = loader.Load();
     if (!scene) {
         if (loader.WasCancelled()) m_fileIo.SetIoError(IO_ERR_CANCELLED, &options, LOG_INFO);

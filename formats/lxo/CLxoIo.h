@@ -39,5 +39,7 @@ public:
 private:
     // Runs the loader on `stream` (taken over, null only when `head` is empty); `head`
     // holds the first bytes of the input, at most 12.
-    C3DScene* ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options);
+    // `folder`: where relative texture paths are looked for (empty for memory).
+    C3DScene* ReadStream(FILE* stream, std::span<const uint8_t> head, CSceneImportOptions& options,
+                         const CXStringW& folder = CXStringW());
 };

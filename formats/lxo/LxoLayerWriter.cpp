@@ -1,10 +1,13 @@
 // Layer writer: a host mesh becomes PNTS/BBOX/VMAP/POLS/VMAD/PTAG. Per-corner channel
 // data is split the LXO way: a VMAP gives each point one value, and only corners that
-// differ from it get a VMAD entry.
+// differ from it get a VMAD entry. Chunk payloads are encoded a block at a time and
+// handed to the writer whole: a call per element costs more than the bytes themselves.
 #include "formats/lxo/LxoLayerWriter.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "plugin/host/Channel.h"
@@ -27,8 +30,10 @@ bool Parallel(const CFaceList& a, const CFaceList& b) { return a.GetOffsets() ==
 bool BuildMap(CornerMap& m, const CFaceList& meshFaces, uint32_t pointCount) {
     if (!m.faces || !Parallel(*m.faces, meshFaces)) return false;
     const uint64_t channelPoints = m.dim ? m.values.size() / m.dim : 0;
-    for (uint32_t idx : m.faces->GetIndexes())
-        if (idx >= channelPoints) return false;
+    const auto& indices = m.faces->GetIndexes();
+    uint32_t top = 0; // a reduction the compiler vectorises
+    for (uint32_t idx : indices) top = std::max(top, idx);
+    if (!indices.empty() && top >= channelPoints) return false;
     m.pointValue.assign(pointCount, UINT32_MAX);
     const auto& mi = meshFaces.GetIndexes();
     const auto& ci = m.faces->GetIndexes();
@@ -42,19 +47,81 @@ std::string Utf8Name(const CXStringW& name, const char* fallback) {
     return s.empty() ? std::string(fallback) : s;
 }
 
-uint32_t WriteVmap(LxoWriter& w, const CornerMap& m) {
+// Payload bytes gather in a fixed block that goes to the writer in one call when full.
+// Its bytes are exactly those the writer's element calls would give.
+class BlockOut {
+public:
+    static constexpr size_t kBlock = size_t(1) << 20;
+    // The largest record put at once: a VMAD entry of 0xFFFF values (a polygon of 0xFFFF
+    // four-byte indices is smaller).
+    static constexpr size_t kMaxRecord = 8 + 0xFFFF * 4;
+    static_assert(kMaxRecord <= kBlock);
+
+    explicit BlockOut(LxoWriter& w) : m_w(w), m_buf(new uint8_t[kBlock]) {}
+    // Room for a record of up to n bytes (n <= kMaxRecord); Put* then fill it.
+    uint32_t Room(size_t n) {
+        if (kBlock - m_used < n) return Flush();
+        return LXO_OK;
+    }
+    uint32_t Flush() {
+        const size_t n = m_used;
+        m_used = 0;
+        return n ? m_w.WriteBytes(m_buf.get(), n) : LXO_OK;
+    }
+    void PutU2(uint16_t v) {
+        m_buf[m_used] = uint8_t(v >> 8);
+        m_buf[m_used + 1] = uint8_t(v);
+        m_used += 2;
+    }
+    // v below 0x1000000 (the caller checks).
+    void PutVx(uint32_t v) {
+        if (v < 0xFF00u) return PutU2(static_cast<uint16_t>(v));
+        const uint32_t be = __builtin_bswap32(0xFF000000u | v);
+        std::memcpy(m_buf.get() + m_used, &be, 4);
+        m_used += 4;
+    }
+    void PutF4(const float* v, size_t n) {
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t be = __builtin_bswap32(std::bit_cast<uint32_t>(v[i]));
+            std::memcpy(m_buf.get() + m_used + 4 * i, &be, 4);
+        }
+        m_used += 4 * n;
+    }
+
+private:
+    LxoWriter& m_w;
+    std::unique_ptr<uint8_t[]> m_buf;
+    size_t m_used = 0;
+};
+
+// An index the VX encoding cannot hold fails the writer as its own call does.
+constexpr uint32_t kVxLimit = 0x1000000u;
+uint32_t BadVx(LxoWriter& w, BlockOut& out, uint32_t v) {
+    if (uint32_t r = out.Flush()) return r;
+    return w.WriteVX(v);
+}
+
+uint32_t WriteVmap(LxoWriter& w, BlockOut& out, const CornerMap& m) {
     LxoVertexMapChunk c(w, m.type, m.dim, m.name);
+    const size_t record = 4 + size_t(m.dim) * 4;
     for (uint32_t p = 0; p < m.pointValue.size(); ++p) {
         if (m.pointValue[p] == UINT32_MAX) continue;
-        if (uint32_t r = c.Add(p, m.values.data() + size_t(m.pointValue[p]) * m.dim)) return r;
+        if (p >= kVxLimit) return BadVx(w, out, p);
+        if (uint32_t r = out.Room(record)) return r;
+        out.PutVx(p);
+        out.PutF4(m.values.data() + size_t(m.pointValue[p]) * m.dim, m.dim);
     }
+    if (uint32_t r = out.Flush()) return r;
     return c.Close();
 }
 
-uint32_t WriteVmad(LxoWriter& w, const CornerMap& m, const CFaceList& meshFaces) {
+uint32_t WriteVmad(LxoWriter& w, BlockOut& out, const CornerMap& m, const CFaceList& meshFaces) {
     // Written only when some corner differs from its point's value.
     const auto& mi = meshFaces.GetIndexes();
     const auto& ci = m.faces->GetIndexes();
+    // A channel numbered as the mesh (the usual UV map without seams) gives every corner
+    // its point's own value.
+    if (ci == mi) return LXO_OK;
     const size_t bytes = size_t(m.dim) * sizeof(float);
     auto differs = [&](size_t k) {
         if (mi[k] >= m.pointValue.size()) return false;
@@ -68,10 +135,61 @@ uint32_t WriteVmad(LxoWriter& w, const CornerMap& m, const CFaceList& meshFaces)
     if (k == mi.size()) return LXO_OK;
     LxoVertexMapDiscChunkEx c(w, m.type, m.dim, m.name);
     const auto& off = meshFaces.GetOffsets();
+    const size_t record = 8 + bytes;
     for (uint32_t f = 0; f + 1 < off.size(); ++f)
-        for (uint32_t j = off[f]; j < off[f + 1]; ++j)
-            if (differs(j))
-                if (uint32_t r = c.Add(mi[j], f, m.values.data() + size_t(ci[j]) * m.dim)) return r;
+        for (uint32_t j = off[f]; j < off[f + 1]; ++j) {
+            if (!differs(j)) continue;
+            if (mi[j] >= kVxLimit) return BadVx(w, out, mi[j]);
+            if (f >= kVxLimit) return BadVx(w, out, f);
+            if (uint32_t r = out.Room(record)) return r;
+            out.PutVx(mi[j]);
+            out.PutVx(f);
+            out.PutF4(m.values.data() + size_t(ci[j]) * m.dim, m.dim);
+        }
+    if (uint32_t r = out.Flush()) return r;
+    return c.Close();
+}
+
+uint32_t WriteFaces(LxoWriter& w, BlockOut& out, const CFaceList& faces) {
+    LxoPolygonsChunk c(w, lxoid::FACE);
+    const auto& off = faces.GetOffsets();
+    const uint32_t* idx = faces.GetIndexes().data();
+    for (size_t f = 0; f + 1 < off.size(); ++f) {
+        const uint32_t count = off[f + 1] - off[f];
+        // Too many corners: refused as the chunk's own call refuses it, the writer not failed.
+        if (count > 0xFFFF) {
+            if (uint32_t r = out.Flush()) return r;
+            return LXO_ERR_WRITE;
+        }
+        if (uint32_t r = out.Room(2 + size_t(count) * 4)) return r;
+        out.PutU2(static_cast<uint16_t>(count));
+        const uint32_t* v = idx + off[f];
+        for (uint32_t k = 0; k < count; ++k) {
+            if (v[k] >= kVxLimit) return BadVx(w, out, v[k]);
+            out.PutVx(v[k]);
+        }
+    }
+    if (uint32_t r = out.Flush()) return r;
+    return c.Close();
+}
+
+uint32_t WriteMaterialTags(LxoWriter& w, BlockOut& out, const LxoLayerMesh& mesh, const C3DFaceList& faces) {
+    LxoPolyTagChunk c(w, lxoid::MATR);
+    const auto& ids = faces.GetMaterialIDs();
+    const size_t n = static_cast<size_t>(faces.GetNumberOfFaces());
+    for (size_t f = 0; f < n; ++f) {
+        const uint32_t mat = f < ids.size() ? ids[f] : NO_MATERIAL;
+        const uint32_t tag = mat < mesh.materialTags.size() ? mesh.materialTags[mat] : 0;
+        if (tag > 0xFFFF) {
+            if (uint32_t r = out.Flush()) return r;
+            return LXO_ERR_WRITE;
+        }
+        if (f >= kVxLimit) return BadVx(w, out, static_cast<uint32_t>(f));
+        if (uint32_t r = out.Room(6)) return r;
+        out.PutVx(static_cast<uint32_t>(f));
+        out.PutU2(static_cast<uint16_t>(tag));
+    }
+    if (uint32_t r = out.Flush()) return r;
     return c.Close();
 }
 
@@ -153,6 +271,7 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
         }
     }
 
+    BlockOut out(w);
     for (const CornerMap& m : maps) {
         if (m.type == lxoid::TXUV) {
             LxoChunk c(w, lxoid::VMPA);
@@ -160,28 +279,13 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
             w.WriteU4(params, 2);
             if (uint32_t r = c.Close()) return r;
         }
-        if (uint32_t r = WriteVmap(w, m)) return r;
+        if (uint32_t r = WriteVmap(w, out, m)) return r;
     }
     if (!faces || faces->GetNumberOfFaces() == 0) return w.Error();
 
-    const int faceCount = faces->GetNumberOfFaces();
-    {
-        LxoPolygonsChunk c(w, lxoid::FACE);
-        for (int f = 0; f < faceCount; ++f)
-            if (uint32_t r = c.AddPolygon(faces->GetFaceIndices(f), static_cast<uint32_t>(faces->GetFaceSize(f))))
-                return r;
-        if (uint32_t r = c.Close()) return r;
-    }
+    if (uint32_t r = WriteFaces(w, out, *faces)) return r;
     for (const CornerMap& m : maps)
-        if (uint32_t r = WriteVmad(w, m, *faces)) return r;
-    {
-        LxoPolyTagChunk c(w, lxoid::MATR);
-        for (int f = 0; f < faceCount; ++f) {
-            const uint32_t mat = faces->GetMaterialID(f);
-            const uint32_t tag = mat < mesh.materialTags.size() ? mesh.materialTags[mat] : 0;
-            if (uint32_t r = c.Add(static_cast<uint32_t>(f), tag)) return r;
-        }
-        if (uint32_t r = c.Close()) return r;
-    }
+        if (uint32_t r = WriteVmad(w, out, m, *faces)) return r;
+    if (uint32_t r = WriteMaterialTags(w, out, mesh, *faces)) return r;
     return w.Error();
 }

@@ -3,15 +3,19 @@
 // transform links, transform values, mask selections, material channels). Everything is
 // bound at the end: each layer to its mesh item, transforms to their locators, masks and
 // materials to the polygon tags. Links to missing items are dropped, parent cycles cut.
+// A diffuse colour image map takes its file from the clip it is linked with; the graph
+// names of those links are not known, so a link of any graph, either way, counts.
 #include "formats/lxo/LxoLoader.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <utility>
 
 #include "plugin/host/Channel.h"
+#include "plugin/host/FileHelpers.h"
 #include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/SceneNode.h"
@@ -44,10 +48,62 @@ C4x4Matrix AxisRotation(int axis, float angle) {
 
 float Finite(float v, float fallback) { return std::isfinite(v) ? v : fallback; }
 
+constexpr size_t kMaxLinks = 16; // links kept per image map or clip
+
+inline uint16_t Be16(const uint8_t* p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
+inline uint32_t Be32(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return __builtin_bswap32(v);
+}
+float F32be(const uint8_t* p) { return std::bit_cast<float>(Be32(p)); }
+
+// n big-endian floats into out: one swap loop the compiler vectorises.
+void LoadF32be(float* out, const uint8_t* in, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        const uint32_t v = Be32(in + 4 * i);
+        std::memcpy(out + i, &v, 4);
+    }
+}
+
+// One VX index at p into out, p moved past it; false when the bytes up to end cannot hold it.
+inline bool Vx(const uint8_t*& p, const uint8_t* end, uint32_t& out) {
+    if (end - p < 2) return false;
+    if (p[0] != 0xFF) {
+        out = Be16(p);
+        p += 2;
+        return true;
+    }
+    if (end - p < 4) return false;
+    out = Be32(p) & 0xFFFFFFu;
+    p += 4;
+    return true;
+}
+
+// n VX indices at p into out, p moved past them; false when the bytes up to end cannot
+// hold them (p is then left anywhere).
+inline bool DecodeVx(const uint8_t*& p, const uint8_t* end, uint32_t* out, uint32_t n) {
+    if (size_t(end - p) < size_t(n) * 4) { // some index could run past the end
+        for (uint32_t k = 0; k < n; ++k)
+            if (!Vx(p, end, out[k])) return false;
+        return true;
+    }
+    for (uint32_t k = 0; k < n; ++k) {
+        if (p[0] != 0xFF) {
+            out[k] = Be16(p);
+            p += 2;
+        } else {
+            out[k] = Be32(p) & 0xFFFFFFu;
+            p += 4;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
-LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled)
-    : LxoReader(stream), m_options(options), m_isCancelled(std::move(cancelled)) {}
+LxoLoader::LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled, CXStringW folder)
+    : LxoReader(stream), m_options(options), m_isCancelled(std::move(cancelled)), m_folder(std::move(folder)) {}
 
 LxoLoader::~LxoLoader() = default;
 
@@ -68,8 +124,6 @@ uint32_t LxoLoader::OnChunkHeader(uint32_t id, uint32_t) {
         Layer& l = CurrentLayer();
         l.polsBase = static_cast<uint32_t>(l.polyKind.size());
     }
-    m_uvActive = false;
-    m_rgbActive = false;
     m_inSetup = false;
     m_actionItem = -1;
     return LXO_OK;
@@ -81,83 +135,197 @@ uint32_t LxoLoader::OnLayer(const LxoLayerInfo& layer) {
     return LXO_OK;
 }
 
-uint32_t LxoLoader::OnPoints(uint32_t count, const float* xyz) {
-    if (ChunkID() != lxoid::PNTS) return LXO_OK; // baked VRTS are not scene geometry
+uint32_t LxoLoader::ParseChunk(int context) {
+    if (context == 0) {
+        switch (ChunkID()) {
+        case lxoid::PNTS: return TakePoints();
+        case lxoid::POLS: return TakePolygons();
+        case lxoid::VMAP: return TakeVertexMap(false);
+        case lxoid::VMAD: return TakeVertexMap(true);
+        case lxoid::PTAG: return TakePolyTags();
+        default: break;
+        }
+    }
+    return LxoReader::ParseChunk(context);
+}
+
+// The bulk decoders read the loaded chunk through a plain pointer: every record's size is
+// checked against the bytes left before it is read, as the framework's primitives do, and
+// the chunk is marked consumed when they are done.
+
+uint32_t LxoLoader::TakePoints() {
+    // A chunk cut by the end of the file is refused before anything is read; a tail too
+    // short for a point is left over.
+    if (ChunkMissing()) return LXO_ERR_READ;
+    if (uint32_t r = LoadChunk()) return r;
+    const size_t count = static_cast<size_t>(ChunkUnread() / 12);
+    const uint8_t* p = PeekLoaded(count * 12);
     Layer& l = CurrentLayer();
     // The host counts points, faces and corners in 32-bit signed integers.
-    if ((l.points.size() + size_t(count) * 3) / 3 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
-    l.points.insert(l.points.end(), xyz, xyz + size_t(count) * 3);
+    if ((l.points.size() + count * 3) / 3 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
+    const size_t at = l.points.size();
+    hostmem::ReserveFilled(l.points, at + count * 3);
+    l.points.resize(at + count * 3);
+    LoadF32be(l.points.data() + at, p, count * 3);
+    SkipRestOfChunk();
     return LXO_OK;
 }
 
-uint32_t LxoLoader::OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t) {
-    Layer& l = CurrentLayer();
-    if (l.polyIndices.size() + count >= kMaxCount || l.polyKind.size() + 1 >= kMaxCount) return LXO_ERR_OUT_OF_MEMORY;
+uint32_t LxoLoader::TakePolygons() {
+    uint32_t type = 0;
+    if (uint32_t r = LoadChunk()) return r;
+    if (uint32_t r = ReadU4(&type)) return r;
+    const size_t left = static_cast<size_t>(ChunkUnread());
+    const uint8_t* p = PeekLoaded(left);
+    const uint8_t* const end = p + left;
+    const bool packed = type == lxoid::CURV || type == lxoid::BEZR;
+    const bool flagged = type == lxoid::HCRV || type == lxoid::BCRV;
     const uint8_t kind = IsFaceType(type) ? kFace : IsCurveType(type) ? kCurve : kSkipped;
-    if (l.polyKind.size() == l.polsBase) {
-        // First polygon of the chunk: room for what its remaining bytes can hold (an index
-        // takes two bytes or more), so big meshes grow their arrays once.
-        const uint64_t left = ChunkUnread();
-        l.polyIndices.reserve(l.polyIndices.size() + static_cast<size_t>(left / 2) + count);
-        l.polyOffsets.reserve(l.polyOffsets.size() + static_cast<size_t>(left / 8) + 1);
-        l.polyKind.reserve(l.polyKind.size() + static_cast<size_t>(left / 8) + 1);
-    }
-    if (kind != kSkipped) l.polyIndices.insert(l.polyIndices.end(), indices, indices + count);
-    l.polyOffsets.push_back(static_cast<uint32_t>(l.polyIndices.size()));
-    l.polyKind.push_back(kind);
-    return LXO_OK;
-}
 
-uint32_t LxoLoader::OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) {
-    m_uvActive = false;
-    m_rgbActive = false;
-    if ((type == lxoid::RGB_ || type == lxoid::RGBA) && dimension >= 3) {
-        // One colour map per mesh too.
-        Layer& l = CurrentLayer();
-        if (l.rgbName.empty() && l.rgb.empty()) l.rgbName = name;
-        m_rgbActive = l.rgbName == name;
-        if (m_rgbActive) l.rgb.reserve(l.rgb.size() + count);
-        return LXO_OK;
-    }
-    if (type != lxoid::TXUV || dimension < 2) return LXO_OK;
+    // Room for what the chunk can hold (a polygon takes two bytes or more, an index two or
+    // more), filled through raw pointers and cut to size at the end.
     Layer& l = CurrentLayer();
-    // One UV map per mesh: the first one named in the layer.
-    if (l.uvName.empty() && l.uv.empty()) l.uvName = name;
-    m_uvActive = l.uvName == name;
-    if (m_uvActive) l.uv.reserve(l.uv.size() + count); // count: the complete entries present
-    return LXO_OK;
-}
-
-uint32_t LxoLoader::OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) {
-    if (m_uvActive) CurrentLayer().uv.push_back({vertex, kNone, values[0], values[1]});
-    else if (m_rgbActive) CurrentLayer().rgb.push_back(Rgb(vertex, kNone, dimension, values));
-    return LXO_OK;
-}
-
-LxoLoader::RgbValue LxoLoader::Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) {
-    return {vertex, polygon, {values[0], values[1], values[2], dimension > 3 ? values[3] : 1.0f}};
-}
-
-uint32_t LxoLoader::OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) {
-    if (!m_uvActive && !m_rgbActive) return LXO_OK;
-    Layer& l = CurrentLayer();
-    const uint64_t p = uint64_t(l.polsBase) + polygon;
-    if (p >= l.polyKind.size()) return LXO_OK;
-    if (m_uvActive) l.uv.push_back({vertex, static_cast<uint32_t>(p), values[0], values[1]});
-    else l.rgb.push_back(Rgb(vertex, static_cast<uint32_t>(p), dimension, values));
-    return LXO_OK;
-}
-
-uint32_t LxoLoader::OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) {
-    if (type != lxoid::MATR) return LXO_OK;
-    Layer& l = CurrentLayer();
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint64_t p = uint64_t(l.polsBase) + pairs[i * 2];
-        if (p >= l.polyKind.size()) continue;
-        l.matTag.push_back(static_cast<uint32_t>(p));
-        l.matTag.push_back(pairs[i * 2 + 1]);
+    const size_t idx0 = l.polyIndices.size(), poly0 = l.polyKind.size();
+    hostmem::ReserveLarge(l.polyIndices, idx0 + left / 2);
+    hostmem::ReserveLarge(l.polyOffsets, l.polyOffsets.size() + left / 2);
+    hostmem::ReserveLarge(l.polyKind, poly0 + left / 2);
+    l.polyIndices.resize(idx0 + left / 2);
+    l.polyOffsets.resize(poly0 + 1 + left / 2);
+    l.polyKind.resize(poly0 + left / 2);
+    uint32_t* idx = l.polyIndices.data() + idx0;
+    uint32_t* const idxStart = idx;
+    uint32_t* off = l.polyOffsets.data() + poly0 + 1;
+    uint8_t* kinds = l.polyKind.data() + poly0;
+    uint32_t top = l.maxIndex;
+    bool irregular = false;
+    uint32_t result = LXO_OK;
+    size_t polys = 0;
+    while (p != end) {
+        if (end - p < 2) {
+            result = LXO_ERR_READ;
+            break;
+        }
+        uint32_t count = Be16(p);
+        p += 2;
+        if (packed) {
+            count &= 0x3FF;
+        } else if (flagged) {
+            if (end - p < 4) {
+                result = LXO_ERR_READ;
+                break;
+            }
+            p += 4;
+        }
+        if (size_t(count) * 2 > size_t(end - p)) {
+            result = LXO_ERR_READ;
+            break;
+        }
+        // Skipped kinds are decoded (and checked) in place but keep no corners.
+        if (!DecodeVx(p, end, idx, count)) {
+            result = LXO_ERR_READ;
+            break;
+        }
+        if (kind != kSkipped)
+            for (uint32_t k = 0; k < count; ++k) top = std::max(top, idx[k]);
+        if (idx0 + size_t(idx - idxStart) + count >= kMaxCount || poly0 + polys + 1 >= kMaxCount) {
+            result = LXO_ERR_OUT_OF_MEMORY;
+            break;
+        }
+        if (kind != kSkipped) idx += count;
+        irregular |= count < 3;
+        *off++ = static_cast<uint32_t>(idx0 + size_t(idx - idxStart));
+        *kinds++ = kind;
+        ++polys;
     }
-    return LXO_OK;
+    l.polyIndices.resize(idx0 + size_t(idx - idxStart));
+    l.polyOffsets.resize(poly0 + 1 + polys);
+    l.polyKind.resize(poly0 + polys);
+    l.maxIndex = top;
+    l.irregular |= irregular || (polys && kind != kFace);
+    SkipRestOfChunk();
+    if (result) return result;
+    return ChunkMissing() ? LXO_ERR_READ : LXO_OK;
+}
+
+uint32_t LxoLoader::TakeVertexMap(bool disc) {
+    uint32_t type = 0;
+    uint16_t dim = 0;
+    std::string name;
+    if (uint32_t r = LoadChunk()) return r;
+    if (uint32_t r = ReadU4(&type)) return r;
+    if (uint32_t r = ReadU2(dim)) return r;
+    if (uint32_t r = ReadS0(name)) return r;
+    const size_t left = static_cast<size_t>(ChunkUnread());
+    const uint8_t* p = PeekLoaded(left);
+    const uint8_t* const end = p + left;
+    const size_t values = size_t(dim) * 4;
+    const size_t smallest = (disc ? 4 : 2) + values; // an entry with short indices
+
+    // One UV map and one colour map per mesh: the first of each named in the layer.
+    Layer* l = nullptr;
+    bool uv = false, rgb = false;
+    if ((type == lxoid::RGB_ || type == lxoid::RGBA) && dim >= 3) {
+        l = &CurrentLayer();
+        if (l->rgbName.empty() && l->rgb.empty()) l->rgbName = name;
+        rgb = l->rgbName == name;
+        if (rgb) l->rgb.reserve(l->rgb.size() + left / smallest);
+    } else if (type == lxoid::TXUV && dim >= 2) {
+        l = &CurrentLayer();
+        if (l->uvName.empty() && l->uv.empty()) l->uvName = name;
+        uv = l->uvName == name;
+        if (uv) l->uv.reserve(l->uv.size() + left / smallest);
+    }
+    const size_t polygons = l ? l->polyKind.size() : 0;
+    // Complete entries are taken; a cut one at the end is a short read.
+    while (p != end) {
+        const uint8_t* q = p;
+        uint32_t vertex = 0, polygon = kNone;
+        if (!Vx(q, end, vertex)) break;
+        if (disc && !Vx(q, end, polygon)) break;
+        if (size_t(end - q) < values) break;
+        p = q + values;
+        if (!uv && !rgb) continue;
+        if (disc) {
+            const uint64_t at = uint64_t(l->polsBase) + polygon;
+            if (at >= polygons) continue;
+            polygon = static_cast<uint32_t>(at);
+        }
+        if (uv) l->uv.push_back({vertex, polygon, F32be(q), F32be(q + 4)});
+        else
+            l->rgb.push_back({vertex, polygon, {F32be(q), F32be(q + 4), F32be(q + 8), dim > 3 ? F32be(q + 12) : 1.0f}});
+    }
+    const bool cut = p != end;
+    SkipRestOfChunk();
+    return cut || ChunkMissing() ? LXO_ERR_READ : LXO_OK;
+}
+
+uint32_t LxoLoader::TakePolyTags() {
+    uint32_t type = 0;
+    if (uint32_t r = LoadChunk()) return r;
+    if (uint32_t r = ReadU4(&type)) return r;
+    const size_t left = static_cast<size_t>(ChunkUnread());
+    const uint8_t* p = PeekLoaded(left);
+    const uint8_t* const end = p + left;
+    // Only material tags are kept; the others are still checked.
+    Layer* l = type == lxoid::MATR ? &CurrentLayer() : nullptr;
+    const size_t polygons = l ? l->polyKind.size() : 0;
+    if (l) l->matTag.reserve(l->matTag.size() + left / 4 * 2);
+    while (p != end) {
+        uint32_t polygon = 0;
+        if (!Vx(p, end, polygon) || end - p < 2) {
+            SkipRestOfChunk();
+            return LXO_ERR_READ;
+        }
+        const uint16_t tag = Be16(p);
+        p += 2;
+        if (!l) continue;
+        const uint64_t at = uint64_t(l->polsBase) + polygon;
+        if (at >= polygons) continue;
+        l->matTag.push_back(static_cast<uint32_t>(at));
+        l->matTag.push_back(tag);
+    }
+    SkipRestOfChunk();
+    return ChunkMissing() ? LXO_ERR_READ : LXO_OK;
 }
 
 // ---------------------------------------------------------------------------
@@ -178,6 +346,8 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
     else if (t == "mask") it.kind = Kind::Mask;
     else if (t == "advancedMaterial") it.kind = Kind::Material;
     else if (t == "lightMaterial") it.kind = Kind::LightMaterial;
+    else if (t == "imageMap") it.kind = Kind::ImageMap;
+    else if (t == "videoStill") it.kind = Kind::Clip;
     else if (t == "camera" && m_options.importCameras) it.kind = Kind::Camera;
     else if (t.size() > 5 && t.substr(t.size() - 5) == "Light" && m_options.importLights) it.kind = Kind::Light;
     if (it.kind == Kind::Camera || it.kind == Kind::Light || it.kind == Kind::LightMaterial) {
@@ -188,7 +358,7 @@ uint32_t LxoLoader::OnItemBegin(const char* type, const char* name, uint32_t ref
         m_optics.back().lightKind = t == "sunLight" ? LIGHT_DIRECTIONAL : t == "spotLight" ? LIGHT_SPOT : LIGHT_POINT;
     }
     if (it.kind == Kind::Scale) it.vec[0] = it.vec[1] = it.vec[2] = 1.0f;
-    if (it.kind == Kind::Mask || it.kind == Kind::Material) {
+    if (HasShading(it.kind)) {
         it.shading = static_cast<int32_t>(m_shading.size());
         m_shading.emplace_back();
     }
@@ -235,6 +405,8 @@ uint32_t LxoLoader::OnItemLink(const char* graph, uint32_t referenceID, uint32_t
             it->xfrmTarget = referenceID;
             it->xfrmOrdinal = index;
         }
+    } else if ((it->kind == Kind::ImageMap || it->kind == Kind::Clip) && it->links.size() < kMaxLinks) {
+        it->links.push_back(referenceID);
     }
     return LXO_OK;
 }
@@ -267,12 +439,23 @@ uint32_t LxoLoader::OnChannelVectorElement(const char* name, const LxoChannelVal
 }
 
 uint32_t LxoLoader::OnChannelString(const char* name, const char* value) {
+    // Cameras and lights keep their index into m_optics, not m_shading.
     Item* it = Current();
-    if (!it || it->shading < 0) return LXO_OK;
+    if (!it || !HasShading(it->kind)) return LXO_OK;
     Shading& s = m_shading[static_cast<size_t>(it->shading)];
+    SetText(s, name, value);
+    return LXO_OK;
+}
+
+bool LxoLoader::HasShading(Kind kind) {
+    return kind == Kind::Mask || kind == Kind::Material || kind == Kind::ImageMap || kind == Kind::Clip;
+}
+
+void LxoLoader::SetText(Shading& s, const char* name, const char* value) {
     if (std::strcmp(name, "ptag") == 0) s.ptag = value;
     else if (std::strcmp(name, "ptyp") == 0) s.ptyp = value;
-    return LXO_OK;
+    else if (std::strcmp(name, "effect") == 0) s.effect = value;
+    else if (std::strcmp(name, "filename") == 0) s.file = value;
 }
 
 void LxoLoader::SetChannel(const std::string& name, const LxoChannelValue& value) {
@@ -328,11 +511,12 @@ void LxoLoader::SetChannel(Item& item, const std::string& name, const LxoChannel
         return;
     }
     case Kind::Mask:
-    case Kind::Material: {
+    case Kind::Material:
+    case Kind::ImageMap:
+    case Kind::Clip: {
         Shading& s = m_shading[static_cast<size_t>(it->shading)];
         if (value.kind == 3) {
-            if (name == "ptag") s.ptag = value.text;
-            else if (name == "ptyp") s.ptyp = value.text;
+            SetText(s, name.c_str(), value.text);
             return;
         }
         if (!number) return;
@@ -386,6 +570,80 @@ void LxoLoader::Bind() {
     std::stable_sort(m_xfrms.begin(), m_xfrms.end(), [](const Xfrm& a, const Xfrm& b) {
         return a.target != b.target ? a.target < b.target : a.ordinal < b.ordinal;
     });
+
+    // Diffuse colour image maps, with the file of their clip. One inside a mask textures
+    // that mask's material; one outside any mask textures the base material and every
+    // material whose mask holds none. A later one sits above an earlier one and wins.
+    std::unordered_map<uint32_t, uint32_t> clipLinkedTo; // item ID -> the first clip linking to it
+    for (uint32_t i = 0; i < m_items.size(); ++i)
+        if (m_items[i].kind == Kind::Clip)
+            for (uint32_t target : m_items[i].links) clipLinkedTo.emplace(target, i);
+    auto clipFile = [&](const Item& map) -> const std::string* {
+        for (uint32_t target : map.links) {
+            const int32_t c = FindItem(target);
+            if (c >= 0 && m_items[static_cast<size_t>(c)].kind == Kind::Clip) {
+                const std::string& f = m_shading[static_cast<size_t>(m_items[static_cast<size_t>(c)].shading)].file;
+                if (!f.empty()) return &f;
+            }
+        }
+        const auto back = clipLinkedTo.find(map.id);
+        if (back == clipLinkedTo.end()) return nullptr;
+        const std::string& f = m_shading[static_cast<size_t>(m_items[back->second].shading)].file;
+        return f.empty() ? nullptr : &f;
+    };
+    size_t noClip = 0;
+    for (const Item& it : m_items) {
+        if (it.kind != Kind::ImageMap) continue;
+        const Shading& t = m_shading[static_cast<size_t>(it.shading)];
+        if (!t.enable || t.effect != "diffColor") continue;
+        const std::string* file = clipFile(it);
+        if (!file) {
+            ++noClip;
+            continue;
+        }
+        const int32_t p = FindItem(it.parent);
+        if (p < 0 || m_items[static_cast<size_t>(p)].kind != Kind::Mask) {
+            m_baseTexture = *file;
+            continue;
+        }
+        const Shading& ms = m_shading[static_cast<size_t>(m_items[static_cast<size_t>(p)].shading)];
+        if (!ms.enable || !(ms.ptyp.empty() || ms.ptyp == "Material")) continue;
+        m_textureByTag[ms.ptag] = *file;
+    }
+    if (noClip)
+        Log(L"Image maps on the diffuse colour without a clip that names a file were left out: " +
+            std::to_wstring(noClip));
+}
+
+void LxoLoader::AddTexture(C3DMaterial& material, const std::string& file) {
+    // Each file is looked for once: as given, beside the scene, then by its bare name
+    // beside the scene (paths often come from another machine).
+    const auto [at, fresh] = m_resolved.try_emplace(file);
+    if (fresh) {
+        const CXStringW given = Wide(file);
+        CXStringW path = given;
+        bool found = false;
+        if (!fileIsPathRelative(given)) {
+            found = fileExists(given);
+        } else if (!m_folder.IsEmpty()) {
+            path = fileMakeAbsolutePath(m_folder, given);
+            found = fileExists(path);
+        }
+        if (!found && !m_folder.IsEmpty()) {
+            const CXStringW bare = fileMakeAbsolutePath(m_folder, fileStripPath(given));
+            if (fileExists(bare)) {
+                path = bare;
+                found = true;
+            }
+        }
+        if (!found) path = given;
+        Log((found ? L"Texture file found: " : L"Texture file not found: ") + path.str());
+        at->second = path;
+        m_building->AddRequiredFile(path);
+    }
+    CMaterialMap* map = material.AddMaterialMap(at->second, 0, MAP_DIFFUSE, PROJ_UV);
+    map->SetFlag(MAPF_TILE_U);
+    map->SetFlag(MAPF_TILE_V);
 }
 
 uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
@@ -423,6 +681,13 @@ uint32_t LxoLoader::MaterialForTag(C3DScene& scene, uint32_t tag) {
             sm->shininess = std::clamp(1.0f - Finite(s.rough, 1.0f), 0.0f, 1.0f);
         }
     }
+    const std::string* texture = nullptr;
+    if (!untagged) {
+        const auto found = m_textureByTag.find(name);
+        if (found != m_textureByTag.end()) texture = &found->second;
+    }
+    if (!texture && !m_baseTexture.empty()) texture = &m_baseTexture;
+    if (texture) AddTexture(*m, *texture);
     const uint32_t id = m->GetID();
     if (untagged) m_baseMaterial = id;
     else m_materialByName.emplace(name, m_materialOfTag[tag] = id);
@@ -439,20 +704,20 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     };
 
     // Faces: three corners or more, every index a point of the layer.
-    std::vector<int32_t> faceOf(npoly, -1);
     CFaceList::IndexArray offsets, indices, materials;
     CFaceList::FlagArray flags;
     offsets.push_back(0);
     size_t curveCount = 0;
-    // The usual layer (faces only, all good) hands its arrays over as they are.
-    bool plain = true;
-    for (size_t p = 0; p < npoly && plain; ++p)
-        plain = l.polyKind[p] == kFace && l.polyOffsets[p + 1] - l.polyOffsets[p] >= 3;
-    if (plain) plain = std::all_of(l.polyIndices.begin(), l.polyIndices.end(), [&](uint32_t v) { return v < np; });
+    // The usual layer (faces only, all good) hands its arrays over as they are, and its
+    // polygon numbers are its face numbers; otherwise faceOf maps them (-1: no face).
+    const bool plain = !l.irregular && (l.polyIndices.empty() || l.maxIndex < np);
+    std::vector<int32_t> faceOf;
+    auto face = [&](size_t p) { return plain ? static_cast<int32_t>(p) : faceOf[p]; };
     if (plain) {
-        for (size_t p = 0; p < npoly; ++p) faceOf[p] = static_cast<int32_t>(p);
         offsets = std::move(l.polyOffsets);
         indices = std::move(l.polyIndices);
+    } else {
+        faceOf.assign(npoly, -1);
     }
     for (size_t p = 0; p < npoly && !plain; ++p) {
         const uint32_t n = l.polyOffsets[p + 1] - l.polyOffsets[p];
@@ -497,12 +762,15 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     if (nf == 0) return nullptr;
 
     // Materials per face: PTAG MATR, the untagged ones the base material.
-    std::vector<uint32_t> tagOf(npoly, kNone);
-    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) tagOf[l.matTag[i]] = l.matTag[i + 1];
+    // The face's tag + 1 goes in first (0, what the fresh array holds: untagged), then
+    // each becomes its material, in face order.
     materials.resize(nf);
     flags.resize(nf);
-    for (size_t p = 0; p < npoly; ++p)
-        if (faceOf[p] >= 0) materials[static_cast<size_t>(faceOf[p])] = MaterialForTag(*m_building, tagOf[p]);
+    for (size_t i = 0; i + 1 < l.matTag.size(); i += 2) {
+        const int32_t f = face(l.matTag[i]);
+        if (f >= 0) materials[static_cast<size_t>(f)] = l.matTag[i + 1] + 1;
+    }
+    for (size_t f = 0; f < nf; ++f) materials[f] = MaterialForTag(*m_building, materials[f] - 1);
 
     auto mesh = std::make_unique<C3DObject>();
     // Vertex maps: the continuous values first (one entry per point), then one entry per
@@ -517,7 +785,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
                 setPoint(e);
                 continue;
             }
-            if (faceOf[e.polygon] < 0) continue;
+            if (face(e.polygon) < 0) continue;
             const auto [at, fresh] = disc.emplace(uint64_t(e.polygon) << 32 | e.vertex, 0u);
             if (fresh) at->second = addEntry(e);
         }
@@ -525,8 +793,8 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
         CFaceList::FlagArray cflags(nf);
         if (!disc.empty()) {
             for (size_t p = 0; p < npoly; ++p) {
-                if (faceOf[p] < 0) continue;
-                const size_t fi = static_cast<size_t>(faceOf[p]);
+                if (face(p) < 0) continue;
+                const size_t fi = static_cast<size_t>(face(p));
                 const uint32_t base = offsets[fi], n = offsets[fi + 1] - offsets[fi];
                 for (uint32_t k = 0; k < n; ++k) {
                     const auto f = disc.find(uint64_t(p) << 32 | cidx[base + k]);
@@ -540,8 +808,7 @@ C3DBaseObject* LxoLoader::BuildLayer(Layer& l, std::unique_ptr<C3DCurve>& curves
     if (!l.uv.empty()) {
         uv = std::make_unique<CUVWChannel>();
         CUVWPointList& up = *uv->GetUVWPointList();
-        up.SetSize(static_cast<int>(np));
-        std::fill(up.GetData(), up.GetData() + np * 3, 0.0f);
+        up.SetSize(static_cast<int>(np)); // zeros
         buildMap(
             l.uv, *uv->GetUVWFaceList(),
             [&](const UvValue& e) {
@@ -705,7 +972,7 @@ C3DScene* LxoLoader::Load() {
         spent.points = hostmem::ZeroedArray<float>();
         spent.polyOffsets = CFaceList::IndexArray();
         spent.polyIndices = CFaceList::IndexArray();
-        std::vector<uint8_t>().swap(spent.polyKind);
+        spent.polyKind = hostmem::ZeroedArray<uint8_t>();
         std::vector<UvValue>().swap(spent.uv);
         std::vector<RgbValue>().swap(spent.rgb);
         std::vector<uint32_t>().swap(spent.matTag);

@@ -2,7 +2,9 @@
 // Builds a host scene from an LXO file through the reader's handlers. Mesh data comes
 // before the items that own it, so layers are buffered and bound to their mesh items once
 // every chunk is read. Item CHAN sub-chunks name their channel by a U2 index into CHNM;
-// the loader takes that sub-chunk itself and resolves the index.
+// the loader takes that sub-chunk itself and resolves the index. The bulk chunks (PNTS,
+// POLS, VMAP, VMAD, PTAG) are decoded here too, straight from the loaded chunk into the
+// layer's arrays, with the result codes the framework's decoders give.
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -14,14 +16,17 @@
 #include "formats/lxo/LxoReader.h"
 #include "plugin/host/FaceList.h"
 #include "plugin/host/LargeArray.h"
+#include "plugin/host/Material.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/Options.h"
 #include "plugin/host/Scene.h"
 
 class LxoLoader : public LxoReader {
 public:
-    // Takes ownership of `stream`. `cancelled` is polled between chunks.
-    LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled);
+    // Takes ownership of `stream`. `cancelled` is polled between chunks. Texture files
+    // named by relative paths are looked for in `folder` (none for a file in memory).
+    LxoLoader(FILE* stream, CSceneImportOptions& options, std::function<bool()> cancelled,
+              CXStringW folder = CXStringW());
     ~LxoLoader() override;
 
     // Reads the file and builds the scene; null when the walk failed or was cancelled
@@ -30,15 +35,10 @@ public:
     uint32_t Result() const { return m_result; }
     bool WasCancelled() const { return m_cancelled; }
 
+    uint32_t ParseChunk(int context) override;
     uint32_t ParseItemSubChunk(int context) override;
     uint32_t OnChunkHeader(uint32_t id, uint32_t size) override;
     uint32_t OnLayer(const LxoLayerInfo& layer) override;
-    uint32_t OnPoints(uint32_t count, const float* xyz) override;
-    uint32_t OnPolygon(uint32_t type, uint32_t count, const uint32_t* indices, uint32_t flags) override;
-    uint32_t OnVertexMap(uint32_t type, const char* name, uint32_t count, uint32_t dimension) override;
-    uint32_t OnVertexMapValue(uint32_t vertex, uint32_t dimension, const float* values) override;
-    uint32_t OnVertexMapDiscValue(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values) override;
-    uint32_t OnPolyTags(uint32_t type, uint32_t count, const uint32_t* pairs) override;
     uint32_t OnItemBegin(const char* type, const char* name, uint32_t referenceID) override;
     uint32_t OnItemEnd() override;
     uint32_t OnItemLayer(uint32_t index, uint32_t flags, uint32_t rgba) override;
@@ -65,7 +65,9 @@ private:
         Scale,
         Mask,
         Material,
-        LightMaterial
+        LightMaterial,
+        ImageMap,
+        Clip
     };
 
     struct UvValue {
@@ -76,7 +78,6 @@ private:
         uint32_t vertex, polygon;
         float c[4];
     };
-    static RgbValue Rgb(uint32_t vertex, uint32_t polygon, uint32_t dimension, const float* values);
     struct Layer {
         LxoLayerInfo info;
         hostmem::ZeroedArray<float> points; // handed to the mesh whole
@@ -84,8 +85,10 @@ private:
         // the POLS chunk before them (polsBase).
         CFaceList::IndexArray polyOffsets{0};
         CFaceList::IndexArray polyIndices;
-        std::vector<uint8_t> polyKind; // 0 face, 1 curve, 2 other
+        hostmem::ZeroedArray<uint8_t> polyKind; // 0 face, 1 curve, 2 other
         uint32_t polsBase = 0;
+        bool irregular = false; // a polygon that is not a face of three corners or more
+        uint32_t maxIndex = 0;  // the largest corner index of the faces and curves
         std::string uvName;
         std::vector<UvValue> uv; // continuous (polygon = kNone) and discontinuous values
         std::string rgbName;
@@ -104,6 +107,8 @@ private:
         float smAngle = 0.0f;
         int enable = 1;
         std::string ptag, ptyp;
+        std::string effect; // image maps: the channel they drive
+        std::string file;   // clips: the image file
     };
     // Cameras, lights and light materials.
     struct Optics {
@@ -123,15 +128,25 @@ private:
         char order[4] = {'x', 'y', 'z', 0}; // rotation order, the axis applied first first
         std::string name;                   // the item name, else its unique name, else its type
         int32_t shading = -1;               // index into m_shading (m_optics for cameras, lights)
+        std::vector<uint32_t> links;        // image maps and clips: targets of their other links
     };
 
+    // The bulk decoders: each takes the whole chunk.
+    uint32_t TakePoints();
+    uint32_t TakePolygons();
+    uint32_t TakeVertexMap(bool disc);
+    uint32_t TakePolyTags();
     Layer& CurrentLayer();
+    // Masks, materials, image maps and clips keep their channels in m_shading.
+    static bool HasShading(Kind kind);
+    static void SetText(Shading& s, const char* name, const char* value);
     Item* Current() { return m_inItem && !m_items.empty() ? &m_items.back() : nullptr; }
     void SetChannel(const std::string& name, const LxoChannelValue& value);
     void SetChannel(Item& item, const std::string& name, const LxoChannelValue& value);
     int32_t FindItem(uint32_t id) const;
     void Bind();
     uint32_t MaterialForTag(C3DScene& scene, uint32_t tag);
+    void AddTexture(C3DMaterial& material, const std::string& file);
     C3DBaseObject* BuildLayer(Layer& layer, std::unique_ptr<C3DCurve>& curves);
     C4x4Matrix LocalMatrix(uint32_t itemIndex) const;
     void Log(const std::wstring& text);
@@ -143,8 +158,6 @@ private:
     uint32_t m_chunks = 0;
 
     std::vector<Layer> m_layers;
-    bool m_uvActive = false;
-    bool m_rgbActive = false;
     std::vector<Item> m_items;
     std::vector<Shading> m_shading;
     std::vector<Optics> m_optics;
@@ -167,5 +180,10 @@ private:
     };
     std::vector<Xfrm> m_xfrms;                               // sorted by target, ordinal
     std::unordered_map<std::string, int32_t> m_shadingByTag; // mask tag -> material inside
+    // Diffuse colour image maps: per mask tag, and the one outside any mask.
+    std::unordered_map<std::string, std::string> m_textureByTag;
+    std::string m_baseTexture;
+    std::unordered_map<std::string, CXStringW> m_resolved; // texture file -> path used
+    CXStringW m_folder;
     C3DScene* m_building = nullptr;
 };

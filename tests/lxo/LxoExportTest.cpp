@@ -487,3 +487,62 @@ TEST(LxoExport, MaterialTablesShareOneBudget) {
     EXPECT_EQ(nameOf(0), CXStringW(L"Far"));
     EXPECT_EQ(nameOf(meshes - 1), CXStringW(L"Default"));
 }
+
+TEST(LxoExport, FourByteIndicesAndSeamsAtHighPointsComeBack) {
+    // 0x10005 points: faces, UV values and seams at points past 0xFF00 (and past 0xFFFF)
+    // take four-byte indices in POLS, VMAP and VMAD; 0x10002 faces, so that polygon tags
+    // do too.
+    constexpr uint32_t kPoints = 0x10005;
+    auto scene = std::make_unique<C3DScene>();
+    C3DMaterial* red = scene->CreateNewMaterial();
+    red->SetName(L"Red");
+    auto* mesh = new C3DObject();
+    auto* uv = new CUVWChannel();
+    for (uint32_t i = 0; i < kPoints; ++i) {
+        mesh->GetPointList()->Add(float(i), 0, 0);
+        uv->GetUVWPointList()->Add(float(i) / kPoints, 0.5f, 0);
+    }
+    uv->GetUVWPointList()->Add(0.25f, 0.75f, 0); // the seam value
+    const uint32_t a[3] = {0, 0xFF00, 0x10004}, b[4] = {0x10004, 0xFF00, 5, 6}, bUv[4] = {kPoints, 0xFF00, 5, 6};
+    C3DFaceList& fl = *mesh->GetFaceList();
+    fl.SetCurrentMaterial(NO_MATERIAL);
+    fl.AddFace(a, 3);
+    fl.SetCurrentMaterial(red->GetID());
+    fl.AddFace(b, 4);
+    uv->GetUVWFaceList()->AddFace(a, 3);
+    uv->GetUVWFaceList()->AddFace(bUv, 4);
+    const uint32_t t[3] = {1, 2, 3};
+    for (uint32_t f = 2; f < 0x10002; ++f) {
+        fl.SetCurrentMaterial(f % 3 ? NO_MATERIAL : red->GetID());
+        fl.AddFace(t, 3);
+        uv->GetUVWFaceList()->AddFace(t, 3);
+    }
+    mesh->SetGlobalUVWChannel(mesh->AddChannel(uv, 0));
+    scene->AddNode(nullptr, new C3DSceneNode(mesh))->SetName(L"Big");
+
+    TempDir dir;
+    const std::string path = (dir / "big.lxo").string();
+    ASSERT_TRUE(Save(*scene, path));
+    auto back = ReadBack(path);
+    ASSERT_TRUE(back);
+    C3DSceneNode* node = back->FindNodeByName(CXStringW(L"Big"));
+    auto* obj = node ? dynamic_cast<C3DObject*>(node->GetBaseObject()) : nullptr;
+    ASSERT_TRUE(obj);
+    ASSERT_EQ(obj->GetPointList()->GetSize(), int(kPoints));
+    const C3DFaceList& faces = *obj->GetFaceList();
+    ASSERT_EQ(faces.GetNumberOfFaces(), 0x10002);
+    EXPECT_TRUE(std::equal(a, a + 3, faces.GetFaceIndices(0)));
+    EXPECT_TRUE(std::equal(b, b + 4, faces.GetFaceIndices(1)));
+    EXPECT_EQ(FaceMaterial(*back, *obj, 1)->GetName(), CXStringW(L"Red"));
+    for (int f : {0xFF01, 0x10000, 0x10001})
+        EXPECT_EQ(FaceMaterial(*back, *obj, f)->GetName() == CXStringW(L"Red"), f % 3 == 0) << f;
+    const CUVWChannel* buv = obj->GetGlobalUVWChannel();
+    ASSERT_TRUE(buv);
+    auto uvAt = [&](int f, int k) {
+        return buv->GetUVWPointList()->GetPoint(static_cast<int>(buv->GetUVWFaceList()->GetFaceIndices(f)[k]));
+    };
+    EXPECT_FLOAT_EQ(uvAt(0, 2).x, float(0x10004) / kPoints); // the point's own value
+    EXPECT_FLOAT_EQ(uvAt(1, 0).x, 0.25f);                    // the seam
+    EXPECT_FLOAT_EQ(uvAt(1, 0).y, 0.75f);
+    EXPECT_FLOAT_EQ(uvAt(1, 1).x, float(0xFF00) / kPoints);
+}

@@ -449,6 +449,50 @@ TEST(LxoImport, BrokenLinksAndTablesAreSurvived) {
     EXPECT_EQ(m->GetName(), CXStringW(L"Base Material"));
 }
 
+TEST(LxoImport, LongIndicesAndUnkeptPolygonKindsKeepTheNumbering) {
+    // 0x10002 points, so the last ones take four-byte indices. A polygon of a kind that is
+    // not kept sits between the faces and still counts; tags and seam values count from
+    // the start of the POLS chunk before them.
+    constexpr uint32_t kPoints = 0x10002;
+    std::string pnts;
+    pnts.reserve(size_t(kPoints) * 12);
+    for (uint32_t i = 0; i < kPoints; ++i) pnts += F4(float(i)) + F4(0) + F4(0);
+    auto vx = [](uint32_t v) { return v < 0xFF00 ? U2(static_cast<uint16_t>(v)) : U4(0xFF000000u | v); };
+    const std::string uvHead = std::string("TXUV") + U2(2) + std::string("UV\0\0", 4);
+    std::string chunks = Chunk("TAGS", std::string("A\0B\0", 4)) + Chunk("PNTS", pnts);
+    chunks += Chunk("POLS", std::string("FACE") + U2(3) + vx(0) + vx(0xFF00) + vx(0x10001));
+    chunks += Chunk("PTAG", std::string("MATR") + vx(0) + U2(0));
+    chunks += Chunk("POLS", std::string("PTCH") + U2(4) + vx(0) + vx(1) + vx(2) + vx(3));
+    // The second face names a point past the last: dropped.
+    chunks +=
+        Chunk("POLS", std::string("FACE") + U2(3) + vx(0x10001) + vx(1) + vx(2) + U2(3) + vx(1) + vx(2) + vx(kPoints));
+    chunks += Chunk("PTAG", std::string("MATR") + vx(0) + U2(1) + vx(1) + U2(0));
+    chunks += Chunk("VMAP", uvHead + vx(0x10001) + F4(0.5f) + F4(0.25f));
+    chunks += Chunk("VMAD", uvHead + vx(0x10001) + vx(0) + F4(0.875f) + F4(0.75f));
+    auto r = Import(Form(chunks));
+    ASSERT_TRUE(r->scene) << r->error;
+    C3DObject* mesh = nullptr;
+    for (C3DSceneNode* n : Nodes(*r->scene))
+        if (!mesh) mesh = dynamic_cast<C3DObject*>(n->GetBaseObject());
+    ASSERT_TRUE(mesh);
+    const C3DFaceList& faces = *mesh->GetFaceList();
+    ASSERT_EQ(faces.GetNumberOfFaces(), 2);
+    EXPECT_EQ(faces.GetFaceIndices(0)[1], 0xFF00u);
+    EXPECT_EQ(faces.GetFaceIndices(0)[2], 0x10001u);
+    EXPECT_EQ(faces.GetFaceIndices(1)[0], 0x10001u);
+    EXPECT_EQ(r->scene->GetMaterialByID(faces.GetMaterialID(0))->GetName(), CXStringW(L"A"));
+    EXPECT_EQ(r->scene->GetMaterialByID(faces.GetMaterialID(1))->GetName(), CXStringW(L"B"));
+    const CUVWChannel* uv = mesh->GetGlobalUVWChannel();
+    ASSERT_TRUE(uv);
+    const CUVWFaceList& uf = *uv->GetUVWFaceList();
+    const C3DPoint shared = uv->GetUVWPointList()->GetPoint(static_cast<int>(uf.GetFaceIndices(0)[2]));
+    const C3DPoint seam = uv->GetUVWPointList()->GetPoint(static_cast<int>(uf.GetFaceIndices(1)[0]));
+    EXPECT_FLOAT_EQ(shared.x, 0.5f);
+    EXPECT_FLOAT_EQ(shared.y, 0.25f);
+    EXPECT_FLOAT_EQ(seam.x, 0.875f);
+    EXPECT_FLOAT_EQ(seam.y, 0.75f);
+}
+
 TEST(LxoImport, LongParentChainStaysLinear) {
     // 100000 locators, each the parent of the next: no recursion, no quadratic walk.
     constexpr uint32_t kCount = 100000;
