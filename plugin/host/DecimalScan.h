@@ -131,14 +131,16 @@ inline constexpr float kPow10Float[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f
     if (digits != 0 && digits <= 15 && (q == last || (*q | 0x20) != 'e')) [[likely]] {
         const int f = frac < 0 ? 0 : frac;
         if (m <= (uint64_t{1} << 24) && f <= 10) [[likely]] {
+            // The sign goes in as a bit: in lists it is a coin toss, too costly as a branch.
             const float v = static_cast<float>(m) / kPow10Float[f];
-            value = neg ? -v : v;
+            value = std::bit_cast<float>(std::bit_cast<uint32_t>(v) | static_cast<uint32_t>(neg) << 31);
             return {q, std::errc()};
         }
         const double d = static_cast<double>(m) / kPow10[f];
         constexpr uint64_t kLow = (uint64_t{1} << 29) - 1, kHalf = uint64_t{1} << 28;
         if ((std::bit_cast<uint64_t>(d) & kLow) != kHalf) {
-            value = static_cast<float>(neg ? -d : d);
+            value =
+                std::bit_cast<float>(std::bit_cast<uint32_t>(static_cast<float>(d)) | static_cast<uint32_t>(neg) << 31);
             return {q, std::errc()};
         }
     }
