@@ -276,7 +276,7 @@ private:
     const std::function<bool()>& m_cancelled;
     std::unique_ptr<C3DScene> m_scene;
     CDxfTagReader* m_tags;
-    CDxfTag m_pending;
+    std::string_view m_pendingType; // a (0, type) pair already read
     bool m_hasPending = false;
     bool m_truncatedGroup = false;
     std::string_view m_type;
@@ -328,16 +328,19 @@ void Reader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXSt
 
 // Reads one group: a (0, type) pair and the pairs up to the next code 0.
 bool Reader::NextGroup() {
+    // t is only ever copied (kept pairs go in as copies): with its address never taken it
+    // lives in registers, where a tag in memory, written in halves and read back whole,
+    // would stall every read of its text.
     CDxfTag t;
     if (m_hasPending) {
-        t = m_pending;
+        m_type = m_pendingType;
         m_hasPending = false;
     } else {
         do {
             if (!m_tags->Next(t)) return false;
         } while (t.code != 0);
+        m_type = t.text;
     }
-    m_type = t.text;
     m_body.clear();
     m_truncatedGroup = false;
     m_group.Reset();
@@ -349,7 +352,7 @@ bool Reader::NextGroup() {
         (first == 'S' || first == 'L') && (m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE");
     while (m_tags->Next(t)) {
         if (t.code == 0) {
-            m_pending = t;
+            m_pendingType = t.text;
             m_hasPending = true;
             return true;
         }
@@ -365,14 +368,14 @@ bool Reader::NextGroup() {
                 p.z = t.number;
                 m_group.hasZ[kCorner[k]] = true;
             }
-            if (keep && m_body.size() < kMaxGroupTags) m_body.push_back(t);
+            if (keep && m_body.size() < kMaxGroupTags) m_body.push_back(CDxfTag(t));
             else if (keep) m_truncatedGroup = true;
             continue;
         }
         if (t.code == 999) continue;
         Take(t, m_group);
         if (!keep) continue;
-        if (m_body.size() < kMaxGroupTags) m_body.push_back(t);
+        if (m_body.size() < kMaxGroupTags) m_body.push_back(CDxfTag(t));
         else m_truncatedGroup = true;
     }
     return true;
@@ -1091,7 +1094,7 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             out.error = IO_ERR_FORMAT;
             return out;
         }
-        m_pending = t;
+        m_pendingType = t.text;
         m_hasPending = true;
     }
     // Arrays let a few bytes ask for millions of placements: small files get fewer.
