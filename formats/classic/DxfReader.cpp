@@ -253,6 +253,8 @@ private:
     ColorRef ColorOf(const Entity& e, uint32_t layer) const;
     Geom* Target(uint32_t layer);
 
+    void Room(Strips& s, size_t points, size_t indices, size_t strips);
+    template <class A> void Room(A& a, size_t more);
     void Face(Geom& g, uint32_t slot, const Vec* pts, int n);
     void Curve(Geom& g, uint32_t slot, const std::vector<Vec>& pts, bool closed);
     void Arc(std::vector<Vec>& out, const Ocs& ocs, const Vec& centre, double r, double a0, double sweep);
@@ -276,7 +278,7 @@ private:
     const std::function<bool()>& m_cancelled;
     std::unique_ptr<C3DScene> m_scene;
     CDxfTagReader* m_tags;
-    CDxfTag m_pending;
+    std::string_view m_pendingType; // a (0, type) pair already read
     bool m_hasPending = false;
     bool m_truncatedGroup = false;
     std::string_view m_type;
@@ -322,22 +324,26 @@ private:
     bool m_capLogged = false, m_cycleLogged = false, m_depthLogged = false;
     size_t m_badValues = 0, m_acis = 0, m_droppedFaces = 0, m_missingBlocks = 0;
     bool m_anything = false;
+    size_t m_inputSize = 0;
 };
 
 void Reader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXStringW(text)); }
 
 // Reads one group: a (0, type) pair and the pairs up to the next code 0.
 bool Reader::NextGroup() {
+    // t is only ever copied (kept pairs go in as copies): with its address never taken it
+    // lives in registers, where a tag in memory, written in halves and read back whole,
+    // would stall every read of its text.
     CDxfTag t;
     if (m_hasPending) {
-        t = m_pending;
+        m_type = m_pendingType;
         m_hasPending = false;
     } else {
         do {
             if (!m_tags->Next(t)) return false;
         } while (t.code != 0);
+        m_type = t.text;
     }
-    m_type = t.text;
     m_body.clear();
     m_truncatedGroup = false;
     m_group.Reset();
@@ -349,7 +355,7 @@ bool Reader::NextGroup() {
         (first == 'S' || first == 'L') && (m_type == "SECTION" || m_type == "LWPOLYLINE" || m_type == "SPLINE");
     while (m_tags->Next(t)) {
         if (t.code == 0) {
-            m_pending = t;
+            m_pendingType = t.text;
             m_hasPending = true;
             return true;
         }
@@ -365,14 +371,14 @@ bool Reader::NextGroup() {
                 p.z = t.number;
                 m_group.hasZ[kCorner[k]] = true;
             }
-            if (keep && m_body.size() < kMaxGroupTags) m_body.push_back(t);
+            if (keep && m_body.size() < kMaxGroupTags) m_body.push_back(CDxfTag(t));
             else if (keep) m_truncatedGroup = true;
             continue;
         }
         if (t.code == 999) continue;
         Take(t, m_group);
         if (!keep) continue;
-        if (m_body.size() < kMaxGroupTags) m_body.push_back(t);
+        if (m_body.size() < kMaxGroupTags) m_body.push_back(CDxfTag(t));
         else m_truncatedGroup = true;
     }
     return true;
@@ -531,6 +537,29 @@ void Reader::LayerEntry() {
     l.frozen = (e.I(70) & 1) != 0;
 }
 
+// Face arrays of the entities section grow with the drawing: one that fills is sized for
+// what the rest of the input adds at the rate seen so far, not just doubled, which spares
+// most of the copies and fresh pages of doubling. The rate is that of bytes already read
+// (after the first MiB), so every layer's share adds up to about the drawing's arrays.
+template <class A> void Reader::Room(A& a, size_t more) {
+    if (more <= a.capacity() - a.size()) return;
+    size_t grown = a.capacity() * 2;
+    const size_t read = m_tags->Position();
+    if (m_section == Sect::Entities && read >= (size_t{1} << 20) && read < m_inputSize) {
+        const double rate = static_cast<double>(a.size()) / static_cast<double>(read); // `more` may be a bound
+        grown = std::max(a.capacity() + a.capacity() / 8,
+                         static_cast<size_t>(rate * static_cast<double>(m_inputSize) * 1.03));
+    }
+    a.reserve(std::max(a.size() + more, grown));
+}
+
+void Reader::Room(Strips& s, size_t points, size_t indices, size_t strips) {
+    Room(s.pts, 3 * points);
+    Room(s.idx, indices);
+    Room(s.off, strips + 1);
+    Room(s.slot, strips);
+}
+
 void Reader::Face(Geom& g, uint32_t slot, const Vec* pts, int n) {
     // Drop repeated corners (a triangle is a quad with its last corner doubled).
     Vec c[4];
@@ -539,6 +568,7 @@ void Reader::Face(Geom& g, uint32_t slot, const Vec* pts, int n) {
         if (k == 0 || !(pts[i] == c[k - 1])) c[k++] = pts[i];
     if (k > 1 && c[k - 1] == c[0]) --k;
     if (k < 3) return;
+    Room(g.faces, static_cast<size_t>(k), static_cast<size_t>(k), 1);
     g.faces.AddRun(c, k, slot);
 }
 
@@ -747,6 +777,7 @@ void Reader::PolylineEnd() {
     if (flags & 64) {                             // polyface mesh
         std::vector<uint32_t>& pos = m_vertexPos; // vertex number - 1 -> point index
         pos.clear();
+        Room(g.faces, m_vertices.size(), 4 * m_vertices.size(), m_vertices.size());
         const uint32_t base = g.faces.PointCount();
         for (const Vertex& v : m_vertices)
             if (!v.face) {
@@ -975,6 +1006,14 @@ void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Co
             obj->GetPointList()->Raw() = s.pts;
             fl->Adopt(IndexArray(s.off), IndexArray(s.idx), std::move(flags), std::move(materials));
         } else {
+            // Arrays sized ahead for a drawing that then ended early give back the rest.
+            const auto fit = [](auto& a) {
+                if (a.capacity() - a.size() > a.size() / 2) a.shrink_to_fit();
+            };
+            fit(s.pts);
+            fit(s.idx);
+            fit(s.off);
+            fit(s.slot);
             obj->GetPointList()->Raw() = std::move(s.pts);
             fl->Adopt(std::move(s.off), std::move(s.idx), std::move(flags), std::move(materials));
         }
@@ -1091,11 +1130,12 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             out.error = IO_ERR_FORMAT;
             return out;
         }
-        m_pending = t;
+        m_pendingType = t.text;
         m_hasPending = true;
     }
     // Arrays let a few bytes ask for millions of placements: small files get fewer.
     m_maxInstances = std::min(kMaxInstances, 4096 + data.size() / 16);
+    m_inputSize = data.size();
     m_scene = std::make_unique<C3DScene>();
     LayerIndex("0"); // index 0: layer "0", which block content takes from its INSERT
     size_t groups = 0;

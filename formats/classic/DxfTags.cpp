@@ -125,7 +125,7 @@ bool CDxfTagReader::CodeLine(std::string_view codeLine, int& code) {
     return true;
 }
 
-void CDxfTagReader::SlowValue(CDxfTag& tag) {
+std::string_view CDxfTagReader::SlowValue() {
     const char* p = m_data + m_pos;
     const size_t left = m_size - m_pos;
     size_t len = dxfscan::LineLength(p, left, m_crOnly ? '\r' : '\n');
@@ -134,7 +134,7 @@ void CDxfTagReader::SlowValue(CDxfTag& tag) {
     size_t b = 0;
     while (b < len && (p[b] == ' ' || p[b] == '\t')) ++b;
     while (len > b && (p[len - 1] == ' ' || p[len - 1] == '\t' || p[len - 1] == '\r')) --len;
-    tag.text = std::string_view(p + b, len - b);
+    return std::string_view(p + b, len - b);
 }
 
 bool CDxfTagReader::NextBinary(CDxfTag& tag) {

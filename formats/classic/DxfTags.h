@@ -33,7 +33,15 @@ public:
             return NextBlocks(tag);
 #endif
         case Mode::Lines: return NextAscii(tag);
-        case Mode::Binary: return NextBinary(tag);
+        case Mode::Binary: {
+            // Through a copy: the caller's tag never has its address taken, so it can
+            // live in registers (a tag in memory is stored in halves and read back whole,
+            // which the processor cannot forward).
+            CDxfTag b;
+            const bool more = NextBinary(b);
+            tag = b;
+            return more;
+        }
         case Mode::Stopped: break;
         }
         return false;
@@ -63,7 +71,7 @@ private:
     inline bool NextAscii(CDxfTag& tag);
     bool SlowCode(int& code); // a code line of any other shape, or a bad one
     bool CodeLine(std::string_view line, int& code);
-    void SlowValue(CDxfTag& tag); // a value line that is not a plain decimal
+    std::string_view SlowValue(); // a value line that is not a plain decimal
     bool NextBinary(CDxfTag& tag);
     bool Line(std::string_view& line);
 
@@ -132,7 +140,7 @@ private:
             return true;
         }
     }
-    SlowValue(tag);
+    tag.text = SlowValue();
     return true;
 }
 

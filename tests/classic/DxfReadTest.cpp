@@ -695,6 +695,31 @@ TEST(DxfRead, HostileBlocksAreBounded) {
     }
 }
 
+// Face arrays are sized ahead from the rate of the bytes read so far: a drawing whose
+// faces stop early (here a long tail of comments) must not keep the room it never used.
+TEST(DxfRead, FacesSizedAheadGiveBackUnusedRoom) {
+    Pairs faces;
+    for (int i = 0; i < 20000; ++i) {
+        faces.push_back({0, "3DFACE"});
+        faces.push_back({8, "A"});
+        for (int c = 0; c < 4; ++c) {
+            faces.push_back({10 + c, std::to_string(i + c % 2)});
+            faces.push_back({20 + c, std::to_string(c / 2)});
+            faces.push_back({30 + c, "0.5"});
+        }
+    }
+    for (int i = 0; i < 8; ++i) faces.push_back({999, std::string(1 << 20, 'c')});
+    const Read r = ReadBytes(Drawing(faces));
+    ASSERT_TRUE(r.scene) << r.error;
+    const auto meshes = OfKind(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 1u);
+    const C3DGeomObject& g = *meshes[0]->GetGeomObject();
+    EXPECT_EQ(g.GetFaceList()->GetNumberOfFaces(), 20000);
+    const auto& pts = g.GetPointList()->Raw();
+    EXPECT_EQ(pts.size(), 20000u * 4 * 3);
+    EXPECT_LE(pts.capacity(), pts.size() + pts.size() / 2);
+}
+
 TEST(DxfRead, WhatIsNotADrawing) {
     EXPECT_EQ(ReadBytes("").error, IO_ERR_FORMAT);
     EXPECT_EQ(ReadBytes("solid x\nfacet normal 0 0 1\n").error, IO_ERR_FORMAT);
