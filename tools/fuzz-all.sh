@@ -12,7 +12,7 @@ mkdir -p "$OUT"
 # Which corpus folders seed which target.
 seeds_for() {
     case $1 in
-        obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo|lxoimport) echo lxo ;; vrml1) echo "wrl1 iv" ;;
+        obj) echo obj ;; stl) echo stl ;; 3ds) echo 3ds ;; lxo|lxoimport|lxoupdate) echo lxo ;; vrml1) echo "wrl1 iv" ;;
         lwo) echo lwo ;; lws) echo lws ;; cob) echo cob ;; dxf) echo dxf ;;
         vrml97|vrml97import) echo wrl97 ;; collada) echo dae ;; kmz) echo kmz ;;
         image) echo wrl97 ;; render) echo obj ;;
