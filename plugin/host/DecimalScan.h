@@ -114,22 +114,26 @@ inline constexpr float kPow10Float[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f
     if (q != last && *q == '+') ++q;
     const bool neg = q != last && *q == '-';
     q += neg;
+    // One tight loop for each side of the point; a run too long for the quick path wraps
+    // the mantissa harmlessly and is counted out below.
     uint64_t m = 0;
-    int digits = 0, frac = -1;
-    for (; q != last; ++q) {
-        const unsigned d = static_cast<unsigned>(*q - '0');
-        if (d < 10u) {
-            if (++digits > 15) break;
-            m = m * 10 + d;
-            frac += frac >= 0;
-        } else if (*q == '.' && frac < 0) {
-            frac = 0;
-        } else {
-            break;
+    unsigned digit;
+    const char* const whole = q;
+    while (q != last && (digit = static_cast<unsigned>(*q - '0')) < 10u) {
+        m = m * 10 + digit;
+        ++q;
+    }
+    ptrdiff_t digits = q - whole, f = 0;
+    if (q != last && *q == '.') {
+        const char* const fraction = ++q;
+        while (q != last && (digit = static_cast<unsigned>(*q - '0')) < 10u) {
+            m = m * 10 + digit;
+            ++q;
         }
+        f = q - fraction;
+        digits += f;
     }
     if (digits != 0 && digits <= 15 && (q == last || (*q | 0x20) != 'e')) [[likely]] {
-        const int f = frac < 0 ? 0 : frac;
         if (m <= (uint64_t{1} << 24) && f <= 10) [[likely]] {
             // The sign goes in as a bit: in lists it is a coin toss, too costly as a branch.
             const float v = static_cast<float>(m) / kPow10Float[f];
