@@ -107,8 +107,9 @@ inline constexpr float kPow10Float[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f
 // '+' as well. Up to 2^24 over 10^10, both sides are exact floats and one division rounds
 // right. Up to 15 digits, the exact double rounds to the same float unless it sits exactly
 // halfway between two floats (it may have rounded onto the midpoint from either side).
-// Those, exponents, longer digit runs and words go to the library. A byte loop: measured
-// here, it beats the word-at-a-time digits above on the short numbers lists hold.
+// Short exponents fold into the power of ten. Those midpoints, other exponents, longer
+// digit runs and words go to the library. A byte loop: measured here, it beats the
+// word-at-a-time digits above on the short numbers lists hold.
 [[gnu::always_inline]] inline std::from_chars_result DecimalFloat(const char* first, const char* last, float& value) {
     const char* q = first;
     if (q != last && *q == '+') ++q;
@@ -133,7 +134,24 @@ inline constexpr float kPow10Float[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f
         f = q - fraction;
         digits += f;
     }
-    if (digits != 0 && digits <= 15 && (q == last || (*q | 0x20) != 'e')) [[likely]] {
+    if (digits != 0 && digits <= 15) [[likely]] {
+        if (q != last && (*q | 0x20) == 'e') {
+            // A short exponent ("1e-006", as some exporters write near-zeros) folds into the
+            // power of ten; a long, empty or out-of-range one goes to the library.
+            const char* x = q + 1;
+            const bool down = x != last && *x == '-';
+            x += x != last && (*x == '-' || *x == '+');
+            const char* const power = x;
+            ptrdiff_t e = 0;
+            while (x != last && x - power < 4 && (digit = static_cast<unsigned>(*x - '0')) < 10u) {
+                e = e * 10 + digit;
+                ++x;
+            }
+            f += down ? e : -e;
+            if (x == power || (x != last && static_cast<unsigned>(*x - '0') < 10u) || f < 0 || f > 15)
+                return DecimalFloatSlow(first, last, value);
+            q = x;
+        }
         if (m <= (uint64_t{1} << 24) && f <= 10) [[likely]] {
             // The sign goes in as a bit: in lists it is a coin toss, too costly as a branch.
             const float v = static_cast<float>(m) / kPow10Float[f];

@@ -136,6 +136,12 @@ TEST(DecimalFloat, RandomDecimalsMatchTheLibrary) {
             for (int k = 0; k < frac; ++k) s += static_cast<char>('0' + pick(10));
         }
         if (pick(8) == 0) s += tails[pick(8)];
+        // Exponents of every length and sign, some folded into the quick path, some not.
+        if (pick(6) == 0) {
+            s += pick(2) ? 'e' : 'E';
+            if (const int sign = pick(3)) s += sign == 1 ? '-' : '+';
+            for (int k = pick(6); k > 0; --k) s += static_cast<char>('0' + pick(10));
+        }
         ExpectSame(s);
         if (HasFailure()) return;
     }
