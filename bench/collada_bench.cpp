@@ -51,7 +51,7 @@ int main(int argc, char** argv) {
     // Peak resident memory of the whole run (one scene alive at a time) beside the scene's arrays.
     struct rusage ru {};
     getrusage(RUSAGE_SELF, &ru);
-    std::printf("read %.1f MB, best of %d: %.4f s = %.1f MB/s; %llu points, %llu faces, geometry %.1f MB, "
+    std::printf("read %.1f MB, best of %d: %.6f s = %.1f MB/s; %llu points, %llu faces, geometry %.1f MB, "
                 "scene arrays %.1f MB, peak RSS %.1f MB\n",
                 mb, runs, best, mb / best, static_cast<unsigned long long>(points),
                 static_cast<unsigned long long>(faces), bytes / 1e6, sceneBytes / 1e6, ru.ru_maxrss / 1e3);
