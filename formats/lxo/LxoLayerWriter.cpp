@@ -204,21 +204,7 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
         LxoPointsChunk c(w, pts ? pts->GetData() : nullptr, pointCount);
         if (uint32_t r = c.Close()) return r;
     }
-    {
-        float box[6] = {0, 0, 0, 0, 0, 0};
-        if (pointCount) {
-            const float* p = pts->GetData();
-            for (int a = 0; a < 3; ++a) box[a] = box[3 + a] = p[a];
-            for (uint32_t i = 1; i < pointCount; ++i)
-                for (int a = 0; a < 3; ++a) {
-                    box[a] = std::min(box[a], p[3 * i + a]);
-                    box[3 + a] = std::max(box[3 + a], p[3 * i + a]);
-                }
-        }
-        LxoChunk c(w, lxoid::BBOX);
-        w.WriteF4(box, 6);
-        if (uint32_t r = c.Close()) return r;
-    }
+    if (uint32_t r = LxoWriteBoundingBox(w, pointCount ? pts->GetData() : nullptr, pointCount)) return r;
 
     const C3DFaceList* faces = obj.GetFaceList();
     std::vector<CornerMap> maps;
@@ -288,4 +274,19 @@ uint32_t LxoWriteLayerData(LxoWriter& w, const LxoLayerMesh& mesh) {
         if (uint32_t r = WriteVmad(w, out, m, *faces)) return r;
     if (uint32_t r = WriteMaterialTags(w, out, mesh, *faces)) return r;
     return w.Error();
+}
+
+uint32_t LxoWriteBoundingBox(LxoWriter& w, const float* p, size_t n) {
+    float box[6] = {0, 0, 0, 0, 0, 0};
+    if (n) {
+        for (int a = 0; a < 3; ++a) box[a] = box[3 + a] = p[a];
+        for (size_t i = 1; i < n; ++i)
+            for (int a = 0; a < 3; ++a) {
+                box[a] = std::min(box[a], p[3 * i + a]);
+                box[3 + a] = std::max(box[3 + a], p[3 * i + a]);
+            }
+    }
+    LxoChunk c(w, lxoid::BBOX);
+    w.WriteF4(box, 6);
+    return c.Close();
 }

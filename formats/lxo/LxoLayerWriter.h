@@ -1,6 +1,7 @@
 #pragma once
 // Writes one mesh layer's data chunks (points, box, vertex maps, polygons, polygon
 // tags) from a host mesh. The LXO export and the updater share it.
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -21,3 +22,6 @@ struct LxoLayerMesh {
 // the VMAD entries of corners that differ from their point's value, and PTAG MATR.
 // Channels whose face lists do not match the mesh's are left out.
 uint32_t LxoWriteLayerData(LxoWriter& writer, const LxoLayerMesh& mesh);
+
+// BBOX of n points (x, y, z each); all zeros when there are none.
+uint32_t LxoWriteBoundingBox(LxoWriter& writer, const float* points, size_t n);

@@ -40,21 +40,7 @@ uint32_t WriteCurveLayer(LxoWriter& w, const C3DCurve& curve) {
         LxoPointsChunk c(w, pts.GetData(), n);
         if (uint32_t r = c.Close()) return r;
     }
-    {
-        float box[6] = {0, 0, 0, 0, 0, 0};
-        const float* p = pts.GetData();
-        if (n) {
-            for (int a = 0; a < 3; ++a) box[a] = box[3 + a] = p[a];
-            for (size_t i = 1; i < n; ++i)
-                for (int a = 0; a < 3; ++a) {
-                    box[a] = std::min(box[a], p[3 * i + a]);
-                    box[3 + a] = std::max(box[3 + a], p[3 * i + a]);
-                }
-        }
-        LxoChunk c(w, lxoid::BBOX);
-        w.WriteF4(box, 6);
-        if (uint32_t r = c.Close()) return r;
-    }
+    if (uint32_t r = LxoWriteBoundingBox(w, pts.GetData(), n)) return r;
     const C3DFaceList* fl = curve.GetFaceList();
     if (!fl || fl->GetNumberOfFaces() == 0) return w.Error();
     LxoPolygonsChunk c(w, lxoid::LINE);

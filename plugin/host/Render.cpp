@@ -22,6 +22,19 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// World to view: the rows of the orthonormal basis (right, up, back) around `eye`.
+C4x4Matrix ViewMatrix(const C3DPoint& right, const C3DPoint& up, const C3DPoint& back, const C3DPoint& eye) {
+    C4x4Matrix v;
+    const C3DPoint* axes[3] = {&right, &up, &back};
+    for (int k = 0; k < 3; ++k) {
+        v.m[0][k] = axes[k]->x;
+        v.m[1][k] = axes[k]->y;
+        v.m[2][k] = axes[k]->z;
+        v.m[3][k] = -eye.Dot(*axes[k]);
+    }
+    return v;
+}
+
 bool Finite(const C3DPoint& p) { return std::isfinite(p.x) && std::isfinite(p.y) && std::isfinite(p.z); }
 
 // A vertex after projection: screen position (sample units), depth key (larger is nearer),
@@ -423,19 +436,7 @@ void SceneRenderer::FitParallel(const C3DPoint& eyeDir, const C3DPoint& upHint) 
     C3DPoint right = upHint.Cross(back).Normalized();
     const C3DPoint up = back.Cross(right).Normalized();
     const C3DPoint c = m_box.Center();
-    C4x4Matrix v;
-    v.m[0][0] = right.x;
-    v.m[1][0] = right.y;
-    v.m[2][0] = right.z;
-    v.m[0][1] = up.x;
-    v.m[1][1] = up.y;
-    v.m[2][1] = up.z;
-    v.m[0][2] = back.x;
-    v.m[1][2] = back.y;
-    v.m[2][2] = back.z;
-    v.m[3][0] = -c.Dot(right);
-    v.m[3][1] = -c.Dot(up);
-    v.m[3][2] = -c.Dot(back);
+    const C4x4Matrix v = ViewMatrix(right, up, back, c);
     float ex = 0, ey = 0;
     for (int i = 0; i < 8; ++i) {
         const C3DPoint k{(i & 1) ? m_box.max.x : m_box.min.x, (i & 2) ? m_box.max.y : m_box.min.y,
@@ -484,19 +485,7 @@ bool SceneRenderer::SetUpCamera() {
         FitParallel(m_front + right + m_up, m_up);
         return true;
     }
-    C4x4Matrix v;
-    v.m[0][0] = cr.x;
-    v.m[1][0] = cr.y;
-    v.m[2][0] = cr.z;
-    v.m[0][1] = cu.x;
-    v.m[1][1] = cu.y;
-    v.m[2][1] = cu.z;
-    v.m[0][2] = back.x;
-    v.m[1][2] = back.y;
-    v.m[2][2] = back.z;
-    v.m[3][0] = -eye.Dot(cr);
-    v.m[3][1] = -eye.Dot(cu);
-    v.m[3][2] = -eye.Dot(back);
+    const C4x4Matrix v = ViewMatrix(cr, cu, back, eye);
     const float w = float(m_opt.width * m_ss), h = float(m_opt.height * m_ss);
     m_cam.view = v;
     m_cam.cx = w * 0.5f;
