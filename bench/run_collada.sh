@@ -35,11 +35,13 @@ import os, re, statistics, sys
 name, ours, peer, line = sys.argv[1], sys.argv[2].split(), sys.argv[3].split(), sys.argv[4]
 mb = os.path.getsize(name) / 1e6
 o = sorted(map(float, ours))
-out = "%-28s %7.1f MB  orbiscope median %.4f s best %.4f s" % (os.path.basename(name), mb, statistics.median(o), o[0])
+# Milliseconds with three decimals: the corpus file reads in about a millisecond.
+out = "%-28s %7.1f MB  orbiscope median %.3f ms best %.3f ms" % (
+    os.path.basename(name), mb, 1e3 * statistics.median(o), 1e3 * o[0])
 if peer:
     p = sorted(map(float, peer))
-    out += " | Assimp median %.4f s best %.4f s | ratio median %.2f best %.2f" % (
-        statistics.median(p), p[0], statistics.median(p) / statistics.median(o), p[0] / o[0])
+    out += " | Assimp median %.3f ms best %.3f ms | ratio median %.2f best %.2f" % (
+        1e3 * statistics.median(p), 1e3 * p[0], statistics.median(p) / statistics.median(o), p[0] / o[0])
 print(out)
 m = re.search(r"scene arrays ([0-9.]+) MB, peak RSS ([0-9.]+) MB", line)
 if m:
