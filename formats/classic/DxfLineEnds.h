@@ -42,6 +42,11 @@ public:
         m_mask = 0;
         m_lastLine = size > 0 && data[size - 1] != eol;
     }
+    // Scanning starts at `from` (a line start) instead of the data's first byte.
+    void Start(size_t from) {
+        m_next = m_base = from;
+        m_mask = 0;
+    }
     // The next line end (the data's size for a last line without one); false past the end.
     [[gnu::always_inline]] bool Next(size_t& end) {
         if (m_mask == 0 && !Refill()) return false;

@@ -1,10 +1,12 @@
 #include "formats/classic/DxfReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <deque>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -24,6 +26,7 @@ namespace dxf {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
+constexpr const wchar_t* kTruncatedGroup = L"An entity has too many values; the rest of them is left out.";
 
 struct Vec {
     double x = 0, y = 0, z = 0;
@@ -137,6 +140,7 @@ struct Geom {
 
 struct Layer {
     CXStringW name;
+    std::string_view raw; // the name as first met, undecoded (in the input, or a literal)
     ColorRef color{ColorRef::Index, 7};
     bool frozen = false, off = false;
     std::unique_ptr<Geom> top;
@@ -235,13 +239,30 @@ struct Entity {
     }
 };
 
+// Where a drawing's ENTITIES section is cut in two: the second half is the pairs from
+// `begin` (a (0, TYPE) pair, `after` just past it) up to the section's ENDSEC.
+struct SplitPlan {
+    size_t begin = 0, after = 0;
+};
+
+struct SecondHalf;
+
 class Reader {
 public:
     Reader(CSceneImportOptions& options, const std::function<bool()>& cancelled, CDxfTagReader& tags)
         : m_options(options), m_cancelled(cancelled), m_tags(&tags) {}
-    ReadOutcome Run(std::span<const uint8_t> data);
+    ~Reader();
+    ReadOutcome Run(std::span<const uint8_t> data, const SplitPlan* split = nullptr);
+    // The second half's own read: entities only, up to the section's ENDSEC pair, whose
+    // first byte goes in `end`; false when it met anything else.
+    bool RunEntities(const SplitPlan& plan, std::span<const uint8_t> data, size_t& end);
 
 private:
+    void StartSecondHalf(std::span<const uint8_t> data, const SplitPlan& plan);
+    void StopSecondHalf();
+    void Join();
+    void Merge(Geom& to, Geom& from, const std::vector<uint32_t>& layerMap);
+
     bool NextGroup();
     void Section(std::string_view name);
     void Header();
@@ -325,12 +346,179 @@ private:
     size_t m_badValues = 0, m_acis = 0, m_droppedFaces = 0, m_missingBlocks = 0;
     bool m_anything = false;
     size_t m_inputSize = 0;
+    size_t m_readFrom = 0;       // where this reader's share of the input starts (Room)
+    size_t m_truncatedCount = 0; // groups cut at kMaxGroupTags (the second half's, logged at the join)
+    std::unique_ptr<SecondHalf> m_half;
+    size_t m_joinAt = SIZE_MAX; // the position just past the second half's first pair
+    bool m_joined = false;
 };
+
+// The second half's reader and its thread. Its log goes to options of its own: the only
+// line it can write (a group cut short) is counted, and written by the first half at the join.
+struct SecondHalf {
+    SecondHalf(std::span<const uint8_t> d, const SplitPlan& p)
+        : data(d), plan(p), tags(d), reader(options, stopped, tags) {
+        tags.Restrict(plan.begin, d.size());
+    }
+    std::span<const uint8_t> data;
+    SplitPlan plan;
+    size_t end = 0; // the section's ENDSEC pair
+    CSceneImportOptions options;
+    std::atomic<bool> stop{false};
+    std::function<bool()> stopped = [this] { return stop.load(std::memory_order_relaxed); };
+    CDxfTagReader tags;
+    Reader reader;
+    bool valid = false;
+    std::thread thread;
+};
+
+Reader::~Reader() { StopSecondHalf(); }
+
+void Reader::StartSecondHalf(std::span<const uint8_t> data, const SplitPlan& plan) {
+    try {
+        auto half = std::make_unique<SecondHalf>(data, plan);
+        SecondHalf* h = half.get();
+        h->thread = std::thread([h] {
+            try {
+                h->valid = h->reader.RunEntities(h->plan, h->data, h->end);
+            } catch (...) {
+                h->valid = false; // short of memory: the first half reads these entities itself
+            }
+        });
+        m_half = std::move(half);
+        m_joinAt = plan.after;
+    } catch (const std::exception&) {
+        m_half.reset(); // no thread to be had: one read does it all
+    }
+}
+
+void Reader::StopSecondHalf() {
+    m_joinAt = SIZE_MAX;
+    if (!m_half) return;
+    m_half->stop.store(true, std::memory_order_relaxed);
+    if (m_half->thread.joinable()) m_half->thread.join();
+    m_half.reset();
+}
+
+bool Reader::RunEntities(const SplitPlan& plan, std::span<const uint8_t> data, size_t& end) {
+    m_inputSize = data.size();
+    m_readFrom = plan.begin;
+    m_section = Sect::Entities;
+    LayerIndex("0");
+    size_t groups = 0;
+    while (NextGroup()) {
+        if ((++groups & 1023) == 0 && m_cancelled()) return false;
+        const std::string_view type = m_type;
+        if (type == "ENDSEC") {
+            // The pair's code line is the line before its text's line (this read started at a
+            // pair, so its lines are paired as one read pairs them).
+            const auto* d = reinterpret_cast<const char*>(data.data());
+            auto lineStart = [d](size_t p) {
+                while (p > 0 && d[p - 1] != '\n') --p;
+                return p;
+            };
+            const size_t typeLine = lineStart(static_cast<size_t>(type.data() - d));
+            if (typeLine == 0) return false;
+            end = lineStart(typeLine - 1);
+            if (m_poly) PolylineEnd();
+            return end > plan.begin;
+        }
+        if (m_truncatedGroup) ++m_truncatedCount;
+        if (type == "SECTION" || type == "EOF" || type == "BLOCK" || type == "ENDBLK") return false;
+        EntityGroup(type);
+    }
+    return false; // no ENDSEC: the first half reads the rest as one read would
+}
+
+// The first half stands where the second began: its entities go in as one read would
+// have added them, and reading goes on at the section's end.
+void Reader::Join() {
+    m_joinAt = SIZE_MAX;
+    SecondHalf& h = *m_half;
+    // One read would be in the ENTITIES section here, with the second half's first pair pending.
+    if (m_section != Sect::Entities) return StopSecondHalf();
+    h.thread.join();
+    if (!h.valid) return StopSecondHalf();
+    if (m_poly) PolylineEnd(); // the pending entity ends it
+    Reader& r = h.reader;
+    // Layers new to this half are made in the order the second half met them, as one read would.
+    std::vector<uint32_t> layerMap(r.m_layers.size());
+    for (size_t j = 0; j < r.m_layers.size(); ++j) layerMap[j] = LayerIndex(r.m_layers[j].raw);
+    for (size_t j = 0; j < r.m_layers.size(); ++j) {
+        Layer& from = r.m_layers[j];
+        Layer& to = m_layers[layerMap[j]];
+        if (from.top) {
+            if (!to.top) to.top = std::make_unique<Geom>();
+            Merge(*to.top, *from.top, layerMap);
+            from.top.reset();
+        }
+        for (InsertRec& ins : from.inserts) {
+            if (ins.color.kind == ColorRef::ByLayer) ins.color.value = layerMap[ins.color.value];
+            ins.layer = layerMap[ins.layer];
+            to.inserts.push_back(std::move(ins));
+        }
+    }
+    m_badValues += r.m_badValues;
+    m_acis += r.m_acis;
+    m_droppedFaces += r.m_droppedFaces;
+    for (size_t i = 0; i < r.m_truncatedCount; ++i) Log(kTruncatedGroup);
+    m_hasPending = false;
+    m_tags->Restrict(h.end, m_inputSize);
+    StopSecondHalf();
+    m_joined = true;
+}
+
+namespace {
+// Room for `more` values after a's, its pages asked for at once rather than faulted in one by one.
+template <class A> void Extend(A& a, size_t more) {
+    if (a.capacity() - a.size() < more) a.reserve(a.size() + more);
+    hostmem::PopulateNow(a.data() + a.size(), more * sizeof(*a.data()));
+}
+
+// b's strips after a's, their points renumbered and their colour slots mapped.
+void Append(Strips& a, const Strips& b, const std::vector<uint32_t>& slots) {
+    Extend(a.pts, b.pts.size());
+    Extend(a.idx, b.idx.size());
+    Extend(a.off, b.off.size());
+    Extend(a.slot, b.slot.size());
+    const uint32_t base = a.PointCount();
+    a.pts.insert(a.pts.end(), b.pts.begin(), b.pts.end());
+    const size_t shift = a.idx.size();
+    a.idx.resize(shift + b.idx.size());
+    for (size_t i = 0; i < b.idx.size(); ++i) a.idx[shift + i] = base + b.idx[i];
+    if (b.off.size() > 1) {
+        if (a.off.empty()) a.off.push_back(0);
+        const size_t at = a.off.size();
+        a.off.resize(at + b.off.size() - 1);
+        for (size_t i = 1; i < b.off.size(); ++i) a.off[at + i - 1] = static_cast<uint32_t>(shift + b.off[i]);
+    }
+    const size_t n = a.slot.size();
+    a.slot.resize(n + b.slot.size());
+    for (size_t i = 0; i < b.slot.size(); ++i) a.slot[n + i] = slots[b.slot[i]];
+}
+} // namespace
+
+void Reader::Merge(Geom& to, Geom& from, const std::vector<uint32_t>& layerMap) {
+    // Colours take their slots in the order the second half first used them, as one read would.
+    std::vector<uint32_t> slots(from.slots.size());
+    for (size_t i = 0; i < from.slots.size(); ++i) {
+        ColorRef c = from.slots[i];
+        if (c.kind == ColorRef::ByLayer) c.value = layerMap[c.value];
+        slots[i] = to.Slot(c);
+    }
+    Append(to.faces, from.faces, slots);
+    Append(to.curves, from.curves, slots);
+    to.dots.insert(to.dots.end(), from.dots.begin(), from.dots.end());
+    const size_t n = to.dotSlot.size();
+    to.dotSlot.resize(n + from.dotSlot.size());
+    for (size_t i = 0; i < from.dotSlot.size(); ++i) to.dotSlot[n + i] = slots[from.dotSlot[i]];
+}
 
 void Reader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXStringW(text)); }
 
 // Reads one group: a (0, type) pair and the pairs up to the next code 0.
 bool Reader::NextGroup() {
+    if (m_hasPending && m_tags->Position() == m_joinAt) Join();
     // t is only ever copied (kept pairs go in as copies): with its address never taken it
     // lives in registers, where a tag in memory, written in halves and read back whole,
     // would stall every read of its text.
@@ -399,6 +587,7 @@ uint32_t Reader::LayerIndex(std::string_view name) {
     const auto idx = static_cast<uint32_t>(m_layers.size());
     m_layers.emplace_back();
     m_layers.back().name = DecodeName(name, m_codePage);
+    m_layers.back().raw = name;
     m_layerOf.emplace(std::move(key), idx);
     return idx;
 }
@@ -544,11 +733,12 @@ void Reader::LayerEntry() {
 template <class A> void Reader::Room(A& a, size_t more) {
     if (more <= a.capacity() - a.size()) return;
     size_t grown = a.capacity() * 2;
-    const size_t read = m_tags->Position();
-    if (m_section == Sect::Entities && read >= (size_t{1} << 20) && read < m_inputSize) {
+    const size_t read = m_tags->Position() - std::min(m_readFrom, m_tags->Position());
+    const size_t share = m_inputSize - m_readFrom;
+    if (m_section == Sect::Entities && read >= (size_t{1} << 20) && read < share) {
         const double rate = static_cast<double>(a.size()) / static_cast<double>(read); // `more` may be a bound
-        grown = std::max(a.capacity() + a.capacity() / 8,
-                         static_cast<size_t>(rate * static_cast<double>(m_inputSize) * 1.03));
+        grown =
+            std::max(a.capacity() + a.capacity() / 8, static_cast<size_t>(rate * static_cast<double>(share) * 1.03));
     }
     a.reserve(std::max(a.size() + more, grown));
 }
@@ -1114,9 +1304,10 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     b.open = false;
 }
 
-ReadOutcome Reader::Run(std::span<const uint8_t> data) {
+ReadOutcome Reader::Run(std::span<const uint8_t> data, const SplitPlan* split) {
     ReadOutcome out;
     CDxfTagReader& tags = *m_tags;
+    if (split) StartSecondHalf(data, *split);
     // The first pair tells whether this is DXF at all.
     {
         CDxfTag t;
@@ -1146,7 +1337,7 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
             out.scene.reset();
             return out;
         }
-        if (m_truncatedGroup) Log(L"An entity has too many values; the rest of them is left out.");
+        if (m_truncatedGroup) Log(kTruncatedGroup);
         const std::string_view type = m_type;
         if (type == "SECTION") {
             if (m_poly) PolylineEnd();
@@ -1246,16 +1437,56 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data) {
         m_scene->SetUnit(m_insUnits < static_cast<long long>(std::size(kUnit)) ? kUnit[m_insUnits] : UNIT_NONE);
     }
     out.scene = std::move(m_scene);
+    out.halves = m_joined;
     return out;
+}
+
+// Cuts the drawing near its middle, before an entity that nothing before it continues (a
+// VERTEX, ATTRIB or SEQEND would). Found in the text, not the pairs, and without knowing
+// the sections: a plan that does not fit is harmless, since the halves only join where
+// the first half's own reading stands exactly at the cut, in the ENTITIES section.
+bool PlanSplit(std::span<const uint8_t> data, SplitPlan& plan) {
+    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+    constexpr size_t npos = std::string_view::npos;
+    constexpr size_t kLook = size_t{1} << 20; // how far past the middle a cut is looked for
+    // The line at p, trimmed; `next` is the start of the following one.
+    auto line = [&](size_t p, size_t& next) {
+        size_t e = text.find('\n', p);
+        if (e == npos) e = text.size();
+        next = e + 1;
+        std::string_view l = text.substr(p, e - p);
+        while (!l.empty() && (l.back() == '\r' || l.back() == ' ')) l.remove_suffix(1);
+        while (!l.empty() && l.front() == ' ') l.remove_prefix(1);
+        return l;
+    };
+    static constexpr std::string_view kStarts[] = {"3DFACE",  "POLYLINE", "LINE",  "LWPOLYLINE", "INSERT",
+                                                   "SOLID",   "TRACE",    "POINT", "CIRCLE",     "ARC",
+                                                   "ELLIPSE", "SPLINE",   "TEXT",  "MTEXT"};
+    const size_t mid = text.find('\n', text.size() / 2);
+    if (mid == npos) return false;
+    const size_t stop = std::min(text.size(), mid + kLook);
+    for (size_t p = mid + 1, afterZero = 0; p < stop; p = afterZero) {
+        if (line(p, afterZero) != "0" || afterZero >= text.size()) continue;
+        size_t afterType;
+        const std::string_view type = line(afterZero, afterType);
+        if (std::find(std::begin(kStarts), std::end(kStarts), type) != std::end(kStarts)) {
+            plan = {p, std::min(afterType, text.size())};
+            return true;
+        }
+    }
+    return false;
 }
 
 } // namespace
 
-ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options,
-                    const std::function<bool()>& cancelled) {
+ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options, const std::function<bool()>& cancelled,
+                    const SplitTuning& split) {
     CDxfTagReader tags(data);
     Reader r(options, cancelled, tags);
-    return r.Run(data);
+    SplitPlan plan;
+    const bool cut = data.size() >= split.minBytes && tags.IsLfText() &&
+                     (split.anyProcessors || hostmem::SecondThreadAllowed()) && PlanSplit(data, plan);
+    return r.Run(data, cut ? &plan : nullptr);
 }
 
 } // namespace dxf

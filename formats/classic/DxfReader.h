@@ -23,11 +23,19 @@ constexpr int kMaxSplinePoints = 4096;
 
 struct ReadOutcome {
     std::unique_ptr<C3DScene> scene;
-    int error = 0; // IO_FILE_RESULT when scene is null
+    int error = 0;       // IO_FILE_RESULT when scene is null
+    bool halves = false; // the ENTITIES section was read in two halves at once
+};
+
+// Large text drawings have the second half of their ENTITIES section read on a second
+// thread, joined where the first reaches it; the scene is the same as read in one go.
+struct SplitTuning {
+    size_t minBytes = size_t{16} << 20; // smaller drawings are read on one thread
+    bool anyProcessors = false;         // split even with one core or ORBISCOPE_THREADS=1
 };
 
 // `cancelled` is polled between entities.
-ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options,
-                    const std::function<bool()>& cancelled);
+ReadOutcome ReadDxf(std::span<const uint8_t> data, CSceneImportOptions& options, const std::function<bool()>& cancelled,
+                    const SplitTuning& split = SplitTuning());
 
 } // namespace dxf

@@ -73,6 +73,15 @@ CDxfTagReader::CDxfTagReader(std::span<const uint8_t> data, bool lineByLine)
     }
 }
 
+void CDxfTagReader::Restrict(size_t begin, size_t end) {
+    m_size = end;
+    m_pos = std::min(begin, end);
+#if DXF_BLOCK_LINES
+    m_lines.Reset(m_data, m_size, m_crOnly ? '\r' : '\n');
+    m_lines.Start(m_pos);
+#endif
+}
+
 bool CDxfTagReader::IsBinary(std::span<const uint8_t> data) {
     return data.size() >= kSentinelSize && std::memcmp(data.data(), kSentinel, kSentinelSize) == 0;
 }

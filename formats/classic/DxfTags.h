@@ -49,8 +49,14 @@ public:
     // True when reading stopped on a bad pair rather than at the end of the data.
     bool Failed() const { return m_failed; }
     bool IsBinaryStream() const { return m_binary; }
-    // Where reading stopped (only meaningful once Next has returned false).
+    // Where reading stopped (only meaningful once Next has returned false); between
+    // pairs, the start of the next one.
     size_t Position() const { return m_pos; }
+    // Text whose lines end in LF (or CRLF).
+    bool IsLfText() const { return !m_binary && !m_crOnly; }
+    // From here on only [begin, end) is read, pair by pair as the whole reader would from
+    // `begin`: begin starts a pair and end a line. Not for a reader that has failed.
+    void Restrict(size_t begin, size_t end);
 
     // Value as a number; false (and `out` untouched) when it is not one.
     static bool ToDouble(const CDxfTag& tag, double& out) {

@@ -65,7 +65,6 @@ void PopulateNow(void* p, size_t bytes) {
 #endif
 }
 
-namespace {
 bool SecondThreadAllowed() {
     static const bool allowed = [] {
         const char* v = std::getenv("ORBISCOPE_THREADS");
@@ -73,7 +72,6 @@ bool SecondThreadAllowed() {
     }();
     return allowed;
 }
-} // namespace
 
 void RunPair(const std::function<void()>& a, const std::function<void()>& b, bool parallel) {
     std::exception_ptr errA, errB;

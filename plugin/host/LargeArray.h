@@ -196,6 +196,10 @@ private:
     size_t m_written = 0; // [m_written, m_cap) has not been written since allocation: zero
 };
 
+// Whether a reader may put work on a second thread: there is a second core, and
+// ORBISCOPE_THREADS is not 1.
+bool SecondThreadAllowed();
+
 // Runs `a` on the calling thread and `b` at the same time on a second one, when
 // `parallel` is set and there is a second core (and ORBISCOPE_THREADS is not 1);
 // otherwise `b` after `a` (and not at all once `a` has thrown). Returns when both have
