@@ -194,10 +194,10 @@ private:
     const char* m_e;
 };
 
-template <typename T> void ParseList(std::string_view text, std::vector<T>& out) {
+template <typename List> void ParseList(std::string_view text, List& out) {
     out.clear();
     NumberScan sc(text);
-    T v;
+    typename List::value_type v;
     while (sc.Next(v)) out.push_back(v);
 }
 
@@ -229,7 +229,8 @@ uint8_t Byte(float v) {
 
 // A source's accessor over its float array.
 struct Source {
-    std::vector<float> data;
+    std::string id;
+    hostmem::ZeroedArray<float> data;
     size_t count = 0, stride = 1, offset = 0;
     const float* at(size_t i) const { return data.data() + offset + i * stride; }
 };
@@ -434,8 +435,9 @@ private:
         pugi::xml_node arr = n.child("float_array");
         const std::string_view text = Text(arr);
         if (!Charge(text.size() / 4)) return nullptr;
-        // Room for the declared count, as far as the text could hold it.
-        s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1));
+        // Room for the declared count, as far as the text could hold it, and for the entry a
+        // normal channel adds when it takes the values over (see BuildMesh).
+        s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1) + 3);
         ParseList(text, s.data);
         Consumed(text);
         pugi::xml_node acc = n.child("technique_common").child("accessor");
@@ -445,6 +447,7 @@ private:
         // The accessor may claim more than the array holds: keep what is there.
         const uint64_t fit = s.data.size() > s.offset ? (s.data.size() - s.offset) / s.stride : 0;
         s.count = static_cast<size_t>(std::min<uint64_t>(count, fit));
+        s.id = id;
         return &m_sources.emplace(std::string(id), std::move(s)).first->second;
     }
 
@@ -534,6 +537,18 @@ private:
         const Source* colorSource = nullptr;
         const Source* normalSource = nullptr;
         std::vector<uint32_t> buf, list;
+        // Sources this mesh reads as positions, coordinates or colours (all others are read
+        // as normals only).
+        std::unordered_set<std::string> otherUses;
+        auto note = [&otherUses](pugi::xml_node in) {
+            const std::string_view sem = in.attribute("semantic").value();
+            if (sem == "POSITION" || sem == "TEXCOORD" || sem == "COLOR")
+                otherUses.emplace(Fragment(in.attribute("source").value()));
+        };
+        for (pugi::xml_node v : mesh.children("vertices"))
+            for (pugi::xml_node in : v.children("input")) note(in);
+        for (pugi::xml_node prim : mesh.children())
+            for (pugi::xml_node in : prim.children("input")) note(in);
 
         for (pugi::xml_node prim : mesh.children()) {
             const std::string_view kind = prim.name();
@@ -590,11 +605,21 @@ private:
             if (nOff != SIZE_MAX && !nc) {
                 nc = std::make_unique<CSpecNormalChannel>();
                 C3DVectorList& nv = *nc->GetNormalVectorList();
-                nv.SetSize(static_cast<int>(normalSource->count + 1)); // the last: corners without a normal
-                float* d = nv.GetData();
-                for (size_t i = 0; i < normalSource->count; ++i) {
-                    const float* n = normalSource->at(i);
-                    for (size_t k = 0; k < 3; ++k) d[3 * i + k] = normalSource->stride > k ? n[k] : 0;
+                // Plain triples read for nothing but normals become the channel's list as they
+                // are (the source keeps its count); others are copied.
+                auto& src = const_cast<Source&>(*normalSource); // owned by m_sources
+                if (src.stride == 3 && src.offset == 0 && src.data.size() >= 3 * src.count &&
+                    !otherUses.count(src.id)) {
+                    src.data.resize(3 * src.count);
+                    src.data.resize(3 * (src.count + 1)); // the last: corners without a normal (zeros)
+                    nv.Raw() = std::move(src.data);
+                } else {
+                    nv.SetSize(static_cast<int>(normalSource->count + 1)); // the last: corners without a normal
+                    float* d = nv.GetData();
+                    for (size_t i = 0; i < normalSource->count; ++i) {
+                        const float* n = normalSource->at(i);
+                        for (size_t k = 0; k < 3; ++k) d[3 * i + k] = normalSource->stride > k ? n[k] : 0;
+                    }
                 }
                 faces.nrm.assign(faces.indices.size(), static_cast<uint32_t>(normalSource->count));
             }

@@ -166,6 +166,32 @@ TEST(Collada, NormalsFollowTheirOwnIndices) {
     }
 }
 
+// A normal channel takes its source's values over, unless the mesh reads that source as
+// something else too: here a later primitive reads it as texture coordinates.
+TEST(Collada, ASourceReadAsNormalsAndAsCoordinates) {
+    const std::string normals =
+        "<source id=\"n\"><float_array id=\"na\" count=\"6\">0 0 1 0.5 0.25 0</float_array>"
+        "<technique_common><accessor source=\"#na\" count=\"2\" stride=\"3\"/></technique_common></source>";
+    auto r = ReadText(Doc(kSquare + normals +
+                              "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+                              "<input semantic=\"NORMAL\" source=\"#n\" offset=\"1\"/><p>0 0 1 0 2 1</p></triangles>"
+                              "<triangles count=\"1\"><input semantic=\"VERTEX\" source=\"#v\" offset=\"0\"/>"
+                              "<input semantic=\"TEXCOORD\" source=\"#n\" offset=\"1\"/><p>0 1 2 0 3 1</p></triangles>",
+                          "<node id=\"n1\"><instance_geometry url=\"#g\"/></node>"));
+    ASSERT_TRUE(r.scene) << r.error;
+    const C3DGeomObject* g = Nodes(*r.scene, KINDOF_MESH)[0]->GetGeomObject();
+    auto* ch = static_cast<const CSpecNormalChannel*>(g->GetChannelByIndex(0, CHANNEL_SPEC_NORMAL));
+    ASSERT_NE(ch, nullptr);
+    EXPECT_EQ(ch->GetNormalVectorList()->GetPoint(1).x, 0.5f);
+    const CUVWChannel* uv = g->GetGlobalUVWChannel();
+    ASSERT_NE(uv, nullptr);
+    const C3DPointList& t = *uv->GetUVWPointList();
+    ASSERT_GE(t.size(), 2u);
+    EXPECT_EQ(t.GetPoint(0).z, 0.0f); // coordinates keep two values of three
+    EXPECT_EQ(t.GetPoint(1).x, 0.5f);
+    EXPECT_EQ(t.GetPoint(1).y, 0.25f);
+}
+
 // The declared up axis is kept for whoever shows the scene; the points stay as written.
 TEST(Collada, UpAxisIsRecordedNotApplied) {
     const std::string tri =
