@@ -384,6 +384,7 @@ void Reader::StartSecondHalf(std::span<const uint8_t> data, const SplitPlan& pla
             } catch (...) {
                 h->valid = false; // short of memory: the first half reads these entities itself
             }
+            if (!h->valid) h->reader.m_layers.clear(); // nothing of it will be used
         });
         m_half = std::move(half);
         m_joinAt = plan.after;
@@ -518,7 +519,12 @@ void Reader::Log(const std::wstring& text) { m_options.AddLogInfo(LOG_INFO, CXSt
 
 // Reads one group: a (0, type) pair and the pairs up to the next code 0.
 bool Reader::NextGroup() {
-    if (m_hasPending && m_tags->Position() == m_joinAt) Join();
+    // At the cut the halves join; a read that passes it without standing on it (the cut
+    // was no pair boundary) lets the second half go at once, with what it holds.
+    if (m_hasPending && m_tags->Position() >= m_joinAt) {
+        if (m_tags->Position() == m_joinAt) Join();
+        else StopSecondHalf();
+    }
     // t is only ever copied (kept pairs go in as copies): with its address never taken it
     // lives in registers, where a tag in memory, written in halves and read back whole,
     // would stall every read of its text.
