@@ -8,24 +8,32 @@
 #include <pugixml.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "plugin/host/Channel.h"
 #include "plugin/host/DecimalScan.h"
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/Keys.h"
+#include "plugin/host/LargeArray.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/ReadAdapter.h"
 
@@ -61,7 +69,26 @@ bool IsListElement(std::string_view name) {
 
 struct Range {
     size_t begin, size;
+    bool floats;     // a float_array's
+    size_t declared; // its count attribute (0: none)
 };
+
+// The count="N" of a start tag, 0 when it has none that reads.
+size_t DeclaredCount(std::string_view tag) {
+    for (size_t at = tag.find("count"); at != std::string_view::npos; at = tag.find("count", at + 1)) {
+        if (at == 0 || !IsSpace(tag[at - 1])) continue;
+        size_t q = at + 5;
+        while (q < tag.size() && IsSpace(tag[q])) ++q;
+        if (q >= tag.size() || tag[q] != '=') continue;
+        ++q;
+        while (q < tag.size() && IsSpace(tag[q])) ++q;
+        if (q >= tag.size() || (tag[q] != '"' && tag[q] != '\'')) continue;
+        size_t n = 0;
+        const auto r = std::from_chars(tag.data() + q + 1, tag.data() + tag.size(), n);
+        return r.ec == std::errc() && r.ptr < tag.data() + tag.size() && *r.ptr == tag[q] ? n : 0;
+    }
+    return 0;
+}
 
 // Copies the document's structure to `out`, with the text of each number list replaced by
 // a mark and its place in `lists`. False when the text is not one this scan follows (the
@@ -122,7 +149,9 @@ bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>
                     !std::memchr(end, '&', static_cast<size_t>(next - end))) {
                     out += kLifted;
                     out += std::to_string(lists.size());
-                    lists.push_back({static_cast<size_t>(end - b), static_cast<size_t>(next - end)});
+                    const bool floats = name.size() >= 11 && name.substr(name.size() - 11) == "float_array";
+                    lists.push_back({static_cast<size_t>(end - b), static_cast<size_t>(next - end), floats,
+                                     floats ? DeclaredCount(std::string_view(lt, static_cast<size_t>(end - lt))) : 0});
                     s = next;
                 }
             }
@@ -201,6 +230,161 @@ template <typename List> void ParseList(std::string_view text, List& out) {
     while (sc.Next(v)) out.push_back(v);
 }
 
+// Blank-separated words in `t` (any byte up to ' ' counts as a blank here; where that
+// differs from the list's reading, the counts of values and words differ and tell).
+size_t CountWords(std::string_view t) {
+    size_t words = 0;
+    bool blank = true; // before the text
+    size_t i = 0;
+#if defined(__SSE2__)
+    const __m128i space = _mm_set1_epi8(' ');
+    for (; i + 16 <= t.size(); i += 16) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t.data() + i));
+        // Signed compare: bytes from 0x80 up count as blanks too, which only makes the
+        // counts disagree on such text.
+        const auto word = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, space)));
+        const uint32_t before = (~word << 1 | static_cast<uint32_t>(blank)) & 0xFFFFu; // a blank before each byte
+        words += static_cast<size_t>(__builtin_popcount(word & before));
+        blank = !(word >> 15);
+    }
+#endif
+    for (; i < t.size(); ++i) {
+        const bool isWord = static_cast<unsigned char>(t[i]) > ' ' && static_cast<signed char>(t[i]) >= 0;
+        words += isWord && blank;
+        blank = !isWord;
+    }
+    return words;
+}
+
+// One float list read from both ends (see AheadTuning) into one array sized by the list's
+// declared count. Each side counts the words of the chunk it takes and reserves their
+// place: the reader from the front, the side thread from the back, so each value goes
+// straight to its place and nothing written on one core is copied on the other. When the
+// two do not meet exactly (a count that lies), or a chunk's values and words disagree (text
+// that is not plain numbers), the reader reads the list again by itself.
+class ListAhead {
+public:
+    ListAhead(std::string_view text, size_t declared, size_t chunkBytes) : m_text(text) {
+        chunkBytes = std::max<size_t>(chunkBytes, 1);
+        for (size_t at = 0; at < text.size();) {
+            size_t end = std::min(text.size(), at + chunkBytes);
+            while (end < text.size() && !IsSpace(text[end])) ++end; // cut at a blank only
+            m_chunks.push_back(text.substr(at, end - at));
+            at = end;
+        }
+        m_state = std::make_unique<std::atomic<uint8_t>[]>(m_chunks.size());
+        m_back = m_chunks.size();
+        // Room for what a normal channel adds; pages are only touched as values land.
+        m_out.reserve(declared + 3);
+        m_out.resize(declared);
+        m_backAt = declared;
+    }
+    ~ListAhead() { Stop(); }
+    bool Start() {
+        return m_chunks.size() >= 2 && m_thread.Start([this] { Side(); });
+    }
+    const char* Text() const { return m_text.data(); }
+    bool Used() const { return m_used; }
+
+    // Every value of the list into `out`, as ParseList reads it.
+    void Read(hostmem::ZeroedArray<float>& out) {
+        m_used = true;
+        bool agree = true;
+        size_t i = 0, words = 0, at = 0;
+        while (agree && Claim(true, i, words, at)) agree = Fill(i, at, words);
+        size_t back;
+        {
+            std::lock_guard<std::mutex> lock(m_claims);
+            back = m_back;
+        }
+        // Chunks [back, end) were taken from the back: each is done, failed or being done.
+        for (size_t k = back; agree && k < m_chunks.size(); ++k) {
+            for (uint32_t spin = 0; m_state[k].load(std::memory_order_acquire) == kPending; ++spin) Pause(spin);
+            agree = m_state[k].load(std::memory_order_acquire) == kDone;
+        }
+        {
+            // Every chunk is in: the side thread touches nothing but the claims from here
+            // on, and is joined when the list goes (a join now would wait for its exit).
+            std::lock_guard<std::mutex> lock(m_claims);
+            agree = agree && !m_overrun && m_front == m_back && m_frontAt == m_backAt;
+        }
+        if (agree) {
+            out = std::move(m_out);
+        } else {
+            Stop(); // it may still be writing a chunk
+            m_out = {};
+            ParseList(m_text, out);
+        }
+    }
+
+private:
+    static constexpr uint8_t kPending = 0, kDone = 1, kFailed = 2;
+
+    // A chunk takes tens of microseconds: spin for it rather than sleep, as waking a
+    // sleeping thread can take far longer on a virtual machine.
+    static void Pause(uint32_t spin) {
+        if (spin < (1u << 16)) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        } else {
+            std::this_thread::yield();
+        }
+    }
+    void Stop() {
+        m_quit.store(true, std::memory_order_relaxed);
+        m_thread.Join();
+    }
+
+    // Takes the next chunk from the front or the back, counts its words and reserves their
+    // place; false when no chunk is left or their places would overlap.
+    bool Claim(bool front, size_t& index, size_t& words, size_t& at) {
+        {
+            std::lock_guard<std::mutex> lock(m_claims);
+            if (m_front >= m_back || m_overrun) return false;
+            index = front ? m_front++ : --m_back;
+        }
+        words = CountWords(m_chunks[index]);
+        std::lock_guard<std::mutex> lock(m_claims);
+        if (words > m_backAt - m_frontAt) {
+            m_overrun = true;
+            m_state[index].store(kFailed, std::memory_order_release);
+            return false;
+        }
+        at = front ? m_frontAt : m_backAt - words;
+        (front ? m_frontAt : m_backAt) = front ? m_frontAt + words : m_backAt - words;
+        return true;
+    }
+
+    // Chunk i's values to [at, at + words); false when they are not one a word.
+    bool Fill(size_t i, size_t at, size_t words) {
+        float* to = m_out.data() + at;
+        NumberScan sc(m_chunks[i]);
+        size_t n = 0;
+        float v;
+        while (n < words && sc.Next(v)) to[n++] = v;
+        return n == words && !sc.Next(v);
+    }
+
+    void Side() {
+        size_t i = 0, words = 0, at = 0;
+        while (!m_quit.load(std::memory_order_relaxed) && Claim(false, i, words, at))
+            m_state[i].store(Fill(i, at, words) ? kDone : kFailed, std::memory_order_release);
+    }
+
+    std::string_view m_text;
+    std::vector<std::string_view> m_chunks;
+    hostmem::ZeroedArray<float> m_out;
+    std::unique_ptr<std::atomic<uint8_t>[]> m_state;
+    std::mutex m_claims;
+    size_t m_front = 0, m_back = 0;     // chunks [m_front, m_back) are unclaimed
+    size_t m_frontAt = 0, m_backAt = 0; // values [m_frontAt, m_backAt) are unreserved
+    bool m_overrun = false;
+    std::atomic<bool> m_quit{false};
+    bool m_used = false;
+    hostmem::SideThread m_thread; // last: joined before the rest goes
+};
+
 std::string_view Fragment(const char* url) {
     if (!url) return {};
     std::string_view u(url);
@@ -266,8 +450,9 @@ using FaceArray = CFaceList::IndexArray;
 
 class Reader {
 public:
-    Reader(C3DScene& scene, CIoOptions& log, const CFileParser& parser, std::string file, const IoFile* io)
-        : m_scene(scene), m_log(log), m_parser(parser), m_file(std::move(file)), m_io(io) {}
+    Reader(C3DScene& scene, CIoOptions& log, const CFileParser& parser, std::string file, const IoFile* io,
+           const collada::AheadTuning& ahead)
+        : m_scene(scene), m_log(log), m_parser(parser), m_file(std::move(file)), m_io(io), m_tuning(ahead) {}
 
     bool Load(std::span<const uint8_t> data) {
         m_data = data;
@@ -275,6 +460,7 @@ public:
         pugi::xml_parse_result r;
         if (LiftLists(data, m_structure, m_lists, m_io)) {
             m_lifted = true;
+            StartAhead();
             r = m_doc.load_buffer_inplace(m_structure.data(), m_structure.size(), pugi::parse_default,
                                           pugi::encoding_auto);
         } else {
@@ -426,6 +612,20 @@ private:
         m_scene.GetCustomData().SetInt(COLLADA_UP_AXIS, up == "X_UP" ? 0 : up == "Z_UP" ? 2 : 1);
     }
 
+    // The largest float list goes to a side thread as soon as the lists are known, so that
+    // it has its chunks read by the time the structure is built and the reader gets there.
+    void StartAhead() {
+        const Range* largest = nullptr;
+        for (const Range& l : m_lists)
+            if (l.floats && (!largest || l.size > largest->size)) largest = &l;
+        if (!largest || largest->size < m_tuning.minBytes || largest->declared == 0) return;
+        // The declared count is only believed as far as the text could hold it.
+        auto ahead = std::make_unique<ListAhead>(
+            std::string_view(reinterpret_cast<const char*>(m_data.data()) + largest->begin, largest->size),
+            std::min(largest->declared, largest->size / 2 + 1), m_tuning.chunkBytes);
+        if (ahead->Start()) m_ahead = std::move(ahead);
+    }
+
     // Sources are read per geometry and dropped once it is built.
     const Source* GetSource(std::string_view id) {
         if (auto it = m_sources.find(std::string(id)); it != m_sources.end()) return &it->second;
@@ -435,10 +635,14 @@ private:
         pugi::xml_node arr = n.child("float_array");
         const std::string_view text = Text(arr);
         if (!Charge(text.size() / 4)) return nullptr;
-        // Room for the declared count, as far as the text could hold it, and for the entry a
-        // normal channel adds when it takes the values over (see BuildMesh).
-        s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1) + 3);
-        ParseList(text, s.data);
+        if (m_ahead && !m_ahead->Used() && !text.empty() && text.data() == m_ahead->Text()) {
+            m_ahead->Read(s.data);
+        } else {
+            // Room for the declared count, as far as the text could hold it, and for the entry
+            // a normal channel adds when it takes the values over (see BuildMesh).
+            s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1) + 3);
+            ParseList(text, s.data);
+        }
         Consumed(text);
         pugi::xml_node acc = n.child("technique_common").child("accessor");
         s.stride = std::max<size_t>(1, acc ? acc.attribute("stride").as_ullong(1) : 1);
@@ -1355,6 +1559,8 @@ private:
     int32_t m_firstTick = 0, m_lastTick = 0;
     bool m_stopped = false, m_cancelled = false, m_depthLogged = false, m_animLogged = false, m_keysLogged = false,
          m_keyed = false, m_chainLogged = false;
+    collada::AheadTuning m_tuning;
+    std::unique_ptr<ListAhead> m_ahead; // last: its thread stops before the rest goes
 };
 
 } // namespace
@@ -1374,7 +1580,7 @@ C3DScene* CColladaIo::ReadMemory(std::span<const uint8_t> data, CSceneImportOpti
 C3DScene* CColladaIo::ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
                                 const IoFile* file) {
     auto scene = std::make_unique<C3DScene>();
-    Reader reader(*scene, options, *this, PathToUtf8(path), file);
+    Reader reader(*scene, options, *this, PathToUtf8(path), file, m_ahead);
     if (!reader.Load(data)) {
         m_fileIo.SetIoError(IO_ERR_FORMAT, &options, LOG_ERROR);
         return nullptr;

@@ -8,6 +8,7 @@
 // in its bind shape (the host has no bones, so joints, weights and morph targets are not
 // read). Every count is checked against the text that holds it; instance and controller
 // chains are cycle-safe and bounded.
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -24,9 +25,20 @@ constexpr uint32_t COLLADA_TYPE_ID = 0x44414520;
 // and whoever shows the scene turns it.
 constexpr uint32_t COLLADA_UP_AXIS = 0x55504158; // 'UPAX'
 
+namespace collada {
+// The document's largest float list is read from its end on another core while the reader
+// works its way to it, in chunks cut at blanks; the reader takes chunks from the front when
+// it gets there, and the two meet where they meet. The values are those of one read.
+struct AheadTuning {
+    size_t minBytes = size_t{256} << 10; // smaller lists are read on the caller's thread only
+    size_t chunkBytes = size_t{16} << 10;
+};
+} // namespace collada
+
 class CColladaIo : public C3DParser {
 public:
     explicit CColladaIo(CFileIo& io) : C3DParser(io) {}
+    void SetAheadTuning(const collada::AheadTuning& tuning) { m_ahead = tuning; }
     C3DScene* Read(const CXStringW& path, CSceneImportOptions& options) override;
     // A document held in memory; `path` (may be empty) is the base of image paths.
     C3DScene* ReadMemory(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path = {});
@@ -34,6 +46,8 @@ public:
 private:
     C3DScene* ReadBytes(std::span<const uint8_t> data, CSceneImportOptions& options, const CXStringW& path,
                         const IoFile* file);
+
+    collada::AheadTuning m_ahead;
 };
 
 // The host's built-in formats, offered like a module's (action 0 lists, action 1 creates).

@@ -6,6 +6,12 @@
 #include <cstring>
 #include <exception>
 #include <thread>
+#include <utility>
+
+#if defined(__linux__)
+#include <pthread.h>
+#include <sched.h>
+#endif
 
 #if defined(__linux__)
 #include <sys/mman.h>
@@ -94,6 +100,55 @@ void RunPair(const std::function<void()>& a, const std::function<void()>& b, boo
     else if (!errA) runB();
     if (errA) std::rethrow_exception(errA);
     if (errB) std::rethrow_exception(errB);
+}
+
+#if defined(__linux__)
+static_assert(sizeof(pthread_t) <= sizeof(unsigned long));
+#endif
+
+bool SideThread::Start(std::function<void()> work) {
+    if (m_running || !SecondThreadAllowed()) return false;
+#if defined(__linux__)
+    cpu_set_t cores;
+    const int here = sched_getcpu();
+    if (here < 0 || sched_getaffinity(0, sizeof cores, &cores) != 0) return false;
+    CPU_CLR(here, &cores);
+    if (CPU_COUNT(&cores) == 0) return false;
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0) return false;
+    // Small work, small stack: less to map in a fresh process.
+    pthread_attr_setstacksize(&attr, size_t(256) << 10);
+    const bool placed = pthread_attr_setaffinity_np(&attr, sizeof cores, &cores) == 0;
+    m_work = std::move(work);
+    pthread_t t{};
+    const bool made = placed && pthread_create(
+                                    &t, &attr,
+                                    [](void* self) -> void* {
+                                        static_cast<SideThread*>(self)->m_work();
+                                        return nullptr;
+                                    },
+                                    this) == 0;
+    pthread_attr_destroy(&attr);
+    if (!made) {
+        m_work = nullptr;
+        return false;
+    }
+    m_handle = static_cast<unsigned long>(t);
+    m_running = true;
+    return true;
+#else
+    (void)work;
+    return false;
+#endif
+}
+
+void SideThread::Join() {
+#if defined(__linux__)
+    if (!m_running) return;
+    pthread_join(static_cast<pthread_t>(m_handle), nullptr);
+    m_running = false;
+    m_work = nullptr;
+#endif
 }
 
 } // namespace hostmem
