@@ -36,6 +36,7 @@
 #include "plugin/host/LargeArray.h"
 #include "plugin/host/Object.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/TextScanner.h"
 
 namespace {
 
@@ -244,7 +245,7 @@ size_t CountWords(std::string_view t) {
         // counts disagree on such text.
         const auto word = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, space)));
         const uint32_t before = (~word << 1 | static_cast<uint32_t>(blank)) & 0xFFFFu; // a blank before each byte
-        words += static_cast<size_t>(__builtin_popcount(word & before));
+        words += textscan::PopCount16(word & before);
         blank = !(word >> 15);
     }
 #endif
@@ -946,7 +947,7 @@ private:
                 if (uv && !lines) hostmem::ReserveLarge(faces.uv, faces.indices.capacity());
                 if (nc && !lines) hostmem::ReserveLarge(faces.nrm, faces.indices.capacity());
                 // Faces in batches: the numbers of many at once, then each array in one go.
-                constexpr size_t kBatch = 4096;
+                constexpr size_t kBatch = 512;
                 if (kind == "polylist") {
                     const std::string_view counts = Text(prim.child("vcount"));
                     NumberScan vcount(counts);
