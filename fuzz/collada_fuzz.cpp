@@ -43,7 +43,7 @@ Outcome Read(const uint8_t* data, size_t size, const collada::AheadTuning& tunin
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Outcome one = Read(data, size, collada::AheadTuning{std::numeric_limits<size_t>::max(), 1});
-    const Outcome both = Read(data, size, collada::AheadTuning{1, 16});
+    const Outcome both = Read(data, size, collada::AheadTuning{1, 16, 1});
     // Compared as bits: NaN never reaches the scene, but -0 and 0 must not be confused.
     if (one.error != both.error || one.indices != both.indices || one.points.size() != both.points.size() ||
         std::memcmp(one.points.data(), both.points.data(), one.points.size() * sizeof(float)) != 0)

@@ -63,7 +63,6 @@ const char* PastNext(const char* p, const char* e, std::string_view w) {
 }
 
 bool IsListElement(std::string_view name) {
-    if (size_t colon = name.rfind(':'); colon != std::string_view::npos) name = name.substr(colon + 1);
     return name == "float_array" || name == "int_array" || name == "p" || name == "vcount" || name == "h" ||
            name == "v";
 }
@@ -71,24 +70,13 @@ bool IsListElement(std::string_view name) {
 struct Range {
     size_t begin, size;
     bool floats;     // a float_array's
-    size_t declared; // its count attribute (0: none)
+    bool indices;    // a <p>'s
+    size_t geometry; // the enclosing <geometry>, counted from 1 (0: none)
 };
 
-// The count="N" of a start tag, 0 when it has none that reads.
-size_t DeclaredCount(std::string_view tag) {
-    for (size_t at = tag.find("count"); at != std::string_view::npos; at = tag.find("count", at + 1)) {
-        if (at == 0 || !IsSpace(tag[at - 1])) continue;
-        size_t q = at + 5;
-        while (q < tag.size() && IsSpace(tag[q])) ++q;
-        if (q >= tag.size() || tag[q] != '=') continue;
-        ++q;
-        while (q < tag.size() && IsSpace(tag[q])) ++q;
-        if (q >= tag.size() || (tag[q] != '"' && tag[q] != '\'')) continue;
-        size_t n = 0;
-        const auto r = std::from_chars(tag.data() + q + 1, tag.data() + tag.size(), n);
-        return r.ec == std::errc() && r.ptr < tag.data() + tag.size() && *r.ptr == tag[q] ? n : 0;
-    }
-    return 0;
+std::string_view LocalName(std::string_view name) {
+    const size_t colon = name.rfind(':');
+    return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
 // Copies the document's structure to `out`, with the text of each number list replaced by
@@ -102,6 +90,7 @@ bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>
     const char* e = b + in.size();
     const char* s = b;
     const char* released = b;
+    size_t geometries = 0, geometry = 0;
     constexpr size_t kStep = 8u << 20;
     while (s < e) {
         if (file && static_cast<size_t>(s - released) > kStep) {
@@ -125,10 +114,16 @@ bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>
             return false; // a document type
         } else if (StartsWith(lt, e, "</")) {
             end = PastNext(lt + 2, e, ">");
+            if (end && geometry) {
+                std::string_view name(lt + 2, static_cast<size_t>(end - lt - 3));
+                while (!name.empty() && IsSpace(name.back())) name.remove_suffix(1);
+                if (LocalName(name) == "geometry") geometry = 0;
+            }
         } else {
             const char* q = lt + 1;
             while (q < e && !IsSpace(*q) && *q != '>' && *q != '/') ++q;
             const std::string_view name(lt + 1, static_cast<size_t>(q - lt - 1));
+            const std::string_view local = LocalName(name);
             char quote = 0;
             for (; q < e; ++q) {
                 if (quote) {
@@ -143,16 +138,16 @@ bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>
             end = q + 1;
             out.append(lt, end);
             s = end;
-            if (q[-1] != '/' && IsListElement(name)) {
+            if (q[-1] != '/' && local == "geometry") geometry = ++geometries;
+            if (q[-1] != '/' && IsListElement(local)) {
                 // Only plain text up to the element's end tag is lifted (no entities, comments or markup).
                 const char* next = static_cast<const char*>(std::memchr(end, '<', static_cast<size_t>(e - end)));
                 if (next && next > end && next + 1 < e && next[1] == '/' &&
                     !std::memchr(end, '&', static_cast<size_t>(next - end))) {
                     out += kLifted;
                     out += std::to_string(lists.size());
-                    const bool floats = name.size() >= 11 && name.substr(name.size() - 11) == "float_array";
-                    lists.push_back({static_cast<size_t>(end - b), static_cast<size_t>(next - end), floats,
-                                     floats ? DeclaredCount(std::string_view(lt, static_cast<size_t>(end - lt))) : 0});
+                    lists.push_back({static_cast<size_t>(end - b), static_cast<size_t>(next - end),
+                                     local == "float_array", local == "p", geometry});
                     s = next;
                 }
             }
@@ -165,11 +160,18 @@ bool LiftLists(std::span<const uint8_t> in, std::string& out, std::vector<Range>
     return true;
 }
 
+// Whether nothing but blanks is left.
+bool OnlyBlanks(const char* p, const char* e) {
+    while (p < e && IsSpace(*p)) ++p;
+    return p == e;
+}
+
 // Blank-separated numbers of a list, read one at a time.
 class NumberScan {
 public:
     explicit NumberScan(std::string_view t) : m_s(t.data()), m_e(t.data() + t.size()) {}
     size_t Left() const { return static_cast<size_t>(m_e - m_s); }
+    bool OnlyBlanksLeft() const { return OnlyBlanks(m_s, m_e); }
     // NaN, INF words and numbers out of range read as 0 rather than ending the list.
     bool Next(float& v) {
         while (m_s < m_e && IsSpace(*m_s)) ++m_s;
@@ -224,6 +226,42 @@ private:
     const char* m_e;
 };
 
+// Indices from a list's text, or from its values read ahead.
+class IndexScan {
+public:
+    explicit IndexScan(std::string_view text) : m_text(text) {}
+    explicit IndexScan(const hostmem::ZeroedArray<uint32_t>& values)
+        : m_text({}), m_p(values.data()), m_e(values.data() + values.size()), m_values(true) {}
+    bool Next(uint32_t& v) {
+        if (!m_values) return m_text.Next(v);
+        if (m_p == m_e) return false;
+        v = *m_p++;
+        return true;
+    }
+    // Up to `n` values, in place or read into `buf`; `got` tells how many (fewer when the
+    // list ends first).
+    const uint32_t* Take(size_t n, std::vector<uint32_t>& buf, size_t& got) {
+        if (m_values) {
+            got = std::min(n, static_cast<size_t>(m_e - m_p));
+            const uint32_t* at = m_p;
+            m_p += got;
+            return at;
+        }
+        buf.resize(n);
+        got = 0;
+        while (got < n && m_text.Next(buf[got])) ++got;
+        return buf.data();
+    }
+    // No more values than this are left (a value and a blank take two bytes of text).
+    size_t MostLeft() const { return m_values ? static_cast<size_t>(m_e - m_p) : m_text.Left() / 2 + 1; }
+
+private:
+    NumberScan m_text;
+    const uint32_t* m_p = nullptr;
+    const uint32_t* m_e = nullptr;
+    bool m_values = false;
+};
+
 template <typename List> void ParseList(std::string_view text, List& out) {
     out.clear();
     NumberScan sc(text);
@@ -235,18 +273,21 @@ template <typename List> void ParseList(std::string_view text, List& out) {
 // differs from the list's reading, the counts of values and words differ and tell).
 size_t CountWords(std::string_view t) {
     size_t words = 0;
-    bool blank = true; // before the text
+    uint64_t blank = 1; // before the text
     size_t i = 0;
 #if defined(__SSE2__)
+    // Sixty-four bytes a step: bit i of `word` is set when byte i belongs to a word. Signed
+    // compare: bytes from 0x80 up count as blanks too, which only makes the counts disagree
+    // on such text.
     const __m128i space = _mm_set1_epi8(' ');
-    for (; i + 16 <= t.size(); i += 16) {
-        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t.data() + i));
-        // Signed compare: bytes from 0x80 up count as blanks too, which only makes the
-        // counts disagree on such text.
-        const auto word = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, space)));
-        const uint32_t before = (~word << 1 | static_cast<uint32_t>(blank)) & 0xFFFFu; // a blank before each byte
-        words += textscan::PopCount16(word & before);
-        blank = !(word >> 15);
+    const auto mask = [&](size_t at) {
+        const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(t.data() + at));
+        return static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpgt_epi8(x, space))));
+    };
+    for (; i + 64 <= t.size(); i += 64) {
+        const uint64_t word = mask(i) | mask(i + 16) << 16 | mask(i + 32) << 32 | mask(i + 48) << 48;
+        words += textscan::PopCount64(word & (~word << 1 | blank)); // a blank before each byte
+        blank = ~word >> 63;
     }
 #endif
     for (; i < t.size(); ++i) {
@@ -257,69 +298,106 @@ size_t CountWords(std::string_view t) {
     return words;
 }
 
-// One float list read from both ends (see AheadTuning) into one array sized by the list's
-// declared count. Each side counts the words of the chunk it takes and reserves their
-// place: the reader from the front, the side thread from the back, so each value goes
-// straight to its place and nothing written on one core is copied on the other. When the
-// two do not meet exactly (a count that lies), or a chunk's values and words disagree (text
-// that is not plain numbers), the reader reads the list again by itself.
-class ListAhead {
+// The big number lists of one geometry, read ahead on a side thread (see AheadTuning).
+// Each list is cut at blanks into chunks and sized by its words by whichever thread gets
+// to it first. The side thread takes each list's chunks from the back, in document order;
+// the reader takes chunks from the front of the list it needs. Each side counts the words of the chunk it takes and
+// reserves their place, so every value is written once, straight to its place, and nothing written on one core is
+// copied on the other. A list whose two ends do not meet exactly, or with a chunk whose values and words disagree (text
+// that is not plain numbers), is read again on the reader's thread.
+class ListsAhead {
 public:
-    ListAhead(std::string_view text, size_t declared, size_t chunkBytes) : m_text(text) {
-        chunkBytes = std::max<size_t>(chunkBytes, 1);
-        for (size_t at = 0; at < text.size();) {
-            size_t end = std::min(text.size(), at + chunkBytes);
-            while (end < text.size() && !IsSpace(text[end])) ++end; // cut at a blank only
-            m_chunks.push_back(text.substr(at, end - at));
-            at = end;
-        }
-        m_state = std::make_unique<std::atomic<uint8_t>[]>(m_chunks.size());
-        m_back = m_chunks.size();
-        // Room for what a normal channel adds; pages are only touched as values land.
-        m_out.reserve(declared + 3);
-        m_out.resize(declared);
-        m_backAt = declared;
-    }
-    ~ListAhead() { Stop(); }
-    bool Start() {
-        return m_chunks.size() >= 2 && m_thread.Start([this] { Side(); });
-    }
-    const char* Text() const { return m_text.data(); }
-    bool Used() const { return m_used; }
+    struct List {
+        std::string_view text;
+        bool floats;
+    };
 
-    // Every value of the list into `out`, as ParseList reads it.
-    void Read(hostmem::ZeroedArray<float>& out) {
-        m_used = true;
+    ListsAhead(const std::vector<List>& lists, size_t chunkBytes) : m_lists(lists.size()) {
+        chunkBytes = std::max<size_t>(chunkBytes, 1);
+        for (size_t k = 0; k < lists.size(); ++k) {
+            Job& j = m_lists[k];
+            j.text = lists[k].text;
+            j.floats = lists[k].floats;
+            for (size_t at = 0; at < j.text.size();) {
+                size_t end = std::min(j.text.size(), at + chunkBytes);
+                while (end < j.text.size() && !IsSpace(j.text[end])) ++end; // cut at a blank only
+                j.chunks.push_back(j.text.substr(at, end - at));
+                at = end;
+            }
+            j.state = std::make_unique<std::atomic<uint8_t>[]>(j.chunks.size());
+            j.back = j.chunks.size();
+        }
+    }
+    ~ListsAhead() { Stop(); }
+    bool Start() {
+        return !m_lists.empty() && m_thread.Start([this] { Side(); });
+    }
+    // The list of that kind whose text starts at `text` and is not taken yet; -1 when there is none.
+    int Find(const char* text, bool floats) const {
+        for (size_t k = 0; k < m_lists.size(); ++k)
+            if (m_lists[k].text.data() == text && m_lists[k].floats == floats && !m_lists[k].taken)
+                return static_cast<int>(k);
+        return -1;
+    }
+
+    // Every value of list k into `out`, as ParseList reads it.
+    template <class T> void Read(int k, hostmem::ZeroedArray<T>& out) {
+        Job& j = m_lists[static_cast<size_t>(k)];
+        j.taken = true;
+        Size(j);
         bool agree = true;
         size_t i = 0, words = 0, at = 0;
-        while (agree && Claim(true, i, words, at)) agree = Fill(i, at, words);
+        while (agree && Claim(j, true, i, words, at)) agree = Fill<T>(j, i, at, words);
         size_t back;
         {
             std::lock_guard<std::mutex> lock(m_claims);
-            back = m_back;
+            j.broken = j.broken || !agree; // no more chunks of it for the side thread
+            back = j.back;
         }
         // Chunks [back, end) were taken from the back: each is done, failed or being done.
-        for (size_t k = back; agree && k < m_chunks.size(); ++k) {
-            for (uint32_t spin = 0; m_state[k].load(std::memory_order_acquire) == kPending; ++spin) Pause(spin);
-            agree = m_state[k].load(std::memory_order_acquire) == kDone;
+        for (size_t c = back; c < j.chunks.size(); ++c) {
+            for (uint32_t spin = 0; j.state[c].load(std::memory_order_acquire) == kPending; ++spin) Pause(spin);
+            agree = agree && j.state[c].load(std::memory_order_acquire) == kDone;
         }
         {
-            // Every chunk is in: the side thread touches nothing but the claims from here
-            // on, and is joined when the list goes (a join now would wait for its exit).
+            // Every chunk is in: the side thread no longer touches this list.
             std::lock_guard<std::mutex> lock(m_claims);
-            agree = agree && !m_overrun && m_front == m_back && m_frontAt == m_backAt;
+            agree = agree && !j.broken && j.front == j.back && j.frontAt == j.backAt;
         }
+        auto& values = Values<T>(j);
         if (agree) {
-            out = std::move(m_out);
+            out = std::move(values);
         } else {
-            Stop(); // it may still be writing a chunk
-            m_out = {};
-            ParseList(m_text, out);
+            values = {};
+            out.clear();
+            out.reserve(j.words);
+            ParseList(j.text, out);
         }
     }
 
 private:
     static constexpr uint8_t kPending = 0, kDone = 1, kFailed = 2;
+
+    struct Job {
+        std::string_view text;
+        bool floats = false;
+        std::vector<std::string_view> chunks;
+        std::unique_ptr<std::atomic<uint8_t>[]> state;
+        std::atomic<uint8_t> sized{0}; // 0 not yet, 1 being sized, 2 sized
+        size_t words = 0;
+        hostmem::ZeroedArray<float> floatValues;
+        hostmem::ZeroedArray<uint32_t> indexValues;
+        // Under m_claims:
+        size_t front = 0, back = 0;     // chunks [front, back) are unclaimed
+        size_t frontAt = 0, backAt = 0; // values [frontAt, backAt) are unreserved
+        bool broken = false;            // no more claims: the reader reads it again
+        bool taken = false;             // the reader's alone
+    };
+
+    template <class T> static hostmem::ZeroedArray<T>& Values(Job& j) {
+        if constexpr (std::is_same_v<T, float>) return j.floatValues;
+        else return j.indexValues;
+    }
 
     // A chunk takes tens of microseconds: spin for it rather than sleep, as waking a
     // sleeping thread can take far longer on a virtual machine.
@@ -337,52 +415,80 @@ private:
         m_thread.Join();
     }
 
-    // Takes the next chunk from the front or the back, counts its words and reserves their
-    // place; false when no chunk is left or their places would overlap.
-    bool Claim(bool front, size_t& index, size_t& words, size_t& at) {
+    // The list's array, sized by its words, by whichever side gets there first.
+    void Size(Job& j) {
+        uint8_t expected = 0;
+        if (!j.sized.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+            for (uint32_t spin = 0; j.sized.load(std::memory_order_acquire) != 2; ++spin) Pause(spin);
+            return;
+        }
+        const size_t words = CountWords(j.text);
+        bool ok = true;
+        try {
+            if (j.floats) {
+                j.floatValues.reserve(words + 3); // room for what a normal channel adds
+                j.floatValues.resize(words);
+            } else {
+                j.indexValues.resize(words);
+            }
+        } catch (const std::bad_alloc&) { ok = false; }
         {
             std::lock_guard<std::mutex> lock(m_claims);
-            if (m_front >= m_back || m_overrun) return false;
-            index = front ? m_front++ : --m_back;
+            j.words = words;
+            j.backAt = words;
+            j.broken = j.broken || !ok;
         }
-        words = CountWords(m_chunks[index]);
+        j.sized.store(2, std::memory_order_release);
+    }
+
+    // Takes the next chunk of j from the front or the back, counts its words and reserves
+    // their place; false when no chunk is left or their places would overlap.
+    bool Claim(Job& j, bool front, size_t& index, size_t& words, size_t& at) {
+        {
+            std::lock_guard<std::mutex> lock(m_claims);
+            if (j.front >= j.back || j.broken) return false;
+            index = front ? j.front++ : --j.back;
+        }
+        words = CountWords(j.chunks[index]);
         std::lock_guard<std::mutex> lock(m_claims);
-        if (words > m_backAt - m_frontAt) {
-            m_overrun = true;
-            m_state[index].store(kFailed, std::memory_order_release);
+        if (words > j.backAt - j.frontAt) {
+            j.broken = true;
+            j.state[index].store(kFailed, std::memory_order_release);
             return false;
         }
-        at = front ? m_frontAt : m_backAt - words;
-        (front ? m_frontAt : m_backAt) = front ? m_frontAt + words : m_backAt - words;
+        at = front ? j.frontAt : j.backAt - words;
+        (front ? j.frontAt : j.backAt) = front ? j.frontAt + words : j.backAt - words;
         return true;
     }
 
-    // Chunk i's values to [at, at + words); false when they are not one a word.
-    bool Fill(size_t i, size_t at, size_t words) {
-        float* to = m_out.data() + at;
-        NumberScan sc(m_chunks[i]);
+    // Chunk i's values to [at, at + words); false when they are not one a word, or
+    // something other than blanks is left after them (a list that ends there).
+    template <class T> bool Fill(Job& j, size_t i, size_t at, size_t words) {
+        T* to = Values<T>(j).data() + at;
+        NumberScan sc(j.chunks[i]);
         size_t n = 0;
-        float v;
+        T v;
         while (n < words && sc.Next(v)) to[n++] = v;
-        return n == words && !sc.Next(v);
+        return n == words && sc.OnlyBlanksLeft();
     }
 
+    // The lists in the order the reader needs them, each from its back: the side thread
+    // works on the list nearest to the reader's, and they meet in each.
     void Side() {
-        size_t i = 0, words = 0, at = 0;
-        while (!m_quit.load(std::memory_order_relaxed) && Claim(false, i, words, at))
-            m_state[i].store(Fill(i, at, words) ? kDone : kFailed, std::memory_order_release);
+        for (Job& j : m_lists) {
+            if (m_quit.load(std::memory_order_relaxed)) return;
+            Size(j);
+            size_t i = 0, words = 0, at = 0;
+            while (!m_quit.load(std::memory_order_relaxed) && Claim(j, false, i, words, at)) {
+                const bool ok = j.floats ? Fill<float>(j, i, at, words) : Fill<uint32_t>(j, i, at, words);
+                j.state[i].store(ok ? kDone : kFailed, std::memory_order_release);
+            }
+        }
     }
 
-    std::string_view m_text;
-    std::vector<std::string_view> m_chunks;
-    hostmem::ZeroedArray<float> m_out;
-    std::unique_ptr<std::atomic<uint8_t>[]> m_state;
+    std::vector<Job> m_lists;
     std::mutex m_claims;
-    size_t m_front = 0, m_back = 0;     // chunks [m_front, m_back) are unclaimed
-    size_t m_frontAt = 0, m_backAt = 0; // values [m_frontAt, m_backAt) are unreserved
-    bool m_overrun = false;
     std::atomic<bool> m_quit{false};
-    bool m_used = false;
     hostmem::SideThread m_thread; // last: joined before the rest goes
 };
 
@@ -613,18 +719,41 @@ private:
         m_scene.GetCustomData().SetInt(COLLADA_UP_AXIS, up == "X_UP" ? 0 : up == "Z_UP" ? 2 : 1);
     }
 
-    // The largest float list goes to a side thread as soon as the lists are known, so that
-    // it has its chunks read by the time the structure is built and the reader gets there.
+    // The big lists of the geometry that has the most list text go to a side thread as soon
+    // as the lists are known, so that much of them is read by the time the structure is
+    // built and the reader gets there. Index lists past a bound are left to the reader's
+    // batches, which never hold a whole one.
+    bool AheadCandidate(const Range& l) const {
+        return l.geometry && l.size >= m_tuning.listBytes &&
+               (l.floats || (l.indices && l.size <= collada::AheadTuning::kMaxIndexBytes));
+    }
     void StartAhead() {
-        const Range* largest = nullptr;
+        size_t best = 0, bestBytes = 0, bytes = 0;
+        for (size_t k = 0; k < m_lists.size(); ++k) {
+            if (k == 0 || m_lists[k].geometry != m_lists[k - 1].geometry) bytes = 0;
+            if (!AheadCandidate(m_lists[k])) continue;
+            bytes += m_lists[k].size;
+            if (bytes > bestBytes) {
+                bestBytes = bytes;
+                best = m_lists[k].geometry;
+            }
+        }
+        if (bestBytes == 0 || bestBytes < m_tuning.minBytes) return;
+        std::vector<ListsAhead::List> lists;
         for (const Range& l : m_lists)
-            if (l.floats && (!largest || l.size > largest->size)) largest = &l;
-        if (!largest || largest->size < m_tuning.minBytes || largest->declared == 0) return;
-        // The declared count is only believed as far as the text could hold it.
-        auto ahead = std::make_unique<ListAhead>(
-            std::string_view(reinterpret_cast<const char*>(m_data.data()) + largest->begin, largest->size),
-            std::min(largest->declared, largest->size / 2 + 1), m_tuning.chunkBytes);
+            if (l.geometry == best && AheadCandidate(l))
+                lists.push_back(
+                    {std::string_view(reinterpret_cast<const char*>(m_data.data()) + l.begin, l.size), l.floats});
+        auto ahead = std::make_unique<ListsAhead>(lists, m_tuning.chunkBytes);
         if (ahead->Start()) m_ahead = std::move(ahead);
+    }
+
+    // The values of a list read ahead, if `text` is one; false when it is not.
+    template <class T> bool TakeAhead(std::string_view text, hostmem::ZeroedArray<T>& out) {
+        const int k = m_ahead && !text.empty() ? m_ahead->Find(text.data(), std::is_same_v<T, float>) : -1;
+        if (k < 0) return false;
+        m_ahead->Read(k, out);
+        return true;
     }
 
     // Sources are read per geometry and dropped once it is built.
@@ -636,9 +765,7 @@ private:
         pugi::xml_node arr = n.child("float_array");
         const std::string_view text = Text(arr);
         if (!Charge(text.size() / 4)) return nullptr;
-        if (m_ahead && !m_ahead->Used() && !text.empty() && text.data() == m_ahead->Text()) {
-            m_ahead->Read(s.data);
-        } else {
+        if (!TakeAhead(text, s.data)) {
             // Room for the declared count, as far as the text could hold it, and for the entry
             // a normal channel adds when it takes the values over (see BuildMesh).
             s.data.reserve(std::min<uint64_t>(arr.attribute("count").as_ullong(0), text.size() / 2 + 1) + 3);
@@ -929,7 +1056,7 @@ private:
                 std::fill_n(faces.materials.data() + m, n, symbol);
             };
             // `n` corners from `sc` into `buf`; false when the list ends first.
-            auto corners = [&](NumberScan& sc, size_t n) {
+            auto corners = [&](IndexScan& sc, size_t n) {
                 buf.resize(n * stride);
                 for (uint32_t& x : buf)
                     if (!sc.Next(x)) return false;
@@ -939,7 +1066,8 @@ private:
             if (kind == "triangles" || kind == "lines" || kind == "polylist") {
                 const std::string_view text = Text(prim.child("p"));
                 if (!Charge(text.size() / 2)) return;
-                NumberScan sc(text);
+                FaceArray ahead;
+                IndexScan sc = TakeAhead(text, ahead) ? IndexScan(ahead) : IndexScan(text);
                 const size_t perFace = kind == "lines" ? 2 : 3;
                 // The declared count is only believed as far as the text could hold it.
                 const uint64_t room = text.size() / (2 * stride * perFace) + 1;
@@ -959,7 +1087,7 @@ private:
                         uint64_t batchCorners = 0;
                         uint32_t n = 0;
                         while (sizes.size() < kBatch && batchCorners < 4 * kBatch && i < declared) {
-                            if (!vcount.Next(n) || (batchCorners + n) * stride > sc.Left()) {
+                            if (!vcount.Next(n) || (batchCorners + n) * stride > sc.MostLeft()) {
                                 more = false;
                                 break;
                             }
@@ -967,34 +1095,34 @@ private:
                             batchCorners += n;
                             ++i;
                         }
-                        list.resize(static_cast<size_t>(batchCorners * stride));
-                        if (!Charge(list.size())) return;
+                        const auto want = static_cast<size_t>(batchCorners * stride);
+                        if (!Charge(want)) return;
                         size_t got = 0;
-                        while (got < list.size() && sc.Next(list[got])) ++got;
-                        if (got < list.size()) { // the list ends inside a face: the faces before it stay
+                        const uint32_t* values = sc.Take(want, list, got);
+                        if (got < want) { // the list ends inside a face: the faces before it stay
                             size_t whole = 0, used = 0;
                             while (whole < sizes.size() && used + sizes[whole] * stride <= got)
                                 used += sizes[whole++] * stride;
                             sizes.resize(whole);
                             more = false;
                         }
-                        addBatch(list.data(), sizes.data(), sizes.size());
+                        addBatch(values, sizes.data(), sizes.size());
                     }
                 } else if (lines) {
                     for (uint64_t i = 0; i < declared && corners(sc, perFace); ++i) addPoly(buf.data(), perFace, lines);
                 } else {
                     const size_t per = 3 * stride;
                     for (uint64_t left = declared; left > 0 && !m_stopped;) {
-                        // No more faces than the text left could hold (two bytes a number at least).
-                        const uint64_t fit = sc.Left() / (2 * per) + 1;
-                        list.resize(static_cast<size_t>(std::min<uint64_t>({left, kBatch, fit})) * per);
-                        if (!Charge(list.size())) return;
+                        // No more faces than the values left could make.
+                        const uint64_t fit = sc.MostLeft() / per + 1;
+                        const size_t want = static_cast<size_t>(std::min<uint64_t>({left, kBatch, fit})) * per;
+                        if (!Charge(want)) return;
                         size_t got = 0;
-                        while (got < list.size() && sc.Next(list[got])) ++got;
+                        const uint32_t* values = sc.Take(want, list, got);
                         const size_t n = got / per;
-                        addBatch(list.data(), nullptr, n);
+                        addBatch(values, nullptr, n);
                         left -= n;
-                        if (got < list.size()) break;
+                        if (got < want) break;
                     }
                 }
                 Consumed(text);
@@ -1011,7 +1139,8 @@ private:
                 for (pugi::xml_node l : lists) {
                     const std::string_view text = Text(l);
                     if (!Charge(text.size() * 2)) return;
-                    ParseList(text, list);
+                    if (FaceArray ahead; TakeAhead(text, ahead)) list.assign(ahead.begin(), ahead.end());
+                    else ParseList(text, list);
                     Consumed(text);
                     const size_t n = list.size() / stride;
                     auto corner = [&](size_t o) { return list.begin() + static_cast<long>(o * stride); };
@@ -1561,7 +1690,7 @@ private:
     bool m_stopped = false, m_cancelled = false, m_depthLogged = false, m_animLogged = false, m_keysLogged = false,
          m_keyed = false, m_chainLogged = false;
     collada::AheadTuning m_tuning;
-    std::unique_ptr<ListAhead> m_ahead; // last: its thread stops before the rest goes
+    std::unique_ptr<ListsAhead> m_ahead; // last: its thread stops before the rest goes
 };
 
 } // namespace

@@ -26,12 +26,16 @@ constexpr uint32_t COLLADA_TYPE_ID = 0x44414520;
 constexpr uint32_t COLLADA_UP_AXIS = 0x55504158; // 'UPAX'
 
 namespace collada {
-// The document's largest float list is read from its end on another core while the reader
-// works its way to it, in chunks cut at blanks; the reader takes chunks from the front when
-// it gets there, and the two meet where they meet. The values are those of one read.
+// The big float and index lists of the geometry with the most list text are read from their
+// ends on another core while the reader works its way to them, in chunks cut at blanks; the
+// reader takes chunks from the front of each when it gets there, and the two meet where
+// they meet. The values are those of one read.
 struct AheadTuning {
-    size_t minBytes = size_t{256} << 10; // smaller lists are read on the caller's thread only
+    size_t minBytes = size_t{256} << 10; // less list text than this is read on the caller's thread only
     size_t chunkBytes = size_t{16} << 10;
+    size_t listBytes = size_t{32} << 10; // smaller lists are left to the reader
+    // Index lists larger than this are left to the reader, whose batches never hold a whole one.
+    static constexpr size_t kMaxIndexBytes = size_t{16} << 20;
 };
 } // namespace collada
 

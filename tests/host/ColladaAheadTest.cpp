@@ -55,16 +55,23 @@ const collada::AheadTuning kOneThread{std::numeric_limits<size_t>::max(), 1};
 void ExpectSameRead(const std::string& text, const std::string& what) {
     const std::string want = Outcome(text, kOneThread);
     for (size_t chunk : {size_t{1}, size_t{5}, size_t{64}, size_t{4096}, size_t{1} << 20})
-        EXPECT_EQ(Outcome(text, collada::AheadTuning{1, chunk}), want) << what << ", chunks of " << chunk;
+        EXPECT_EQ(Outcome(text, collada::AheadTuning{1, chunk, 1}), want) << what << ", chunks of " << chunk;
+}
+
+// Corner indices of the strip of triangles Doc makes: point, then normal.
+std::string Corners(int points) {
+    std::string p;
+    for (int i = 0; i + 2 < points; ++i)
+        for (int k = 0; k < 3; ++k) p += std::to_string(i + k) + ' ' + std::to_string(3 * i + k) + ' ';
+    return p;
 }
 
 // A mesh of `points` whose normals (one per corner, the largest list) are `normals`,
-// declared as `count`.
-std::string Doc(int points, const std::string& normals, const std::string& count) {
-    std::string pos, p;
+// declared as `count`; its corners are `p` (by default, Corners).
+std::string Doc(int points, const std::string& normals, const std::string& count, std::string p = {}) {
+    std::string pos;
     for (int i = 0; i < points; ++i) pos += std::to_string(i % 7) + " " + std::to_string(i / 7) + " 0.5 ";
-    for (int i = 0; i + 2 < points; ++i)
-        for (int k = 0; k < 3; ++k) p += std::to_string(i + k) + ' ' + std::to_string(3 * i + k) + ' ';
+    if (p.empty()) p = Corners(points);
     return "<?xml version=\"1.0\"?><COLLADA version=\"1.4.1\"><library_geometries><geometry id=\"g\"><mesh>"
            "<source id=\"p\"><float_array id=\"pa\" count=\"" +
            std::to_string(3 * points) + "\">" + pos +
@@ -137,6 +144,59 @@ TEST(ColladaAhead, DamagedListsReadAlike) {
             text[from + 10 + rng() % (to - from - 10)] = kBytes[rng() % (sizeof kBytes - 1)];
         ExpectSameRead(text, "damaged copy " + std::to_string(round));
     }
+}
+
+// Index lists end at their first word that is not an index: read ahead, the faces kept must
+// be those before it, wherever the chunks are cut.
+TEST(ColladaAhead, IndexListsThatEndEarly) {
+    std::mt19937 rng(5);
+    const int points = 150;
+    const std::string n = Normals(9 * points, rng);
+    const std::string count = " count=\"" + std::to_string(9 * points) + "\"";
+    const std::string p = Corners(points);
+    for (const char* odd : {"x", "-1", "+3", "99999999999", "1-2", "3x", "2.5", "\x01", "\xC3\xA9", "0x1"}) {
+        for (size_t at : {size_t{0}, size_t{1}, p.size() / 3, p.size() - 1}) {
+            std::string text = p;
+            while (at < text.size() && text[at] != ' ') ++at;
+            text.insert(at, std::string(" ") + odd + ' ');
+            ExpectSameRead(Doc(points, n, count, text), std::string("corners with ") + odd);
+        }
+        // The odd word glued to the last index, so that it ends a chunk's text.
+        ExpectSameRead(Doc(points, n, count, p + odd), std::string("corners ending in ") + odd);
+    }
+    ExpectSameRead(Doc(points, n, count, "\n\t" + p + "\r\n"), "corners among blanks");
+    ExpectSameRead(Doc(points, n, count, p.substr(0, p.size() / 2 + 1)), "corners cut short");
+}
+
+// Polygons (one list per face), two geometries of which only the larger is read ahead, and
+// lists shared by two primitives.
+TEST(ColladaAhead, ListsOfOtherShapes) {
+    std::string polys;
+    for (int i = 0; i < 40; ++i) {
+        std::string p;
+        for (int k = 0; k < 3 + i % 4; ++k) p += std::to_string((i + k) % 30) + ' ';
+        polys += "<p>" + p + "</p>";
+    }
+    std::string pos;
+    for (int i = 0; i < 30; ++i) pos += std::to_string(i) + " " + std::to_string(i % 5) + " 1 ";
+    std::string big;
+    for (int i = 0; i < 3000; ++i) big += std::to_string(i % 30) + ' ';
+    const std::string source = "<source id=\"P\"><float_array id=\"PA\" count=\"90\">" + pos +
+                               "</float_array><technique_common><accessor source=\"#PA\" count=\"30\" "
+                               "stride=\"3\"/></technique_common></source><vertices id=\"V\"><input "
+                               "semantic=\"POSITION\" source=\"#P\"/></vertices>";
+    const std::string text =
+        "<?xml version=\"1.0\"?><COLLADA version=\"1.4.1\"><library_geometries>"
+        "<geometry id=\"a\"><mesh>" +
+        source + "<polygons count=\"40\"><input semantic=\"VERTEX\" source=\"#V\" offset=\"0\"/>" + polys +
+        "</polygons></mesh></geometry><geometry id=\"b\"><mesh>" + source +
+        "<triangles count=\"1000\"><input semantic=\"VERTEX\" source=\"#V\" offset=\"0\"/><p>" + big +
+        "</p></triangles><triangles count=\"1000\"><input semantic=\"VERTEX\" source=\"#V\" offset=\"0\"/><p>" +
+        big.substr(0, big.size() / 2) +
+        "</p></triangles></mesh></geometry></library_geometries><library_visual_scenes><visual_scene id=\"s\">"
+        "<node><instance_geometry url=\"#a\"/></node><node><instance_geometry url=\"#b\"/></node></visual_scene>"
+        "</library_visual_scenes><scene><instance_visual_scene url=\"#s\"/></scene></COLLADA>";
+    ExpectSameRead(text, "polygons and two geometries");
 }
 
 TEST(ColladaAheadCorpus, EveryDocumentReadsAlike) {
