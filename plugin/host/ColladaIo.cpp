@@ -340,6 +340,15 @@ public:
         return -1;
     }
 
+    // Has the side thread fault in the pages of [p, p + bytes) while it still has lists to
+    // read, for arrays the reader fills later: taken page by page on the reader's thread,
+    // those faults cost more than the request does on the other core.
+    void Prefault(const void* p, size_t bytes) {
+        std::lock_guard<std::mutex> lock(m_claims);
+        m_prefault.push_back({p, bytes});
+        m_prefaultWaiting.store(true, std::memory_order_release);
+    }
+
     // Every value of list k into `out`, as ParseList reads it.
     template <class T> void Read(int k, hostmem::ZeroedArray<T>& out) {
         Job& j = m_lists[static_cast<size_t>(k)];
@@ -393,6 +402,17 @@ private:
         bool broken = false;            // no more claims: the reader reads it again
         bool taken = false;             // the reader's alone
     };
+
+    void PrefaultNow() {
+        if (!m_prefaultWaiting.load(std::memory_order_acquire)) return;
+        std::vector<std::pair<const void*, size_t>> todo;
+        {
+            std::lock_guard<std::mutex> lock(m_claims);
+            todo.swap(m_prefault);
+            m_prefaultWaiting.store(false, std::memory_order_relaxed);
+        }
+        for (const auto& [p, bytes] : todo) hostmem::PopulatePages(p, bytes);
+    }
 
     template <class T> static hostmem::ZeroedArray<T>& Values(Job& j) {
         if constexpr (std::is_same_v<T, float>) return j.floatValues;
@@ -477,9 +497,10 @@ private:
     void Side() {
         for (Job& j : m_lists) {
             if (m_quit.load(std::memory_order_relaxed)) return;
+            PrefaultNow();
             Size(j);
             size_t i = 0, words = 0, at = 0;
-            while (!m_quit.load(std::memory_order_relaxed) && Claim(j, false, i, words, at)) {
+            while (!m_quit.load(std::memory_order_relaxed) && (PrefaultNow(), Claim(j, false, i, words, at))) {
                 const bool ok = j.floats ? Fill<float>(j, i, at, words) : Fill<uint32_t>(j, i, at, words);
                 j.state[i].store(ok ? kDone : kFailed, std::memory_order_release);
             }
@@ -488,6 +509,8 @@ private:
 
     std::vector<Job> m_lists;
     std::mutex m_claims;
+    std::vector<std::pair<const void*, size_t>> m_prefault; // under m_claims
+    std::atomic<bool> m_prefaultWaiting{false};
     std::atomic<bool> m_quit{false};
     hostmem::SideThread m_thread; // last: joined before the rest goes
 };
@@ -843,7 +866,51 @@ private:
         }
     };
 
+    // Room for the faces of every triangle list and polylist of the mesh at once, as far as
+    // their text could hold them, before any source is read: one block per array, and with
+    // a side thread reading the lists, their pages are faulted in over there meanwhile.
+    void ReserveFaces(pugi::xml_node mesh, FaceArrays& faces) {
+        uint64_t count = 0;
+        bool normals = false, coords = false, colors = false;
+        const auto note = [&](pugi::xml_node in) {
+            const std::string_view sem = in.attribute("semantic").value();
+            normals = normals || sem == "NORMAL";
+            coords = coords || sem == "TEXCOORD";
+            colors = colors || sem == "COLOR";
+        };
+        for (pugi::xml_node prim : mesh.children()) {
+            const std::string_view kind = prim.name();
+            if (kind != "triangles" && kind != "polylist") continue;
+            uint64_t maxOffset = 0;
+            for (pugi::xml_node in : prim.children("input")) {
+                maxOffset =
+                    std::max<uint64_t>(maxOffset, std::min<uint64_t>(in.attribute("offset").as_ullong(0), 1024));
+                note(in);
+                if (std::string_view(in.attribute("semantic").value()) == "VERTEX")
+                    for (pugi::xml_node vi :
+                         mesh.find_child_by_attribute("vertices", "id",
+                                                      std::string(Fragment(in.attribute("source").value())).c_str())
+                             .children("input"))
+                        note(vi);
+            }
+            const uint64_t room = Text(prim.child("p")).size() / (2 * (maxOffset + 1) * 3) + 1;
+            count += std::min<uint64_t>(prim.attribute("count").as_ullong(0), room);
+        }
+        if (count == 0) return;
+        faces.Reserve(count, 3 * count);
+        const size_t corners = faces.indices.capacity();
+        if (normals) hostmem::ReserveLarge(faces.nrm, corners);
+        if (coords) hostmem::ReserveLarge(faces.uv, corners);
+        if (colors) hostmem::ReserveLarge(faces.vc, corners);
+        if (!m_ahead) return;
+        for (const FaceArray* a : {&faces.offsets, &faces.indices, &faces.materials, &faces.nrm, &faces.uv, &faces.vc})
+            m_ahead->Prefault(a->data(), a->capacity() * sizeof(uint32_t));
+        m_ahead->Prefault(faces.flags.data(), faces.flags.capacity());
+    }
+
     void BuildMesh(pugi::xml_node mesh, BuiltGeometry& out) {
+        FaceArrays faces;
+        ReserveFaces(mesh, faces);
         // Points: the POSITION source of <vertices>, shared by every primitive.
         pugi::xml_node verts = mesh.child("vertices");
         const Source* pos = nullptr;
@@ -861,7 +928,6 @@ private:
             xyz[3 * i + 2] = pos->stride > 2 ? p[2] : 0;
         }
         const auto npoints = static_cast<uint32_t>(pos->count);
-        FaceArrays faces;
         std::unique_ptr<CUVWChannel> uv;
         std::unique_ptr<CVCChannel> vc;
         std::unique_ptr<CSpecNormalChannel> nc;

@@ -61,8 +61,12 @@ void AdviseLargeArray(void* p, size_t bytes) {
 }
 
 void PopulateNow(void* p, size_t bytes) {
+    if (bytes >= (size_t(1) << 20)) PopulatePages(p, bytes);
+}
+
+void PopulatePages(const void* p, size_t bytes) {
 #if defined(__linux__)
-    if (!p || bytes < (size_t(1) << 20)) return;
+    if (!p) return;
     AdviseInside(reinterpret_cast<uintptr_t>(p), reinterpret_cast<uintptr_t>(p) + bytes, PageSize(),
                  MADV_POPULATE_WRITE); // a failure just leaves the faults
 #else

@@ -32,6 +32,9 @@ void AdviseLargeArray(void* p, size_t bytes);
 // time. Only for memory about to be written whole. Ranges under 1 MiB, and kernels without
 // the request, are left to the faults.
 void PopulateNow(void* p, size_t bytes);
+// The same request at any size: for a thread that faults pages in for another, which is
+// about to write there.
+void PopulatePages(const void* p, size_t bytes);
 
 // reserve() plus the advice, for arrays about to be filled.
 template <class V> // std::vector or ZeroedArray
