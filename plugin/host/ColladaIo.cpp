@@ -807,7 +807,14 @@ private:
     }
 
     // Inputs of a primitive; VERTEX expands into the <vertices> element's inputs.
-    std::vector<Input> Inputs(pugi::xml_node prim, pugi::xml_node mesh, size_t& stride) {
+    // The mesh's <vertices> element an input's source names (the first of that id), from a
+    // table made once per mesh: a search per input would be quadratic in the primitives.
+    pugi::xml_node MeshVertices(pugi::xml_node in) const {
+        const auto it = m_meshVertices.find(Fragment(in.attribute("source").value()));
+        return it == m_meshVertices.end() ? pugi::xml_node() : it->second;
+    }
+
+    std::vector<Input> Inputs(pugi::xml_node prim, size_t& stride) {
         std::vector<Input> out;
         size_t maxOffset = 0;
         for (pugi::xml_node in : prim.children("input")) {
@@ -821,9 +828,7 @@ private:
                 return GetSource(Fragment(i.attribute("source").value()));
             };
             if (sem == "VERTEX") {
-                pugi::xml_node verts = mesh.find_child_by_attribute(
-                    "vertices", "id", std::string(Fragment(in.attribute("source").value())).c_str());
-                for (pugi::xml_node vi : verts.children("input")) {
+                for (pugi::xml_node vi : MeshVertices(in).children("input")) {
                     std::string vsem = vi.attribute("semantic").value();
                     const Source* src = used(vi, vsem);
                     out.push_back({std::move(vsem), src, off, vi.attribute("set").as_int(0)});
@@ -887,11 +892,7 @@ private:
                     std::max<uint64_t>(maxOffset, std::min<uint64_t>(in.attribute("offset").as_ullong(0), 1024));
                 note(in);
                 if (std::string_view(in.attribute("semantic").value()) == "VERTEX")
-                    for (pugi::xml_node vi :
-                         mesh.find_child_by_attribute("vertices", "id",
-                                                      std::string(Fragment(in.attribute("source").value())).c_str())
-                             .children("input"))
-                        note(vi);
+                    for (pugi::xml_node vi : MeshVertices(in).children("input")) note(vi);
             }
             const uint64_t room = Text(prim.child("p")).size() / (2 * (maxOffset + 1) * 3) + 1;
             count += std::min<uint64_t>(prim.attribute("count").as_ullong(0), room);
@@ -909,6 +910,8 @@ private:
     }
 
     void BuildMesh(pugi::xml_node mesh, BuiltGeometry& out) {
+        m_meshVertices.clear();
+        for (pugi::xml_node v : mesh.children("vertices")) m_meshVertices.emplace(v.attribute("id").value(), v);
         FaceArrays faces;
         ReserveFaces(mesh, faces);
         // Points: the POSITION source of <vertices>, shared by every primitive.
@@ -935,6 +938,7 @@ private:
         const Source* colorSource = nullptr;
         const Source* normalSource = nullptr;
         std::vector<uint32_t> buf, list;
+        std::unordered_map<std::string_view, uint32_t> symbols; // material symbol: its number
         // Sources this mesh reads as positions, coordinates or colours (all others are read
         // as normals only).
         std::unordered_set<std::string> otherUses;
@@ -956,7 +960,7 @@ private:
                 continue;
             if (Stopped()) return;
             size_t stride = 1;
-            std::vector<Input> inputs = Inputs(prim, mesh, stride);
+            std::vector<Input> inputs = Inputs(prim, stride);
             size_t vOff = SIZE_MAX, tOff = SIZE_MAX, cOff = SIZE_MAX, nOff = SIZE_MAX;
             int tSet = INT32_MAX;
             for (const Input& in : inputs) {
@@ -1022,9 +1026,9 @@ private:
                 faces.nrm.assign(faces.indices.size(), static_cast<uint32_t>(normalSource->count));
             }
             const char* sym = prim.attribute("material").value();
-            auto symbol =
-                static_cast<uint32_t>(std::find(out.symbols.begin(), out.symbols.end(), sym) - out.symbols.begin());
-            if (symbol == out.symbols.size()) out.symbols.push_back(sym);
+            const auto [known, added] = symbols.emplace(sym, static_cast<uint32_t>(out.symbols.size()));
+            const uint32_t symbol = known->second;
+            if (added) out.symbols.push_back(sym);
             const uint32_t uvMissing = uv ? static_cast<uint32_t>(uvSource->count) : 0;
             const uint32_t vcMissing = vc ? static_cast<uint32_t>(colorSource->count) : 0;
             const uint32_t nMissing = nc ? static_cast<uint32_t>(normalSource->count) : 0;
@@ -1697,11 +1701,15 @@ private:
             return;
         }
         // Symbols of the geometry's primitives to host materials, through bind_material.
+        // The first instance_material of each symbol, from one pass over them.
+        std::unordered_map<std::string_view, pugi::xml_node> bound;
+        for (pugi::xml_node im : inst.child("bind_material").child("technique_common").children("instance_material"))
+            for (pugi::xml_attribute a : im.attributes())
+                if (std::strcmp(a.name(), "symbol") == 0) bound.emplace(a.value(), im);
         std::vector<uint32_t> map(g->symbols.size(), NO_MATERIAL);
         for (size_t s = 0; s < g->symbols.size(); ++s) {
-            pugi::xml_node im = inst.child("bind_material")
-                                    .child("technique_common")
-                                    .find_child_by_attribute("instance_material", "symbol", g->symbols[s].c_str());
+            const auto found = bound.find(g->symbols[s]);
+            pugi::xml_node im = found == bound.end() ? pugi::xml_node() : found->second;
             std::string_view target = im ? Fragment(im.attribute("target").value()) : std::string_view(g->symbols[s]);
             if (!target.empty() && ById(target)) map[s] = Material(target);
         }
@@ -1749,6 +1757,7 @@ private:
     std::unordered_map<std::string, uint32_t> m_uses;
     std::unordered_map<std::string, Source> m_sources;
     std::unordered_map<std::string, std::unique_ptr<BuiltGeometry>> m_geometries;
+    std::unordered_map<std::string_view, pugi::xml_node> m_meshVertices; // of the mesh being built
     std::unordered_map<std::string, uint32_t> m_materials;
     std::unordered_map<std::string, std::vector<Channel>> m_channels;
     uint64_t m_budget = 0, m_used = 0, m_instances = 0, m_keysMade = 0, m_keyWork = 0;

@@ -141,6 +141,42 @@ TEST(Collada, MaterialsThroughEffectsAndBindings) {
     EXPECT_EQ(b->GetMaterialID(1), NO_MATERIAL);
 }
 
+// Repeated ids of <vertices> and repeated symbols in bind_material: the first one counts, and
+// a symbol used by several primitives is one material slot.
+TEST(Collada, RepeatedVerticesAndSymbolsTakeTheFirst) {
+    const std::string libs =
+        "<library_effects><effect id=\"red\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>1 0 0 1"
+        "</color></diffuse></lambert></technique></profile_COMMON></effect>"
+        "<effect id=\"blue\"><profile_COMMON><technique sid=\"c\"><lambert><diffuse><color>0 0 1 1</color>"
+        "</diffuse></lambert></technique></profile_COMMON></effect></library_effects>"
+        "<library_materials><material id=\"r\"><instance_effect url=\"#red\"/></material>"
+        "<material id=\"b\"><instance_effect url=\"#blue\"/></material></library_materials>";
+    const std::string far =
+        "<source id=\"q\"><float_array id=\"qa\" count=\"12\">9 9 9 8 9 9 8 8 9 9 8 9</float_array>"
+        "<technique_common><accessor source=\"#qa\" count=\"4\" stride=\"3\"/></technique_common></source>"
+        "<vertices id=\"v\"><input semantic=\"POSITION\" source=\"#q\"/></vertices>";
+    const std::string tri = "<triangles count=\"1\" material=\"A\"><input semantic=\"VERTEX\" source=\"#v\" "
+                            "offset=\"0\"/><p>0 1 2</p></triangles>";
+    auto r = ReadText(Doc(kSquare + far + tri + tri,
+                          "<node><instance_geometry url=\"#g\"><bind_material><technique_common>"
+                          "<instance_material symbol=\"A\" target=\"#r\"/><instance_material symbol=\"A\" "
+                          "target=\"#b\"/></technique_common></bind_material></instance_geometry></node>",
+                          libs));
+    ASSERT_TRUE(r.scene) << r.error;
+    auto meshes = Nodes(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 1u);
+    const C3DGeomObject* g = meshes[0]->GetGeomObject();
+    ASSERT_EQ(g->GetPointList()->size(), 4u);
+    EXPECT_EQ(g->GetPointList()->Raw()[3], 1.0f); // the square's, not the far points
+    const C3DFaceList* fl = g->GetFaceList();
+    ASSERT_EQ(fl->GetNumberOfFaces(), 2);
+    EXPECT_EQ(fl->GetMaterialID(0), fl->GetMaterialID(1));
+    const C3DMaterial* m = r.scene->GetMaterialByID(fl->GetMaterialID(0));
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->GetDiffuseColor().r, 255);
+    EXPECT_EQ(r.scene->GetMaterialNumber(), 1);
+}
+
 // Normals are kept per corner through their own index, as the file gives them.
 TEST(Collada, NormalsFollowTheirOwnIndices) {
     const std::string normals =
