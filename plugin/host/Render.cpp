@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "plugin/host/Channel.h"
 #include "plugin/host/LargeArray.h"
@@ -385,6 +386,7 @@ private:
     float m_radius = 1;
     std::map<uint32_t, MaterialLook> m_looks;
     std::map<std::string, std::unique_ptr<CImage>> m_textures; // by resolved path; null when unreadable
+    std::unordered_set<std::string> m_missing;                 // missingTextures, to keep each once
     uint64_t m_textureBytes = 0;
     FolderIndex m_folders;
     std::vector<C3DPoint> m_view; // the current mesh's points in view space
@@ -537,8 +539,7 @@ const MaterialLook& SceneRenderer::Look(uint32_t id) {
             if (t != m_textures.end() && t->second) {
                 look.texture = t->second.get();
                 look.uvChannel = map->channel;
-            } else if (std::find(m_stats.missingTextures.begin(), m_stats.missingTextures.end(), given) ==
-                       m_stats.missingTextures.end()) {
+            } else if (m_missing.insert(given).second) {
                 m_stats.missingTextures.push_back(given);
             }
         }

@@ -24,6 +24,8 @@ std::unique_ptr<C3DScene> C3DScene::Clone() const {
     s->m_scale = m_scale;
     s->m_texturePaths = m_texturePaths;
     s->m_requiredFiles = m_requiredFiles;
+    s->m_texturePathSet = m_texturePathSet;
+    s->m_requiredFileSet = m_requiredFileSet;
     s->m_ticks = m_ticks;
     s->m_start = m_start;
     s->m_end = m_end;
@@ -213,20 +215,24 @@ C3DMaterial* C3DScene::GetNextMaterial(CMaterialPos& pos) const {
 bool C3DScene::RemoveMaterial(uint32_t id) { return m_materials.erase(id) != 0; }
 
 void C3DScene::AddTexturePath(const CXStringW& p) {
-    if (std::find(m_texturePaths.begin(), m_texturePaths.end(), p) == m_texturePaths.end()) m_texturePaths.push_back(p);
+    if (m_texturePathSet.insert(p.str()).second) m_texturePaths.push_back(p);
 }
 
 void C3DScene::ReplaceRequiredFile(const CXStringW& from, const CXStringW& to) {
+    if (!m_requiredFileSet.count(from.str())) return AddRequiredFile(to);
     auto it = std::find(m_requiredFiles.begin(), m_requiredFiles.end(), from);
-    if (it == m_requiredFiles.end()) return AddRequiredFile(to);
-    if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), to) != m_requiredFiles.end())
+    if (m_requiredFileSet.count(to.str())) { // already there (or the same name): the old entry goes
+        m_requiredFileSet.erase(from.str());
         m_requiredFiles.erase(it);
-    else *it = to;
+    } else {
+        m_requiredFileSet.erase(from.str());
+        m_requiredFileSet.insert(to.str());
+        *it = to;
+    }
 }
 
 void C3DScene::AddRequiredFile(const CXStringW& p) {
-    if (std::find(m_requiredFiles.begin(), m_requiredFiles.end(), p) == m_requiredFiles.end())
-        m_requiredFiles.push_back(p);
+    if (m_requiredFileSet.insert(p.str()).second) m_requiredFiles.push_back(p);
 }
 
 size_t C3DScene::MemoryBytes() const {

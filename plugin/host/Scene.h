@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "plugin/host/CustomData.h"
@@ -122,6 +124,9 @@ private:
     int m_unit = UNIT_NONE;
     double m_scale = 1.0;
     std::vector<CXStringW> m_texturePaths, m_requiredFiles;
+    // The same names, to keep each once without a search per name (readers add one per
+    // material, and files may hold hundreds of thousands).
+    std::unordered_set<std::wstring> m_texturePathSet, m_requiredFileSet;
     int m_ticks = 4800;
     int32_t m_start = 0, m_end = 0;
     CCustomData m_parserData, m_custom;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -151,4 +152,42 @@ TEST(SceneTransforms, WorldMatrixComposesParentsAndObjectOffset) {
     ASSERT_TRUE(child->GetBoundingBox(0, box, true));
     EXPECT_FLOAT_EQ(box.min.y, 10.0f);
     EXPECT_FLOAT_EQ(box.min.x, 12.0f);
+}
+
+// Texture folders and required files: each name once, in the order first given, through
+// copies, merges and replacements.
+TEST(SceneFiles, EachNameOnceInFirstOrder) {
+    using V = std::vector<CXStringW>;
+    C3DScene s;
+    for (const wchar_t* f : {L"a.png", L"b.png", L"a.png", L"c.png", L"b.png"}) s.AddRequiredFile(f);
+    s.AddTexturePath(L"/tex");
+    s.AddTexturePath(L"/tex");
+    EXPECT_EQ(s.GetRequiredFiles(), (V{L"a.png", L"b.png", L"c.png"}));
+    EXPECT_EQ(s.GetTexturePaths(), (V{L"/tex"}));
+
+    // A copy knows its names too.
+    std::unique_ptr<C3DScene> copy = s.Clone();
+    copy->AddRequiredFile(L"b.png");
+    copy->AddTexturePath(L"/tex");
+    copy->AddTexturePath(L"/more");
+    EXPECT_EQ(copy->GetRequiredFiles(), (V{L"a.png", L"b.png", L"c.png"}));
+    EXPECT_EQ(copy->GetTexturePaths(), (V{L"/tex", L"/more"}));
+
+    // Merging adds only the names not there yet.
+    C3DScene other;
+    other.AddRequiredFile(L"c.png");
+    other.AddRequiredFile(L"d.png");
+    s.AddScene(other);
+    EXPECT_EQ(s.GetRequiredFiles(), (V{L"a.png", L"b.png", L"c.png", L"d.png"}));
+
+    // Replacing: in place; onto a name already there, the old entry goes; an unknown name is
+    // added; the replaced name can come back.
+    s.ReplaceRequiredFile(L"b.png", L"e.png");
+    EXPECT_EQ(s.GetRequiredFiles(), (V{L"a.png", L"e.png", L"c.png", L"d.png"}));
+    s.ReplaceRequiredFile(L"a.png", L"d.png");
+    EXPECT_EQ(s.GetRequiredFiles(), (V{L"e.png", L"c.png", L"d.png"}));
+    s.ReplaceRequiredFile(L"x.png", L"f.png");
+    s.AddRequiredFile(L"b.png");
+    s.AddRequiredFile(L"e.png");
+    EXPECT_EQ(s.GetRequiredFiles(), (V{L"e.png", L"c.png", L"d.png", L"f.png", L"b.png"}));
 }
