@@ -201,8 +201,9 @@ private:
     C3DScene* m_scene = nullptr;
     std::vector<uint32_t> m_tagMaterial; // per tag, NO_MATERIAL until made
     std::unordered_map<std::string, uint32_t> m_materialByName;
-    std::unordered_map<std::string, int32_t> m_uvChannelIDs; // TXUV map name -> channel ID
-    std::unordered_map<size_t, int32_t> m_projChannelIDs;    // projected surface -> channel ID
+    std::unordered_map<std::string, int32_t> m_uvChannelIDs;     // TXUV map name -> channel ID
+    std::unordered_map<size_t, int32_t> m_projChannelIDs;        // projected surface -> channel ID
+    std::unordered_map<int32_t, size_t> m_projSurfaceOfMaterial; // material ID -> projected surface
     int32_t m_nextChannelID = 0;
     std::unordered_map<std::string, bool> m_textureFound;
     uint64_t m_droppedPolys = 0, m_droppedMaps = 0;
@@ -789,6 +790,11 @@ void Reader::BuildMaterials() {
         }
         m_materialByName.emplace(s.name, m->GetID());
     }
+    // Made once for all layers: one table per layer cost layers x surfaces.
+    for (auto& [si, id] : m_projChannelIDs) {
+        auto it = m_materialByName.find(m_surfaces[si].name);
+        if (it != m_materialByName.end()) m_projSurfaceOfMaterial.emplace(static_cast<int32_t>(it->second), si);
+    }
 }
 
 CXStringW Reader::TextureFile(const Texture& t) {
@@ -972,11 +978,7 @@ void Reader::BuildLayer(Layer& l, C3DSceneNode* node) {
     // Projected textures: UVs computed per corner for the faces of that surface; the other
     // faces point at one (0, 0) entry.
     if (!m_projChannelIDs.empty() && faces) {
-        std::unordered_map<int32_t, size_t> surfaceOfMaterial;
-        for (auto& [si, id] : m_projChannelIDs) {
-            auto it = m_materialByName.find(m_surfaces[si].name);
-            if (it != m_materialByName.end()) surfaceOfMaterial.emplace(static_cast<int32_t>(it->second), si);
-        }
+        const auto& surfaceOfMaterial = m_projSurfaceOfMaterial;
         std::unordered_map<size_t, std::unique_ptr<CUVWChannel>> built;
         for (size_t fi = 0; fi < faces; ++fi) {
             auto it = surfaceOfMaterial.find(static_cast<int32_t>(mf.GetMaterialID(static_cast<int>(fi))));

@@ -290,6 +290,59 @@ TEST(LightwaveRead, PlanarProjectionComputesUvsFromCentreAndSize) {
     EXPECT_FLOAT_EQ(UvAt(*o, 0, 0, 0, map->channel), 0.0f);
 }
 
+TEST(LightwaveRead, ProjectedSurfacesGetTheirChannelsInEveryLayer) {
+    // Planar on Z: "A" centred at 0 with size 1, "B" centred at (1,1,0) with size (2,4,1).
+    // Layer 0 tags its faces A and "Gone" (no such surface); layer 1 tags them B and A.
+    IffBuilder b;
+    b.Form("LWO2");
+    b.Chunk("TAGS").S0("A").S0("B").S0("Gone").End();
+    b.Chunk("CLIP").U32(1).Sub("STIL").S0("a.png").End().End();
+    for (const char* name : {"A", "B"}) {
+        const bool a = name[0] == 'A';
+        b.Chunk("SURF").S0(name).S0("");
+        b.Sub("BLOK");
+        b.Sub("IMAP").S0("\x80").Sub("CHAN").Id("COLR").End().End();
+        b.Sub("TMAP").Sub("CNTR").Vec(a ? 0 : 1, a ? 0 : 1, 0).VX(0).End();
+        b.Sub("SIZE").Vec(a ? 1 : 2, a ? 1 : 4, 1).VX(0).End().End();
+        b.Sub("PROJ").U16(0).End().Sub("AXIS").U16(2).End().Sub("IMAG").VX(1).End();
+        b.End().End();
+    }
+    for (uint16_t layer : {0, 1}) {
+        b.Chunk("LAYR").U16(layer).U16(0).Vec(0, 0, 0).S0(layer ? "L1" : "L0").End();
+        b.Chunk("PNTS").Vec(0, 0, 0).Vec(0, 1, 0).Vec(1, 0, 0).End();
+        b.Chunk("POLS").Id("FACE").U16(3).VX(0).VX(1).VX(2).U16(3).VX(0).VX(1).VX(2).End();
+        b.Chunk("PTAG").Id("SURF").VX(0).U16(layer ? 1 : 0).VX(1).U16(layer ? 0 : 2).End();
+    }
+    ReadResult r = ReadObjectBytes(Close(b));
+    ASSERT_TRUE(r.scene);
+    auto channelOf = [&](const wchar_t* surface) {
+        const CMaterialMap* map =
+            r.scene->GetMaterialByID(r.scene->GetMaterialID(surface))->GetMaterialMap(MAP_DIFFUSE);
+        return map ? static_cast<int>(map->channel) : -1;
+    };
+    const int a = channelOf(L"A"), bb = channelOf(L"B");
+    ASSERT_GE(a, 0);
+    ASSERT_GE(bb, 0);
+    ASSERT_NE(a, bb);
+    // Host corner 1 is file point 2 = (1,0,0): A gives (1.5, .5), B gives (.5, .25).
+    C3DObject* l0 = MeshOf(FindNode(*r.scene, L"L0"));
+    ASSERT_TRUE(l0);
+    ASSERT_TRUE(l0->GetChannelByID(a, CHANNEL_UVW));
+    EXPECT_FALSE(l0->GetChannelByID(bb, CHANNEL_UVW));
+    EXPECT_FLOAT_EQ(UvAt(*l0, 0, 1, 0, a), 1.5f);
+    EXPECT_FLOAT_EQ(UvAt(*l0, 0, 1, 1, a), 0.5f);
+    EXPECT_FLOAT_EQ(UvAt(*l0, 1, 1, 0, a), 0.0f); // the missing surface's face: the (0, 0) entry
+    C3DObject* l1 = MeshOf(FindNode(*r.scene, L"L1"));
+    ASSERT_TRUE(l1);
+    ASSERT_TRUE(l1->GetChannelByID(a, CHANNEL_UVW));
+    ASSERT_TRUE(l1->GetChannelByID(bb, CHANNEL_UVW));
+    EXPECT_FLOAT_EQ(UvAt(*l1, 0, 1, 0, bb), 0.5f);
+    EXPECT_FLOAT_EQ(UvAt(*l1, 0, 1, 1, bb), 0.25f);
+    EXPECT_FLOAT_EQ(UvAt(*l1, 0, 1, 0, a), 0.0f);
+    EXPECT_FLOAT_EQ(UvAt(*l1, 1, 1, 0, a), 1.5f);
+    EXPECT_FLOAT_EQ(UvAt(*l1, 1, 1, 0, bb), 0.0f);
+}
+
 TEST(LightwaveRead, ProjectionsAroundEachAxis) {
     lightwave::Projection p;
     const float n[3] = {0, 0, 1};
