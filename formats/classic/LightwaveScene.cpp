@@ -292,6 +292,12 @@ private:
     struct LoadedFile {
         C3DSceneNode* holder = nullptr; // under the scene root until the end
         bool ok = false;
+        // Made on the first layer asked for: the file's layers by number (the first in tree
+        // order wins) and whether it has one node besides curves. Searched per item, a file
+        // of many layers cost items x layers.
+        bool indexed = false;
+        bool single = false;
+        std::unordered_map<uint64_t, C3DSceneNode*> layers;
     };
     std::map<std::wstring, LoadedFile> m_files;
     C3DScene* m_scene = nullptr;
@@ -640,7 +646,8 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
         found = m_files.emplace(stored.str(), lf).first;
     }
     if (!found->second.ok) return nullptr;
-    C3DSceneNode* holder = found->second.holder;
+    LoadedFile& lf = found->second;
+    C3DSceneNode* holder = lf.holder;
     if (it.wholeFile) {
         // The whole file: one layer becomes the item itself, several hang below it.
         if (holder->GetDirectChildCount() == 1) return holder->GetChildNode()->Clone(true);
@@ -650,16 +657,20 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
     }
     // Scenes count layers from 1 where the object files count from 0; files whose layers do
     // not start at 0 (and old objects, whose one layer is 1) are matched as numbered.
-    for (int layer : {it.layer - 1, it.layer}) {
+    if (!lf.indexed) {
+        lf.indexed = true;
         C3DBaseObject* o;
-        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder);
-             C3DSceneNode* n = m_scene->GetNextNode(o, p);) {
-            if (n == holder || n->GetNodeID() != static_cast<uint64_t>(layer) || n->GetKindOf() == KINDOF_CURVE)
-                continue;
+        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder); C3DSceneNode* n = m_scene->GetNextNode(o, p);)
+            if (n != holder && n->GetKindOf() != KINDOF_CURVE) lf.layers.emplace(n->GetNodeID(), n);
+        lf.single = m_scene->GetChildCount(holder, KINDOF_ALL & ~uint32_t(KINDOF_CURVE)) == 1;
+    }
+    for (int layer : {it.layer - 1, it.layer}) {
+        auto hit = lf.layers.find(static_cast<uint64_t>(layer));
+        if (hit != lf.layers.end()) {
+            C3DSceneNode* n = hit->second;
             C3DSceneNode* copy = n->Clone(false);
             const CXStringW stem = fileRemoveExtension(fileStripPath(stored));
-            const bool single = m_scene->GetChildCount(holder, KINDOF_ALL & ~uint32_t(KINDOF_CURVE)) == 1;
-            copy->SetName(single ? stem : stem + L":" + n->GetName());
+            copy->SetName(lf.single ? stem : stem + L":" + n->GetName());
             // Keep the layer's own curves, not its child layers.
             for (C3DSceneNode* c = n->GetChildNode(); c; c = c->GetRightNode())
                 if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID())

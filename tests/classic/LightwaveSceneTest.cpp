@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <string>
+#include <vector>
 
 #include "tests/classic/LightwaveTestSupport.h"
 #include "tests/support/TestSupport.h"
@@ -243,6 +244,47 @@ TEST(LightwaveScene, ObjectsFromTheContentFolderAndTheirLayers) {
     ASSERT_TRUE(FindNode(*r.scene, L"two:Base"));
     EXPECT_EQ(MeshOf(FindNode(*r.scene, L"two:Base"))->GetFaceList()->GetNumberOfFaces(), 1);
     EXPECT_EQ(r.scene->GetMaterialNumber(), 1); // the file was read once
+}
+
+TEST(LightwaveScene, LayerItemsTakeTheFirstLayerOfTheirNumberInTreeOrder) {
+    // dup.lwo: "First" (1, with a two-point line: a curve child numbered 1 too), "Second" (1
+    // again), "Third" (3, a child of layer 1). Items ask for layers 1, 0->1, 3 and 9.
+    testsupport::TempDir dir;
+    IffBuilder b;
+    b.Form("LWO2");
+    b.Chunk("LAYR").U16(1).U16(0).Vec(0, 0, 0).S0("First").End();
+    b.Chunk("PNTS").Vec(0, 0, 0).Vec(0, 1, 0).Vec(1, 0, 0).End();
+    b.Chunk("POLS").Id("FACE").U16(3).VX(0).VX(1).VX(2).U16(2).VX(0).VX(1).End();
+    b.Chunk("LAYR").U16(1).U16(0).Vec(0, 0, 0).S0("Second").End();
+    b.Chunk("PNTS").Vec(0, 0, 1).Vec(0, 1, 1).Vec(1, 0, 1).Vec(1, 1, 1).End();
+    b.Chunk("POLS").Id("FACE").U16(4).VX(0).VX(1).VX(3).VX(2).End();
+    b.Chunk("LAYR").U16(3).U16(0).Vec(0, 0, 0).S0("Third").I16(1).End();
+    b.Chunk("PNTS").Vec(0, 0, 2).Vec(0, 1, 2).Vec(1, 0, 2).End();
+    b.Chunk("POLS").Id("FACE").U16(3).VX(0).VX(1).VX(2).End();
+    b.End();
+    testsupport::WriteFile(dir / "dup.lwo", b.Bytes());
+    const std::string text = "LWSC\n3\nLoadObjectLayer 2 dup.lwo\nLoadObjectLayer 1 dup.lwo\n"
+                             "LoadObjectLayer 4 dup.lwo\nLoadObjectLayer 9 dup.lwo\n";
+    ReadResult r = ReadSceneText(text, dir.path());
+    ASSERT_TRUE(r.scene);
+    std::vector<std::wstring> names;
+    std::vector<C3DSceneNode*> items;
+    for (C3DSceneNode* n = r.scene->GetRoot()->GetChildNode(); n; n = n->GetRightNode()) {
+        names.push_back(n->GetName().str());
+        items.push_back(n);
+    }
+    ASSERT_EQ(names, (std::vector<std::wstring>{L"dup:First", L"dup:First", L"dup:Third", L"dup"}));
+    for (int i = 0; i < 2; ++i) {
+        // The layer, not its curve child, and the curve comes along; child layers do not.
+        ASSERT_TRUE(MeshOf(items[i]));
+        EXPECT_EQ(MeshOf(items[i])->GetFaceList()->GetNumberOfFaces(), 1);
+        EXPECT_EQ(MeshOf(items[i])->GetFaceList()->GetFaceSize(0), 3);
+        ASSERT_EQ(items[i]->GetDirectChildCount(), 1);
+        EXPECT_EQ(items[i]->GetChildNode()->GetKindOf(), static_cast<uint32_t>(KINDOF_CURVE));
+    }
+    EXPECT_EQ(items[2]->GetDirectChildCount(), 0);
+    EXPECT_FALSE(MeshOf(items[3]));
+    EXPECT_TRUE(r.Logged(L"layer 9 not found in dup.lwo"));
 }
 
 TEST(LightwaveSceneCorpus, EverySceneReadsWithItsCube) {
