@@ -123,12 +123,19 @@ bool WriteObject(const C3DScene& scene, std::vector<uint8_t>& out) {
             surfaceOf.emplace(scene.GetMaterialByID(m) ? m : NO_MATERIAL, 0);
     std::vector<std::string> tags;
     std::unordered_map<std::string, int> tagIndex;
+    // Per name, the first suffix not yet known to be taken: tags are never removed, so many
+    // materials of one name do not try every suffix again.
+    std::unordered_map<std::string, int> nextSuffix;
     for (auto& [id, tag] : surfaceOf) {
         const C3DMaterial* m = scene.GetMaterialByID(id);
         std::string name = m ? Narrow(m->GetName()) : "Default";
         if (name.empty()) name = "Surface" + std::to_string(id);
         std::string unique = name;
-        for (int k = 2; tagIndex.count(unique); ++k) unique = name + "_" + std::to_string(k);
+        if (tagIndex.count(unique)) {
+            int& k = nextSuffix.try_emplace(name, 2).first->second;
+            do unique = name + "_" + std::to_string(k++);
+            while (tagIndex.count(unique));
+        }
         tag = static_cast<int>(tags.size());
         tagIndex.emplace(unique, tag);
         tags.push_back(unique);

@@ -161,6 +161,31 @@ TEST(LightwaveWrite, ReadBackKeepsHierarchySurfacesSeamsAndTextures) {
     EXPECT_EQ(r.scene->GetMaterialByID(MeshOf(c2)->GetFaceList()->GetMaterialID(0))->GetName(), L"Default");
 }
 
+TEST(LightwaveWrite, RepeatedSurfaceNamesTakeTheFirstFreeSuffix) {
+    // Materials in ID order: "X" twice, then "X_3" (a name of its own), then "X" twice more.
+    C3DScene s;
+    float z = 0;
+    for (const wchar_t* name : {L"X", L"X", L"X_3", L"X", L"X"}) {
+        C3DMaterial* m = s.CreateNewMaterial();
+        m->SetName(name);
+        s.AddNode(nullptr, Quad(L"Q", m->GetID(), z++));
+    }
+    const std::string bytes = Write(s);
+    const size_t at = bytes.find("TAGS");
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_LE(at + 8, bytes.size());
+    size_t size = 0;
+    for (int i = 4; i < 8; ++i) size = size << 8 | static_cast<uint8_t>(bytes[at + i]);
+    ASSERT_LE(at + 8 + size, bytes.size());
+    std::vector<std::string> tags;
+    for (size_t i = 0; i < size;) {
+        const std::string t(bytes.c_str() + at + 8 + i);
+        tags.push_back(t);
+        i += (t.size() + 2) & ~size_t(1);
+    }
+    EXPECT_EQ(tags, (std::vector<std::string>{"X", "X_2", "X_3", "X_4", "X_5"}));
+}
+
 TEST(LightwaveWrite, LongPolygonsAndLongIndices) {
     C3DScene s;
     auto* o = new C3DObject();
