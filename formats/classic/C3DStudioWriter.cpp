@@ -54,7 +54,7 @@ C3DStudioWriter::C3DStudioWriter(IoFile& file, C3DScene& scene, CIoOptions* log)
     : m_target(file), m_out(m_target, kBufferBytes), m_scene(scene), m_log(log) {}
 
 CXStringW C3DStudioWriter::ObjectName(const C3DSceneNode& node) {
-    CXStringW name = GetUniqueName(m_objectNames, node.GetName(), 10);
+    CXStringW name = GetUniqueName(m_objectNames, m_objectNext, node.GetName(), 10);
     if (m_log && name != node.GetName())
         m_log->AddLogInfo(LOG_INFO, L"3D Studio names have ten characters: \"" + node.GetName() +
                                         L"\" is written as \"" + name + L"\".");
@@ -156,7 +156,7 @@ void C3DStudioWriter::WriteMaterial(const C3DMaterial& m) {
     const auto* sm = dynamic_cast<const C3DStandardMaterial*>(&m);
     if (!sm) sm = &kDefaults;
     CXStringW base = m.GetName().IsEmpty() ? CXStringW(L"Default Material") : m.GetName();
-    CXStringW name = GetUniqueName(m_materialNames, base, 16);
+    CXStringW name = GetUniqueName(m_materialNames, m_materialNext, base, 16);
     m_materialWritten.SetAt(m.GetID(), name);
 
     Begin(0xAFFF);

@@ -49,6 +49,7 @@ private:
 
     CHashTable<CXStringW> m_objectNames{23};
     CHashTable<CXStringW> m_materialNames{23};
+    CHashMap<CXStringW, unsigned> m_objectNext{23}, m_materialNext{23}; // suffixes tried per name
     CHashMap<uint32_t, CXStringW> m_materialWritten{23};
     CHashMap<const C3DSceneNode*, CXStringW> m_nodeWritten{23};
     CHashMap<const C3DSceneNode*, uint32_t> m_nodeIDs{23};

@@ -328,15 +328,31 @@ void fileRemoveTmpOfThisProcess() {
     Live().clear();
 }
 
+namespace {
+CXStringW FitName(const CXStringW& base, const CXStringW& suffix, int maxLen) {
+    CXStringW b = base;
+    if (maxLen > 0 && b.GetLength() + suffix.GetLength() > maxLen) b = b.Left(std::max(0, maxLen - suffix.GetLength()));
+    return b + suffix;
+}
+} // namespace
+
 CXStringW GetUniqueName(CHashTable<CXStringW>& taken, const CXStringW& base, int maxLen) {
-    auto fit = [&](const CXStringW& suffix) {
-        CXStringW b = base;
-        if (maxLen > 0 && b.GetLength() + suffix.GetLength() > maxLen)
-            b = b.Left(std::max(0, maxLen - suffix.GetLength()));
-        return b + suffix;
-    };
-    CXStringW name = fit(CXStringW());
-    for (unsigned n = 1; taken.Contains(name); ++n) name = fit(CXStringW(std::to_wstring(n)));
+    CXStringW name = FitName(base, CXStringW(), maxLen);
+    for (unsigned n = 1; taken.Contains(name); ++n) name = FitName(base, CXStringW(std::to_wstring(n)), maxLen);
+    taken.Add(name);
+    return name;
+}
+
+CXStringW GetUniqueName(CHashTable<CXStringW>& taken, CHashMap<CXStringW, unsigned>& next, const CXStringW& base,
+                        int maxLen) {
+    CXStringW name = FitName(base, CXStringW(), maxLen);
+    if (taken.Contains(name)) {
+        const unsigned* from = next.Find(base);
+        unsigned n = from ? *from : 1;
+        do name = FitName(base, CXStringW(std::to_wstring(n++)), maxLen);
+        while (taken.Contains(name));
+        next.SetAt(base, n);
+    }
     taken.Add(name);
     return name;
 }

@@ -67,3 +67,7 @@ private:
 // by cutting the base); the result is added to `taken`.
 #include "plugin/host/XArray.h"
 CXStringW GetUniqueName(CHashTable<CXStringW>& taken, const CXStringW& base, int maxLen = 0);
+// The same, trying suffixes from where the last call for `base` stopped: `next` goes with a
+// `taken` that only grows and one maxLen, so many equal names cost one try each.
+CXStringW GetUniqueName(CHashTable<CXStringW>& taken, CHashMap<CXStringW, unsigned>& next, const CXStringW& base,
+                        int maxLen = 0);

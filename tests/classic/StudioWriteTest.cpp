@@ -184,6 +184,17 @@ TEST(StudioWrite, NamesAreCutAndMadeUnique) {
     EXPECT_EQ(C3DStudioWriter::ShortTextureName(CXStringW(L"a.png")), L"a.png");
 }
 
+TEST(StudioWrite, RepeatedNamesTakeTheFirstFreeSuffix) {
+    // "Box2" is a name of its own before the third "Box" would need that suffix; cut names
+    // count their suffixes apart from the names they came from.
+    C3DScene scene;
+    const std::vector<float> tri = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    for (const wchar_t* name : {L"Box", L"Box", L"Box2", L"Box", L"Box", L"ABCDEFGHIJKL", L"ABCDEFGHIJKL"})
+        AddMesh(scene, nullptr, name, tri, {{0, 1, 2}});
+    EXPECT_EQ(ObjectNames(SaveBytes(scene)),
+              (std::vector<std::string>{"Box", "Box1", "Box2", "Box3", "Box4", "ABCDEFGHIJ", "ABCDEFGHI1"}));
+}
+
 TEST(StudioWrite, TransformsHierarchyAndMirrorsSurviveARoundTrip) {
     C3DScene scene;
     scene.SetUnit(UNIT_METER);
