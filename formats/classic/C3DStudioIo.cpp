@@ -113,6 +113,8 @@ C3DScene* C3DStudioIo::ReadFile(IoFile& file, CSceneImportOptions& options) {
     all.seek(0);
 
     ResetReadState();
+    m_copyBudget = m_copyAllowance + 4 * uint64_t(data.size());
+    m_copiesCut = false;
     m_building.reset(new (std::nothrow) C3DScene());
     bool ok = m_building != nullptr;
     if (ok) {
@@ -491,7 +493,23 @@ bool C3DStudioIo::ReadNodeHeader(CBinaryCursor& p) {
         node = *found;
         NodeRec* rec = FindRec(node);
         if (rec && rec->parentEntry >= 0) {
-            // The object is used a second time: a key-less copy stands for it.
+            // The object is used a second time: a key-less copy stands for it, while the
+            // copies stay within their budget.
+            uint64_t cost = 1;
+            if (const C3DGeomObject* g = node->GetGeomObject()) {
+                if (g->GetPointList()) cost += static_cast<uint64_t>(g->GetPointList()->GetSize());
+                if (g->GetFaceList()) cost += g->GetFaceList()->GetNumberOfIndices();
+            }
+            if (m_copiesCut || cost > m_copyBudget) {
+                if (!m_copiesCut && m_options)
+                    m_options->AddLogInfo(
+                        LOG_INFO, CXStringW(L"3D Studio: objects used too many times; the later uses were left out."));
+                m_copiesCut = true;
+                m_currentNode = nullptr;
+                m_nodesByID.SetAt(m_currentNodeID == kNoNodeID ? m_nodeCounter : m_currentNodeID, nullptr);
+                return true;
+            }
+            m_copyBudget -= cost;
             std::unique_ptr<C3DSceneNode> copy(node->Clone(false));
             if (!copy) return false;
             copy->DeleteAllKeys();

@@ -33,6 +33,11 @@ public:
     }
     // Project-file shapes (0x5000) are skipped unless switched on; nothing in the module does.
     void SetReadShapes(bool on) { m_readShapes = on; }
+    // Objects the keyframer uses again are copied; the copies of one read hold at most this
+    // many points and corners, plus 4 per byte of the file (a few bytes can name a large mesh
+    // again). Later uses are left out.
+    static constexpr uint64_t kCopyAllowance = uint64_t(1) << 26;
+    void SetCopyAllowance(uint64_t values) { m_copyAllowance = values; }
 
     // Deepest container nesting a file may have.
     static constexpr int kMaxDepth = 64;
@@ -93,4 +98,7 @@ private:
     C3DPoint m_pivot;
     float m_shapeOffset[2] = {0, 0};
     bool m_readShapes = false;
+    uint64_t m_copyAllowance = kCopyAllowance;
+    uint64_t m_copyBudget = 0; // what the copies of this read may still hold
+    bool m_copiesCut = false;
 };

@@ -438,6 +438,59 @@ TEST(StudioRead, AnObjectUsedTwiceGivesAKeylessCopy) {
     EXPECT_EQ(nodes[1]->GetGeomObject()->GetFaceList()->GetNumberOfFaces(), 1);
 }
 
+TEST(StudioRead, CopiesOfReusedObjectsStopAtTheirBudget) {
+    // "Tree" (2,000 faces) used 40 times (uses 1.. renamed "U<n>"; the last takes ID 0 again),
+    // then "Kid" under ID 0.
+    std::vector<uint16_t> faces;
+    for (int f = 0; f < 2000; ++f) faces.insert(faces.end(), {0, 1, 2});
+    std::string file = Scene(
+        [&](StudioBuilder& b) {
+            TriObject(b, "Tree", {0, 0, 0, 1, 0, 0, 0, 1, 0}, faces);
+            TriObject(b, "Kid", {0, 0, 0, 1, 0, 0, 0, 1, 0}, {0, 1, 2});
+        },
+        [](StudioBuilder& b) {
+            for (uint16_t i = 0; i < 40; ++i) {
+                b.Begin(0xB002).Begin(0xB030).U16(i == 39 ? 0 : i).End().NodeHeader("Tree", 0xFFFF);
+                if (i) b.Begin(0xB011).Str("U" + std::to_string(i)).End();
+                b.End();
+            }
+            b.Begin(0xB002).Begin(0xB030).U16(40).End().NodeHeader("Kid", 0).End();
+        });
+    auto read = [&](uint64_t allowance) {
+        CFileIo io;
+        CSceneImportOptions opt;
+        C3DStudioIo parser(io);
+        parser.SetCopyAllowance(allowance);
+        ReadResult r;
+        r.scene.reset(parser.ReadMemory(file.data(), file.size(), opt));
+        r.log = opt.GetLog();
+        return r;
+    };
+    const std::wstring message = L"objects used too many times";
+    ReadResult all = read(C3DStudioIo::kCopyAllowance);
+    ASSERT_TRUE(all.scene);
+    EXPECT_EQ(all.scene->GetRoot()->GetDirectChildCount(), 40);
+    EXPECT_EQ(Named(*all.scene, L"Kid")->GetParent(), Named(*all.scene, L"U39"));
+    EXPECT_FALSE(all.Logged(message));
+
+    // No allowance beyond the file's own share: the first uses are kept in order, the rest
+    // left out, and the child of a left-out use goes to the root (not to the older ID 0).
+    ReadResult cut = read(0);
+    ASSERT_TRUE(cut.scene);
+    std::vector<std::wstring> names;
+    for (C3DSceneNode* n = cut.scene->GetRoot()->GetChildNode(); n; n = n->GetRightNode())
+        names.push_back(n->GetName().str());
+    ASSERT_GT(names.size(), 2u);
+    ASSERT_LT(names.size(), 40u);
+    EXPECT_EQ(names[0], L"Tree");
+    for (size_t i = 1; i + 1 < names.size(); ++i) EXPECT_EQ(names[i], L"U" + std::to_wstring(i));
+    EXPECT_EQ(names.back(), L"Kid");
+    EXPECT_FALSE(Named(*cut.scene, L"U39"));
+    size_t logged = 0;
+    for (const IoLogInfo& l : cut.log) logged += l.text.str().find(message) != std::wstring::npos;
+    EXPECT_EQ(logged, 1u);
+}
+
 TEST(StudioRead, SelfParentsAndUnknownNamesInTheKeyframer) {
     std::string selfParent = Scene(
         [](StudioBuilder& b) {
