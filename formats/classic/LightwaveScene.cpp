@@ -293,11 +293,16 @@ private:
         C3DSceneNode* holder = nullptr; // under the scene root until the end
         bool ok = false;
         // Made on the first layer asked for: the file's layers by number (the first in tree
-        // order wins) and whether it has one node besides curves. Searched per item, a file
-        // of many layers cost items x layers.
+        // order wins) with their own curves, and whether it has one node besides curves.
+        // Searched per item, a file of many layers (or a layer of many child layers) cost
+        // items x layers.
+        struct Layer {
+            C3DSceneNode* node = nullptr;
+            std::vector<C3DSceneNode*> curves;
+        };
         bool indexed = false;
         bool single = false;
-        std::unordered_map<uint64_t, C3DSceneNode*> layers;
+        std::unordered_map<uint64_t, Layer> layers;
     };
     std::map<std::wstring, LoadedFile> m_files;
     C3DScene* m_scene = nullptr;
@@ -660,21 +665,26 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
     if (!lf.indexed) {
         lf.indexed = true;
         C3DBaseObject* o;
-        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder); C3DSceneNode* n = m_scene->GetNextNode(o, p);)
-            if (n != holder && n->GetKindOf() != KINDOF_CURVE) lf.layers.emplace(n->GetNodeID(), n);
+        for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder);
+             C3DSceneNode* n = m_scene->GetNextNode(o, p);) {
+            if (n == holder || n->GetKindOf() == KINDOF_CURVE) continue;
+            auto [at, fresh] = lf.layers.try_emplace(n->GetNodeID());
+            if (!fresh) continue;
+            at->second.node = n;
+            for (C3DSceneNode* c = n->GetChildNode(); c; c = c->GetRightNode())
+                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID()) at->second.curves.push_back(c);
+        }
         lf.single = m_scene->GetChildCount(holder, KINDOF_ALL & ~uint32_t(KINDOF_CURVE)) == 1;
     }
     for (int layer : {it.layer - 1, it.layer}) {
         auto hit = lf.layers.find(static_cast<uint64_t>(layer));
         if (hit != lf.layers.end()) {
-            C3DSceneNode* n = hit->second;
+            C3DSceneNode* n = hit->second.node;
             C3DSceneNode* copy = n->Clone(false);
             const CXStringW stem = fileRemoveExtension(fileStripPath(stored));
             copy->SetName(lf.single ? stem : stem + L":" + n->GetName());
             // Keep the layer's own curves, not its child layers.
-            for (C3DSceneNode* c = n->GetChildNode(); c; c = c->GetRightNode())
-                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID())
-                    copy->AppendChild(c->Clone(true));
+            for (C3DSceneNode* c : hit->second.curves) copy->AppendChild(c->Clone(true));
             return copy;
         }
     }
