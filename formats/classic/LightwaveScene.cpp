@@ -256,8 +256,9 @@ struct Item {
 
 class SceneReader {
 public:
-    SceneReader(const CXStringW& folder, CSceneImportOptions& options, const std::function<bool()>& cancelled)
-        : m_folder(folder), m_options(options), m_cancelled(cancelled) {}
+    SceneReader(const CXStringW& folder, CSceneImportOptions& options, const std::function<bool()>& cancelled,
+                uint64_t copyAllowance)
+        : m_folder(folder), m_options(options), m_cancelled(cancelled), m_copyBudget(copyAllowance) {}
     int Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& out);
 
 private:
@@ -274,6 +275,7 @@ private:
     double StaticOrEnvelope(Lines& lines, std::string_view rest, double fallback);
 
     C3DSceneNode* LoadLayer(const Item& it);
+    bool ChargeCopy(uint64_t cost);
     void Build(C3DScene& scene);
     void Transform(const Item& it, double time, C3DVector& t, CQuaternion& q, C3DVector& s) const;
 
@@ -299,8 +301,11 @@ private:
         struct Layer {
             C3DSceneNode* node = nullptr;
             std::vector<C3DSceneNode*> curves;
+            uint64_t cost = 0; // of a copy, see CopyCost
         };
         bool indexed = false;
+        bool costed = false;
+        uint64_t wholeCost = 0;
         bool single = false;
         std::unordered_map<uint64_t, Layer> layers;
     };
@@ -308,7 +313,29 @@ private:
     C3DScene* m_scene = nullptr;
     size_t m_bakedKeys = 0;
     uint64_t m_missing = 0;
+    uint64_t m_copyBudget; // what the copies may still hold
+    bool m_copiesCut = false;
 };
+
+// Points and corners a copy of the node (not its children) holds, and one for the node.
+uint64_t CopyCost(const C3DSceneNode& n) {
+    uint64_t cost = 1;
+    if (const C3DGeomObject* g = n.GetGeomObject()) {
+        if (g->GetPointList()) cost += static_cast<uint64_t>(g->GetPointList()->GetSize());
+        if (g->GetFaceList()) cost += g->GetFaceList()->GetNumberOfIndices();
+    }
+    return cost;
+}
+
+bool SceneReader::ChargeCopy(uint64_t cost) {
+    if (!m_copiesCut && cost <= m_copyBudget) {
+        m_copyBudget -= cost;
+        return true;
+    }
+    if (!m_copiesCut) Log(L"Lightwave scene: objects used too many times; later items were left empty");
+    m_copiesCut = true;
+    return false;
+}
 
 Item& SceneReader::NewItem(int type, std::string_view rest) {
     m_items.emplace_back();
@@ -516,6 +543,7 @@ int SceneReader::Run(std::span<const uint8_t> data, std::unique_ptr<C3DScene>& o
     Lines lines(data);
     std::string_view l;
     if (!lines.Next(l) || l != "LWSC") return IO_ERR_FORMAT;
+    m_copyBudget += 4 * uint64_t(data.size());
     double version = 0;
     if (!lines.Next(l) || Numbers(l, &version, 1) != 1) return IO_ERR_FORMAT;
     m_version = static_cast<int>(std::clamp(version, 1.0, 5.0));
@@ -633,6 +661,7 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
             IoFile file(true);
             if (ok && !fileIsDirectory(path) && file.OpenFile(path, true)) {
                 std::unique_ptr<C3DScene> obj;
+                const uint64_t bytes = file.GetData().size();
                 const int rc = ReadObject(file.GetData(), fileStripName(path), m_options, m_cancelled, obj, &file);
                 file.CloseFile();
                 if (rc == IO_ERR_CANCELLED) m_cancel = true;
@@ -641,6 +670,7 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
                     m_scene->AddNode(nullptr, lf.holder);
                     m_scene->AddScene(*obj, lf.holder);
                     lf.ok = true;
+                    m_copyBudget += 4 * bytes;
                 }
             }
         }
@@ -654,6 +684,13 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
     LoadedFile& lf = found->second;
     C3DSceneNode* holder = lf.holder;
     if (it.wholeFile) {
+        if (!lf.costed) {
+            lf.costed = true;
+            for (C3DNodePos p = m_scene->GetFirstNode(KINDOF_ALL, 0, holder);
+                 C3DSceneNode* n = m_scene->GetNextNode(p);)
+                if (n != holder) lf.wholeCost += CopyCost(*n);
+        }
+        if (!ChargeCopy(lf.wholeCost)) return nullptr;
         // The whole file: one layer becomes the item itself, several hang below it.
         if (holder->GetDirectChildCount() == 1) return holder->GetChildNode()->Clone(true);
         auto* group = new C3DSceneNode(new C3DGroup());
@@ -671,14 +708,19 @@ C3DSceneNode* SceneReader::LoadLayer(const Item& it) {
             auto [at, fresh] = lf.layers.try_emplace(n->GetNodeID());
             if (!fresh) continue;
             at->second.node = n;
+            at->second.cost = CopyCost(*n);
             for (C3DSceneNode* c = n->GetChildNode(); c; c = c->GetRightNode())
-                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID()) at->second.curves.push_back(c);
+                if (c->GetKindOf() == KINDOF_CURVE && c->GetNodeID() == n->GetNodeID()) {
+                    at->second.curves.push_back(c);
+                    at->second.cost += CopyCost(*c);
+                }
         }
         lf.single = m_scene->GetChildCount(holder, KINDOF_ALL & ~uint32_t(KINDOF_CURVE)) == 1;
     }
     for (int layer : {it.layer - 1, it.layer}) {
         auto hit = lf.layers.find(static_cast<uint64_t>(layer));
         if (hit != lf.layers.end()) {
+            if (!ChargeCopy(hit->second.cost)) return nullptr;
             C3DSceneNode* n = hit->second.node;
             C3DSceneNode* copy = n->Clone(false);
             const CXStringW stem = fileRemoveExtension(fileStripPath(stored));
@@ -876,9 +918,9 @@ void SceneReader::Build(C3DScene& scene) {
 } // namespace
 
 int ReadScene(std::span<const uint8_t> data, const CXStringW& folder, CSceneImportOptions& options,
-              const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out) {
+              const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out, uint64_t copyAllowance) {
     try {
-        SceneReader r(folder, options, cancelled);
+        SceneReader r(folder, options, cancelled, copyAllowance);
         return r.Run(data, out);
     } catch (const std::bad_alloc&) {
         out.reset();

@@ -27,8 +27,14 @@ struct Envelope {
     double Evaluate(double time) const;
 };
 
+// Every object item is a copy of what its file holds; the copies of one scene hold at most
+// this many points and corners, plus 4 per byte of the scene and of the files it loads (a
+// short line can name a large object again). Later items get no geometry.
+constexpr uint64_t kCopyAllowance = uint64_t(1) << 26;
+
 // IO_OK and a scene, or IO_ERR_FORMAT / IO_ERR_EMPTY / IO_ERR_CANCELLED.
 int ReadScene(std::span<const uint8_t> data, const CXStringW& folder, CSceneImportOptions& options,
-              const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out);
+              const std::function<bool()>& cancelled, std::unique_ptr<C3DScene>& out,
+              uint64_t copyAllowance = kCopyAllowance);
 
 } // namespace lightwave

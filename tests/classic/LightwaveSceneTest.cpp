@@ -2,6 +2,7 @@
 // their parents, objects loaded from files, and hostile scenes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -285,6 +286,56 @@ TEST(LightwaveScene, LayerItemsTakeTheFirstLayerOfTheirNumberInTreeOrder) {
     EXPECT_EQ(items[2]->GetDirectChildCount(), 0);
     EXPECT_FALSE(MeshOf(items[3]));
     EXPECT_TRUE(r.Logged(L"layer 9 not found in dup.lwo"));
+}
+
+TEST(LightwaveScene, CopiesOfObjectsStopAtTheirBudget) {
+    // 100 items, whole file and layer by turns, each a copy of one 2,000-point layer.
+    testsupport::TempDir dir;
+    IffBuilder b;
+    b.Form("LWO2");
+    b.Chunk("LAYR").U16(0).U16(0).Vec(0, 0, 0).S0("Big").End();
+    b.Chunk("PNTS");
+    for (int i = 0; i < 2000; ++i) b.Vec(float(i), 0, 0);
+    b.End().End();
+    testsupport::WriteFile(dir / "big.lwo", b.Bytes());
+    std::string text = "LWSC\n3\n";
+    for (int i = 0; i < 100; ++i) text += i % 2 ? "LoadObjectLayer 1 big.lwo\n" : "LoadObject big.lwo\n";
+    auto read = [&](uint64_t allowance) {
+        CSceneImportOptions options;
+        ReadResult r;
+        r.error = lightwave::ReadScene({reinterpret_cast<const uint8_t*>(text.data()), text.size()},
+                                       CXStringW(dir.path().wstring()), options, {}, r.scene, allowance);
+        for (const auto& l : options.GetLog()) r.log.push_back(l.text.str());
+        return r;
+    };
+    auto meshes = [](const C3DScene& s) {
+        std::vector<bool> v;
+        for (C3DSceneNode* n = s.GetRoot()->GetChildNode(); n; n = n->GetRightNode()) v.push_back(MeshOf(n));
+        return v;
+    };
+    const std::wstring message = L"objects used too many times";
+    ReadResult all = read(lightwave::kCopyAllowance);
+    ASSERT_TRUE(all.scene);
+    EXPECT_EQ(meshes(*all.scene), std::vector<bool>(100, true));
+    EXPECT_FALSE(all.Logged(message));
+
+    // Nothing beyond the bytes' own share: the first items keep their copies, the later ones
+    // stay as empty items named after the file, and the log says so once.
+    ReadResult cut = read(0);
+    ASSERT_TRUE(cut.scene);
+    const std::vector<bool> kept = meshes(*cut.scene);
+    ASSERT_EQ(kept.size(), 100u);
+    const size_t first = static_cast<size_t>(std::find(kept.begin(), kept.end(), false) - kept.begin());
+    EXPECT_GT(first, 2u);
+    EXPECT_LT(first, 100u);
+    EXPECT_EQ(std::count(kept.begin(), kept.end(), true), static_cast<std::ptrdiff_t>(first));
+    C3DSceneNode* last = cut.scene->GetRoot()->GetChildNode();
+    while (last->GetRightNode()) last = last->GetRightNode();
+    EXPECT_EQ(last->GetName(), L"big");
+    EXPECT_EQ(last->GetKindOf(), static_cast<uint32_t>(KINDOF_GROUP));
+    EXPECT_EQ(std::count_if(cut.log.begin(), cut.log.end(),
+                            [&](const std::wstring& l) { return l.find(message) != std::wstring::npos; }),
+              1);
 }
 
 TEST(LightwaveSceneCorpus, EverySceneReadsWithItsCube) {
