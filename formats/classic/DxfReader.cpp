@@ -137,6 +137,18 @@ struct Geom {
         return it->second;
     }
     bool HasGeometry() const { return !faces.Empty() || !curves.Empty() || !dots.empty(); }
+    // The slots faces and lines use, numbered in the order they use them: a block placed
+    // many times maps only those per placement, not every colour its entities named.
+    std::vector<uint32_t> used; // by slot; UINT32_MAX when unused
+    uint32_t usedCount = 0;
+    bool numbered = false;
+    void NumberUsedSlots() {
+        numbered = true;
+        used.assign(slots.size(), UINT32_MAX);
+        for (const Strips* s : {&faces, &curves})
+            for (const uint32_t k : s->slot)
+                if (used[k] == UINT32_MAX) used[k] = usedCount++;
+    }
 };
 
 struct Layer {
@@ -1205,12 +1217,13 @@ public:
 void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored, bool hidden,
                   bool copy) {
     // Materials only for the colours faces and lines use.
-    std::vector<uint32_t> mats(g.slots.size(), NO_MATERIAL);
+    if (copy && !g.numbered) g.NumberUsedSlots();
+    std::vector<uint32_t> mats(copy ? g.usedCount : g.slots.size(), NO_MATERIAL);
     auto strips = [&](Strips& s, C3DGeomObject* obj) {
         C3DFaceList* fl = obj->GetFaceList();
         IndexArray materials(s.slot.size());
         for (size_t i = 0; i < s.slot.size(); ++i) {
-            uint32_t& m = mats[s.slot[i]];
+            uint32_t& m = mats[copy ? g.used[s.slot[i]] : s.slot[i]];
             if (m == NO_MATERIAL) m = Material(Rgb(g.slots[s.slot[i]], ctx));
             materials[i] = m;
         }

@@ -721,6 +721,28 @@ TEST(DxfRead, InsertsInsideBlocksKeepTheirCountsAndOrder) {
     }
 }
 
+TEST(DxfRead, PlacedBlocksMakeMaterialsOnlyForTheColoursTheyDraw) {
+    // A text's colour makes no material; the face is BYBLOCK, so each placement has its own.
+    Pairs content = {{0, "TEXT"}, {62, "1"}, {0, "LINE"}, {62, "3"}, {10, "0"}, {11, "1"}};
+    content.insert(content.end(), kUnitFace.begin(), kUnitFace.end());
+    content.insert(content.end(), {{0, "LINE"}, {420, "1193046"}, {10, "0"}, {11, "2"}});
+    Read r = ReadBytes(Drawing({{0, "INSERT"}, {2, "A"}, {62, "5"}, {0, "INSERT"}, {2, "A"}, {62, "6"}},
+                               Blocks({Block("A", 0, 0, content)})));
+    ASSERT_TRUE(r.scene);
+    auto meshes = OfKind(*r.scene, KINDOF_MESH);
+    auto curves = OfKind(*r.scene, KINDOF_CURVE);
+    ASSERT_EQ(meshes.size(), 2u);
+    ASSERT_EQ(curves.size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(RgbOf(*r.scene, meshes[i]->GetGeomObject()->GetFaceList()->GetMaterialID(0)), DxfAciToRgb(5 + i));
+        const C3DFaceList& lines = *curves[i]->GetGeomObject()->GetFaceList();
+        ASSERT_EQ(lines.GetNumberOfFaces(), 2);
+        EXPECT_EQ(RgbOf(*r.scene, lines.GetMaterialID(0)), DxfAciToRgb(3));
+        EXPECT_EQ(RgbOf(*r.scene, lines.GetMaterialID(1)), 0x123456u);
+    }
+    EXPECT_EQ(r.scene->GetMaterialNumber(), 4);
+}
+
 TEST(DxfRead, RepeatedInsertsThatPlaceNothingAreBounded) {
     // B holds A, which holds B: each of B's many inserts of A is a cycle, cut alike, and
     // every top-level A is still placed.
