@@ -72,6 +72,7 @@ struct InsertRec {
     long long cols = 1, rows = 1;
     ColorRef color;
     uint32_t layer = 0;
+    int32_t block = -1; // settled once every block is known; -1: no such block
 };
 
 using FloatArray = hostmem::ZeroedArray<float>;
@@ -136,6 +137,18 @@ struct Geom {
         return it->second;
     }
     bool HasGeometry() const { return !faces.Empty() || !curves.Empty() || !dots.empty(); }
+    // The slots faces and lines use, numbered in the order they use them: a block placed
+    // many times maps only those per placement, not every colour its entities named.
+    std::vector<uint32_t> used; // by slot; UINT32_MAX when unused
+    uint32_t usedCount = 0;
+    bool numbered = false;
+    void NumberUsedSlots() {
+        numbered = true;
+        used.assign(slots.size(), UINT32_MAX);
+        for (const Strips* s : {&faces, &curves})
+            for (const uint32_t k : s->slot)
+                if (used[k] == UINT32_MAX) used[k] = usedCount++;
+    }
 };
 
 struct Layer {
@@ -152,6 +165,17 @@ struct Block {
     Vec base;
     std::unique_ptr<Geom> geom; // made with the first entity: empty blocks stay small
     std::vector<InsertRec> inserts;
+    // The inserts that can place something, in runs of one block each, and how many name
+    // no block (counted per placement, as if each were looked up again).
+    struct Run {
+        uint32_t first = 0, count = 0; // in `live`
+        uint32_t block = 0;
+    };
+    std::vector<uint32_t> live;
+    std::vector<Run> runs;
+    size_t missing = 0;
+    bool resolved = false; // live, runs and missing made (when first placed)
+    size_t Values() const { return geom ? geom->faces.Values() + geom->curves.Values() + geom->dots.size() : 0; }
     bool paper = false;
     bool open = false; // being expanded: a second visit is a cycle
 };
@@ -292,7 +316,10 @@ private:
     uint32_t Material(uint32_t rgb);
     void Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored, bool hidden,
               bool copy);
+    int32_t BlockIndex(const std::string& key) const;
+    void ResolveInserts(Block& b);
     void Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& ctx, int depth, bool mirrored);
+    void ExpandInBlock(const InsertRec& ins, C3DSceneNode* parent, const Context& ctx, int depth, bool mirrored);
     void Log(const std::wstring& text);
 
     CSceneImportOptions& m_options;
@@ -342,6 +369,8 @@ private:
     std::unordered_map<uint32_t, uint32_t> m_materials;
     size_t m_instances = 0, m_instancedValues = 0;
     size_t m_maxInstances = kMaxInstances;
+    size_t m_idle = 0, m_maxIdle = 0; // insertions inside blocks that placed nothing (cycles, depth, caps)
+    bool m_stopped = false;
     bool m_capLogged = false, m_cycleLogged = false, m_depthLogged = false;
     size_t m_badValues = 0, m_acis = 0, m_droppedFaces = 0, m_missingBlocks = 0;
     bool m_anything = false;
@@ -1188,12 +1217,13 @@ public:
 void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Context& ctx, bool mirrored, bool hidden,
                   bool copy) {
     // Materials only for the colours faces and lines use.
-    std::vector<uint32_t> mats(g.slots.size(), NO_MATERIAL);
+    if (copy && !g.numbered) g.NumberUsedSlots();
+    std::vector<uint32_t> mats(copy ? g.usedCount : g.slots.size(), NO_MATERIAL);
     auto strips = [&](Strips& s, C3DGeomObject* obj) {
         C3DFaceList* fl = obj->GetFaceList();
         IndexArray materials(s.slot.size());
         for (size_t i = 0; i < s.slot.size(); ++i) {
-            uint32_t& m = mats[s.slot[i]];
+            uint32_t& m = mats[copy ? g.used[s.slot[i]] : s.slot[i]];
             if (m == NO_MATERIAL) m = Material(Rgb(g.slots[s.slot[i]], ctx));
             materials[i] = m;
         }
@@ -1237,16 +1267,50 @@ void Reader::Emit(Geom& g, C3DSceneNode* parent, const CXStringW& name, const Co
     }
 }
 
+int32_t Reader::BlockIndex(const std::string& key) const {
+    const auto it = m_blockOf.find(key);
+    return it == m_blockOf.end() ? -1 : static_cast<int32_t>(it->second);
+}
+
+// A block's inserts are looked up once, when it is first placed, not per placement: a
+// block of many inserts, placed many times, would otherwise pay for every lookup again.
+void Reader::ResolveInserts(Block& b) {
+    b.resolved = true;
+    for (size_t i = 0; i < b.inserts.size(); ++i) {
+        InsertRec& ins = b.inserts[i];
+        ins.block = BlockIndex(ins.key);
+        if (ins.block < 0) {
+            ++b.missing;
+            continue;
+        }
+        const auto target = static_cast<uint32_t>(ins.block);
+        if (m_blocks[target].paper) continue;
+        if (b.runs.empty() || b.runs.back().block != target)
+            b.runs.push_back({static_cast<uint32_t>(b.live.size()), 0, target});
+        ++b.runs.back().count;
+        b.live.push_back(static_cast<uint32_t>(i));
+    }
+}
+
+// Expands an insert inside a block. Those that place nothing (a cycle cut, too deep, past a
+// cap) are counted: a block of many of them, placed many times, must not run unbounded.
+void Reader::ExpandInBlock(const InsertRec& ins, C3DSceneNode* parent, const Context& ctx, int depth, bool mirrored) {
+    const size_t before = m_instances;
+    Expand(ins, parent, ctx, depth, mirrored);
+    if (m_instances != before || ++m_idle <= m_maxIdle || m_stopped) return;
+    m_stopped = true;
+    if (!m_capLogged)
+        Log(L"Too many block insertions: the drawing is cut off after " + std::to_wstring(m_instances) + L" of them.");
+    m_capLogged = true;
+}
+
 void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& ctx, int depth, bool mirrored) {
-    auto it = m_blockOf.find(ins.key);
-    if (it == m_blockOf.end()) {
+    if (ins.block < 0) {
         ++m_missingBlocks;
         return;
     }
-    Block& b = m_blocks[it->second];
-    if (b.paper) return;
-    static const Geom kNothing;
-    const Geom& bg = b.geom ? *b.geom : kNothing;
+    Block& b = m_blocks[static_cast<size_t>(ins.block)];
+    if (b.paper || m_stopped) return;
     if (b.open) {
         if (!m_cycleLogged) Log(L"A block inserts itself; the repeated insertion is left out.");
         m_cycleLogged = true;
@@ -1260,7 +1324,8 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     Context inner;
     inner.byBlockRgb = Rgb(ins.color, ctx);
     inner.layerZero = ins.layer == 0 ? ctx.layerZero : ins.layer;
-    const size_t values = bg.faces.Values() + bg.curves.Values() + bg.dots.size();
+    const size_t values = b.Values();
+    if (!b.resolved) ResolveInserts(b);
 
     // world = T(-base) S T(grid) Rz T(pos) OCS, for row vectors.
     using M = C4x4TMatrix<double>;
@@ -1286,7 +1351,8 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
     b.open = true;
     for (long long row = 0; row < ins.rows; ++row)
         for (long long col = 0; col < ins.cols; ++col) {
-            if (m_instances >= m_maxInstances || m_instancedValues + values > kMaxInstancedValues || m_cancelled()) {
+            if (m_stopped || m_instances >= m_maxInstances || m_instancedValues + values > kMaxInstancedValues ||
+                m_cancelled()) {
                 if (!m_capLogged)
                     Log(L"Too many block insertions: the drawing is cut off after " + std::to_wstring(m_instances) +
                         L" of them.");
@@ -1305,7 +1371,24 @@ void Reader::Expand(const InsertRec& ins, C3DSceneNode* parent, const Context& c
             node->SetNodeLocalTM(f);
             m_scene->AddNode(parent, node);
             if (b.geom) Emit(*b.geom, node, b.name, inner, mirror, false, true);
-            for (const InsertRec& sub : b.inserts) Expand(sub, node, inner, depth + 1, mirror);
+            m_missingBlocks += b.missing;
+            for (const Block::Run& run : b.runs) {
+                if (m_stopped) break;
+                const Block& t = m_blocks[run.block];
+                const InsertRec& head = b.inserts[b.live[run.first]];
+                if (t.open || depth + 1 >= kMaxInsertDepth) {
+                    // The whole run is cut alike: one visit says so for all of it.
+                    ExpandInBlock(head, node, inner, depth + 1, mirror);
+                    continue;
+                }
+                for (uint32_t k = 0; k < run.count; ++k) {
+                    // Past a cap the rest of the run places nothing either.
+                    if (m_capLogged && (m_stopped || m_instances >= m_maxInstances ||
+                                        m_instancedValues + t.Values() > kMaxInstancedValues))
+                        break;
+                    ExpandInBlock(b.inserts[b.live[run.first + k]], node, inner, depth + 1, mirror);
+                }
+            }
         }
     b.open = false;
 }
@@ -1332,6 +1415,7 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data, const SplitPlan* split) {
     }
     // Arrays let a few bytes ask for millions of placements: small files get fewer.
     m_maxInstances = std::min(kMaxInstances, 4096 + data.size() / 16);
+    m_maxIdle = kIdleInsertsPerInstance * m_maxInstances;
     m_inputSize = data.size();
     m_scene = std::make_unique<C3DScene>();
     LayerIndex("0"); // index 0: layer "0", which block content takes from its INSERT
@@ -1419,7 +1503,10 @@ ReadOutcome Reader::Run(std::span<const uint8_t> data, const SplitPlan* split) {
         if (l.frozen) node->SetFlag(NODE_FROZEN);
         m_scene->AddNode(nullptr, node);
         if (l.top) Emit(*l.top, node, l.name, top, false, hidden, false);
-        for (const InsertRec& ins : l.inserts) Expand(ins, node, top, 0, false);
+        for (InsertRec& ins : l.inserts) {
+            ins.block = BlockIndex(ins.key);
+            Expand(ins, node, top, 0, false);
+        }
         if (m_cancelled()) {
             out.error = IO_ERR_CANCELLED;
             return out;

@@ -16,6 +16,7 @@ namespace dxf {
 // Bounds on what hostile files can make us build.
 constexpr int kMaxInsertDepth = 64;
 constexpr size_t kMaxInstances = 100000;                // fewer for small files: 4096 + bytes / 16
+constexpr size_t kIdleInsertsPerInstance = 64;          // inserts in blocks that place nothing
 constexpr size_t kMaxInstancedValues = size_t(1) << 24; // floats + indices copied for instances
 constexpr size_t kMaxGroupTags = size_t(1) << 22;       // pairs kept for one entity
 constexpr int kSegmentsPerTurn = 64;                    // arcs, circles, ellipses

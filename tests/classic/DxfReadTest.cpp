@@ -695,6 +695,81 @@ TEST(DxfRead, HostileBlocksAreBounded) {
     }
 }
 
+TEST(DxfRead, InsertsInsideBlocksKeepTheirCountsAndOrder) {
+    // A names blocks that do not exist, the paper space, and B twice (once in another
+    // case); B is defined after A, and again later (the first definition wins).
+    const Pairs ins = {{0, "INSERT"}, {2, "X"}, {0, "INSERT"}, {2, "b"}, {0, "INSERT"}, {2, "*Paper_Space"},
+                       {0, "INSERT"}, {2, "x"}, {0, "INSERT"}, {2, "B"}, {10, "5"}};
+    Pairs inB = kUnitFace;
+    inB.insert(inB.end(), {{0, "INSERT"}, {2, "Y"}});
+    const Pairs blocks = Blocks({Block("A", 0, 0, ins), Block("*Paper_Space", 0, 0, kUnitFace), Block("B", 0, 0, inB),
+                                 Block("b", 0, 0, {{0, "LINE"}, {10, "0"}, {11, "1"}})});
+    Read r = ReadBytes(Drawing(
+        {{0, "INSERT"}, {2, "A"}, {70, "2"}, {44, "100"}, {0, "INSERT"}, {2, "Z"}, {0, "INSERT"}, {2, "A"}, {20, "50"}},
+        blocks));
+    ASSERT_TRUE(r.scene);
+    // Three placements of A, each with two of B; each placement of A skips two missing
+    // names and each of B one: 3 * (2 + 2) + the one at the top.
+    EXPECT_TRUE(Logged(r, L"13 insertions of blocks that are not defined were skipped."));
+    EXPECT_TRUE(OfKind(*r.scene, KINDOF_CURVE).empty());
+    auto meshes = OfKind(*r.scene, KINDOF_MESH);
+    ASSERT_EQ(meshes.size(), 6u);
+    const float at[6][2] = {{1, 0}, {6, 0}, {101, 0}, {106, 0}, {1, 50}, {6, 50}};
+    for (size_t i = 0; i < meshes.size(); ++i) {
+        EXPECT_EQ(meshes[i]->GetName(), CXStringW(L"B"));
+        ExpectNear(World(*meshes[i], {1, 0, 0}), at[i][0], at[i][1], 0);
+    }
+}
+
+TEST(DxfRead, PlacedBlocksMakeMaterialsOnlyForTheColoursTheyDraw) {
+    // A text's colour makes no material; the face is BYBLOCK, so each placement has its own.
+    Pairs content = {{0, "TEXT"}, {62, "1"}, {0, "LINE"}, {62, "3"}, {10, "0"}, {11, "1"}};
+    content.insert(content.end(), kUnitFace.begin(), kUnitFace.end());
+    content.insert(content.end(), {{0, "LINE"}, {420, "1193046"}, {10, "0"}, {11, "2"}});
+    Read r = ReadBytes(Drawing({{0, "INSERT"}, {2, "A"}, {62, "5"}, {0, "INSERT"}, {2, "A"}, {62, "6"}},
+                               Blocks({Block("A", 0, 0, content)})));
+    ASSERT_TRUE(r.scene);
+    auto meshes = OfKind(*r.scene, KINDOF_MESH);
+    auto curves = OfKind(*r.scene, KINDOF_CURVE);
+    ASSERT_EQ(meshes.size(), 2u);
+    ASSERT_EQ(curves.size(), 2u);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(RgbOf(*r.scene, meshes[i]->GetGeomObject()->GetFaceList()->GetMaterialID(0)), DxfAciToRgb(5 + i));
+        const C3DFaceList& lines = *curves[i]->GetGeomObject()->GetFaceList();
+        ASSERT_EQ(lines.GetNumberOfFaces(), 2);
+        EXPECT_EQ(RgbOf(*r.scene, lines.GetMaterialID(0)), DxfAciToRgb(3));
+        EXPECT_EQ(RgbOf(*r.scene, lines.GetMaterialID(1)), 0x123456u);
+    }
+    EXPECT_EQ(r.scene->GetMaterialNumber(), 4);
+}
+
+TEST(DxfRead, RepeatedInsertsThatPlaceNothingAreBounded) {
+    // B holds A, which holds B: each of B's many inserts of A is a cycle, cut alike, and
+    // every top-level A is still placed.
+    auto cycle = [](int inside, int top, bool alternate) {
+        Pairs inB = kUnitFace;
+        for (int i = 0; i < inside; ++i) inB.insert(inB.end(), {{0, "INSERT"}, {2, alternate && i % 2 ? "B" : "A"}});
+        Pairs entities;
+        for (int i = 0; i < top; ++i) entities.insert(entities.end(), {{0, "INSERT"}, {2, "A"}});
+        return ReadBytes(
+            Drawing(entities, Blocks({Block("A", 0, 0, {{0, "INSERT"}, {2, "B"}}), Block("B", 0, 0, inB)})));
+    };
+    {
+        Read r = cycle(1500, 1500, false);
+        ASSERT_TRUE(r.scene);
+        EXPECT_EQ(OfKind(*r.scene, KINDOF_MESH).size(), 1500u);
+        EXPECT_TRUE(Logged(r, L"inserts itself"));
+        EXPECT_FALSE(Logged(r, L"Too many block insertions"));
+    }
+    // Cycles to two blocks in turn: a visit each, until the drawing is cut off.
+    {
+        Read r = cycle(1500, 1500, true);
+        ASSERT_TRUE(r.scene);
+        EXPECT_LT(OfKind(*r.scene, KINDOF_MESH).size(), 1500u);
+        EXPECT_TRUE(Logged(r, L"Too many block insertions"));
+    }
+}
+
 // Face arrays are sized ahead from the rate of the bytes read so far: a drawing whose
 // faces stop early (here a long tail of comments) must not keep the room it never used.
 TEST(DxfRead, FacesSizedAheadGiveBackUnusedRoom) {
