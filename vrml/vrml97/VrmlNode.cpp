@@ -11,6 +11,17 @@
 #include "vrml/vrml97/VrmlScene.h"
 
 namespace {
+// Few routes leave most nodes: below this many the list itself is searched.
+constexpr size_t kRouteIndexFrom = 16;
+
+std::string routeKey(const VrmlNode* toNode, const std::string& fromEventOut, const std::string& toEventIn) {
+    std::string key(reinterpret_cast<const char*>(&toNode), sizeof toNode);
+    key += fromEventOut;
+    key += '\0'; // names never hold one
+    key += toEventIn;
+    return key;
+}
+
 size_t g_printBudget = SIZE_MAX;
 bool g_printLimited = false; // inside a save: the cut holds until it ends
 bool g_printCut = false;
@@ -130,6 +141,7 @@ void VrmlNode::cloneChildrenInto(VrmlNamespace* ns) {
         }
     });
     translateRoutes(d_routes, ns);
+    d_routeIndex.reset();
 }
 
 void VrmlNode::translateRoutes(std::vector<Route>& routes, VrmlNamespace* ns) {
@@ -262,9 +274,18 @@ void VrmlNode::eventIn(double timeStamp, const char* eventName, const VrmlField*
 }
 
 void VrmlNode::addRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
-    for (const Route& r : d_routes)
-        if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) return;
-    d_routes.push_back({fromEventOut, toNode, toEventIn});
+    Route route{fromEventOut, toNode, toEventIn};
+    if (d_routes.size() < kRouteIndexFrom) {
+        for (const Route& r : d_routes)
+            if (r.toNode == toNode && r.fromEventOut == route.fromEventOut && r.toEventIn == route.toEventIn) return;
+    } else {
+        if (!d_routeIndex) {
+            d_routeIndex = std::make_unique<std::unordered_set<std::string>>();
+            for (const Route& r : d_routes) d_routeIndex->insert(routeKey(r.toNode, r.fromEventOut, r.toEventIn));
+        }
+        if (!d_routeIndex->insert(routeKey(toNode, route.fromEventOut, route.toEventIn)).second) return;
+    }
+    d_routes.push_back(std::move(route));
 }
 
 void VrmlNode::removeRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
@@ -272,6 +293,7 @@ void VrmlNode::removeRoute(const char* fromEventOut, VrmlNode* toNode, const cha
         const Route& r = d_routes[i];
         if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) {
             d_routes.erase(d_routes.begin() + static_cast<std::ptrdiff_t>(i));
+            d_routeIndex.reset();
             return;
         }
     }

@@ -18,6 +18,8 @@ int g_instantiateDepth = 0;
 constexpr int kMaxInstantiateDepth = kVrmlMaxProtoNesting;
 // About 450 bytes a clone: half a million is some 225 MB, made in a second or two.
 constexpr size_t kMaxClones = 500000;
+// Instances mostly give a few values: below this many the list itself is searched.
+constexpr size_t kFieldIndexFrom = 16;
 bool g_budgetReported = false;
 } // namespace
 
@@ -179,13 +181,12 @@ void VrmlNodeProto::setField(const char* fieldName, const VrmlField& value) {
                          d_type->getName(), VrmlField::typeName(d_type->hasField(fieldName)));
         return;
     }
-    for (auto& f : d_fields) {
-        if (f.first == fieldName) {
-            delete f.second;
-            f.second = value.clone();
-            return;
-        }
+    if (size_t at = findValue(fieldName); at < d_fields.size()) {
+        delete d_fields[at].second;
+        d_fields[at].second = value.clone();
+        return;
     }
+    if (!d_fieldIndex.empty()) d_fieldIndex.emplace(fieldName, d_fields.size());
     d_fields.emplace_back(fieldName, value.clone());
     if (d_instantiated) {
         if (const auto* maps = d_type->getFieldISMap(fieldName))
@@ -196,9 +197,20 @@ void VrmlNodeProto::setField(const char* fieldName, const VrmlField& value) {
     }
 }
 
+size_t VrmlNodeProto::findValue(const char* fieldName) const {
+    if (d_fields.size() < kFieldIndexFrom) {
+        for (size_t i = 0; i < d_fields.size(); ++i)
+            if (d_fields[i].first == fieldName) return i;
+        return d_fields.size();
+    }
+    if (d_fieldIndex.empty())
+        for (size_t i = 0; i < d_fields.size(); ++i) d_fieldIndex.emplace(d_fields[i].first, i);
+    auto it = d_fieldIndex.find(fieldName);
+    return it == d_fieldIndex.end() ? d_fields.size() : it->second;
+}
+
 const VrmlField* VrmlNodeProto::getField(const char* fieldName) const {
-    for (const auto& f : d_fields)
-        if (f.first == fieldName) return f.second;
+    if (size_t at = findValue(fieldName); at < d_fields.size()) return d_fields[at].second;
     return d_type->fieldDefault(fieldName);
 }
 

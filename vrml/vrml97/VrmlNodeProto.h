@@ -3,6 +3,7 @@
 // namespace only when first needed; field values and routes given before that
 // are kept and forwarded through the type's IS mappings at instantiation.
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -48,7 +49,11 @@ private:
         std::string eventOut;
         std::vector<std::pair<VrmlNode*, std::string>> targets;
     };
+    // The position of a field value given on the instance, or d_fields.size().
+    size_t findValue(const char* fieldName) const;
     std::vector<std::pair<std::string, VrmlField*>> d_fields;
+    // Positions in d_fields by name, made once an instance gives many values.
+    mutable std::unordered_map<std::string, size_t> d_fieldIndex;
     std::vector<Route> d_pendingRoutes;
     std::shared_ptr<VrmlNamespace> d_scope;
     VrmlMFNode d_nodes;
