@@ -144,6 +144,37 @@ TEST(Kmz, AliasesRestoreSourceNamesAndCarryOver) {
     EXPECT_EQ(fs::path(PathToUtf8(m->GetMaterialMap(MAP_DIFFUSE)->GetFileName())), tmp / "first.jpg");
 }
 
+TEST(Kmz, ModelsSharingAFolderUnpackItOnceAndFindTheirEntries) {
+    testsupport::TempDir dir;
+    // Entries go in name order: "A/One.dae" comes before "a/one.dae", "images/" before "other/".
+    MakeZip(dir / "kmzshared.kmz",
+            {{"doc.kml", "<Model><Link><href>A/One.dae</href></Link><ResourceMap>"
+                         "<Alias><targetHref>Real.JPG</targetHref><sourceHref>tex.jpg</sourceHref></Alias>"
+                         "</ResourceMap></Model><href>a/one.dae</href><href>a/sub/two.dae</href>"},
+             {"A/One.dae", Dae("tex.jpg", 0)},
+             {"a/one.dae", "not a model"},
+             {"a/sub/two.dae", Dae("tex.jpg", 1)},
+             {"a/sub/../x", "refused"},
+             {"images/real.jpg", "first"},
+             {"other/REAL.jpg", "second"}});
+    auto r = Read(dir / "kmzshared.kmz");
+    ASSERT_TRUE(r.scene) << r.error;
+    // A name found without regard to case reaches the first entry spelt that way.
+    EXPECT_EQ(Meshes(*r.scene), 3);
+    EXPECT_EQ(r.scene->GetCustomData().GetString(CKmzIo::kMergedModels),
+              CXStringW(L"a\\one.dae\na\\one.dae\na\\sub\\two.dae\n"));
+    const auto& paths = r.scene->GetTexturePaths();
+    ASSERT_FALSE(paths.empty());
+    const fs::path tmp(PathToUtf8(paths.back()));
+    EXPECT_EQ(testsupport::ReadFile(tmp / "a" / "one.dae"), "not a model");
+    // Every entry the alias names was restored in turn: the last one stays.
+    EXPECT_EQ(testsupport::ReadFile(tmp / "tex.jpg"), "second");
+    // The refused entry lies in the folders of all three models: tried, and said, once.
+    int refusals = 0;
+    for (const IoLogInfo& l : r.log) refusals += l.text.Find(L"\"a/sub/../x\" has an unsafe name") >= 0;
+    EXPECT_EQ(refusals, 1);
+}
+
 TEST(Kmz, MissingPiecesGiveTheirResults) {
     testsupport::TempDir dir;
     const int before = TmpFolders("kmzmissing");
