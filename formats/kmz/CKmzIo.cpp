@@ -234,15 +234,51 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
         if (!IsSafeReference(sName) || !IsSafeReference(tName) || sName.CompareNoCase(tName) == 0) continue;
         aliases.SetAt(sName, tName);
     }
+    // Each alias unpacks every entry of its target's name in turn to the top of the folder and
+    // moves it to the source name: the last one unpacked stays, the others pass through, taking
+    // with them any file of their name that was there. Many aliases may name one target: only
+    // the first of them unpacks them all; the others unpack the one that stays and remove the
+    // files the rest would have taken away (sources that other aliases put there since).
+    struct Target {
+        std::vector<uint32_t> unpacked;        // in order; the last one stays
+        std::unordered_set<std::string> names; // their file names
+        std::vector<std::string> exposed;      // files placed since, that those names would take
+    };
+    std::unordered_map<std::string, Target> targets; // by folded target name
     const EntryIndex entries(zip);
+    auto place = [&](uint32_t entry, const CXStringW& src) {
+        const CXStringW extracted = Join(tmp, LastPart(CXStringW(Utf8ToWide(zip.GetName(entry)))));
+        fileDelete(Join(tmp, src));
+        fileRename(extracted, Join(tmp, src));
+    };
     for (const auto& [src, dst] : aliases) {
-        const std::vector<uint32_t>& found = entries.WithFileName(dst);
-        for (size_t i = 0; i < found.size(); ++i) {
-            if (zip.ExtractFile(found[i], tmp, false, nullptr, true) != CZip::EXTRACT_OK) continue;
-            const CXStringW extracted = Join(tmp, LastPart(CXStringW(Utf8ToWide(zip.GetName(found[i])))));
-            fileDelete(Join(tmp, src));
-            fileRename(extracted, Join(tmp, src));
+        const std::string key = Folded(PathToUtf8(dst));
+        auto known = targets.find(key);
+        bool done = false;
+        if (known != targets.end() && !known->second.unpacked.empty()) {
+            Target& t = known->second;
+            for (const std::string& f : t.exposed) fileDelete(Join(tmp, CXStringW(Utf8ToWide(f))));
+            t.exposed.clear();
+            if (zip.ExtractFile(t.unpacked.back(), tmp, false, nullptr, true) == CZip::EXTRACT_OK) {
+                place(t.unpacked.back(), src);
+                done = true;
+            }
         }
+        if (!done && (known == targets.end() || !known->second.unpacked.empty())) {
+            Target t;
+            for (uint32_t e : entries.WithFileName(dst)) {
+                if (zip.ExtractFile(e, tmp, false, nullptr, true) != CZip::EXTRACT_OK) continue;
+                place(e, src);
+                const std::string& stored = zip.GetName(e);
+                t.unpacked.push_back(e);
+                t.names.insert(stored.substr(stored.find_last_of("/\\") + 1));
+            }
+            if (known == targets.end()) targets.emplace(key, std::move(t));
+        }
+        // The source file now there is one a later alias of its name's target takes away.
+        const std::string placed = PathToUtf8(src);
+        if (auto other = targets.find(Folded(placed)); other != targets.end() && other->second.names.count(placed))
+            other->second.exposed.push_back(placed);
     }
 
     bool abandoned = false;
