@@ -1,5 +1,6 @@
-// Names looked up through indexes (routes, PROTO types, interface entries, instance
-// values, Script interfaces): which entry a repeated name reaches, and the order kept.
+// Names and nodes looked up through indexes (routes, PROTO types, interface entries,
+// instance values, Script interfaces, the scene's registration lists): which entry a
+// repeated name reaches, and the order kept.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -142,6 +143,32 @@ TEST(VrmlNameLookup, ScriptInterfacesAreKeptPerKindFirstOneWins) {
     std::unique_ptr<VrmlNode> copy(s->cloneMe());
     EXPECT_EQ(copy->asScript()->hasEventOut("f3"), VrmlField::SFBOOL);
     EXPECT_EQ(PrintField(*copy->getField("f39")), "39");
+}
+
+TEST(VrmlNameLookup, SceneListsHoldEachNodeOnceInTheOrderAdded) {
+    std::string text = "DEF L PointLight {}\n";
+    for (int i = 0; i < kMany; ++i) text += "DEF T" + std::to_string(i) + " TimeSensor {}\n";
+    text += "Group { children [ USE T0 USE T5 USE L ] }\n";
+    auto p = ParseVrml(text);
+    std::vector<VrmlNode*> sensors;
+    for (int i = 0; i < kMany; ++i) sensors.push_back(p.ns->findNode(("T" + std::to_string(i)).c_str()));
+    VrmlNode* light = p.ns->findNode("L");
+    VrmlScene scene;
+    AdoptWorld(scene, p);
+    EXPECT_EQ(scene.TimeSensorList(), sensors);
+    EXPECT_EQ(scene.ScopedLightList(), std::vector<VrmlNode*>{light});
+    scene.addTimeSensor(sensors[3]);
+    EXPECT_EQ(scene.TimeSensorList(), sensors);
+    // One list's entry says nothing about another's.
+    scene.addScopedLight(sensors[3]);
+    EXPECT_EQ(scene.ScopedLightList(), (std::vector<VrmlNode*>{light, sensors[3]}));
+    // Taken out, a node goes back in at the end.
+    scene.removeTimeSensor(sensors[3]);
+    scene.addTimeSensor(sensors[3]);
+    sensors.erase(sensors.begin() + 3);
+    sensors.push_back(p.ns->findNode("T3"));
+    EXPECT_EQ(scene.TimeSensorList(), sensors);
+    scene.removeScopedLight(sensors.back());
 }
 
 } // namespace

@@ -61,6 +61,7 @@ void VrmlScene::clearWorld() {
         for (VrmlNode* n : *list) n->d_registered = false;
         list->clear();
     }
+    d_listed.clear();
     d_BackgroundStack.clear();
     d_FogStack.clear();
     d_NavigationInfoStack.clear();
@@ -316,10 +317,11 @@ void VrmlScene::update(double time) {
 }
 
 void VrmlScene::addTo(std::vector<VrmlNode*>& l, VrmlNode* n) {
-    if (std::find(l.begin(), l.end(), n) == l.end()) l.push_back(n);
+    if (d_listed.emplace(&l, n).second) l.push_back(n);
 }
 
 void VrmlScene::removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n) {
+    d_listed.erase({&l, n});
     auto it = std::find(l.begin(), l.end(), n);
     if (it != l.end()) l.erase(it);
 }
