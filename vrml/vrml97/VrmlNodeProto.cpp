@@ -92,15 +92,6 @@ void VrmlNodeProto::instantiate() {
             if ((*body)[i]) (*body)[i]->clearVisited();
     }
     const VrmlNodeType* t = d_type;
-    for (const auto& e : t->eventOuts()) {
-        EventRedirect r;
-        r.eventOut = e.name;
-        for (const auto& m : e.thisIS) {
-            VrmlNode* c = m.node ? d_scope->findNode(m.node->name()) : nullptr;
-            if (c) r.targets.emplace_back(c, m.field);
-        }
-        d_redirects.push_back(std::move(r));
-    }
     for (const Route& r : d_pendingRoutes) {
         const auto* maps = t->getEventOutISMap(r.fromEventOut.c_str());
         if (!maps) continue;

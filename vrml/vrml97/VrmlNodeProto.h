@@ -45,10 +45,6 @@ public:
     const std::vector<std::pair<std::string, VrmlField*>>& fieldValues() const { return d_fields; }
 
 private:
-    struct EventRedirect {
-        std::string eventOut;
-        std::vector<std::pair<VrmlNode*, std::string>> targets;
-    };
     // The position of a field value given on the instance, or d_fields.size().
     size_t findValue(const char* fieldName) const;
     std::vector<std::pair<std::string, VrmlField*>> d_fields;
@@ -57,7 +53,6 @@ private:
     std::vector<Route> d_pendingRoutes;
     std::shared_ptr<VrmlNamespace> d_scope;
     VrmlMFNode d_nodes;
-    std::vector<EventRedirect> d_redirects;
     bool d_instantiated = false;
     bool d_instantiating = false;
 };
