@@ -202,6 +202,29 @@ TEST(VrmlProto, NestedInstantiationIsBounded) {
     EXPECT_EQ(msg.find("nested too deeply"), std::string::npos);
 }
 
+TEST(VrmlProto, TheCloneBudgetWeighsWhatEachCloneCopies) {
+    // 300 copies of 2,000 Script fields (or of 2,000 strings) are worth 600,000 plain clones:
+    // past the budget the later instances are left empty.
+    for (const char* decl : {"field SFFloat f%d 0 ", "\"s%d\" "}) {
+        const bool script = decl[0] == 'f';
+        std::string text = script ? "PROTO P [] { Script { " : "PROTO P [] { WorldInfo { info [ ";
+        char one[32];
+        for (int i = 0; i < 2000; ++i) {
+            std::snprintf(one, sizeof one, decl, i);
+            text += one;
+        }
+        text += script ? "} }\n" : "] } }\n";
+        for (int i = 0; i < 300; ++i) text += "P {}\n";
+        auto p = ParseVrml(text);
+        ASSERT_EQ(p.size(), 300u);
+        VrmlScene scene;
+        std::string msg = CaptureDiagnostics([&] { AdoptWorld(scene, p); });
+        EXPECT_NE(msg.find("PROTO P: too many nodes cloned"), std::string::npos) << script;
+        EXPECT_EQ(scene.root()->child(0)->asProto()->getNodes().size(), 1u);
+        EXPECT_EQ(scene.root()->child(299)->asProto()->getNodes().size(), 0u);
+    }
+}
+
 TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {
     // Both ways of wrapping: directly, and inside a Transform.
     for (const char* wrap : {"P%d {}", "Transform { children P%d {} }"}) {

@@ -8,6 +8,7 @@
 #include "vrml/vrml97/System.h"
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlScene.h"
 
 namespace {
@@ -107,7 +108,14 @@ void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
 VrmlNode* VrmlNode::cloneInto(VrmlNamespace* ns) {
     if (d_visited && d_clone) return d_clone;
     VrmlNode* copy = cloneMe();
-    ++VrmlCloneCount;
+    // A clone costs a unit, plus one for each string and Script interface it copied: a
+    // node that holds thousands of them is worth thousands of plain ones to the budget.
+    size_t cost = 1;
+    if (const VrmlNodeScript* script = copy->asScript()) cost += script->interfaces().size();
+    copy->visitFields([&cost](const char*, VrmlField& f) {
+        if (const VrmlMFString* strings = f.asMFString()) cost += strings->size();
+    });
+    VrmlCloneCount += cost;
     if (!d_name.empty()) copy->setName(d_name.c_str(), ns);
     d_visited = true;
     d_clone = copy;

@@ -153,7 +153,8 @@ private:
 };
 
 std::ostream& operator<<(std::ostream& os, const VrmlNode& n);
-// Nodes cloned for PROTO instances since the last world load (a budget).
+// Nodes cloned for PROTO instances since the last world load (a budget), each weighted by
+// the strings and Script interfaces it copied.
 extern size_t VrmlCloneCount;
 // A named node prints "DEF name" in full wherever it is used, so sharing can
 // multiply the text of a small world; a print run is capped at maxNodes nodes

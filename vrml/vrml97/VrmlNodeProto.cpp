@@ -16,7 +16,7 @@ namespace {
 // of clones one load may make, however the PROTOs nest or repeat.
 int g_instantiateDepth = 0;
 constexpr int kMaxInstantiateDepth = kVrmlMaxProtoNesting;
-// About 450 bytes a clone: half a million is some 225 MB, made in a second or two.
+// About 450 bytes a unit (a plain clone): half a million is some 225 MB, made in a second or two.
 constexpr size_t kMaxClones = 500000;
 // Instances mostly give a few values: below this many the list itself is searched.
 constexpr size_t kFieldIndexFrom = 16;
