@@ -223,6 +223,16 @@ TEST(VrmlProto, TheCloneBudgetWeighsWhatEachCloneCopies) {
         EXPECT_EQ(scene.root()->child(0)->asProto()->getNodes().size(), 1u);
         EXPECT_EQ(scene.root()->child(299)->asProto()->getNodes().size(), 0u);
     }
+    // An image counts by its bytes: 4,500 of them are ten plain clones' worth (a world's
+    // load starts the count afresh).
+    std::string image = "PROTO T [] { Shape { appearance Appearance { texture PixelTexture { image 30 50 3";
+    for (int i = 0; i < 1500; ++i) image += " 0xFFFFFF";
+    image += " } } } }\nT {}\n";
+    VrmlScene world;
+    CaptureDiagnostics([&] { EXPECT_TRUE(world.loadString(image.data(), image.size())); });
+    ASSERT_EQ(world.root()->size(), 1u);
+    EXPECT_EQ(world.root()->child(0)->asProto()->getNodes().size(), 1u);
+    EXPECT_EQ(VrmlCloneCount, 3u + 10u);
 }
 
 TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {

@@ -12,6 +12,8 @@
 #include "vrml/vrml97/VrmlScene.h"
 
 namespace {
+// What a plain clone takes, roughly: the unit of the clone budget.
+constexpr size_t kCloneUnitBytes = 450;
 // Few routes leave most nodes: below this many the list itself is searched.
 constexpr size_t kRouteIndexFrom = 16;
 
@@ -108,12 +110,17 @@ void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
 VrmlNode* VrmlNode::cloneInto(VrmlNamespace* ns) {
     if (d_visited && d_clone) return d_clone;
     VrmlNode* copy = cloneMe();
-    // A clone costs a unit, plus one for each string and Script interface it copied: a
-    // node that holds thousands of them is worth thousands of plain ones to the budget.
+    // A clone costs a unit, plus one for each string and Script interface it copied and one
+    // for each unit's worth of image bytes: a node that holds thousands of them is worth
+    // thousands of plain ones to the budget.
     size_t cost = 1;
     if (const VrmlNodeScript* script = copy->asScript()) cost += script->interfaces().size();
     copy->visitFields([&cost](const char*, VrmlField& f) {
         if (const VrmlMFString* strings = f.asMFString()) cost += strings->size();
+        else if (const VrmlSFImage* image = f.asSFImage();
+                 image && image->width() > 0 && image->height() > 0 && image->componentCount() > 0)
+            cost += static_cast<size_t>(image->width()) * static_cast<size_t>(image->height()) *
+                    static_cast<size_t>(image->componentCount()) / kCloneUnitBytes;
     });
     VrmlCloneCount += cost;
     if (!d_name.empty()) copy->setName(d_name.c_str(), ns);
