@@ -1,13 +1,19 @@
 #include "formats/kmz/CKmzIo.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 #include "plugin/host/FileHelpers.h"
 #include "plugin/host/GenericIo.h"
 #include "plugin/host/HostTypes.h"
 #include "plugin/host/IoFile.h"
 #include "plugin/host/ReadAdapter.h"
+#include "plugin/host/TextHelpers.h"
 #include "plugin/host/Zip.h"
 
 namespace {
@@ -33,21 +39,59 @@ CXStringW FolderPart(const CXStringW& s) {
     return s.Left(cut + 1);
 }
 
-CXStringW EscapeWildcards(const CXStringW& s) {
-    CXStringW out;
-    for (int i = 0; i < s.GetLength(); ++i) {
-        if (s[i] == L'*' || s[i] == L'?') out += L'\\';
-        out += s[i];
-    }
-    return out;
-}
-
 CXStringW OnDisk(CXStringW s) {
     s.Replace(L'\\', L'/');
     return s;
 }
 
 CXStringW Join(const CXStringW& folder, const CXStringW& rel) { return folder + L"/" + OnDisk(rel); }
+
+// A name as the archive's lookups compare names: '/' for '\\', ASCII case folded.
+std::string Folded(std::string s) {
+    for (char& c : s) c = c == '\\' ? '/' : AsciiLower(c);
+    return s;
+}
+
+// The archive's entries indexed once, so that each reference and each alias costs a lookup
+// rather than a pass over every entry. Each lookup gives what CZip's FindFile (case folded,
+// with the path) and FindMatchingFiles (a literal file name, or a literal folder then '*')
+// give for the names the reader builds: the same entries, in index order.
+class EntryIndex {
+public:
+    explicit EntryIndex(const CZip& zip) {
+        m_sorted.reserve(zip.GetCount());
+        for (uint32_t i = 0; i < zip.GetCount(); ++i) {
+            std::string name = Folded(zip.GetName(i));
+            m_byPath.emplace(name, i);
+            m_byFileName[name.substr(name.find_last_of('/') + 1)].push_back(i);
+            m_sorted.emplace_back(std::move(name), i);
+        }
+        std::sort(m_sorted.begin(), m_sorted.end());
+    }
+    uint32_t FindFile(const CXStringW& path) const {
+        const auto it = m_byPath.find(Folded(PathToUtf8(path)));
+        return it == m_byPath.end() ? CZip::kNotFound : it->second;
+    }
+    const std::vector<uint32_t>& WithFileName(const CXStringW& name) const {
+        static const std::vector<uint32_t> kNone;
+        const auto it = m_byFileName.find(Folded(PathToUtf8(name)));
+        return it == m_byFileName.end() ? kNone : it->second;
+    }
+    std::vector<uint32_t> InFolder(const CXStringW& folder) const {
+        const std::string prefix = Folded(PathToUtf8(folder));
+        std::vector<uint32_t> found;
+        for (auto it = std::lower_bound(m_sorted.begin(), m_sorted.end(), std::make_pair(prefix, uint32_t(0)));
+             it != m_sorted.end() && it->first.compare(0, prefix.size(), prefix) == 0; ++it)
+            found.push_back(it->second);
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+
+private:
+    std::vector<std::pair<std::string, uint32_t>> m_sorted;
+    std::unordered_map<std::string, uint32_t> m_byPath; // the first entry of each name
+    std::unordered_map<std::string, std::vector<uint32_t>> m_byFileName;
+};
 
 // A zip starts with a local header or, empty, with its end record; anything else is not ours
 // (an empty buffer would otherwise open as an empty archive).
@@ -190,30 +234,75 @@ C3DScene* CKmzIo::ReadArchive(CZip& zip, const CXStringW& name, CSceneImportOpti
         if (!IsSafeReference(sName) || !IsSafeReference(tName) || sName.CompareNoCase(tName) == 0) continue;
         aliases.SetAt(sName, tName);
     }
+    // Each alias unpacks every entry of its target's name in turn to the top of the folder and
+    // moves it to the source name: the last one unpacked stays, the others pass through, taking
+    // with them any file of their name that was there. Many aliases may name one target: only
+    // the first of them unpacks them all; the others unpack the one that stays and remove the
+    // files the rest would have taken away (sources that other aliases put there since).
+    struct Target {
+        std::vector<uint32_t> unpacked;        // in order; the last one stays
+        std::unordered_set<std::string> names; // their file names
+        std::vector<std::string> exposed;      // files placed since, that those names would take
+    };
+    std::unordered_map<std::string, Target> targets; // by folded target name
+    const EntryIndex entries(zip);
+    auto place = [&](uint32_t entry, const CXStringW& src) {
+        const CXStringW extracted = Join(tmp, LastPart(CXStringW(Utf8ToWide(zip.GetName(entry)))));
+        fileDelete(Join(tmp, src));
+        fileRename(extracted, Join(tmp, src));
+    };
     for (const auto& [src, dst] : aliases) {
-        CXArray<uint32_t> found;
-        zip.FindMatchingFiles(found, EscapeWildcards(dst), false, true);
-        for (int i = 0; i < found.GetSize(); ++i) {
-            if (zip.ExtractFile(found[i], tmp, false, nullptr, true) != CZip::EXTRACT_OK) continue;
-            const CXStringW extracted = Join(tmp, LastPart(CXStringW(Utf8ToWide(zip.GetName(found[i])))));
-            fileDelete(Join(tmp, src));
-            fileRename(extracted, Join(tmp, src));
+        const std::string key = Folded(PathToUtf8(dst));
+        auto known = targets.find(key);
+        bool done = false;
+        if (known != targets.end() && !known->second.unpacked.empty()) {
+            Target& t = known->second;
+            for (const std::string& f : t.exposed) fileDelete(Join(tmp, CXStringW(Utf8ToWide(f))));
+            t.exposed.clear();
+            if (zip.ExtractFile(t.unpacked.back(), tmp, false, nullptr, true) == CZip::EXTRACT_OK) {
+                place(t.unpacked.back(), src);
+                done = true;
+            }
         }
+        if (!done && (known == targets.end() || !known->second.unpacked.empty())) {
+            Target t;
+            for (uint32_t e : entries.WithFileName(dst)) {
+                if (zip.ExtractFile(e, tmp, false, nullptr, true) != CZip::EXTRACT_OK) continue;
+                place(e, src);
+                const std::string& stored = zip.GetName(e);
+                t.unpacked.push_back(e);
+                t.names.insert(stored.substr(stored.find_last_of("/\\") + 1));
+            }
+            if (known == targets.end()) targets.emplace(key, std::move(t));
+        }
+        // The source file now there is one a later alias of its name's target takes away.
+        const std::string placed = PathToUtf8(src);
+        if (auto other = targets.find(Folded(placed)); other != targets.end() && other->second.names.count(placed))
+            other->second.exposed.push_back(placed);
     }
 
     bool abandoned = false;
     CXStringW merged;
+    // Each model's folder is unpacked with it; an entry is tried once, however many models
+    // share its folder (again would write the same bytes and log the same refusal).
+    std::unordered_set<std::string> foldersDone;
+    std::vector<bool> tried(zip.GetCount(), false);
     for (const CXStringW& ref : models) {
         if (IsCancelled()) break;
         if (!IsSafeReference(ref)) continue;
-        CXArray<uint32_t> entries;
-        zip.FindMatchingFiles(entries, EscapeWildcards(OnDisk(FolderPart(ref))) + L"*", true, true);
-        // An entry refused for its name or kind is left out (and logged); one that fails to unpack ends the read.
-        for (int i = 0; i < entries.GetSize() && !abandoned; ++i)
-            abandoned = zip.ExtractFile(entries[i], tmp, true, nullptr, true) == CZip::EXTRACT_FAILED;
+        const CXStringW folder = OnDisk(FolderPart(ref));
+        if (foldersDone.insert(Folded(PathToUtf8(folder))).second) {
+            // An entry refused for its name or kind is left out (and logged); one that fails to unpack ends the read.
+            for (uint32_t e : entries.InFolder(folder)) {
+                if (tried[e]) continue;
+                tried[e] = true;
+                abandoned = zip.ExtractFile(e, tmp, true, nullptr, true) == CZip::EXTRACT_FAILED;
+                if (abandoned) break;
+            }
+        }
         if (abandoned) break;
         // The KML's lower-cased name reaches the archive's own spelling of it.
-        const uint32_t entry = zip.FindFile(ref, false, false);
+        const uint32_t entry = entries.FindFile(ref);
         const CXStringW modelPath =
             Join(tmp, entry == CZip::kNotFound ? ref : CXStringW(Utf8ToWide(zip.GetName(entry))));
         CFileIo io(modelPath);

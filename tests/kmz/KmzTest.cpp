@@ -144,6 +144,77 @@ TEST(Kmz, AliasesRestoreSourceNamesAndCarryOver) {
     EXPECT_EQ(fs::path(PathToUtf8(m->GetMaterialMap(MAP_DIFFUSE)->GetFileName())), tmp / "first.jpg");
 }
 
+TEST(Kmz, ModelsSharingAFolderUnpackItOnceAndFindTheirEntries) {
+    testsupport::TempDir dir;
+    // Entries go in name order: "A/One.dae" comes before "a/one.dae", "images/" before "other/".
+    MakeZip(dir / "kmzshared.kmz",
+            {{"doc.kml", "<Model><Link><href>A/One.dae</href></Link><ResourceMap>"
+                         "<Alias><targetHref>Real.JPG</targetHref><sourceHref>tex.jpg</sourceHref></Alias>"
+                         "</ResourceMap></Model><href>a/one.dae</href><href>a/sub/two.dae</href>"},
+             {"A/One.dae", Dae("tex.jpg", 0)},
+             {"a/one.dae", "not a model"},
+             {"a/sub/two.dae", Dae("tex.jpg", 1)},
+             {"a/sub/../x", "refused"},
+             {"images/real.jpg", "first"},
+             {"other/REAL.jpg", "second"}});
+    auto r = Read(dir / "kmzshared.kmz");
+    ASSERT_TRUE(r.scene) << r.error;
+    // A name found without regard to case reaches the first entry spelt that way.
+    EXPECT_EQ(Meshes(*r.scene), 3);
+    EXPECT_EQ(r.scene->GetCustomData().GetString(CKmzIo::kMergedModels),
+              CXStringW(L"a\\one.dae\na\\one.dae\na\\sub\\two.dae\n"));
+    const auto& paths = r.scene->GetTexturePaths();
+    ASSERT_FALSE(paths.empty());
+    const fs::path tmp(PathToUtf8(paths.back()));
+    EXPECT_EQ(testsupport::ReadFile(tmp / "a" / "one.dae"), "not a model");
+    // Every entry the alias names was restored in turn: the last one stays.
+    EXPECT_EQ(testsupport::ReadFile(tmp / "tex.jpg"), "second");
+    // The refused entry lies in the folders of all three models: tried, and said, once.
+    int refusals = 0;
+    for (const IoLogInfo& l : r.log) refusals += l.text.Find(L"\"a/sub/../x\" has an unsafe name") >= 0;
+    EXPECT_EQ(refusals, 1);
+}
+
+TEST(Kmz, AliasesNamingOneTargetEachTakeTheLastEntryOfItsName) {
+    testsupport::TempDir dir;
+    const char* sources[] = {"a.jpg", "b.jpg", "c.jpg", "d.jpg", "e.jpg", "f.jpg", "g.jpg", "h.jpg"};
+    std::string kml = "<Model><Link><href>models/m.dae</href></Link><ResourceMap>";
+    // The fifth alias's source is spelt like an entry of the others' target: each of them that
+    // comes after it unpacks that entry over it and moves it away.
+    CHashMap<CXStringW, CXStringW> order(23); // the aliases run in the order of their table
+    for (int i = 0; i < 8; ++i) {
+        if (i == 4) {
+            kml += "<Alias><targetHref>q.jpg</targetHref><sourceHref>T.jpg</sourceHref></Alias>";
+            order.SetAt(L"t.jpg", L"q.jpg"); // the KML is read lower-cased
+        }
+        kml += std::string("<Alias><targetHref>T.JPG</targetHref><sourceHref>") + sources[i] + "</sourceHref></Alias>";
+        order.SetAt(CXStringW(Utf8ToWide(sources[i])), L"t.jpg");
+    }
+    kml += "</ResourceMap></Model>";
+    MakeZip(dir / "kmzsame.kmz", {{"doc.kml", kml},
+                                  {"models/m.dae", Dae("a.jpg", 0)},
+                                  {"d1/t.jpg", "1"},
+                                  {"d2/T.jpg", "2"},
+                                  {"d3/../t.jpg", "refused"},
+                                  {"e/q.jpg", "Q"}});
+    int at = 0, odd = -1;
+    for (const auto& [src, dst] : order) {
+        if (src == CXStringW(L"t.jpg")) odd = at;
+        ++at;
+    }
+    ASSERT_TRUE(odd > 0 && odd < at - 1) << "the case needs aliases of the target before and after the odd one: " << odd
+                                         << " of " << at;
+    auto r = Read(dir / "kmzsame.kmz");
+    ASSERT_TRUE(r.scene) << r.error;
+    const fs::path tmp(PathToUtf8(r.scene->GetTexturePaths().back()));
+    for (const char* s : sources) EXPECT_EQ(testsupport::ReadFile(tmp / s), "2") << s;
+    EXPECT_FALSE(fs::exists(tmp / "T.jpg"));
+    EXPECT_FALSE(fs::exists(tmp / "t.jpg"));
+    int refusals = 0;
+    for (const IoLogInfo& l : r.log) refusals += l.text.Find(L"\"d3/../t.jpg\" has an unsafe name") >= 0;
+    EXPECT_EQ(refusals, 1);
+}
+
 TEST(Kmz, MissingPiecesGiveTheirResults) {
     testsupport::TempDir dir;
     const int before = TmpFolders("kmzmissing");

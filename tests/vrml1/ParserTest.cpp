@@ -233,6 +233,22 @@ TEST(Vrml1Grammar, UnknownNodesNeedTheirFieldSpecification) {
     EXPECT_EQ(p->contents.nodes[0]->children().size(), 3u);
 }
 
+TEST(Vrml1Grammar, AnUnknownNodesRepeatedFieldNameReachesItsFirstDeclaration) {
+    std::string text = "#VRML V1.0 ascii\nWobble { fields [ SFFloat a, SFLong a";
+    for (int i = 0; i < 40; ++i) text += ", SFLong f" + std::to_string(i);
+    text += " ] f39 7 a 2.5 f0 1 a 3.5 Cube { } }";
+    auto p = Parse(text);
+    ASSERT_TRUE(p->ok) << p->messages;
+    const QvNode* w = p->contents.nodes[0];
+    ASSERT_EQ(w->fields().size(), 42u);
+    EXPECT_EQ(w->findField("a"), w->fields()[0].field);
+    EXPECT_EQ(static_cast<const QvSFFloat*>(w->fields()[0].field)->value, 3.5f);
+    EXPECT_TRUE(w->fields()[1].field->isDefault());
+    EXPECT_EQ(static_cast<const QvSFLong*>(w->findField("f39"))->value, 7);
+    EXPECT_EQ(w->findField("f40"), nullptr);
+    EXPECT_EQ(w->children().size(), 1u);
+}
+
 TEST(Vrml1Grammar, DeepNestingIsRefusedNotOverflowed) {
     std::string deep = "#VRML V1.0 ascii\n";
     for (int i = 0; i < 100000; ++i) deep += "Separator {";

@@ -115,6 +115,47 @@ TEST(VrmlProto, SelfReferenceCannotRecurse) {
     AdoptWorld(scene, p);
 }
 
+TEST(VrmlProto, ExternProtosNamingOneFileReadItOnceEach) {
+    testsupport::TempDir dir;
+    // The stray node makes each read of the file say so once.
+    testsupport::WriteFile(dir / "lib.wrl", "#VRML V2.0 utf8\nPROTO P [] { Shape { geometry Box {} } }\n"
+                                            "PROTO Q [] { Shape { geometry Sphere {} } }\nJunk {}\n");
+    std::string main = "#VRML V2.0 utf8\n";
+    for (int i = 0; i < 6; ++i) {
+        const char* target = i % 3 == 0 ? "lib.wrl#P" : i % 3 == 1 ? "lib.wrl#Q" : "lib.wrl";
+        main += "EXTERNPROTO E" + std::to_string(i) + " [] \"" + target + "\" E" + std::to_string(i) + " {}\n";
+    }
+    testsupport::WriteFile(dir / "main.wrl", main);
+    VrmlScene scene;
+    std::string msg = CaptureDiagnostics([&] { EXPECT_TRUE(scene.load((dir / "main.wrl").c_str())); });
+    size_t reads = 0;
+    for (size_t at = msg.find("Junk"); at != std::string::npos; at = msg.find("Junk", at + 1)) ++reads;
+    EXPECT_EQ(reads, 1u) << msg;
+    VrmlNodeGroup* root = scene.root();
+    ASSERT_EQ(root->size(), 6u) << msg;
+    for (size_t i = 0; i < 6; ++i) {
+        VrmlNodeProto* e = root->child(i)->asProto();
+        ASSERT_TRUE(e && e->getNodes().size() == 1) << i;
+        // Each its own fragment (none: the file's first PROTO), each instance its own copy.
+        EXPECT_EQ(e->getNodes()[0]->asShape()->d_geometry.get()->asSphere() != nullptr, i % 3 == 1) << i;
+        if (i >= 3) { EXPECT_NE(e->getNodes()[0], root->child(i - 3)->asProto()->getNodes()[0]); }
+    }
+
+    // A file read while another is being read sees that one blocked, as a cycle; read for
+    // the world itself later, it is read afresh and reaches it.
+    testsupport::WriteFile(
+        dir / "a.wrl", "#VRML V2.0 utf8\nEXTERNPROTO XA [] \"b.wrl#YB\"\nPROTO PA [] { Shape { geometry Box {} } }\n");
+    testsupport::WriteFile(dir / "b.wrl", "#VRML V2.0 utf8\nEXTERNPROTO YB [] \"a.wrl#PA\"\n");
+    testsupport::WriteFile(dir / "cycle.wrl", "#VRML V2.0 utf8\nEXTERNPROTO EA [] \"a.wrl#XA\"\n"
+                                              "EXTERNPROTO EB [] \"b.wrl#YB\"\nEA {}\nEB {}\n");
+    VrmlScene cycle;
+    CaptureDiagnostics([&] { EXPECT_TRUE(cycle.load((dir / "cycle.wrl").c_str())); });
+    ASSERT_EQ(cycle.root()->size(), 1u); // EA found no body
+    VrmlNodeProto* eb = cycle.root()->child(0)->asProto();
+    ASSERT_TRUE(eb && eb->getNodes().size() == 1);
+    EXPECT_TRUE(eb->getNodes()[0]->asShape()->d_geometry.get()->asBox());
+}
+
 TEST(VrmlProto, ExternProtoFetchesLocalFilesAndStopsCycles) {
     testsupport::TempDir dir;
     testsupport::WriteFile(dir / "lib.wrl",
@@ -159,6 +200,39 @@ TEST(VrmlProto, NestedInstantiationIsBounded) {
     // Nesting is allowed deep; the clone budget is what ends the doubling.
     EXPECT_NE(msg.find("too many nodes cloned"), std::string::npos);
     EXPECT_EQ(msg.find("nested too deeply"), std::string::npos);
+}
+
+TEST(VrmlProto, TheCloneBudgetWeighsWhatEachCloneCopies) {
+    // 300 copies of 2,000 Script fields (or of 2,000 strings) are worth 600,000 plain clones:
+    // past the budget the later instances are left empty.
+    for (const char* decl : {"field SFFloat f%d 0 ", "\"s%d\" "}) {
+        const bool script = decl[0] == 'f';
+        std::string text = script ? "PROTO P [] { Script { " : "PROTO P [] { WorldInfo { info [ ";
+        char one[32];
+        for (int i = 0; i < 2000; ++i) {
+            std::snprintf(one, sizeof one, decl, i);
+            text += one;
+        }
+        text += script ? "} }\n" : "] } }\n";
+        for (int i = 0; i < 300; ++i) text += "P {}\n";
+        auto p = ParseVrml(text);
+        ASSERT_EQ(p.size(), 300u);
+        VrmlScene scene;
+        std::string msg = CaptureDiagnostics([&] { AdoptWorld(scene, p); });
+        EXPECT_NE(msg.find("PROTO P: too many nodes cloned"), std::string::npos) << script;
+        EXPECT_EQ(scene.root()->child(0)->asProto()->getNodes().size(), 1u);
+        EXPECT_EQ(scene.root()->child(299)->asProto()->getNodes().size(), 0u);
+    }
+    // An image counts by its bytes: 4,500 of them are ten plain clones' worth (a world's
+    // load starts the count afresh).
+    std::string image = "PROTO T [] { Shape { appearance Appearance { texture PixelTexture { image 30 50 3";
+    for (int i = 0; i < 1500; ++i) image += " 0xFFFFFF";
+    image += " } } } }\nT {}\n";
+    VrmlScene world;
+    CaptureDiagnostics([&] { EXPECT_TRUE(world.loadString(image.data(), image.size())); });
+    ASSERT_EQ(world.root()->size(), 1u);
+    EXPECT_EQ(world.root()->child(0)->asProto()->getNodes().size(), 1u);
+    EXPECT_EQ(VrmlCloneCount, 3u + 10u);
 }
 
 TEST(VrmlProto, TwentyProtosEachWrappingTheLastReachTheirShape) {

@@ -142,6 +142,10 @@ void QvNode::unref() {
 }
 
 QvField* QvNode::findField(std::string_view name) const {
+    if (const auto* index = fieldIndex()) {
+        auto it = index->find(std::string(name));
+        return it == index->end() ? nullptr : it->second;
+    }
     for (const FieldEntry& e : m_fields)
         if (e.name == name) return e.field;
     return nullptr;
@@ -346,6 +350,7 @@ QvUnknownNode::QvUnknownNode(std::string className)
 void QvUnknownNode::addDeclaredField(const std::string& name, QvField* f) {
     m_owned.push_back(f);
     m_fields.push_back({name, f});
+    m_fieldIndex.emplace(name, f);
 }
 
 QvSeparator::QvSeparator(const char* cls)

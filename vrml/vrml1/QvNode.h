@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "vrml/vrml1/QvFields.h"
@@ -121,6 +122,8 @@ public:
 
 protected:
     void addField(const char* name, QvField* f) { m_fields.push_back({name, f}); }
+    // Fields by name where a node has an index of them (the first of each name), else null.
+    virtual const std::unordered_map<std::string, QvField*>* fieldIndex() const { return nullptr; }
     // Reads "{ fields/children }" after the class name.
     bool readInstance(QvIn& in);
     // Skips a brace-balanced body (known Inventor classes we carry no fields for).
@@ -187,8 +190,14 @@ public:
     explicit QvUnknownNode(std::string className);
     const std::string& getClassName() const { return m_unknownClass; }
     void addDeclaredField(const std::string& name, QvField* f);
+
+protected:
+    const std::unordered_map<std::string, QvField*>* fieldIndex() const override { return &m_fieldIndex; }
+
 private:
     std::string m_unknownClass;
+    // A file declares an unknown node's fields: any number of them, each value found by name.
+    std::unordered_map<std::string, QvField*> m_fieldIndex;
 };
 
 class QvCoordinate3 : public QvNode {

@@ -1,8 +1,6 @@
 // Scopes of DEF names and node types.
 #include "vrml/vrml97/VrmlNamespace.h"
 
-#include <cstring>
-
 #include "vrml/vrml97/System.h"
 #include "vrml/vrml97/VrmlNode.h"
 #include "vrml/vrml97/VrmlNodeType.h"
@@ -26,22 +24,19 @@ VrmlNamespace::~VrmlNamespace() {
 
 bool VrmlNamespace::addNodeType(VrmlNodeType* type) {
     // The built-in types belong to every namespace: a PROTO cannot replace one.
-    bool taken = findBuiltinType(type->getName()) != nullptr;
-    for (VrmlNodeType* t : d_types)
-        if (!taken && std::strcmp(t->getName(), type->getName()) == 0) taken = true;
-    if (taken) {
+    if (findBuiltinType(type->getName()) || d_typeByName.count(type->getName())) {
         theSystem->warn("PROTO %s already defined\n", type->getName());
         return false;
     }
     d_types.push_back(type->reference());
+    d_typeByName.emplace(type->getName(), type);
     return true;
 }
 
 VrmlNodeType* VrmlNamespace::findType(const char* name) const {
     std::shared_ptr<VrmlNamespace> hold; // keeps a shared parent alive while it is searched
     for (const VrmlNamespace* ns = this; ns;) {
-        for (VrmlNodeType* t : ns->d_types)
-            if (std::strcmp(t->getName(), name) == 0) return t;
+        if (VrmlNodeType* t = ns->findOwnType(name)) return t;
         if (ns->d_parentShared) {
             hold = ns->d_parentWeak.lock();
             ns = hold.get();
@@ -53,9 +48,8 @@ VrmlNodeType* VrmlNamespace::findType(const char* name) const {
 }
 
 VrmlNodeType* VrmlNamespace::findOwnType(const char* name) const {
-    for (VrmlNodeType* t : d_types)
-        if (std::strcmp(t->getName(), name) == 0) return t;
-    return nullptr;
+    auto it = d_typeByName.find(name);
+    return it == d_typeByName.end() ? nullptr : it->second;
 }
 
 void VrmlNamespace::addNodeName(VrmlNode* node) {

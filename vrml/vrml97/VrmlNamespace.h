@@ -40,7 +40,8 @@ private:
     std::weak_ptr<VrmlNamespace> d_parentWeak;
     VrmlNamespace* d_parent = nullptr; // used only when the parent is not shared-owned
     bool d_parentShared = false;
-    std::vector<VrmlNodeType*> d_types;
+    std::vector<VrmlNodeType*> d_types; // in declaration order
+    std::unordered_map<std::string, VrmlNodeType*> d_typeByName;
     std::unordered_map<std::string, VrmlNode*> d_names;
     // Every node ever named here stays referenced until the namespace dies, so a
     // redefined name cannot leave a route pointing at a freed node.

@@ -8,9 +8,23 @@
 #include "vrml/vrml97/System.h"
 #include "vrml/vrml97/VrmlNamespace.h"
 #include "vrml/vrml97/VrmlNodeType.h"
+#include "vrml/vrml97/VrmlNodes.h"
 #include "vrml/vrml97/VrmlScene.h"
 
 namespace {
+// What a plain clone takes, roughly: the unit of the clone budget.
+constexpr size_t kCloneUnitBytes = 450;
+// Few routes leave most nodes: below this many the list itself is searched.
+constexpr size_t kRouteIndexFrom = 16;
+
+std::string routeKey(const VrmlNode* toNode, const std::string& fromEventOut, const std::string& toEventIn) {
+    std::string key(reinterpret_cast<const char*>(&toNode), sizeof toNode);
+    key += fromEventOut;
+    key += '\0'; // names never hold one
+    key += toEventIn;
+    return key;
+}
+
 size_t g_printBudget = SIZE_MAX;
 bool g_printLimited = false; // inside a save: the cut holds until it ends
 bool g_printCut = false;
@@ -96,7 +110,19 @@ void VrmlNode::setName(const char* name, VrmlNamespace* ns) {
 VrmlNode* VrmlNode::cloneInto(VrmlNamespace* ns) {
     if (d_visited && d_clone) return d_clone;
     VrmlNode* copy = cloneMe();
-    ++VrmlCloneCount;
+    // A clone costs a unit, plus one for each string and Script interface it copied and one
+    // for each unit's worth of image bytes: a node that holds thousands of them is worth
+    // thousands of plain ones to the budget.
+    size_t cost = 1;
+    if (const VrmlNodeScript* script = copy->asScript()) cost += script->interfaces().size();
+    copy->visitFields([&cost](const char*, VrmlField& f) {
+        if (const VrmlMFString* strings = f.asMFString()) cost += strings->size();
+        else if (const VrmlSFImage* image = f.asSFImage();
+                 image && image->width() > 0 && image->height() > 0 && image->componentCount() > 0)
+            cost += static_cast<size_t>(image->width()) * static_cast<size_t>(image->height()) *
+                    static_cast<size_t>(image->componentCount()) / kCloneUnitBytes;
+    });
+    VrmlCloneCount += cost;
     if (!d_name.empty()) copy->setName(d_name.c_str(), ns);
     d_visited = true;
     d_clone = copy;
@@ -130,6 +156,7 @@ void VrmlNode::cloneChildrenInto(VrmlNamespace* ns) {
         }
     });
     translateRoutes(d_routes, ns);
+    d_routeIndex.reset();
 }
 
 void VrmlNode::translateRoutes(std::vector<Route>& routes, VrmlNamespace* ns) {
@@ -262,9 +289,18 @@ void VrmlNode::eventIn(double timeStamp, const char* eventName, const VrmlField*
 }
 
 void VrmlNode::addRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
-    for (const Route& r : d_routes)
-        if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) return;
-    d_routes.push_back({fromEventOut, toNode, toEventIn});
+    Route route{fromEventOut, toNode, toEventIn};
+    if (d_routes.size() < kRouteIndexFrom) {
+        for (const Route& r : d_routes)
+            if (r.toNode == toNode && r.fromEventOut == route.fromEventOut && r.toEventIn == route.toEventIn) return;
+    } else {
+        if (!d_routeIndex) {
+            d_routeIndex = std::make_unique<std::unordered_set<std::string>>();
+            for (const Route& r : d_routes) d_routeIndex->insert(routeKey(r.toNode, r.fromEventOut, r.toEventIn));
+        }
+        if (!d_routeIndex->insert(routeKey(toNode, route.fromEventOut, route.toEventIn)).second) return;
+    }
+    d_routes.push_back(std::move(route));
 }
 
 void VrmlNode::removeRoute(const char* fromEventOut, VrmlNode* toNode, const char* toEventIn) {
@@ -272,6 +308,7 @@ void VrmlNode::removeRoute(const char* fromEventOut, VrmlNode* toNode, const cha
         const Route& r = d_routes[i];
         if (r.toNode == toNode && r.fromEventOut == fromEventOut && r.toEventIn == toEventIn) {
             d_routes.erase(d_routes.begin() + static_cast<std::ptrdiff_t>(i));
+            d_routeIndex.reset();
             return;
         }
     }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <unordered_set>
 #include <vector>
 
 #include "vrml/vrml97/VrmlField.h"
@@ -146,10 +147,14 @@ private:
     mutable bool d_printing = false; // on the path being printed (a cycle made through IS)
     // Time stamps at which each eventOut last fired (one firing per stamp).
     std::vector<std::pair<std::string, double>> d_fired;
+    // The routes already held, for the duplicate check once there are many; made on
+    // demand and dropped whenever the routes change other than by addRoute.
+    std::unique_ptr<std::unordered_set<std::string>> d_routeIndex;
 };
 
 std::ostream& operator<<(std::ostream& os, const VrmlNode& n);
-// Nodes cloned for PROTO instances since the last world load (a budget).
+// Nodes cloned for PROTO instances since the last world load (a budget), each weighted by
+// the strings and Script interfaces it copied.
 extern size_t VrmlCloneCount;
 // A named node prints "DEF name" in full wherever it is used, so sharing can
 // multiply the text of a small world; a print run is capped at maxNodes nodes

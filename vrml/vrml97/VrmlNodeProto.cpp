@@ -16,8 +16,10 @@ namespace {
 // of clones one load may make, however the PROTOs nest or repeat.
 int g_instantiateDepth = 0;
 constexpr int kMaxInstantiateDepth = kVrmlMaxProtoNesting;
-// About 450 bytes a clone: half a million is some 225 MB, made in a second or two.
+// About 450 bytes a unit (a plain clone): half a million is some 225 MB, made in a second or two.
 constexpr size_t kMaxClones = 500000;
+// Instances mostly give a few values: below this many the list itself is searched.
+constexpr size_t kFieldIndexFrom = 16;
 bool g_budgetReported = false;
 } // namespace
 
@@ -90,15 +92,6 @@ void VrmlNodeProto::instantiate() {
             if ((*body)[i]) (*body)[i]->clearVisited();
     }
     const VrmlNodeType* t = d_type;
-    for (const auto& e : t->eventOuts()) {
-        EventRedirect r;
-        r.eventOut = e.name;
-        for (const auto& m : e.thisIS) {
-            VrmlNode* c = m.node ? d_scope->findNode(m.node->name()) : nullptr;
-            if (c) r.targets.emplace_back(c, m.field);
-        }
-        d_redirects.push_back(std::move(r));
-    }
     for (const Route& r : d_pendingRoutes) {
         const auto* maps = t->getEventOutISMap(r.fromEventOut.c_str());
         if (!maps) continue;
@@ -179,13 +172,12 @@ void VrmlNodeProto::setField(const char* fieldName, const VrmlField& value) {
                          d_type->getName(), VrmlField::typeName(d_type->hasField(fieldName)));
         return;
     }
-    for (auto& f : d_fields) {
-        if (f.first == fieldName) {
-            delete f.second;
-            f.second = value.clone();
-            return;
-        }
+    if (size_t at = findValue(fieldName); at < d_fields.size()) {
+        delete d_fields[at].second;
+        d_fields[at].second = value.clone();
+        return;
     }
+    if (!d_fieldIndex.empty()) d_fieldIndex.emplace(fieldName, d_fields.size());
     d_fields.emplace_back(fieldName, value.clone());
     if (d_instantiated) {
         if (const auto* maps = d_type->getFieldISMap(fieldName))
@@ -196,9 +188,20 @@ void VrmlNodeProto::setField(const char* fieldName, const VrmlField& value) {
     }
 }
 
+size_t VrmlNodeProto::findValue(const char* fieldName) const {
+    if (d_fields.size() < kFieldIndexFrom) {
+        for (size_t i = 0; i < d_fields.size(); ++i)
+            if (d_fields[i].first == fieldName) return i;
+        return d_fields.size();
+    }
+    if (d_fieldIndex.empty())
+        for (size_t i = 0; i < d_fields.size(); ++i) d_fieldIndex.emplace(d_fields[i].first, i);
+    auto it = d_fieldIndex.find(fieldName);
+    return it == d_fieldIndex.end() ? d_fields.size() : it->second;
+}
+
 const VrmlField* VrmlNodeProto::getField(const char* fieldName) const {
-    for (const auto& f : d_fields)
-        if (f.first == fieldName) return f.second;
+    if (size_t at = findValue(fieldName); at < d_fields.size()) return d_fields[at].second;
     return d_type->fieldDefault(fieldName);
 }
 

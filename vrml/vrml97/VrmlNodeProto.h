@@ -3,6 +3,7 @@
 // namespace only when first needed; field values and routes given before that
 // are kept and forwarded through the type's IS mappings at instantiation.
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -44,15 +45,14 @@ public:
     const std::vector<std::pair<std::string, VrmlField*>>& fieldValues() const { return d_fields; }
 
 private:
-    struct EventRedirect {
-        std::string eventOut;
-        std::vector<std::pair<VrmlNode*, std::string>> targets;
-    };
+    // The position of a field value given on the instance, or d_fields.size().
+    size_t findValue(const char* fieldName) const;
     std::vector<std::pair<std::string, VrmlField*>> d_fields;
+    // Positions in d_fields by name, made once an instance gives many values.
+    mutable std::unordered_map<std::string, size_t> d_fieldIndex;
     std::vector<Route> d_pendingRoutes;
     std::shared_ptr<VrmlNamespace> d_scope;
     VrmlMFNode d_nodes;
-    std::vector<EventRedirect> d_redirects;
     bool d_instantiated = false;
     bool d_instantiating = false;
 };

@@ -11,34 +11,29 @@
 #include "vrml/vrml97/VrmlNodeProto.h"
 #include "vrml/vrml97/VrmlScene.h"
 
-namespace {
-
-VrmlNodeType::Entry* findEntry(VrmlNodeType::EntryList& list, const char* name) {
-    for (auto& e : list)
-        if (e.name == name) return &e;
-    return nullptr;
-}
-
-const VrmlNodeType::Entry* findEntry(const VrmlNodeType::EntryList& list, const char* name) {
-    for (auto& e : list)
-        if (e.name == name) return &e;
-    return nullptr;
-}
-
-void addEntry(VrmlNodeType::EntryList& list, const char* name, VrmlField::VrmlFieldType type) {
-    VrmlNodeType::Entry e;
+void VrmlNodeType::Entries::add(const char* name, VrmlField::VrmlFieldType type) {
+    Entry e;
     e.name = name ? name : "";
     e.type = type;
+    byName.emplace(e.name, list.size());
     list.push_back(std::move(e));
 }
 
-} // namespace
+VrmlNodeType::Entry* VrmlNodeType::Entries::find(const char* name) {
+    auto it = byName.find(name);
+    return it == byName.end() ? nullptr : &list[it->second];
+}
+
+const VrmlNodeType::Entry* VrmlNodeType::Entries::find(const char* name) const {
+    auto it = byName.find(name);
+    return it == byName.end() ? nullptr : &list[it->second];
+}
 
 VrmlNodeType::VrmlNodeType(const char* name, Creator creator)
     : d_name(name ? name : "<unnamed type>"), d_creator(creator) {}
 
 VrmlNodeType::~VrmlNodeType() {
-    for (auto& e : d_fields) delete e.defaultValue;
+    for (auto& e : d_fields.list) delete e.defaultValue;
 }
 
 void VrmlNodeType::dereference() {
@@ -50,12 +45,12 @@ VrmlNode* VrmlNodeType::newNode(VrmlScene* scene) const {
     return new VrmlNodeProto(const_cast<VrmlNodeType*>(this), scene);
 }
 
-void VrmlNodeType::addEventIn(const char* name, VrmlField::VrmlFieldType type) { addEntry(d_eventIns, name, type); }
-void VrmlNodeType::addEventOut(const char* name, VrmlField::VrmlFieldType type) { addEntry(d_eventOuts, name, type); }
+void VrmlNodeType::addEventIn(const char* name, VrmlField::VrmlFieldType type) { d_eventIns.add(name, type); }
+void VrmlNodeType::addEventOut(const char* name, VrmlField::VrmlFieldType type) { d_eventOuts.add(name, type); }
 
 void VrmlNodeType::addField(const char* name, VrmlField::VrmlFieldType type, const VrmlField* defaultVal) {
-    addEntry(d_fields, name, type);
-    if (defaultVal) d_fields.back().defaultValue = defaultVal->clone();
+    d_fields.add(name, type);
+    if (defaultVal) d_fields.list.back().defaultValue = defaultVal->clone();
 }
 
 void VrmlNodeType::addExposedField(const char* name, VrmlField::VrmlFieldType type, const VrmlField* defaultVal) {
@@ -67,7 +62,7 @@ void VrmlNodeType::addExposedField(const char* name, VrmlField::VrmlFieldType ty
 }
 
 void VrmlNodeType::setFieldDefault(const char* name, const VrmlField* value) {
-    Entry* e = findEntry(d_fields, name);
+    Entry* e = d_fields.find(name);
     if (!e) {
         theSystem->error("setFieldDefault for field %s of %s failed: no such field.", name, d_name.c_str());
         return;
@@ -80,41 +75,41 @@ void VrmlNodeType::setFieldDefault(const char* name, const VrmlField* value) {
 }
 
 const VrmlField* VrmlNodeType::fieldDefault(const char* name) const {
-    const Entry* e = findEntry(d_fields, name);
+    const Entry* e = d_fields.find(name);
     return e ? e->defaultValue : nullptr;
 }
 
 void VrmlNodeType::addIS(const char* isName, VrmlNode* implNode, const char* implName) {
     theSystem->debug("%s::addIS(%s, %s::%s.%s)\n", d_name.c_str(), isName, implNode->type()->getName(),
                      implNode->name(), implName);
-    if (Entry* e = findEntry(d_fields, isName)) e->thisIS.push_back({implNode, implName});
-    if (Entry* e = findEntry(d_eventIns, isName)) e->thisIS.push_back({implNode, implName});
-    if (Entry* e = findEntry(d_eventOuts, isName)) e->thisIS.push_back({implNode, implName});
+    if (Entry* e = d_fields.find(isName)) e->thisIS.push_back({implNode, implName});
+    if (Entry* e = d_eventIns.find(isName)) e->thisIS.push_back({implNode, implName});
+    if (Entry* e = d_eventOuts.find(isName)) e->thisIS.push_back({implNode, implName});
 }
 
 const std::vector<VrmlNodeType::ISMap>* VrmlNodeType::getFieldISMap(const char* name) const {
-    const Entry* e = findEntry(d_fields, name);
+    const Entry* e = d_fields.find(name);
     return e ? &e->thisIS : nullptr;
 }
 const std::vector<VrmlNodeType::ISMap>* VrmlNodeType::getEventInISMap(const char* name) const {
-    const Entry* e = findEntry(d_eventIns, name);
+    const Entry* e = d_eventIns.find(name);
     return e ? &e->thisIS : nullptr;
 }
 const std::vector<VrmlNodeType::ISMap>* VrmlNodeType::getEventOutISMap(const char* name) const {
-    const Entry* e = findEntry(d_eventOuts, name);
+    const Entry* e = d_eventOuts.find(name);
     return e ? &e->thisIS : nullptr;
 }
 
 VrmlField::VrmlFieldType VrmlNodeType::hasEventIn(const char* name) const {
-    const Entry* e = findEntry(d_eventIns, name);
+    const Entry* e = d_eventIns.find(name);
     return e ? e->type : VrmlField::NO_FIELD;
 }
 VrmlField::VrmlFieldType VrmlNodeType::hasEventOut(const char* name) const {
-    const Entry* e = findEntry(d_eventOuts, name);
+    const Entry* e = d_eventOuts.find(name);
     return e ? e->type : VrmlField::NO_FIELD;
 }
 VrmlField::VrmlFieldType VrmlNodeType::hasField(const char* name) const {
-    const Entry* e = findEntry(d_fields, name);
+    const Entry* e = d_fields.find(name);
     return e ? e->type : VrmlField::NO_FIELD;
 }
 
@@ -165,9 +160,9 @@ VrmlMFNode* VrmlNodeType::bodyNodes() {
             d_implementation = std::make_unique<VrmlMFNode>(*t->d_implementation);
             d_namespace = t->d_namespace;
             d_actualUrl = t->d_actualUrl;
-            auto adopt = [](EntryList& mine, const EntryList& theirs, bool defaults) {
-                for (Entry& e : mine) {
-                    const Entry* o = findEntry(theirs, e.name.c_str());
+            auto adopt = [](Entries& mine, const Entries& theirs, bool defaults) {
+                for (Entry& e : mine.list) {
+                    const Entry* o = theirs.find(e.name.c_str());
                     if (!o || o->type != e.type) continue;
                     e.thisIS = o->thisIS;
                     if (defaults && !e.defaultValue && o->defaultValue) e.defaultValue = o->defaultValue->clone();
@@ -188,14 +183,14 @@ VrmlMFNode* VrmlNodeType::bodyNodes() {
     if (d_fieldsInitialized) return d_implementation.get();
     d_fieldsInitialized = true;
     VrmlNamespace* ns = d_namespace.get();
-    for (Entry& e : d_fields) {
+    for (Entry& e : d_fields.list) {
         for (ISMap& m : e.thisIS) {
             nameImplNode(m.node, ns);
             if (e.defaultValue && m.node) m.node->setField(m.field.c_str(), *e.defaultValue);
         }
     }
-    for (EntryList* list : {&d_eventIns, &d_eventOuts})
-        for (Entry& e : *list)
+    for (Entries* entries : {&d_eventIns, &d_eventOuts})
+        for (Entry& e : entries->list)
             for (ISMap& m : e.thisIS) nameImplNode(m.node, ns);
     return d_implementation.get();
 }

@@ -3,6 +3,7 @@
 // An exposedField is stored as a field plus "set_" eventIn plus "_changed" eventOut.
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "vrml/vrml97/VrmlField.h"
@@ -72,9 +73,9 @@ public:
     VrmlField::VrmlFieldType findField(const char* n) const { return hasField(n); }
     VrmlField::VrmlFieldType findExposedField(const char* n) const { return hasExposedField(n); }
 
-    const EntryList& eventIns() const { return d_eventIns; }
-    const EntryList& eventOuts() const { return d_eventOuts; }
-    const EntryList& fields() const { return d_fields; }
+    const EntryList& eventIns() const { return d_eventIns.list; }
+    const EntryList& eventOuts() const { return d_eventOuts.list; }
+    const EntryList& fields() const { return d_fields.list; }
 
     // PROTO implementation.
     void addNode(VrmlNode* node);
@@ -92,11 +93,20 @@ public:
     VrmlNode* firstNode() const;
 
 private:
+    // A list of interface entries with its names indexed: a type may declare any number,
+    // and every field an instance gives is looked up by name.
+    struct Entries {
+        EntryList list;
+        std::unordered_map<std::string, size_t> byName; // the first entry of each name
+        void add(const char* name, VrmlField::VrmlFieldType type);
+        Entry* find(const char* name);
+        const Entry* find(const char* name) const;
+    };
     static void nameImplNode(VrmlNode* node, VrmlNamespace* ns);
     std::string d_name;
     Creator d_creator;
     int d_refCount = 0;
-    EntryList d_eventIns, d_eventOuts, d_fields;
+    Entries d_eventIns, d_eventOuts, d_fields;
     std::unique_ptr<VrmlMFNode> d_implementation;
     std::unique_ptr<VrmlMFString> d_url;
     std::string d_relativeUrl;

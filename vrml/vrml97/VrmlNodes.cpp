@@ -325,18 +325,28 @@ VrmlNodeType* VrmlNodeScript::defineType(VrmlNodeType* t) {
 
 VrmlNodeScript::VrmlNodeScript(const VrmlNodeScript& o)
     : VrmlNodeChild(o), d_url(o.d_url), d_directOutput(o.d_directOutput), d_mustEvaluate(o.d_mustEvaluate) {
-    for (const Interface& i : o.d_interfaces)
-        d_interfaces.push_back({i.name, i.kind, i.type, i.value ? i.value->clone() : nullptr});
+    for (const Interface& i : o.d_interfaces) add({i.name, i.kind, i.type, i.value ? i.value->clone() : nullptr});
 }
 
 VrmlNodeScript::~VrmlNodeScript() {
     for (Interface& i : d_interfaces) delete i.value;
 }
 
+namespace {
+std::string interfaceKey(VrmlInterfaceKind kind, const char* name) {
+    std::string key(1, static_cast<char>('0' + static_cast<int>(kind)));
+    return key += name;
+}
+} // namespace
+
+void VrmlNodeScript::add(Interface i) {
+    d_interfaceIndex.emplace(interfaceKey(i.kind, i.name.c_str()), d_interfaces.size());
+    d_interfaces.push_back(std::move(i));
+}
+
 VrmlNodeScript::Interface* VrmlNodeScript::find(const char* name, VrmlInterfaceKind kind) {
-    for (Interface& i : d_interfaces)
-        if (i.kind == kind && i.name == name) return &i;
-    return nullptr;
+    auto it = d_interfaceIndex.find(interfaceKey(kind, name));
+    return it == d_interfaceIndex.end() ? nullptr : &d_interfaces[it->second];
 }
 
 const VrmlNodeScript::Interface* VrmlNodeScript::find(const char* name, VrmlInterfaceKind kind) const {
@@ -344,16 +354,14 @@ const VrmlNodeScript::Interface* VrmlNodeScript::find(const char* name, VrmlInte
 }
 
 void VrmlNodeScript::addEventIn(const char* name, VrmlField::VrmlFieldType type) {
-    if (!find(name, VrmlInterfaceKind::EventIn))
-        d_interfaces.push_back({name, VrmlInterfaceKind::EventIn, type, nullptr});
+    if (!find(name, VrmlInterfaceKind::EventIn)) add({name, VrmlInterfaceKind::EventIn, type, nullptr});
 }
 void VrmlNodeScript::addEventOut(const char* name, VrmlField::VrmlFieldType type) {
-    if (!find(name, VrmlInterfaceKind::EventOut))
-        d_interfaces.push_back({name, VrmlInterfaceKind::EventOut, type, nullptr});
+    if (!find(name, VrmlInterfaceKind::EventOut)) add({name, VrmlInterfaceKind::EventOut, type, nullptr});
 }
 void VrmlNodeScript::addField(const char* name, VrmlField::VrmlFieldType type, const VrmlField* defaultVal) {
     if (find(name, VrmlInterfaceKind::Field)) return;
-    d_interfaces.push_back({name, VrmlInterfaceKind::Field, type, defaultVal ? defaultVal->clone() : nullptr});
+    add({name, VrmlInterfaceKind::Field, type, defaultVal ? defaultVal->clone() : nullptr});
 }
 
 VrmlField::VrmlFieldType VrmlNodeScript::hasEventIn(const char* name) const {

@@ -2,6 +2,7 @@
 // The 54 standard VRML97 node classes. Members hold the field values, with the
 // ISO/IEC 14772-1 defaults; each class's interface table lives in VrmlNodes.cpp.
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "vrml/vrml97/VrmlNodeKinds.h"
@@ -347,7 +348,10 @@ class VrmlNodeScript : public VrmlNodeChild {
 private:
     Interface* find(const char* name, VrmlInterfaceKind kind);
     const Interface* find(const char* name, VrmlInterfaceKind kind) const;
+    void add(Interface i);
     std::vector<Interface> d_interfaces;
+    // Positions in d_interfaces by kind and name: a Script may declare any number.
+    std::unordered_map<std::string, size_t> d_interfaceIndex;
 };
 
 class VrmlNodeShape : public VrmlNodeChild {

@@ -9,6 +9,7 @@
 #include <ostream>
 #include <set>
 #include <streambuf>
+#include <unordered_map>
 
 #include "vrml/vrml97/Doc.h"
 #include "vrml/vrml97/System.h"
@@ -25,6 +26,14 @@ namespace {
 // Files being read for EXTERNPROTO bodies right now: reading one again is a cycle.
 std::set<std::string> g_fetching;
 constexpr size_t kMaxFetchDepth = 8;
+// Files read for EXTERNPROTO bodies from the world itself (not from inside another such
+// read, whose cycles block what a read from the world would not), kept for the rest of
+// the load: any number of EXTERNPROTOs may name one file, which is then read once.
+struct Fetched {
+    std::shared_ptr<VrmlNamespace> ns;
+    int err = 0;
+};
+std::unordered_map<std::string, Fetched> g_fetched;
 
 bool isUrn(const char* url) { return std::strncmp(url, "urn:", 4) == 0; }
 
@@ -49,6 +58,7 @@ VrmlScene::VrmlScene(const char* url, const char* localCopy) {
 }
 
 VrmlScene::~VrmlScene() {
+    g_fetched.clear();
     clearWorld();
     d_root->release();
     d_namespace.reset();
@@ -61,6 +71,7 @@ void VrmlScene::clearWorld() {
         for (VrmlNode* n : *list) n->d_registered = false;
         list->clear();
     }
+    d_listed.clear();
     d_BackgroundStack.clear();
     d_FogStack.clear();
     d_NavigationInfoStack.clear();
@@ -83,6 +94,7 @@ bool VrmlScene::load(const char* url, const char* localCopy) {
         return true;
     }
     VrmlProtoResetBudget();
+    g_fetched.clear();
     auto urlDoc = std::make_unique<Doc>(url, d_url.get());
     std::unique_ptr<Doc> localDoc = localCopy ? std::make_unique<Doc>(localCopy) : nullptr;
     auto ns = std::make_shared<VrmlNamespace>();
@@ -102,6 +114,7 @@ bool VrmlScene::load(const char* url, const char* localCopy) {
 
 bool VrmlScene::loadString(const char* data, size_t size) {
     VrmlProtoResetBudget();
+    g_fetched.clear();
     auto ns = std::make_shared<VrmlNamespace>();
     VrmlMFNode* nodes = readString(data, size, ns.get());
     if (!nodes) return false;
@@ -146,6 +159,7 @@ void VrmlScene::replaceWorld(VrmlMFNode& nodes, std::shared_ptr<VrmlNamespace> n
     d_inlineLoads = d_inlinesSkipped = 0;
     d_inlineBytes = 0;
     VrmlProtoResetBudget(); // the clone budget is per world
+    g_fetched.clear();
     d_root->removeChildren();
     clearWorld();
     d_namespace = std::move(ns);
@@ -224,10 +238,19 @@ VrmlNodeType* VrmlScene::readPROTO(const VrmlMFString* urls, const Doc* relative
         errno = 0;
         const std::string& file = doc.localName();
         if (!file.empty() && !g_fetching.count(file) && g_fetching.size() < kMaxFetchDepth) {
-            g_fetching.insert(file);
-            auto ns = std::make_shared<VrmlNamespace>();
-            VrmlMFNode* nodes = readWRL(&doc, ns.get());
-            delete nodes;
+            const bool fromWorld = g_fetching.empty();
+            auto cached = fromWorld ? g_fetched.find(file) : g_fetched.end();
+            const bool hit = cached != g_fetched.end();
+            const int hitErr = hit ? cached->second.err : 0;
+            std::shared_ptr<VrmlNamespace> ns;
+            if (hit) {
+                ns = cached->second.ns;
+            } else {
+                ns = std::make_shared<VrmlNamespace>();
+                g_fetching.insert(file);
+                VrmlMFNode* nodes = readWRL(&doc, ns.get());
+                delete nodes;
+            }
             std::string fragment = doc.fragment();
             found = fragment.size() > 1 ? ns->findOwnType(fragment.c_str() + 1) : ns->firstType();
             if (found) {
@@ -237,7 +260,12 @@ VrmlNodeType* VrmlScene::readPROTO(const VrmlMFString* urls, const Doc* relative
                 // still marked, so a chain back to it fails instead of looping.
                 found->bodyNodes();
             }
-            g_fetching.erase(file);
+            if (hit) {
+                errno = hitErr;
+            } else {
+                g_fetching.erase(file);
+                if (fromWorld) g_fetched[file] = {ns, errno};
+            }
         }
         if (found) return found;
         if (i + 1 < urls->size() && !isUrn(url))
@@ -316,10 +344,11 @@ void VrmlScene::update(double time) {
 }
 
 void VrmlScene::addTo(std::vector<VrmlNode*>& l, VrmlNode* n) {
-    if (std::find(l.begin(), l.end(), n) == l.end()) l.push_back(n);
+    if (d_listed.emplace(&l, n).second) l.push_back(n);
 }
 
 void VrmlScene::removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n) {
+    d_listed.erase({&l, n});
     auto it = std::find(l.begin(), l.end(), n);
     if (it != l.end()) l.erase(it);
 }

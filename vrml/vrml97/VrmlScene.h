@@ -7,6 +7,8 @@
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "vrml/vrml97/VrmlField.h"
@@ -92,8 +94,8 @@ public:
     int inlinesSkipped() const { return d_inlinesSkipped; }
 
 private:
-    static void addTo(std::vector<VrmlNode*>& l, VrmlNode* n);
-    static void removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n);
+    void addTo(std::vector<VrmlNode*>& l, VrmlNode* n);
+    void removeFrom(std::vector<VrmlNode*>& l, VrmlNode* n);
     static VrmlNode* top(const std::vector<VrmlNode*>& s) { return s.empty() ? nullptr : s.back(); }
     void bind(std::vector<VrmlNode*>& stack, VrmlNode* n, bool on, double time);
     void bindFirst(const std::vector<VrmlNode*>& list, double time);
@@ -106,6 +108,13 @@ private:
     bool d_fragmentBound = false;
     std::vector<VrmlNode*> d_Background, d_BackgroundStack, d_Fog, d_FogStack, d_NavigationInfo, d_NavigationInfoStack,
         d_Viewpoint, d_ViewpointStack, d_AudioClip, d_ScopedLight, d_MovieTexture, d_Script, d_TimeSensor;
+    // Which node is in which registration list: a world may register any number of nodes.
+    struct ListedHash {
+        size_t operator()(const std::pair<const void*, const VrmlNode*>& k) const {
+            return std::hash<const void*>()(k.first) * 31 + std::hash<const VrmlNode*>()(k.second);
+        }
+    };
+    std::unordered_set<std::pair<const void*, const VrmlNode*>, ListedHash> d_listed;
     double d_delta = 0.5;
     int d_inlineLoads = 0;
     int d_inlinesSkipped = 0;
