@@ -28,8 +28,9 @@ for exe in "$BIN"/fuzz_*; do
     for r in "$ROOT"/tests/regressions/*; do
         case ${r##*/} in "$name"*|mesh|classic) cp -r "$r"/. "$work"/ 2>/dev/null || true ;; esac
     done
+    # Sample files under 1 MiB ("-size -1M" would round every size up to whole MiB: empty files only).
     for d in $(seeds_for "$name"); do
-        [ -d "$CORPUS/$d" ] && find "$CORPUS/$d" -type f -size -1M -exec cp {} "$work"/ \; || true
+        [ -d "$CORPUS/$d" ] && find "$CORPUS/$d" -type f -size -1024k -exec cp {} "$work"/ \; || true
     done
     echo "== fuzz_$name for ${SECONDS_EACH}s ($(ls "$work" | wc -l) seeds)"
     if ! (cd "$OUT" && "$exe" -max_total_time="$SECONDS_EACH" -max_len=65536 -rss_limit_mb=3072 \
