@@ -107,11 +107,13 @@ template <typename Parser> ReadResult ReadFileWith(const std::filesystem::path& 
     return r;
 }
 
-inline ReadResult ReadStudio(const std::string& bytes, bool shapes = false) {
+inline ReadResult ReadStudio(const std::string& bytes, bool shapes = false,
+                             uint64_t copyAllowance = C3DStudioIo::kCopyAllowance) {
     CFileIo io;
     CSceneImportOptions opt;
     C3DStudioIo parser(io);
     parser.SetReadShapes(shapes);
+    parser.SetCopyAllowance(copyAllowance);
     ReadResult r;
     r.scene.reset(parser.ReadMemory(bytes.data(), bytes.size(), opt));
     r.error = io.GetIoError();

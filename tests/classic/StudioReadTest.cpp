@@ -456,16 +456,7 @@ TEST(StudioRead, CopiesOfReusedObjectsStopAtTheirBudget) {
             }
             b.Begin(0xB002).Begin(0xB030).U16(40).End().NodeHeader("Kid", 0).End();
         });
-    auto read = [&](uint64_t allowance) {
-        CFileIo io;
-        CSceneImportOptions opt;
-        C3DStudioIo parser(io);
-        parser.SetCopyAllowance(allowance);
-        ReadResult r;
-        r.scene.reset(parser.ReadMemory(file.data(), file.size(), opt));
-        r.log = opt.GetLog();
-        return r;
-    };
+    auto read = [&](uint64_t allowance) { return ReadStudio(file, false, allowance); };
     const std::wstring message = L"objects used too many times";
     ReadResult all = read(C3DStudioIo::kCopyAllowance);
     ASSERT_TRUE(all.scene);
